@@ -1,0 +1,57 @@
+// main.cpp - zonflow: prints the flows of captures, found by the engine.
+#include <algorithm>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <memory>
+
+#include "capture_run.h"
+#include "options.h"
+#include "output/json_output.h"
+#include "output/output_stream.h"
+#include "output/table_output.h"
+
+namespace {
+
+using namespace zonflow;
+
+std::unique_ptr<flow_output> make_output(const options& options, output_stream& out) {
+    if (options.format == output_format::json) {
+        return std::make_unique<json_output>(out);
+    }
+    return std::make_unique<table_output>(out, options.files.size() > 1);
+}
+
+exit_code run_all(const options& options) {
+    output_stream out(stdout);
+    const auto output = make_output(options, out);
+    exit_code worst = exit_code::done;
+    for (const std::string& path : options.files) {
+        worst = std::max(worst, run_capture(path, options, *output));
+    }
+    out.flush();
+    return worst;
+}
+
+exit_code run(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is told apart from a crash
+    const auto parsed = parse_options(argc, argv);
+    if (const auto* code = std::get_if<exit_code>(&parsed)) {
+        return *code;
+    }
+    try {
+        return run_all(std::get<options>(parsed));
+    } catch (const output_error& error) {
+        std::fprintf(stderr, "zonflow: cannot write the output: %s\n", error.what());
+        return exit_code::output_failed;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "zonflow: %s\n", error.what());
+        return exit_code::usage;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    return static_cast<int>(run(argc, argv));
+}

@@ -1,0 +1,29 @@
+// options.h - the command line of zonflow.
+#ifndef ZONFLOW_OPTIONS_H
+#define ZONFLOW_OPTIONS_H
+
+#include <string>
+#include <variant>
+#include <vector>
+
+#include "exit_code.h"
+#include "flows/engine_host.h"
+
+namespace zonflow {
+
+enum class output_format { table, json };
+
+struct options {
+    std::vector<std::string> files;
+    output_format format = output_format::table;
+    bool vlan_key = false;  // the outer VLAN is the VRF
+    engine_settings engine;
+};
+
+// The options, or the code to leave with: after --help and --version, which have been printed, or
+// after an error, which has been told on standard error.
+std::variant<options, exit_code> parse_options(int argc, char** argv);
+
+}  // namespace zonflow
+
+#endif

@@ -1,0 +1,67 @@
+// json_output.cpp - the fields of the JSON output, in their order.
+#include "output/json_output.h"
+
+#include "output/json_text.h"
+
+namespace zonflow {
+
+namespace {
+
+json_object endpoint(const zon_ip_addr_t& address, uint16_t port, int version) {
+    json_object object;
+    object.text("address", address_text(address, version)).number("port", port);
+    return object;
+}
+
+}  // namespace
+
+void json_output::begin(const std::string&) {}
+
+void json_output::flow(const flow_record& record) {
+    const int version = ip_version(record);
+    json_object object;
+    object.text("type", "flow")
+        .number("fid", record.fid)
+        .number("ip_version", static_cast<uint64_t>(version))
+        .number("protocol", record.tuple.l4_protocol)
+        .number("vrf", record.tuple.vrf_id)
+        .object("initiator", endpoint(record.tuple.src_ip, record.tuple.src_port, version))
+        .object("responder", endpoint(record.tuple.dst_ip, record.tuple.dst_port, version))
+        .number("packets", record.packets())
+        .number("packets_initiator", record.initiator.packets)
+        .number("packets_responder", record.responder.packets)
+        .number("ip_bytes_initiator", record.initiator.ip_bytes)
+        .number("ip_bytes_responder", record.responder.ip_bytes)
+        .number("payload_bytes", record.payload_bytes)
+        .number("payload_bytes_initiator", record.initiator.payload_bytes)
+        .number("payload_bytes_responder", record.responder.payload_bytes)
+        .number("later_fragments", record.later_fragments)
+        .seconds("first_seen", record.first_seen_us)
+        .seconds("last_seen", record.last_seen_us)
+        .text("l4_state", zon_session_state_string(record.session_state))
+        .text("tcp_state", zon_tcp_state_string(record.tcp_state))
+        .text("tunnel", tunnel_name(record.tunnel))
+        .number("parent", record.parent)
+        .boolean("promoted", record.promoted)
+        .text("end_reason", end_reason_name(record.end_reason));
+    out_.write(object.str() + "\n");
+}
+
+void json_output::summary(const capture_summary& summary) {
+    json_object refused;
+    for (const auto& [reason, count] : summary.refused) {
+        refused.number(reason, count);
+    }
+    json_object object;
+    object.text("type", "summary")
+        .number("packets", summary.packets)
+        .number("classified", summary.classified)
+        .number("flows", summary.flows)
+        .number("not_ip", summary.not_ip)
+        .object("refused", refused)
+        .number("malformed", summary.malformed);
+    out_.write(object.str() + "\n");
+    out_.flush();
+}
+
+}  // namespace zonflow

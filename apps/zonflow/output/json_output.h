@@ -1,0 +1,23 @@
+// json_output.h - JSON Lines: one object for each flow as it ends, then one for the capture.
+#ifndef ZONFLOW_JSON_OUTPUT_H
+#define ZONFLOW_JSON_OUTPUT_H
+
+#include "output/flow_output.h"
+#include "output/output_stream.h"
+
+namespace zonflow {
+
+class json_output : public flow_output {
+public:
+    explicit json_output(output_stream& out) : out_(out) {}
+    void begin(const std::string& file_name) override;
+    void flow(const flow_record& record) override;
+    void summary(const capture_summary& summary) override;
+
+private:
+    output_stream& out_;
+};
+
+}  // namespace zonflow
+
+#endif

@@ -1,0 +1,16 @@
+# Warnings, sanitizers and the paths that compiled files remember, for every target of the project.
+
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Werror -fno-math-errno)
+add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wconversion>)
+# Invariant texts name their source file: from the project's root on.
+add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+
+if(ZON_SANITIZE)
+  add_compile_options(-fsanitize=${ZON_SANITIZE} -fno-omit-frame-pointer -g)
+  add_link_options(-fsanitize=${ZON_SANITIZE})
+  if(ZON_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
+endif()
+
+find_package(Threads REQUIRED)

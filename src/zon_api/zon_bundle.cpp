@@ -1,0 +1,226 @@
+// zon_bundle.cpp - parents and the children that were announced for them.
+//
+// Owns   the three links of all flows.
+// Locks  one private lock, taken last, guards every link: forming and breaking links never takes a second flow's lock. The
+//        traversal holds the parent and one child, and never waits for one of them while it holds the other.
+
+#include <algorithm>
+#include <mutex>
+#include <new>
+#include <vector>
+
+#include "osal/zon_debug.h"
+#include "zon_api_internal.h"
+
+namespace {
+
+std::mutex links;
+
+// Links of records that were recycled can form a circle. No list is longer than the table: a longer walk goes round.
+class bounded_walk {
+public:
+    bool step() { return left_ != 0 && left_-- != 0; }
+
+private:
+    uint32_t left_ = relaxed_load(g_zon->fid_table->allocated);
+};
+
+// Links are stored as atomic words, because a record that is taken anew is cleared under its own lock alone.
+zon_flow_t* first_child(const zon_flow_t* parent) { return relaxed_load(parent->bundle_child); }
+zon_flow_t* sibling_of(const zon_flow_t* child) { return relaxed_load(child->bundle_sibling); }
+void set_link(zon_flow_t*& link, zon_flow_t* to) { __atomic_store_n(&link, to, __ATOMIC_RELAXED); }
+
+void orphan_children(zon_flow_t* parent) {
+    zon_flow_t* child = first_child(parent);
+    set_link(parent->bundle_child, nullptr);
+    for (bounded_walk walk; child != nullptr && walk.step();) {
+        zon_flow_t* next = sibling_of(child);
+        set_link(child->bundle_sibling, nullptr);
+        set_link(child->bundle_parent, nullptr);
+        child = next;
+    }
+}
+
+void leave_parent(zon_flow_t* flow, zon_flow_t* parent) {
+    set_link(flow->bundle_parent, nullptr);
+    zon_flow_t* before = nullptr;
+    bounded_walk walk;
+    for (zon_flow_t* child = first_child(parent); child != nullptr && walk.step(); child = sibling_of(child)) {
+        if (child == flow) {
+            // Kept on purpose: when the first child goes, its siblings drop off the list with it.
+            if (before != nullptr)
+                set_link(before->bundle_sibling, sibling_of(flow));
+            else
+                set_link(parent->bundle_child, nullptr);
+            set_link(flow->bundle_sibling, nullptr);
+            return;
+        }
+        before = child;
+    }
+}
+
+// ---- traversal ----
+
+// One walk over the children of a flow. Between two children other threads may change the list; the walk then goes on
+// behind the last child that it has seen and that is still there.
+class child_walk {
+public:
+    child_walk(locked_flow parent, child_flow_traverser_t visit) : parent_(std::move(parent)), visit_(visit) {}
+
+    void run() {
+        bounded_walk walk;
+        zon_flow_t* child = next_of(nullptr);
+        while (child != nullptr && walk.step()) {
+            const locked_flow held = lock_child(child);
+            if (!held)
+                return;
+            if (!zon_flow_is_dying(held.get()))
+                visit_(held->fid);
+            // Read after the visit: a visitor that deletes the child, or the parent, ends the walk.
+            child = next_of(held.get());
+            if (child != nullptr && !remember(held.get()))
+                return;
+        }
+    }
+
+private:
+    zon_flow_t* next_of(const zon_flow_t* child) const {
+        const std::lock_guard guard(links);
+        return child != nullptr ? sibling_of(child) : first_child(parent_.get());
+    }
+
+    bool remember(const zon_flow_t* child) try {
+        visited_.push_back(child);
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+
+    // Locks the wanted child, or the one that stands in its place once it is locked; empty at the end of the list.
+    locked_flow lock_child(zon_flow_t* child) {
+        while (child != nullptr) {
+            locked_flow held = zon_try_lock_internal(child->flow_lock) ? locked_flow::adopt(child) : wait_for(child);
+            zon_flow_t* now = still_next(child);
+            if (now == child)
+                return held;
+            child = now;
+        }
+        return {};
+    }
+
+    // Waits for a child with neither it nor the parent locked, then takes both.
+    locked_flow wait_for(zon_flow_t* child) {
+        zon_flow_t* parent = std::move(parent_).hand_over();
+        for (;;) {
+            zon_unlock_internal(parent->flow_lock);
+            zon_lock_internal(child->flow_lock);
+            if (zon_try_lock_internal(parent->flow_lock))
+                break;
+            zon_unlock_internal(child->flow_lock);
+            zon_lock_internal(parent->flow_lock);
+            if (zon_try_lock_internal(child->flow_lock))
+                break;
+        }
+        parent_ = locked_flow::adopt(parent);
+        return locked_flow::adopt(child);
+    }
+
+    // The child itself while the list leads to it, else the first one behind all that were visited and are still listed.
+    // Null when the parent died meanwhile.
+    zon_flow_t* still_next(zon_flow_t* child) const {
+        const std::lock_guard guard(links);
+        if (zon_flow_is_dying(parent_.get()))
+            return nullptr;
+        const zon_flow_t* leads_here = visited_.empty() ? first_child(parent_.get()) : sibling_of(visited_.back());
+        return leads_here == child ? child : first_unvisited();
+    }
+
+    zon_flow_t* first_unvisited() const {
+        zon_flow_t* behind = first_child(parent_.get());
+        bounded_walk walk;
+        for (zon_flow_t* child = behind; child != nullptr && walk.step(); child = sibling_of(child))
+            if (was_visited(child))
+                behind = sibling_of(child);
+        return behind;
+    }
+
+    bool was_visited(const zon_flow_t* child) const {
+        return std::find(visited_.rbegin(), visited_.rend(), child) != visited_.rend();
+    }
+
+    locked_flow parent_;
+    child_flow_traverser_t visit_;
+    std::vector<const zon_flow_t*> visited_;
+};
+
+}  // namespace
+
+void zon_private_link_to_parent(zon_flow_t* flow) {
+    const std::lock_guard guard(links);
+    if (zon_flow_t* parent = relaxed_load(flow->bundle_parent)) {
+        set_link(flow->bundle_sibling, first_child(parent));
+        set_link(parent->bundle_child, flow);
+    }
+}
+
+void zon_private_unbind(zon_flow_t* flow) {
+    const std::lock_guard guard(links);
+    // A flow that is both a parent and a child stays on its own parent's list, on purpose.
+    if (first_child(flow) != nullptr)
+        orphan_children(flow);
+    else if (zon_flow_t* parent = relaxed_load(flow->bundle_parent))
+        leave_parent(flow, parent);
+}
+
+void zon_private_set_parent(zon_flow_t* flow, zon_flow_t* parent, zon_fid_t parent_fid) {
+    const held_lock table(g_zon->fid_table->fid_table_lock);
+    const std::lock_guard guard(links);
+    const bool still_there =
+        parent != nullptr && g_zon->fid_table->table[parent_fid - 1] == parent && !zon_flow_is_dying(parent);
+    set_link(flow->bundle_parent, still_there ? parent : nullptr);
+}
+
+zon_fid_t zon_private_parent_fid(const zon_flow_t* flow) {
+    const std::lock_guard guard(links);
+    const zon_flow_t* parent = relaxed_load(flow->bundle_parent);
+    return parent != nullptr ? parent->fid : ZON_NULL_FID;
+}
+
+void zon_private_copy_links(const zon_flow_t* flow, zon_flow_t* snapshot) {
+    const std::lock_guard guard(links);
+    snapshot->bundle_parent = relaxed_load(flow->bundle_parent);
+    snapshot->bundle_child = first_child(flow);
+    snapshot->bundle_sibling = sibling_of(flow);
+}
+
+zon_error_t zon_flow_get_parent(zon_fid_t child, zon_fid_t* parent) {
+    if (g_zon == nullptr)
+        return zon_error_engine_not_init;
+    if (parent == nullptr)
+        return zon_error_parameter_is_null;
+    *parent = ZON_NULL_FID;
+    const locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, child);
+    if (!flow) {
+        zon_trace_engine_text(zon_client_api_text);
+        return zon_error_flow_not_found;
+    }
+    *parent = zon_private_parent_fid(flow.get());
+    if (*parent != ZON_NULL_FID)
+        return zon_error_none;
+    zon_trace_engine_text(zon_client_api_text);
+    return zon_error_parent_fid_not_found;
+}
+
+zon_error_t zon_flow_traverse_child_flows(zon_fid_t parent, child_flow_traverser_t func) {
+    if (g_zon == nullptr)
+        return zon_error_engine_not_init;
+    if (func == nullptr)
+        return zon_error_parameter_is_null;
+    locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, parent);
+    if (!flow) {
+        zon_trace_engine_text(zon_client_api_text);
+        return zon_error_parent_fid_not_found;
+    }
+    child_walk(std::move(flow), func).run();
+    return zon_error_none;
+}

@@ -1,0 +1,86 @@
+// zon_half_flows.cpp - half flows and flow records for the other units: made, found, given back.
+//
+// Owns   nothing.
+// Locks  the memory stacks' own; lookups return with the flow locked.
+
+#include "zon_engine_inline.h"
+
+#include "osal/zon_timer.h"
+
+namespace {
+
+struct half_flow_kind {
+    zon_memory_type memory;
+    uint32_t memory_usage_stats_t::*usage;
+};
+
+half_flow_kind kind_of(uint32_t key_type) {
+    if (zon_key_is_ipv4(key_type))
+        return {ZON_IPV4_HALF_FLOW_MEM_TYPE, &memory_usage_stats_t::ipv4_half_flow_alloc_count};
+    return {ZON_IPV6_HALF_FLOW_MEM_TYPE, &memory_usage_stats_t::ipv6_half_flow_alloc_count};
+}
+
+template <class family>
+zon_half_flow_t* lookup_complete_or_announced(const typename family::key* key) {
+    typename family::half_flow wanted;
+    wanted.key = *key;
+    auto* half_flow = reinterpret_cast<zon_half_flow_t*>(&wanted);
+    zon_half_flow_t* found = zon_flow_table_lookup_locked(g_zon->flow_tbl, half_flow, nullptr);
+    if (found == nullptr && wanted.key.key_type == family::complete) {
+        wanted.key.key_type = family::pre_flow_complete;
+        found = zon_flow_table_lookup_locked(g_zon->flow_tbl, half_flow, nullptr);
+    }
+    return found;
+}
+
+}  // namespace
+
+zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type) {
+    zon_require(half_flow_key_type <= ZON_IPV6_LAST_KEY, "half_flow_key_type <= ZON_IPV6_LAST_KEY");
+    const half_flow_kind kind = kind_of(half_flow_key_type);
+    auto* half_flow = static_cast<zon_half_flow_t*>(zon_private_chunk_malloc(kind.memory, &g_zon->zon_chunk_ptr));
+    // Counts the attempt: after a failure the figure stays one too high, and monitors know it so.
+    relaxed_add(g_zon->memory_usage_stats.*kind.usage, 1);
+    if (half_flow == nullptr) [[unlikely]] {
+        relaxed_add(g_zon->error_stats.half_flow_alloc_errors, 1);
+        return nullptr;
+    }
+    half_flow->fo_list = nullptr;
+    return half_flow;
+}
+
+void zon_deallocate_half_flow(zon_half_flow_t* half_flow) {
+    zon_require(zon_key_type_is_valid(half_flow->key.key_type), "half_flow->key.key_type <= ZON_IPV6_LAST_KEY");
+    const half_flow_kind kind = kind_of(half_flow->key.key_type);
+    zon_private_chunk_free_or_trace(kind.memory, half_flow, &g_zon->zon_chunk_ptr);
+    relaxed_add(g_zon->memory_usage_stats.*kind.usage, -1);
+}
+
+zon_half_flow_t* zon_private_flow_lookup_ipv4(const zon_ipv4_key_t* key) {
+    return lookup_complete_or_announced<ipv4_family>(key);
+}
+
+zon_half_flow_t* zon_private_flow_lookup_ipv6(const zon_ipv6_key_t* key) {
+    return lookup_complete_or_announced<ipv6_family>(key);
+}
+
+zon_flow_t* zon_get_flow(zon_fid_t fid) { return zon_fid_table_lookup(g_zon->fid_table, fid).hand_over(); }
+
+bool zon_private_add_half_flow(zon_half_flow_t* half_flow) { return zon_flow_table_insert(g_zon->flow_tbl, half_flow); }
+
+bool zon_private_remove_half_flow(zon_half_flow_t* half_flow) {
+    return zon_flow_table_delete(g_zon->flow_tbl, half_flow, false);
+}
+
+void zon_private_link_flow(zon_flow_t* flow) { zon_flow_table_link(g_zon->flow_tbl, flow); }
+
+void zon_private_deallocate_flow(zon_flow_t* flow) { zon_fid_table_recycle_flow(g_zon->fid_table, flow->fid); }
+
+void zon_inst_mark_flow_for_delete(zon_flow_t* flow) {
+    if (flow == nullptr)
+        return;
+    held_lock held(flow->flow_lock);
+    flow->marked_for_delete = true;
+}
+
+void zon_private_stop_timer(zon_flow_t* flow) { zon_timer_stop(&flow->timer); }

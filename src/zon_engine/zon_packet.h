@@ -1,0 +1,35 @@
+// zon_packet.h - one packet on its way through the engine.
+
+#pragma once
+
+#include "zon_engine_defs.h"
+#include "zon_engine_inline.h"
+
+struct packet_in_engine {
+    zon_half_flow_t* key;  // the packet's key in its own direction; scratch
+    zon_dp_fe_t* fe;
+    void* context;
+    zon_pkt_indications_t* indications;
+    zon_error_t* error;
+    zon_tunnel_type_e tunnel;
+    const zon_capability_counter_t* capabilities;
+};
+
+// What became of an attempt to give a packet a flow.
+enum class attempt {
+    done,     // the flow is there, locked
+    refused,  // no flow; the error is reported
+    again,    // another thread was faster: look the packet up anew
+    nothing   // there was nothing to do here
+};
+
+struct attempted_flow {
+    attempt outcome;
+    locked_flow flow;
+};
+
+// Tries the packet against announced flows and turns the first that matches into a real one.
+attempted_flow zon_promote_announced_flow(packet_in_engine& packet);
+
+// Makes a new flow; bucket is the key's, as the failed lookup reported it.
+attempted_flow zon_create_flow(packet_in_engine& packet, int bucket);

@@ -1,0 +1,375 @@
+// zon_flow_table.cpp - the keyed index of all half flows, and the list of all flow records.
+//
+// Owns   the hash set of half flows and the table-wide lock; half flows and records are the engine's.
+// Locks  flow_table_lock for the list and the walks; bucket locks inside the hash set (docs/locking.md).
+
+#include "zon_flow_table.h"
+
+#include <atomic>
+#include <cstdlib>
+#include <mutex>
+#include <new>
+
+#include "osal/zon_debug.h"
+#include "osal/zon_mem.h"
+#include "zon_engine/zon_clients.h"
+#include "zon_engine_inline.h"
+#include "zon_flow_table_inline.h"
+#include "zon_hashset_internal.h"
+#include "zon_key_hash.h"
+
+namespace {
+
+// The table as it is allocated: what the dumps look at first, then what only the operations use.
+struct flow_table_storage : zon_flow_table_ {
+    std::mutex preflow_counts;  // guards active_preflow_count and has_incomplete_inserts together
+    std::atomic<int> readers = 0;  // how many threads keep in_use set
+};
+
+flow_table_storage* storage_of(zon_flow_table_t* tbl) { return static_cast<flow_table_storage*>(tbl); }
+
+bool has_set(const zon_flow_table_t* tbl) { return tbl != nullptr && tbl->table != nullptr; }
+
+constexpr uint32_t preflow_key_types[] = {
+    ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV4_KEY_SRC_IP_PORT_ONLY, ZON_IPV4_KEY_PRE_FLOW_COMPLETE,
+    ZON_IPV4_KEY_VRF_STAR,         ZON_IPV6_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_SRC_IP_PORT_ONLY,
+    ZON_IPV6_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_VRF_STAR};
+
+template <class family>
+zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, uint32_t bucket) {
+    const typename family::key& wanted = *zon_full_key<family>(half_flow);
+    return static_cast<zon_half_flow_t*>(find_locked(tbl->table, bucket, [&wanted](zon_hashset_item item) {
+        const auto* stored = static_cast<const zon_half_flow_t*>(item);
+        if (key_type_of(stored->key) != family::complete ||
+            !same_complete_key<family>(wanted, *zon_full_key<family>(stored)))
+            return false;
+        // The caller goes on to the counters, the timer mark and the lock of the flow.
+        const char* flow = reinterpret_cast<const char*>(stored->flow);
+        __builtin_prefetch(flow);
+        __builtin_prefetch(flow + 64);
+        __builtin_prefetch(flow + 128);
+        __builtin_prefetch(flow + 192);
+        return true;
+    }));
+}
+
+// Whether a stored half flow stands for the connection of a new one: the same key under the same type, or, for a
+// complete key, announced with a complete tuple. A flow in deletion stands for nothing.
+template <class family>
+bool same_connection(const zon_half_flow_t* fresh, const zon_half_flow_t* stored) {
+    const uint32_t type = fresh->key.key_type;
+    const uint32_t stored_type = key_type_of(stored->key);
+    const bool comparable =
+        stored_type == type || (type == family::complete && stored_type == family::pre_flow_complete) ||
+        (type == family::pre_flow_complete && stored_type == family::complete);
+    return comparable && key_matches<family>(*zon_full_key<family>(fresh), *zon_full_key<family>(stored)) &&
+           !zon_flow_is_dying(stored->flow);
+}
+
+bool same_connection_any_family(const void* fresh_item, const void* stored_item, void*) {
+    const auto* fresh = static_cast<const zon_half_flow_t*>(fresh_item);
+    const auto* stored = static_cast<const zon_half_flow_t*>(stored_item);
+    return zon_key_is_ipv4(fresh->key.key_type) ? same_connection<ipv4_family>(fresh, stored)
+                                                : same_connection<ipv6_family>(fresh, stored);
+}
+
+}  // namespace
+
+unsigned int zon_hash_calc(void* element, void*) {
+    return hash_of_key(static_cast<const zon_half_flow_t*>(element));
+}
+
+bool zon_matcher(void* element1, void* element2, void*) {
+    const auto* wanted = static_cast<const zon_half_flow_t*>(element1);
+    const auto* stored = static_cast<const zon_half_flow_t*>(element2);
+    const uint32_t type = wanted->key.key_type;
+    if (type != key_type_of(stored->key))
+        return false;
+    if (!zon_key_type_is_valid(type)) {
+        if (zon_tracing_engine())
+            zon_buginf("\nZON Engine: Unknown key type %d", static_cast<int>(type));
+        return false;
+    }
+    return zon_key_is_ipv4(type)
+               ? key_matches<ipv4_family>(*zon_full_key<ipv4_family>(wanted), *zon_full_key<ipv4_family>(stored))
+               : key_matches<ipv6_family>(*zon_full_key<ipv6_family>(wanted), *zon_full_key<ipv6_family>(stored));
+}
+
+zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads, uint8_t max_bucket_depth) {
+    void* memory = zon_heap_zalloc(1, sizeof(flow_table_storage));
+    if (memory == nullptr)
+        return nullptr;
+    auto* tbl = new (memory) flow_table_storage{};
+    zon_hash_attr attrs{};
+    zon_hash_attr_init(&attrs);
+    zon_hash_attr_sethashtable(&attrs, false, static_cast<int>(max_flows / ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO),
+                               static_cast<int>(max_threads), max_bucket_depth);
+    if (zon_hashset_create(&tbl->table, &attrs, 0, zon_hash_calc, zon_matcher, nullptr) != zon_error_none) {
+        std::free(memory);
+        return nullptr;
+    }
+    tbl->flow_table_lock = zon_lock_allocate();
+    if (tbl->flow_table_lock == nullptr) {
+        zon_hashset_free(&tbl->table);
+        std::free(memory);
+        return nullptr;
+    }
+    zon_lock_init(tbl->flow_table_lock);
+    return tbl;
+}
+
+void zon_flow_table_destroy(zon_flow_table_t* tbl) {
+    zon_hashset_free(&tbl->table);
+    zon_lock_destroy(tbl->flow_table_lock);
+    std::free(tbl->flow_table_lock);
+    storage_of(tbl)->~flow_table_storage();
+    std::free(tbl);
+}
+
+bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow) {
+    if (!has_set(tbl))
+        return false;
+    const bool linked = zon_hashset_insert(tbl->table, half_flow);
+    // The set hands the flow over locked once more; the caller's own level was never let go.
+    zon_unlock_internal(half_flow->flow->flow_lock);
+    if (linked)
+        relaxed_add(tbl->profile_insert, 1);
+    return linked;
+}
+
+bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, int bucket) {
+    if (!has_set(tbl))
+        return false;
+    const bool linked = zon_hashset_insert_direct(tbl->table, half_flow, bucket);
+    zon_unlock_internal(half_flow->flow->flow_lock);
+    if (linked)
+        relaxed_add(tbl->profile_insert, 1);
+    return linked;
+}
+
+pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow, int bucket) {
+    const pair_insert_result result =
+        zon_hashset_insert_pair(tbl->table, flow->initiator_flow, bucket, flow->responder_flow,
+                                same_connection_any_family, nullptr);
+    if (result == pair_insert_result::linked) {
+        relaxed_add(tbl->profile_insert, 2);
+    } else if (result == pair_insert_result::second_refused) {
+        // The initiator was in and came out again.
+        relaxed_add(tbl->profile_insert, 1);
+        relaxed_add(tbl->profile_delete, 1);
+    }
+    return result;
+}
+
+pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t* flow, const zon_key_t* key) {
+    zon_half_flow_t* initiator = flow->initiator_flow;
+    zon_half_flow_t* responder = flow->responder_flow;
+    zon_ipv6_half_flow_t fresh_initiator;
+    zon_ipv6_half_flow_t fresh_responder;
+    auto* wanted_initiator = reinterpret_cast<zon_half_flow_t*>(&fresh_initiator);
+    auto* wanted_responder = reinterpret_cast<zon_half_flow_t*>(&fresh_responder);
+    zon_copy_key_to_half_flow(wanted_initiator, key);
+    zon_copy_key_to_half_flow(wanted_responder, key);
+    zon_swap_key(&wanted_responder->key);
+
+    held_lock table(tbl->flow_table_lock);
+    const relink_pair move{initiator, wanted_initiator, responder, wanted_responder};
+    const pair_insert_result result = zon_hashset_relink_pair(
+        tbl->table, move, same_connection_any_family, [](zon_hashset_item item, const void* wanted) {
+            zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key, &static_cast<const zon_half_flow_t*>(wanted)->key);
+        });
+    if (result == pair_insert_result::already_present)
+        return result;
+    relaxed_add(tbl->profile_delete, 2);
+    if (result == pair_insert_result::linked) {
+        relaxed_add(tbl->profile_insert, 2);
+    } else if (result == pair_insert_result::second_refused) {
+        relaxed_add(tbl->profile_insert, 1);
+        relaxed_add(tbl->profile_delete, 1);
+    }
+    return result;
+}
+
+zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, int* bucket) {
+    if (!has_set(tbl))
+        return nullptr;
+    const uint32_t b = bucket_of(tbl->table, hash_of_key(half_flow));
+    if (bucket != nullptr)
+        *bucket = static_cast<int>(b);
+    switch (half_flow->key.key_type) {
+    case ZON_IPV4_KEY_COMPLETE:
+        return find_complete<ipv4_family>(tbl, half_flow, b);
+    case ZON_IPV6_KEY_COMPLETE:
+        return find_complete<ipv6_family>(tbl, half_flow, b);
+    default:
+        return static_cast<zon_half_flow_t*>(find_locked(tbl->table, b, [half_flow](zon_hashset_item item) {
+            return zon_matcher(const_cast<zon_half_flow_t*>(half_flow), item, nullptr);
+        }));
+    }
+}
+
+bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bool lock) {
+    if (!has_set(tbl))
+        return false;
+    held_lock held(lock ? tbl->flow_table_lock : nullptr);
+    zon_hashset_remove(tbl->table, half_flow);
+    relaxed_add(tbl->profile_delete, 1);
+    return true;
+}
+
+bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* half_flow1, zon_half_flow_t* half_flow2,
+                                     bool lock) {
+    if (!has_set(tbl))
+        return false;
+    held_lock held(lock ? tbl->flow_table_lock : nullptr);
+    zon_hashset_remove_full(tbl->table, half_flow1, half_flow2);
+    relaxed_add(tbl->profile_delete, 1);
+    return true;
+}
+
+void zon_flow_table_link(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    held_lock held(tbl->flow_table_lock);
+    flow->next_flow = nullptr;
+    if (tbl->flow_tail != nullptr)
+        tbl->flow_tail->next_flow = flow;
+    else
+        tbl->flow_head = flow;
+    tbl->flow_tail = flow;
+}
+
+void zon_flow_table_iterate_flow(zon_flow_table_t* tbl, zon_flow_callback cb, void* user) {
+    held_lock held(tbl->flow_table_lock);
+    for (zon_flow_t* flow = tbl->flow_head; flow != nullptr; flow = flow->next_flow)
+        if (!cb(flow, user))
+            return;
+}
+
+void zon_flow_table_iterate_half_flow(zon_flow_table_t* tbl, zon_half_flow_callback cb, void* user) {
+    struct adapter {
+        zon_half_flow_callback cb;
+        void* user;
+    } call{cb, user};
+    held_lock held(tbl->flow_table_lock);
+    zon_hashset_iterate(
+        tbl->table,
+        [](zon_hashset, zon_hashset_item item, void* context) {
+            const auto* to = static_cast<const adapter*>(context);
+            to->cb(static_cast<zon_half_flow_t*>(item), to->user);
+        },
+        &call);
+}
+
+uint32_t zon_flow_table_num_elements(zon_flow_table_t* tbl) {
+    if (!has_set(tbl))
+        return 0;
+    held_lock held(tbl->flow_table_lock);
+    return static_cast<uint32_t>(zon_hashset_size(tbl->table));
+}
+
+zon_error_t zon_flow_table_is_available(zon_flow_table_t* tbl) {
+    if (tbl == nullptr)
+        return zon_error_flow_table_access_failed;
+    held_lock held(tbl->flow_table_lock);
+    return relaxed_load(tbl->in_use) || !zon_hashset_is_available(tbl->table) ? zon_error_flow_table_access_failed
+                                                                               : zon_error_none;
+}
+
+void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* used, int32_t* empty, int32_t* occupied,
+                               int32_t* bucket_ave, int32_t* bucket_max, uint32_t* inserts, uint32_t* deletes,
+                               uint32_t* passively_aged, int32_t** distribution, int32_t** preflow_count) {
+    if (!has_set(tbl))
+        return;
+    // Two readers may overlap: the flag falls when the last one is done.
+    std::atomic<int>& readers = storage_of(tbl)->readers;
+    readers.fetch_add(1);
+    relaxed_store(tbl->in_use, true);
+    zon_hashset_get_statistics(tbl->table, size, used, empty, occupied, bucket_ave, bucket_max, distribution);
+    *inserts = relaxed_load(tbl->profile_insert);
+    *deletes = relaxed_load(tbl->profile_delete);
+    *passively_aged = relaxed_load(tbl->profile_passively_aged);
+    if (preflow_count != nullptr)
+        *preflow_count = reinterpret_cast<int32_t*>(tbl->active_preflow_count);
+    if (readers.fetch_sub(1) == 1)
+        relaxed_store(tbl->in_use, false);
+}
+
+void zon_flow_table_statistics_clear(zon_flow_table_t* tbl) {
+    relaxed_store(tbl->profile_insert, 0);
+    relaxed_store(tbl->profile_delete, 0);
+    relaxed_store(tbl->profile_passively_aged, 0);
+}
+
+void zon_private_increment_incomplete_inserts(zon_flow_table_t* tbl, uint32_t key_type) {
+    std::lock_guard guard(storage_of(tbl)->preflow_counts);
+    relaxed_add(tbl->active_preflow_count[key_type], 1);
+    relaxed_store(tbl->has_incomplete_inserts, true);
+}
+
+void zon_private_decrement_incomplete_inserts(zon_flow_table_t* tbl, uint32_t key_type) {
+    std::lock_guard guard(storage_of(tbl)->preflow_counts);
+    relaxed_add(tbl->active_preflow_count[key_type], -1);
+    for (const uint32_t type : preflow_key_types)
+        if (relaxed_load(tbl->active_preflow_count[type]) != 0)
+            return;
+    relaxed_store(tbl->has_incomplete_inserts, false);
+}
+
+namespace {
+
+struct removed_fos {
+    zon_flow_fo_t* initiator = nullptr;
+    zon_flow_fo_t* responder = nullptr;
+    zon_flow_fo_t* flow = nullptr;
+};
+
+void* fo_of(const zon_flow_fo_t* record) { return record != nullptr ? record->fo : nullptr; }
+
+zon_flow_fo_t* remove_from_half(zon_half_flow_t* half_flow, zon_client_id_e cid) {
+    return half_flow != nullptr ? zon_flow_fo_list_find_and_remove(&half_flow->fo_list, cid) : nullptr;
+}
+
+// A record may hang in several lists, whose tails are shared: it leaves all of them before it is given back.
+void release_record(zon_flow_t* flow, zon_flow_fo_t* record) {
+    if (record == nullptr)
+        return;
+    zon_flow_fo_list_unlink(&flow->fo_list, record);
+    for (zon_half_flow_t* half : {flow->initiator_flow, flow->responder_flow})
+        if (half != nullptr)
+            zon_flow_fo_list_unlink(&half->fo_list, record);
+    zon_private_chunk_free_or_trace(ZON_FLOW_FO_MEM_TYPE, record, &g_zon->zon_chunk_ptr);
+}
+
+void remove_client_from_flow(zon_flow_t* flow, zon_client_id_e cid, zon_client_fo_delete_cb_t tell) {
+    removed_fos found;
+    found.flow = zon_flow_fo_list_find_and_remove(&flow->fo_list, cid);
+    found.initiator = remove_from_half(flow->initiator_flow, cid);
+    found.responder = remove_from_half(flow->responder_flow, cid);
+    if (fo_of(found.flow) != nullptr || fo_of(found.initiator) != nullptr || fo_of(found.responder) != nullptr)
+        tell(flow->fid, fo_of(found.initiator), fo_of(found.responder), fo_of(found.flow),
+             ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED, cid);
+    if (found.responder == found.flow || found.responder == found.initiator)
+        found.responder = nullptr;
+    if (found.initiator == found.flow)
+        found.initiator = nullptr;
+    release_record(flow, found.flow);
+    release_record(flow, found.initiator);
+    release_record(flow, found.responder);
+}
+
+}  // namespace
+
+zon_error_t zon_flow_table_remove_client_fo(zon_flow_table_t*, zon_client_id_e cid) {
+    const zon_client_fo_delete_cb_t tell = zon_private_get_delete_cb(cid);
+    if (tell == nullptr)
+        return zon_error_client_delete_cb_not_registered;
+    // Records are numbered in the order of the list of all records, and each is taken under its own lock: packets may
+    // attach and delete meanwhile.
+    zon_fid_table_t* fid_table = g_zon->fid_table;
+    const uint32_t made = relaxed_load(fid_table->allocated);
+    for (zon_fid_t fid = 1; fid <= made; ++fid) {
+        locked_flow flow = zon_fid_table_lookup(fid_table, fid);
+        if (flow && !flow->marked_for_delete)
+            remove_client_from_flow(flow.get(), cid, tell);
+    }
+    return zon_error_none;
+}

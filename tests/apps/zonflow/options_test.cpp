@@ -1,0 +1,161 @@
+// options_test.cpp - the command line, the exit codes and the messages, as a shell sees them.
+#include <gtest/gtest.h>
+
+#include "tests/apps/zonflow/support/zonflow_program.h"
+
+namespace {
+
+using namespace zonflow_tests;
+
+const bytes small_capture =
+    pcap_bytes({{1'000'000'000, ethernet(0x0800, ipv4_packet({}, udp_segment(1000, 53, 10)))}}, 1);
+
+bool contains(const std::string& text, const std::string& part) {
+    return text.find(part) != std::string::npos;
+}
+
+TEST(zonflow_options, help_lists_every_option_and_ends_with_0) {
+    const program_result run = run_zonflow("--help");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.err, "");
+    for (const char* option :
+         {"--vlan-key", "--output", "--max-flows", "--idle-opening", "--idle-tcp", "--idle-udp",
+          "--idle-closing", "--tcp-checks", "--no-tunnels", "--no-fragments", "--help", "--version",
+          "Examples:", "Exit codes:"}) {
+        EXPECT_TRUE(contains(run.out, option)) << option;
+    }
+}
+
+TEST(zonflow_options, version_names_the_program) {
+    const program_result run = run_zonflow("--version");
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.out.rfind("zonflow ", 0), 0u) << run.out;
+}
+
+class wrong_command_line : public testing::TestWithParam<const char*> {};
+
+TEST_P(wrong_command_line, ends_with_2_and_says_so_on_standard_error) {
+    const program_result run = run_zonflow(GetParam());
+    EXPECT_EQ(run.exit_code, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_TRUE(contains(run.err, "zonflow: "));
+}
+
+INSTANTIATE_TEST_SUITE_P(zonflow_options, wrong_command_line,
+                         testing::Values("", "--bogus x.pcap", "-o xml x.pcap",
+                                         "--max-flows 0 x.pcap", "--max-flows many x.pcap",
+                                         "--idle-tcp -1 x.pcap", "--idle-udp 4294968 x.pcap",
+                                         "--idle-opening"));
+
+TEST(zonflow_options, accepts_every_option_together) {
+    const temporary_file capture(small_capture);
+    const json_result run = run_json(
+        "--vlan-key --max-flows 10 --idle-opening 1 --idle-tcp 2 --idle-udp 3 --idle-closing 4 "
+        "--tcp-checks "
+        "--no-tunnels --no-fragments " +
+        capture.path());
+    EXPECT_EQ(run.exit_code, 0) << run.err;
+    EXPECT_EQ(run.flows.size(), 1u);
+}
+
+TEST(zonflow_exit_codes, are_0_with_nothing_on_standard_error_for_a_whole_capture) {
+    const temporary_file capture(small_capture);
+    const program_result run = run_zonflow(capture.path());
+    EXPECT_EQ(run.exit_code, 0);
+    EXPECT_EQ(run.err, "");
+    EXPECT_TRUE(contains(run.out, "10.0.0.1:1000"));
+}
+
+TEST(zonflow_exit_codes, are_1_for_a_damaged_capture_and_what_came_before_is_reported) {
+    bytes file = small_capture;
+    file = file + bytes(7, 0);
+    const temporary_file capture(file);
+    const json_result run = run_json(capture.path());
+    EXPECT_EQ(run.exit_code, 1);
+    EXPECT_TRUE(contains(run.err, capture.path() + ": damaged after 1 packets: ")) << run.err;
+    ASSERT_EQ(run.flows.size(), 1u);
+    ASSERT_EQ(run.summaries.size(), 1u);
+    EXPECT_EQ(json_number(run.summaries[0], "packets"), 1u);
+}
+
+TEST(zonflow_exit_codes, are_3_for_a_file_that_cannot_be_opened) {
+    const program_result run = run_zonflow("/nonexistent/x.pcap");
+    EXPECT_EQ(run.exit_code, 3);
+    EXPECT_EQ(run.err, "zonflow: /nonexistent/x.pcap: No such file or directory\n");
+}
+
+TEST(zonflow_exit_codes, are_3_for_a_file_that_is_no_capture) {
+    const temporary_file text(bytes(200, 'x'));
+    const program_result run = run_zonflow(text.path());
+    EXPECT_EQ(run.exit_code, 3);
+    EXPECT_TRUE(contains(run.err, text.path() + ": not a capture")) << run.err;
+}
+
+TEST(zonflow_exit_codes, are_3_for_a_link_type_that_is_not_known_and_the_known_ones_are_listed) {
+    const temporary_file capture(pcap_bytes({}, 105));
+    const program_result run = run_zonflow(capture.path());
+    EXPECT_EQ(run.exit_code, 3);
+    EXPECT_TRUE(contains(run.err, "105 IEEE802_11")) << run.err;
+    EXPECT_TRUE(contains(run.err, "113 Linux cooked v1")) << run.err;
+    EXPECT_EQ(run.out, "");
+}
+
+TEST(zonflow_exit_codes, are_the_highest_of_several_files_and_the_good_ones_are_read) {
+    const temporary_file good(small_capture);
+    const temporary_file damaged(small_capture + bytes(7, 0));
+    const json_result run = run_json(damaged.path() + " /nonexistent/x.pcap " + good.path());
+    EXPECT_EQ(run.exit_code, 3);
+    EXPECT_EQ(run.flows.size(), 2u);
+    EXPECT_EQ(run.summaries.size(), 2u);
+}
+
+TEST(zonflow_exit_codes, are_4_when_the_disk_is_full) {
+    if (access("/dev/full", W_OK) != 0) {
+        GTEST_SKIP() << "no /dev/full";
+    }
+    const temporary_file capture(small_capture);
+    for (const char* format : {"json", "table"}) {
+        const program_result run =
+            run_zonflow(std::string("-o ") + format + " " + capture.path(), ">/dev/full");
+        EXPECT_EQ(run.exit_code, 4);
+        EXPECT_TRUE(contains(run.err, "cannot write the output")) << run.err;
+    }
+    EXPECT_EQ(run_zonflow("--help", ">/dev/full").exit_code, 4);
+}
+
+// Runs the program with its standard output in a pipe that nobody reads.
+int exit_code_without_a_reader(const std::string& capture) {
+    int ends[2];
+    if (pipe(ends) != 0) {
+        return -1;
+    }
+    close(ends[0]);
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(ends[1], STDOUT_FILENO);
+        close(ends[1]);
+        std::freopen("/dev/null", "w", stderr);
+        execl(ZONFLOW_BINARY, ZONFLOW_BINARY, "-o", "json", capture.c_str(), nullptr);
+        _exit(127);
+    }
+    close(ends[1]);
+    int status = 0;
+    waitpid(child, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+}
+
+TEST(zonflow_exit_codes, are_4_when_the_reader_of_the_output_has_gone) {
+    const temporary_file capture(small_capture);
+    EXPECT_EQ(exit_code_without_a_reader(capture.path()), 4);
+}
+
+TEST(zonflow_progress, is_never_shown_where_standard_error_is_no_terminal) {
+    std::vector<stamped_frame> frames;
+    for (uint16_t i = 0; i < 5000; ++i) {
+        frames.push_back({i, ethernet(0x0800, ipv4_packet({}, udp_segment(i, 53, 10)))});
+    }
+    const temporary_file capture(pcap_bytes(frames, 1));
+    EXPECT_EQ(run_zonflow(capture.path()).err, "");
+}
+
+}  // namespace

@@ -1,0 +1,188 @@
+// zon_lock_test.cpp - recursive locks, rows of them, and the holders of a scope.
+
+#include "osal/zon_lock.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <thread>
+
+namespace {
+
+// Whether another thread could take the lock now.
+bool free_for_others(zon_lock_t lock) {
+    bool taken = false;
+    std::thread([&] {
+        taken = zon_try_lock_internal(lock);
+        if (taken)
+            zon_unlock_internal(lock);
+    }).join();
+    return taken;
+}
+
+class single_lock : public ::testing::Test {
+protected:
+    void SetUp() override {
+        lock = zon_lock_allocate();
+        ASSERT_NE(lock, nullptr);
+        zon_lock_init(lock);
+    }
+    void TearDown() override {
+        zon_lock_destroy(lock);
+        free(lock);
+    }
+    zon_lock_t lock = nullptr;
+};
+
+class lock_pool : public ::testing::Test {
+protected:
+    static constexpr int size = 4;
+    void SetUp() override {
+        pool = zon_lock_create_pool(size);
+        ASSERT_NE(pool, nullptr);
+    }
+    void TearDown() override { zon_lock_destroy_pool(pool, size); }
+    zon_lock_pool_t pool = nullptr;
+};
+
+}  // namespace
+
+TEST(lock_memory, is_zero_filled_and_not_yet_a_lock) {
+    zon_lock_t lock = zon_lock_allocate();
+    ASSERT_NE(lock, nullptr);
+    const auto* bytes = static_cast<const unsigned char*>(lock);
+    EXPECT_TRUE(std::all_of(bytes, bytes + sizeof(pthread_mutex_t),
+                            [](unsigned char byte) { return byte == 0; }));
+    free(lock);
+}
+
+TEST(lock_memory, outlives_the_destruction_of_the_lock) {
+    zon_lock_t lock = zon_lock_allocate();
+    zon_lock_init(lock);
+    zon_lock_destroy(lock);
+    zon_lock_init(lock);  // the memory is still the caller's
+    EXPECT_EQ(zon_lock_internal(lock), 0);
+    EXPECT_EQ(zon_unlock_internal(lock), 0);
+    zon_lock_destroy(lock);
+    free(lock);
+}
+
+TEST_F(single_lock, taken_twice_needs_two_unlocks) {
+    EXPECT_EQ(zon_lock_internal(lock), 0);
+    EXPECT_EQ(zon_lock_internal(lock), 0);
+    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_EQ(zon_unlock_internal(lock), 0);
+    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_EQ(zon_unlock_internal(lock), 0);
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(single_lock, is_tried_recursively_by_its_holder) {
+    EXPECT_TRUE(zon_try_lock_internal(lock));
+    EXPECT_TRUE(zon_try_lock_internal(lock));
+    zon_unlock_internal(lock);
+    EXPECT_FALSE(free_for_others(lock));
+    zon_unlock_internal(lock);
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(single_lock, keeps_others_out_of_a_critical_section) {
+    int in_order = 0;
+    const auto count = [&] {
+        for (int i = 0; i < 2000; ++i) {
+            zon_lock_internal(lock);
+            ++in_order;
+            zon_unlock_internal(lock);
+        }
+    };
+    std::thread first(count);
+    std::thread second(count);
+    first.join();
+    second.join();
+    EXPECT_EQ(in_order, 4000);
+}
+
+TEST_F(single_lock, is_held_for_the_scope_of_a_holder) {
+    {
+        const held_lock held(lock);
+        EXPECT_FALSE(free_for_others(lock));
+    }
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(single_lock, is_released_once_by_a_holder_that_was_moved_or_released_early) {
+    held_lock first(lock);
+    held_lock second(std::move(first));
+    EXPECT_FALSE(free_for_others(lock));
+    second.release();
+    EXPECT_TRUE(free_for_others(lock));
+    second.release();
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(single_lock, of_a_flow_is_released_with_its_scope) {
+    zon_flow_t flow{};
+    flow.flow_lock = lock;
+    zon_lock_internal(lock);
+    {
+        const locked_flow held = locked_flow::adopt(&flow);
+        EXPECT_TRUE(held);
+        EXPECT_EQ(held.get(), &flow);
+        EXPECT_FALSE(free_for_others(lock));
+    }
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(single_lock, of_a_flow_that_is_handed_over_stays_held) {
+    zon_flow_t flow{};
+    flow.flow_lock = lock;
+    zon_lock_internal(lock);
+    EXPECT_EQ(locked_flow::adopt(&flow).hand_over(), &flow);
+    EXPECT_FALSE(free_for_others(lock));
+    zon_unlock_internal(lock);
+}
+
+TEST_F(single_lock, of_a_flow_is_released_when_its_holder_takes_another_flow) {
+    zon_flow_t flow{};
+    flow.flow_lock = lock;
+    zon_lock_internal(lock);
+    locked_flow held = locked_flow::adopt(&flow);
+    held = locked_flow();
+    EXPECT_FALSE(held);
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(lock_pool, is_a_row_of_consecutive_mutexes) {
+    EXPECT_EQ(zon_lock_get_pool_lock(pool, 0), pool);
+    for (int entry = 1; entry < size; ++entry)
+        EXPECT_EQ(static_cast<char*>(zon_lock_get_pool_lock(pool, entry)) -
+                      static_cast<char*>(zon_lock_get_pool_lock(pool, entry - 1)),
+                  static_cast<ptrdiff_t>(sizeof(pthread_mutex_t)));
+}
+
+TEST_F(lock_pool, lets_one_thread_lock_an_entry_twice_in_sequence) {
+    const int seven = 7 % size;
+    const int eleven = 11 % size;
+    EXPECT_EQ(zon_lock_pool_internal(pool, seven), 0);
+    EXPECT_EQ(zon_lock_pool_internal(pool, eleven), 0);
+    EXPECT_EQ(zon_unlock_pool_internal(pool, eleven), 0);
+    EXPECT_FALSE(free_for_others(zon_lock_get_pool_lock(pool, seven)));
+    EXPECT_EQ(zon_unlock_pool_internal(pool, seven), 0);
+    EXPECT_TRUE(free_for_others(zon_lock_get_pool_lock(pool, seven)));
+}
+
+TEST_F(lock_pool, locks_its_entries_one_by_one) {
+    for (int entry = 0; entry < size; ++entry) {
+        EXPECT_EQ(zon_lock_pool_internal(pool, entry), 0);
+        for (int other = 0; other < size; ++other)
+            EXPECT_EQ(free_for_others(zon_lock_get_pool_lock(pool, other)), other != entry);
+        EXPECT_EQ(zon_unlock_pool_internal(pool, entry), 0);
+    }
+}
+
+TEST(lock_pool_of_nothing, is_given_back_like_any_other) {
+    for (const int size : {0, -1, -1000})
+        zon_lock_destroy_pool(zon_lock_create_pool(size), size);
+}

@@ -1,0 +1,127 @@
+// zon_engine_debug_test.cpp - snapshots of flows, and the filter that dumps apply.
+
+#include "zon_engine_debug.h"
+
+#include "src/zon_api/api_fixture.h"
+
+using namespace zon_test;
+
+namespace {
+
+class flow_report : public api_fixture {
+protected:
+    static bool fill(zon_fid_t fid, zon_flow_report_t* report, zon_dump_flow_context* context = nullptr) {
+        const locked_flow flow = locked_flow::adopt(zon_get_flow(fid));
+        return zon_debug_flow_populate_report(flow.get(), report, context);
+    }
+};
+
+TEST_F(flow_report, holds_the_flow_as_it_is) {
+    const zon_fid_t parent = udp_flow(900);
+    const zon_fid_t fid = child_of(parent, 1001);
+    zon_flow_set_application_id(fid, 44);
+    zon_flow_report_t report{};
+    ASSERT_TRUE(fill(fid, &report));
+    EXPECT_EQ(report.fid, fid);
+    EXPECT_EQ(report.l4_sess_state, ZON_L4_OPENING);
+    EXPECT_EQ(report.l4_tcp_state, ZON_TCP_LISTEN);
+    EXPECT_EQ(report.num_l7_bytes, 10u);
+    EXPECT_EQ(report.packet_number, 1u);
+    EXPECT_EQ(report.first_payload_seen_on_pkt_num, 1u);
+    EXPECT_EQ(report.app_id, 44u);
+    EXPECT_EQ(report.age_ms, record_of(fid)->age_ms);
+    EXPECT_EQ(report.marked_for_delete, 0);
+    EXPECT_EQ(report.parent_fid, parent);
+    EXPECT_EQ(report.initiator_key.ipv4.src_ip, host_a);
+    EXPECT_EQ(report.initiator_key.ipv4.dst_port, 2000u);
+    EXPECT_EQ(report.responder_key.ipv4.src_ip, host_b);
+    EXPECT_EQ(report.responder_key.ipv4.dst_port, 1001u);
+}
+
+TEST_F(flow_report, tells_of_objects_in_every_entry_alike) {
+    for (const zon_flow_direction_e dir : {ZON_DIR_BI, ZON_DIR_INITIATOR, ZON_DIR_RESPONDER}) {
+        const zon_fid_t fid = udp_flow(static_cast<uint16_t>(1000 + dir));
+        zon_flow_report_t report{};
+        ASSERT_TRUE(fill(fid, &report));
+        EXPECT_EQ(std::count(std::begin(report.hasFO), std::end(report.hasFO), 0), 32);
+        zon_flow_attach_fo(fid, 5, dir, &objects[0]);
+        ASSERT_TRUE(fill(fid, &report));
+        EXPECT_EQ(std::count(std::begin(report.hasFO), std::end(report.hasFO), 1), 32);
+    }
+}
+
+TEST_F(flow_report, holds_ipv6_keys_whole) {
+    const zon_fid_t fid = handle(udp6_packet(1000, 53)).fid;
+    zon_flow_report_t report{};
+    ASSERT_TRUE(fill(fid, &report));
+    EXPECT_EQ(report.initiator_key.key.key_type, uint32_t{ZON_IPV6_KEY_COMPLETE});
+    EXPECT_EQ(report.initiator_key.ipv6.src_ip[0], 0x20010db8u);
+    EXPECT_EQ(report.initiator_key.ipv6.src_ip[3], 1u);
+    EXPECT_EQ(report.responder_key.ipv6.dst_port, 1000u);
+}
+
+TEST_F(flow_report, is_refused_by_a_filter_that_neither_side_passes) {
+    const zon_fid_t fid = udp_flow(1000);
+    uint32_t address = host_b;
+    zon_dump_flow_context context{};
+    context.ip_type = zon_filter_ipv4;
+    context.ipaddr = &address;
+    context.port = 53;
+    zon_flow_report_t report{};
+    captured_output lines(stdout);
+    EXPECT_TRUE(fill(fid, &report, &context));
+    context.port = 54;
+    report.fid = 77;
+    EXPECT_FALSE(fill(fid, &report, &context));
+    EXPECT_EQ(report.fid, 77u);
+    EXPECT_EQ(lines.text(), "are we dumping here? \nare we dumping here? \n");
+}
+
+struct filter_case {
+    const char* name;
+    uint8_t ip_type;
+    uint32_t key_type;
+    bool wanted_source;
+    bool wanted_destination;
+    bool right_port;
+    bool expected;
+};
+
+class address_filter : public ::testing::TestWithParam<filter_case> {};
+
+TEST_P(address_filter, passes_either_end_of_its_family) {
+    const filter_case& row = GetParam();
+    uint32_t wanted[4] = {1, 2, 3, 4};
+    constexpr uint32_t other[4] = {1, 2, 3, 5};
+    const uint32_t* src = row.wanted_source ? wanted : other;
+    const uint32_t* dst = row.wanted_destination ? wanted : other;
+    const uint16_t port = row.right_port ? 80 : 81;
+    zon_report_key_t key{};
+    if (row.ip_type == zon_filter_ipv6) {
+        zon_set_key_ipv6(&key.ipv6, ZON_IPV6_KEY_COMPLETE, src, dst, 80, 80, 6, 0);
+        key.key.key_type = row.key_type;
+    } else {
+        key.ipv4 = {row.key_type, 6, 0, 0, 0, src[3], 80, dst[3], 80};
+        wanted[0] = 4;
+    }
+    EXPECT_EQ(zon_flow_compare_ip_and_port(row.ip_type, wanted, port, &key.key), row.expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(rows, address_filter,
+                         ::testing::Values(filter_case{"ipv4_source", 1, 0, true, false, true, true},
+                                           filter_case{"ipv4_destination", 1, 4, false, true, true, true},
+                                           filter_case{"ipv4_other_port", 1, 0, true, true, false, false},
+                                           filter_case{"ipv4_other_address", 1, 0, false, false, true, false},
+                                           filter_case{"ipv4_of_an_ipv6_key", 1, 5, true, true, true, false},
+                                           filter_case{"ipv6_source", 20, 5, true, false, true, true},
+                                           filter_case{"ipv6_destination", 20, 9, false, true, true, true},
+                                           filter_case{"ipv6_of_type_4", 20, 4, true, false, true, true},
+                                           filter_case{"ipv6_of_type_3", 20, 3, true, true, true, false},
+                                           filter_case{"ipv6_above_the_types", 20, 10, true, true, true, false},
+                                           filter_case{"ipv6_other_port", 20, 5, true, true, false, false},
+                                           filter_case{"ipv6_other_address", 20, 5, false, false, true, false},
+                                           filter_case{"no_family", 0, 0, true, true, true, false},
+                                           filter_case{"unknown_family", 2, 0, true, true, true, false}),
+                         [](const auto& row) { return row.param.name; });
+
+}  // namespace

@@ -1,0 +1,628 @@
+// zon_flow_table_test.cpp - inserts, lookups, counters and walks of the flow table.
+
+#include "zon_flow_table.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <list>
+#include <set>
+#include <vector>
+
+#include "support/engine_fixture.h"
+#include "support/key_record.h"
+#include "support/lock_level.h"
+#include "zon_flow_table_inline.h"
+
+namespace {
+
+using zon_test::key_fields;
+using zon_test::key_record;
+using zon_test::key_type_name;
+using zon_test::levels_held;
+
+// A flow by value, its two half flows and its lock, which is held as inserting code holds it.
+class flow_record {
+public:
+    explicit flow_record(const key_fields& fields) : initiator_(fields), responder_(fields) {
+        zon_swap_key(&responder_.key());
+        flow_.flow_lock = zon_lock_allocate();
+        zon_lock_init(flow_.flow_lock);
+        zon_lock_internal(flow_.flow_lock);
+        flow_.initiator_flow = initiator_.half();
+        flow_.responder_flow = responder_.half();
+        flow_.initiator_flow->flow = &flow_;
+        flow_.responder_flow->flow = &flow_;
+    }
+    ~flow_record() {
+        zon_unlock_internal(flow_.flow_lock);
+        zon_lock_destroy(flow_.flow_lock);
+        std::free(flow_.flow_lock);
+    }
+    flow_record(const flow_record&) = delete;
+    flow_record& operator=(const flow_record&) = delete;
+
+    zon_flow_t* flow() { return &flow_; }
+    zon_half_flow_t* initiator() { return initiator_.half(); }
+    zon_half_flow_t* responder() { return responder_.half(); }
+    int lock_levels() const { return levels_held(flow_.flow_lock); }
+
+private:
+    key_record initiator_;
+    key_record responder_;
+    zon_flow_t flow_{};
+};
+
+struct table_statistics {
+    int32_t size = -1, used = -1, empty = -1, occupied = -1, average = -1, maximum = -1;
+    uint32_t inserts = 99, deletes = 99, aged = 99;
+    int32_t* preflows = nullptr;
+};
+table_statistics statistics_of(zon_flow_table_t* table) {
+    table_statistics seen;
+    zon_flow_table_statistics(table, &seen.size, &seen.used, &seen.empty, &seen.occupied, &seen.average, &seen.maximum,
+                              &seen.inserts, &seen.deletes, &seen.aged, nullptr, &seen.preflows);
+    return seen;
+}
+
+class flow_table : public ::testing::Test {
+protected:
+    void SetUp() override { create(0); }
+    void TearDown() override { zon_flow_table_destroy(table); }
+    void create(uint8_t depth) {
+        if (table != nullptr)
+            zon_flow_table_destroy(table);
+        table = zon_flow_table_create(13, 3, depth);
+        ASSERT_NE(table, nullptr);
+    }
+    flow_record& make(const key_fields& fields = {}) { return flows.emplace_back(fields); }
+    flow_record& put(const key_fields& fields = {}) {
+        flow_record& made = make(fields);
+        EXPECT_TRUE(zon_flow_table_insert(table, made.initiator()));
+        EXPECT_TRUE(zon_flow_table_insert(table, made.responder()));
+        return made;
+    }
+    int bucket_of(zon_half_flow_t* half) { return static_cast<int>(zon_hash_calc(half, nullptr) % 13); }
+    // The half flow found for a key, its flow unlocked again.
+    zon_half_flow_t* find(const key_fields& fields, int* bucket = nullptr) {
+        key_record wanted(fields);
+        return find(wanted.half(), bucket);
+    }
+    zon_half_flow_t* find(zon_half_flow_t* wanted, int* bucket = nullptr) {
+        zon_half_flow_t* found = zon_flow_table_lookup(table, wanted, bucket);
+        if (found != nullptr)
+            zon_unlock_internal(found->flow->flow_lock);
+        return found;
+    }
+    // Fields like the given ones, whose forward key falls into a wanted bucket; the source port is changed for it.
+    key_fields with_forward_bucket(int bucket, key_fields fields, uint32_t from_port = 1) {
+        for (fields.src_port = from_port;; ++fields.src_port) {
+            key_record record(fields);
+            if (bucket_of(record.half()) == bucket)
+                return fields;
+        }
+    }
+
+    zon_flow_table_t* table = nullptr;
+    std::list<flow_record> flows;
+};
+
+// ---- creation ----
+
+struct creation_row {
+    uint32_t max_flows;
+    int buckets;
+};
+class flow_table_size : public ::testing::TestWithParam<creation_row> {};
+
+TEST_P(flow_table_size, is_the_prime_for_as_many_buckets_as_flows) {
+    zon_flow_table_t* table = zon_flow_table_create(GetParam().max_flows, 4, 9);
+    ASSERT_NE(table, nullptr);
+    EXPECT_EQ(table->table->array_size, GetParam().buckets);
+    EXPECT_EQ(table->table->concurrency_level, 4);
+    EXPECT_EQ(table->table->max_bucket_depth, 9);
+    EXPECT_TRUE(table->table->is_fixed_size);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
+    EXPECT_FALSE(zon_private_has_incomplete_inserts(table));
+    zon_flow_table_destroy(table);
+}
+
+INSTANTIATE_TEST_SUITE_P(rows, flow_table_size,
+                         ::testing::Values(creation_row{0, 13}, creation_row{13, 13}, creation_row{14, 29},
+                                           creation_row{5000, 6719}, creation_row{6719, 6719},
+                                           creation_row{6720, 19219}),
+                         [](const auto& row) { return "of_" + std::to_string(row.param.max_flows); });
+
+// ---- insert and lookup ----
+
+TEST_F(flow_table, keeps_the_level_of_the_flow_lock_through_inserts) {
+    flow_record& made = make();
+    EXPECT_TRUE(zon_flow_table_insert(table, made.initiator()));
+    EXPECT_EQ(made.lock_levels(), 1);
+    EXPECT_TRUE(zon_flow_table_insert_direct(table, made.responder(), bucket_of(made.responder())));
+    EXPECT_EQ(made.lock_levels(), 1);
+    EXPECT_EQ(table->profile_insert, 2U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 2U);
+}
+
+TEST_F(flow_table, hands_a_found_flow_over_locked) {
+    flow_record& made = put();
+    key_record wanted;
+    int bucket = -1;
+    EXPECT_EQ(zon_flow_table_lookup(table, wanted.half(), &bucket), made.initiator());
+    EXPECT_EQ(bucket, bucket_of(wanted.half()));
+    EXPECT_EQ(made.lock_levels(), 2);
+    zon_unlock_internal(made.flow()->flow_lock);
+}
+
+TEST_F(flow_table, finds_both_directions_of_a_flow) {
+    flow_record& made = put();
+    key_record reply;
+    zon_swap_key(&reply.key());
+    EXPECT_EQ(find(key_fields{}), made.initiator());
+    EXPECT_EQ(find(reply.half()), made.responder());
+}
+
+TEST_F(flow_table, reports_the_bucket_of_a_key_that_it_does_not_hold) {
+    key_record wanted;
+    int bucket = -1;
+    EXPECT_EQ(find(key_fields{}, &bucket), nullptr);
+    EXPECT_EQ(bucket, bucket_of(wanted.half()));
+}
+
+TEST_F(flow_table, tells_flows_of_one_bucket_apart_by_vrf_and_protocol) {
+    key_fields other_vrf;
+    other_vrf.vrf_id = 1;
+    key_fields other_protocol;
+    other_protocol.protocol = 17;
+    flow_record& plain = put();
+    flow_record& in_vrf = put(other_vrf);
+    flow_record& udp = put(other_protocol);
+    EXPECT_EQ(find(key_fields{}), plain.initiator());
+    EXPECT_EQ(find(other_vrf), in_vrf.initiator());
+    EXPECT_EQ(find(other_protocol), udp.initiator());
+}
+
+TEST_F(flow_table, at_depth_one_refuses_a_second_flow_in_a_bucket_and_still_finds_the_first) {
+    create(1);
+    flow_record& first = make();
+    EXPECT_TRUE(zon_flow_table_insert(table, first.initiator()));
+    flow_record& second = make(with_forward_bucket(bucket_of(first.initiator()), {}));
+    EXPECT_FALSE(zon_flow_table_insert(table, second.initiator()));
+    EXPECT_EQ(second.lock_levels(), 1);
+    EXPECT_FALSE(zon_flow_table_insert_direct(table, second.initiator(), bucket_of(second.initiator())));
+    EXPECT_EQ(second.lock_levels(), 1);
+    EXPECT_EQ(find(key_fields{}), first.initiator());
+    EXPECT_EQ(table->profile_insert, 1U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 1U);
+}
+
+TEST_F(flow_table, finds_a_complete_key_without_a_supplied_hash_and_not_with_a_wrong_one) {
+    flow_record& made = put();
+    key_record wanted;
+    wanted.key().hash_value = zon_hash_calc(wanted.half(), nullptr) + 1;
+    wanted.key().hash_valid = 0;
+    EXPECT_EQ(find(wanted.half()), made.initiator());
+    wanted.key().hash_valid = 1;
+    EXPECT_EQ(find(wanted.half()), nullptr);
+}
+
+TEST_F(flow_table, finds_a_key_that_was_stored_under_a_supplied_hash_by_that_hash_only) {
+    flow_record& made = make();
+    made.initiator()->key.hash_value = zon_hash_calc(made.initiator(), nullptr) + 1;
+    made.initiator()->key.hash_valid = 1;
+    ASSERT_TRUE(zon_flow_table_insert(table, made.initiator()));
+    EXPECT_EQ(find(key_fields{}), nullptr);
+    key_record wanted;
+    wanted.key().hash_value = made.initiator()->key.hash_value;
+    wanted.key().hash_valid = 1;
+    EXPECT_EQ(find(wanted.half()), made.initiator());
+}
+
+TEST_F(flow_table, answers_a_destination_only_key_of_any_protocol_and_vrf) {
+    for (const uint32_t type : {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_DST_IP_PORT_ONLY}) {
+        key_fields announced;
+        announced.type = type;
+        flow_record& made = put(announced);
+        key_fields wanted = announced;
+        wanted.protocol = 17;
+        wanted.vrf_id = 4711;
+        wanted.src_ip = {9, 9, 9, 9};
+        wanted.src_port = 1;
+        EXPECT_EQ(find(wanted), made.initiator()) << key_type_name(type);
+        wanted.dst_port = 81;
+        EXPECT_EQ(find(wanted), nullptr) << key_type_name(type);
+    }
+}
+
+TEST_F(flow_table, does_not_find_a_flow_in_deletion) {
+    flow_record& made = put();
+    made.flow()->private_dying = 1;
+    EXPECT_EQ(find(key_fields{}), nullptr);
+}
+
+TEST(flow_table_that_is_missing, refuses_everything_and_does_nothing) {
+    key_record record;
+    EXPECT_FALSE(zon_flow_table_insert(nullptr, record.half()));
+    EXPECT_FALSE(zon_flow_table_insert_direct(nullptr, record.half(), 0));
+    int bucket = -1;
+    EXPECT_EQ(zon_flow_table_lookup(nullptr, record.half(), &bucket), nullptr);
+    EXPECT_EQ(bucket, -1);
+    EXPECT_FALSE(zon_flow_table_delete(nullptr, record.half(), true));
+    EXPECT_FALSE(zon_flow_table_delete_full_flow(nullptr, record.half(), record.half(), true));
+    EXPECT_EQ(zon_flow_table_num_elements(nullptr), 0U);
+    EXPECT_EQ(zon_flow_table_is_available(nullptr), zon_error_flow_table_access_failed);
+    zon_flow_table_t without_set{};
+    EXPECT_FALSE(zon_flow_table_insert(&without_set, record.half()));
+    EXPECT_EQ(zon_flow_table_lookup(&without_set, record.half(), &bucket), nullptr);
+    EXPECT_FALSE(zon_flow_table_delete(&without_set, record.half(), true));
+    EXPECT_EQ(zon_flow_table_num_elements(&without_set), 0U);
+}
+
+// ---- delete ----
+
+TEST_F(flow_table, counts_each_half_flow_that_is_deleted_singly_and_a_whole_flow_once) {
+    flow_record& made = put();
+    EXPECT_TRUE(zon_flow_table_delete(table, made.initiator(), true));
+    EXPECT_TRUE(zon_flow_table_delete(table, made.responder(), false));
+    EXPECT_EQ(table->profile_delete, 2U);
+    flow_record& other = put();
+    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, other.initiator(), other.responder(), true));
+    EXPECT_EQ(table->profile_delete, 3U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
+    EXPECT_EQ(find(key_fields{}), nullptr);
+}
+
+TEST_F(flow_table, leaves_no_lock_behind_a_deletion) {
+    flow_record& made = put();
+    zon_flow_table_delete(table, made.initiator(), true);
+    EXPECT_EQ(levels_held(table->flow_table_lock), 0);
+    EXPECT_EQ(made.lock_levels(), 1);
+}
+
+TEST_F(flow_table, counts_but_does_not_unlink_half_flows_that_are_outside) {
+    flow_record& inside = put();
+    flow_record& outside = make();  // its headers have no link back
+    EXPECT_TRUE(zon_flow_table_delete(table, outside.initiator(), true));
+    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, outside.initiator(), outside.responder(), true));
+    EXPECT_EQ(table->profile_delete, 2U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 2U);
+    EXPECT_EQ(find(key_fields{}), inside.initiator());
+}
+
+TEST_F(flow_table, unlinks_the_one_half_of_a_flow_that_is_inside) {
+    flow_record& half_inside = make();
+    ASSERT_TRUE(zon_flow_table_insert(table, half_inside.responder()));
+    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, half_inside.initiator(), half_inside.responder(), false));
+    EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
+    flow_record& other_half = make();
+    ASSERT_TRUE(zon_flow_table_insert(table, other_half.initiator()));
+    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, other_half.initiator(), other_half.responder(), false));
+    EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
+}
+
+// ---- both halves at once ----
+
+class flow_insert : public flow_table {
+protected:
+    pair_insert_result insert(flow_record& made) {
+        const pair_insert_result result =
+            zon_flow_table_insert_flow(table, made.flow(), bucket_of(made.initiator()));
+        EXPECT_EQ(made.lock_levels(), 1) << "the level of the flow's lock changed";
+        return result;
+    }
+};
+
+TEST_F(flow_insert, links_both_halves_and_counts_two) {
+    flow_record& made = make();
+    EXPECT_EQ(insert(made), pair_insert_result::linked);
+    EXPECT_EQ(table->profile_insert, 2U);
+    EXPECT_EQ(table->profile_delete, 0U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 2U);
+}
+
+TEST_F(flow_insert, counts_nothing_when_the_initiator_is_refused) {
+    create(1);
+    flow_record& blocker = make(with_forward_bucket(bucket_of(make().initiator()), {}, 50000));
+    ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
+    flow_record& made = make();
+    EXPECT_EQ(insert(made), pair_insert_result::first_refused);
+    EXPECT_EQ(table->profile_insert, 1U);
+    EXPECT_EQ(table->profile_delete, 0U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 1U);
+}
+
+TEST_F(flow_insert, counts_one_in_and_one_out_when_the_responder_is_refused) {
+    create(1);
+    flow_record& made = make();
+    ASSERT_NE(bucket_of(made.initiator()), bucket_of(made.responder())) << "the example needs two buckets";
+    flow_record& blocker = make(with_forward_bucket(bucket_of(made.responder()), {}, 50000));
+    ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
+    EXPECT_EQ(insert(made), pair_insert_result::second_refused);
+    EXPECT_EQ(table->profile_insert, 2U);
+    EXPECT_EQ(table->profile_delete, 1U);
+    EXPECT_EQ(zon_flow_table_num_elements(table), 1U);
+    EXPECT_EQ(find(key_fields{}), nullptr);
+}
+
+struct presence_row {
+    uint32_t present;
+    uint32_t fresh;
+    bool same;
+};
+class flow_presence : public flow_insert, public ::testing::WithParamInterface<presence_row> {};
+
+TEST_P(flow_presence, is_judged_by_key_and_by_complete_against_announced_complete) {
+    key_fields fields;
+    fields.type = GetParam().present;
+    ASSERT_EQ(insert(make(fields)), pair_insert_result::linked);
+    fields.type = GetParam().fresh;
+    EXPECT_EQ(insert(make(fields)),
+              GetParam().same ? pair_insert_result::already_present : pair_insert_result::linked);
+    EXPECT_EQ(zon_flow_table_num_elements(table), GetParam().same ? 2U : 4U);
+    EXPECT_EQ(table->profile_insert, GetParam().same ? 2U : 4U);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    rows, flow_presence,
+    ::testing::Values(presence_row{0, 0, true}, presence_row{3, 0, true}, presence_row{0, 3, true},
+                      presence_row{3, 3, true}, presence_row{4, 4, true}, presence_row{4, 0, false},
+                      presence_row{0, 4, false}, presence_row{5, 5, true}, presence_row{8, 5, true},
+                      presence_row{5, 8, true}, presence_row{9, 5, false}, presence_row{9, 9, true},
+                      presence_row{1, 1, true}, presence_row{2, 2, true}),
+    [](const auto& row) {
+        return std::string(key_type_name(row.param.fresh)) + "_beside_" + key_type_name(row.param.present);
+    });
+
+TEST_F(flow_insert, passes_over_a_flow_in_deletion) {
+    flow_record& leaving = make();
+    insert(leaving);
+    leaving.flow()->private_dying = 1;
+    EXPECT_EQ(insert(make()), pair_insert_result::linked);
+}
+
+TEST_F(flow_insert, lets_two_flows_share_a_reverse_key) {
+    flow_record& first = make();
+    insert(first);
+    key_fields other;
+    other.src_port = 50000;
+    flow_record& second = make(other);
+    *zon_full_key<ipv4_family>(second.responder()) = *zon_full_key<ipv4_family>(first.responder());
+    EXPECT_EQ(insert(second), pair_insert_result::linked);
+    EXPECT_EQ(find(first.responder()), second.responder()) << "the newest is found";
+}
+
+// ---- list and walks ----
+
+TEST_F(flow_table, lists_records_in_the_order_of_linking_and_stops_when_told) {
+    zon_flow_t records[3]{};
+    records[0].next_flow = &records[2];
+    for (zon_flow_t& record : records)
+        zon_flow_table_link(table, &record);
+    EXPECT_EQ(table->flow_head, &records[0]);
+    EXPECT_EQ(table->flow_tail, &records[2]);
+    EXPECT_EQ(records[2].next_flow, nullptr);
+
+    std::vector<zon_flow_t*> seen;
+    const auto note = [](zon_flow_t* flow, void* user) {
+        auto* list = static_cast<std::vector<zon_flow_t*>*>(user);
+        list->push_back(flow);
+        return list->size() != 2;
+    };
+    zon_flow_table_iterate_flow(table, note, &seen);
+    EXPECT_EQ(seen, (std::vector<zon_flow_t*>{&records[0], &records[1]}));
+    EXPECT_EQ(levels_held(table->flow_table_lock), 0);
+}
+
+TEST_F(flow_table, passes_free_records_to_a_walk_too) {
+    zon_flow_t record{};
+    record.marked_for_delete = 1;
+    zon_flow_table_link(table, &record);
+    int calls = 0;
+    zon_flow_table_iterate_flow(
+        table, [](zon_flow_t*, void* user) { return ++*static_cast<int*>(user) > 0; }, &calls);
+    EXPECT_EQ(calls, 1);
+}
+
+struct half_walk {
+    zon_flow_table_t* table;
+    std::set<zon_half_flow_t*> seen;
+    zon_error_t meanwhile = zon_error_none;
+    int lock_levels = 0;
+};
+
+TEST_F(flow_table, walks_all_half_flows_under_its_lock_whatever_the_callback_returns) {
+    flow_record& made = put();
+    half_walk walk{table, {}};
+    zon_flow_table_iterate_half_flow(
+        table,
+        [](zon_half_flow_t* half, void* user) {
+            auto* noted = static_cast<half_walk*>(user);
+            noted->seen.insert(half);
+            noted->meanwhile = zon_flow_table_is_available(noted->table);
+            noted->lock_levels = levels_held(noted->table->flow_table_lock);
+            return false;
+        },
+        &walk);
+    EXPECT_EQ(walk.seen, (std::set<zon_half_flow_t*>{made.initiator(), made.responder()}));
+    EXPECT_EQ(walk.meanwhile, zon_error_flow_table_access_failed);
+    EXPECT_EQ(walk.lock_levels, 1);
+    EXPECT_EQ(zon_flow_table_is_available(table), zon_error_none);
+}
+
+TEST_F(flow_table, is_not_available_while_it_is_in_use) {
+    EXPECT_EQ(zon_flow_table_is_available(table), zon_error_none);
+    table->in_use = true;
+    EXPECT_EQ(zon_flow_table_is_available(table), zon_error_flow_table_access_failed);
+    table->in_use = false;
+}
+
+TEST_F(flow_table, holds_twice_as_many_elements_as_flows) {
+    for (uint32_t port = 1; port <= 25; ++port) {
+        key_fields fields;
+        fields.src_port = port;
+        put(fields);
+        EXPECT_EQ(zon_flow_table_num_elements(table), 2 * port);
+    }
+}
+
+// ---- statistics and counters ----
+
+TEST_F(flow_table, reports_its_statistics_and_the_live_counts_of_announced_keys) {
+    flow_record& made = put();
+    zon_flow_table_delete(table, made.initiator(), true);
+    table->profile_passively_aged = 5;
+    const table_statistics seen = statistics_of(table);
+    EXPECT_EQ(seen.size, 13);
+    EXPECT_EQ(seen.used, 1);
+    EXPECT_EQ(seen.empty, 12);
+    EXPECT_EQ(seen.occupied, 1);
+    EXPECT_EQ(seen.average, 1);
+    EXPECT_EQ(seen.maximum, 1);
+    EXPECT_EQ(seen.inserts, 2U);
+    EXPECT_EQ(seen.deletes, 1U);
+    EXPECT_EQ(seen.aged, 5U);
+    EXPECT_FALSE(table->in_use);
+    ASSERT_EQ(static_cast<void*>(seen.preflows), table->active_preflow_count);
+}
+
+TEST_F(flow_table, clears_the_three_profile_counters_only) {
+    put();
+    table->profile_delete = 7;
+    table->profile_passively_aged = 8;
+    zon_private_increment_incomplete_inserts(table, 3);
+    zon_private_increment_active_tunnel_flows(table, ZON_TUNNEL_TYPE_TEREDO);
+    zon_flow_table_statistics_clear(table);
+    EXPECT_EQ(table->profile_insert, 0U);
+    EXPECT_EQ(table->profile_delete, 0U);
+    EXPECT_EQ(table->profile_passively_aged, 0U);
+    EXPECT_EQ(zon_private_get_incomplete_inserts(table, 3), 1U);
+    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(table, ZON_TUNNEL_TYPE_TEREDO), 1U);
+}
+
+TEST(flow_table_that_is_missing, has_no_statistics) {
+    const table_statistics seen = statistics_of(nullptr);
+    EXPECT_EQ(seen.size, -1);
+    EXPECT_EQ(seen.inserts, 99U);
+}
+
+constexpr uint32_t announced_types[] = {1, 2, 3, 4, 6, 7, 8, 9};
+
+class announced_count : public flow_table, public ::testing::WithParamInterface<uint32_t> {};
+
+TEST_P(announced_count, keeps_the_table_probing_until_it_is_back_at_zero) {
+    zon_private_increment_incomplete_inserts(table, GetParam());
+    zon_private_increment_incomplete_inserts(table, GetParam());
+    for (uint32_t type = 0; type < ZON_MAX_KEY; ++type)
+        EXPECT_EQ(zon_private_get_incomplete_inserts(table, type), type == GetParam() ? 2U : 0U);
+    EXPECT_TRUE(zon_private_has_incomplete_inserts(table));
+    zon_private_decrement_incomplete_inserts(table, GetParam());
+    EXPECT_TRUE(zon_private_has_incomplete_inserts(table));
+    zon_private_decrement_incomplete_inserts(table, GetParam());
+    EXPECT_FALSE(zon_private_has_incomplete_inserts(table));
+}
+
+TEST_P(announced_count, of_one_type_is_enough_to_go_on_probing) {
+    for (const uint32_t other : announced_types)
+        zon_private_increment_incomplete_inserts(table, other);
+    for (const uint32_t other : announced_types) {
+        if (other != GetParam())
+            zon_private_decrement_incomplete_inserts(table, other);
+    }
+    EXPECT_TRUE(zon_private_has_incomplete_inserts(table));
+    zon_private_decrement_incomplete_inserts(table, GetParam());
+    EXPECT_FALSE(zon_private_has_incomplete_inserts(table));
+}
+
+INSTANTIATE_TEST_SUITE_P(key_types, announced_count, ::testing::ValuesIn(announced_types),
+                         [](const auto& row) { return key_type_name(row.param); });
+
+TEST_F(flow_table, counts_tunnelled_flows_by_tunnel_and_others_not_at_all) {
+    for (const zon_tunnel_type_e none : {ZON_TUNNEL_TYPE_NONE, ZON_TUNNEL_TYPE_MAX}) {
+        zon_private_increment_active_tunnel_flows(table, none);
+        EXPECT_EQ(zon_private_get_active_tunnel_flows_count(table, none), 0U);
+        EXPECT_FALSE(zon_private_has_active_tunnel_flows(table, none));
+    }
+    zon_private_increment_active_tunnel_flows(table, ZON_TUNNEL_TYPE_IPV6INIP);
+    zon_private_increment_active_tunnel_flows(table, ZON_TUNNEL_TYPE_IPV6INIP);
+    zon_private_increment_active_tunnel_flows(table, ZON_TUNNEL_TYPE_TEREDO);
+    EXPECT_EQ(table->active_tunnel_flows_count.active_ipv6inip_flows_count, 2U);
+    EXPECT_EQ(table->active_tunnel_flows_count.active_teredo_flows_count, 1U);
+    zon_private_decrement_active_tunnel_flows(table, ZON_TUNNEL_TYPE_IPV6INIP);
+    zon_private_decrement_active_tunnel_flows(table, ZON_TUNNEL_TYPE_TEREDO);
+    zon_private_decrement_active_tunnel_flows(table, ZON_TUNNEL_TYPE_NONE);
+    EXPECT_TRUE(zon_private_has_active_tunnel_flows(table, ZON_TUNNEL_TYPE_IPV6INIP));
+    EXPECT_FALSE(zon_private_has_active_tunnel_flows(table, ZON_TUNNEL_TYPE_TEREDO));
+}
+
+// ---- a client's feature objects ----
+
+struct told {
+    zon_fid_t fid;
+    void* initiator;
+    void* responder;
+    void* flow;
+    zon_flow_deletion_reason_e reason;
+    zon_client_id_e client;
+    bool operator==(const told&) const = default;
+};
+std::vector<told> deletions;
+void note_deletion(zon_flow_ptr_t fid, void* initiator, void* responder, void* flow, zon_flow_deletion_reason_e reason,
+                   zon_client_id_e client) {
+    deletions.push_back({fid, initiator, responder, flow, reason, client});
+}
+
+class client_objects : public zon_test::engine_fixture {
+protected:
+    void SetUp() override {
+        engine_fixture::SetUp();
+        deletions.clear();
+        const auto packet = zon_test::packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(1000, 53);
+        first = handle(packet).fid;
+        second = handle(zon_test::packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(1001, 53)).fid;
+    }
+    zon_fid_t first = 0;
+    zon_fid_t second = 0;
+    int object = 0;
+    int other_object = 0;
+};
+
+TEST_F(client_objects, stay_when_the_client_has_no_delete_callback) {
+    ASSERT_EQ(zon_flow_attach_fo(first, client, ZON_DIR_BI, &object), zon_error_none);
+    EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_client_delete_cb_not_registered);
+    void* found = nullptr;
+    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_BI, &found), zon_error_none);
+    EXPECT_EQ(found, &object);
+}
+
+TEST_F(client_objects, are_handed_back_once_for_each_flow_that_has_one) {
+    ASSERT_EQ(zon_client_register_delete_cb(client, note_deletion), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(first, client, ZON_DIR_INITIATOR, &object), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(first, client, ZON_DIR_RESPONDER, &other_object), zon_error_none);
+    EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_none);
+    EXPECT_EQ(deletions, (std::vector<told>{
+                             {first, &object, &other_object, nullptr, ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED, client}}));
+    void* found = nullptr;
+    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_INITIATOR, &found), zon_error_feature_object_not_attached);
+    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_RESPONDER, &found), zon_error_feature_object_not_attached);
+    deletions.clear();
+    EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_none);
+    EXPECT_TRUE(deletions.empty());
+}
+
+TEST_F(client_objects, of_a_whole_flow_and_of_other_clients_are_told_apart) {
+    zon_client_id_e other = 0;
+    ASSERT_EQ(zon_client_feature_register(&other), zon_error_none);
+    ASSERT_EQ(zon_client_register_delete_cb(client, note_deletion), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(second, client, ZON_DIR_BI, &object), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(second, other, ZON_DIR_BI, &other_object), zon_error_none);
+    EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_none);
+    ASSERT_EQ(deletions.size(), 1U);
+    EXPECT_EQ(deletions[0].fid, second);
+    EXPECT_EQ(deletions[0].flow, &object);
+    void* found = nullptr;
+    EXPECT_EQ(zon_flow_get_fo(second, other, ZON_DIR_BI, &found), zon_error_none);
+    EXPECT_EQ(found, &other_object);
+}
+
+}  // namespace

@@ -1,0 +1,316 @@
+// aging_test.cpp - expiries that are on their way while packets and clients work on the same flows.
+#include <atomic>
+#include <map>
+#include <mutex>
+#include <vector>
+
+#include "osal/zon_lock.h"
+#include "support/stress_engine.h"
+#include "vem/vem_tw.h"
+#include "zon_fid_table.h"
+#include "zon_frag.h"
+
+namespace zon_test {
+namespace {
+
+constexpr uint64_t sec_us = 1'000'000;
+
+std::atomic<uint32_t> aged_flows;
+std::atomic<uint32_t> deleted_flows;
+void count_deleted(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e reason, zon_client_id_e) {
+    if (reason == ZON_FLOW_CLOSE_REASON_INACTIVE_TIMEOUT)
+        ++aged_flows;
+    ++deleted_flows;
+}
+
+// ---- an expiry that stands still just before its handler looks at the flow -------------------------------------------------
+
+// This thread keeps the lock of the identifier table, which the handler needs first and which this thread can go on taking
+// itself. Another thread turns the clock; the constructor returns when the flow's timer has been taken off the wheel.
+class expiry_on_its_way {
+public:
+    explicit expiry_on_its_way(zon_fid_t fid, uint64_t after_us) {
+        zon_lock_internal(g_zon->fid_table->fid_table_lock);
+        const zon_flow_t* flow = g_zon->fid_table->table[fid - 1];
+        turner_ = std::thread([after_us] { zon_clock_advance_us(after_us); });
+        wait_until([flow] { return !vem_tw_timer_running(&flow->timer); });
+    }
+    ~expiry_on_its_way() { arrive(); }
+    expiry_on_its_way(const expiry_on_its_way&) = delete;
+    expiry_on_its_way& operator=(const expiry_on_its_way&) = delete;
+
+    void arrive() {
+        if (!turner_.joinable())
+            return;
+        zon_unlock_internal(g_zon->fid_table->fid_table_lock);
+        turner_.join();
+    }
+
+private:
+    std::thread turner_;
+};
+
+class stale_expiry : public engine_with_timer_thread {
+protected:
+    stale_expiry() { parameters.max_flows = 1; }
+    void SetUp() override {
+        engine_with_timer_thread::SetUp();
+        aged_flows = deleted_flows = 0;
+        ASSERT_EQ(zon_client_register_delete_cb(client, count_deleted), zon_error_none);
+        watched_ = std::make_unique<watchdog>(std::chrono::seconds(60), [] {});
+    }
+    void TearDown() override {
+        engine_with_timer_thread::TearDown();
+        watched_.reset();
+    }
+    static bool timer_runs(zon_fid_t fid) { return vem_tw_timer_running(&g_zon->fid_table->table[fid - 1]->timer); }
+
+    // A flow that was last heard of long enough ago.
+    static constexpr uint64_t idle_us = 61 * sec_us;
+    static zon_fid_t idle_flow() {
+        const zon_fid_t fid = send(connection_packet::udp(1)).fid;
+        EXPECT_EQ(zon_flow_set_aging(fid, 60), zon_error_none);
+        return fid;
+    }
+
+private:
+    std::unique_ptr<watchdog> watched_;
+};
+
+TEST_F(stale_expiry, leaves_the_next_flow_of_the_record_alone) {
+    const zon_fid_t fid = idle_flow();
+    {
+        expiry_on_its_way expiry(fid, idle_us);
+        ASSERT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+        ASSERT_EQ(send(connection_packet::udp(2)).fid, fid) << "the table has one record";
+        expiry.arrive();
+    }
+    EXPECT_EQ(aged_flows, 0u) << "a new flow was aged out by the timer of the one before it";
+    EXPECT_EQ(deleted_flows, 1u);
+    EXPECT_TRUE(timer_runs(fid)) << "the new flow will never age";
+    EXPECT_EQ(send(connection_packet::udp(2)).seen.flow_pkt_count, 2u);
+}
+
+TEST_F(stale_expiry, is_called_off_by_a_longer_idle_time) {
+    const zon_fid_t fid = idle_flow();
+    {
+        expiry_on_its_way expiry(fid, idle_us);
+        ASSERT_EQ(zon_flow_set_aging(fid, 3600), zon_error_none);
+        expiry.arrive();
+    }
+    EXPECT_EQ(aged_flows, 0u) << "aged out although a client had just set an hour";
+    EXPECT_TRUE(timer_runs(fid));
+    ASSERT_EQ(zon_clock_advance_us(3601 * sec_us), zon_error_none);
+    EXPECT_EQ(aged_flows, 1u);
+}
+
+// The deleting thread holds the flow's lock, which the handler wants: it must not wait for the handler.
+TEST_F(stale_expiry, is_not_waited_for_by_a_deletion) {
+    const zon_fid_t fid = idle_flow();
+    expiry_on_its_way expiry(fid, idle_us);
+    ASSERT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+    expiry.arrive();
+    EXPECT_EQ(aged_flows, 0u);
+    EXPECT_EQ(deleted_flows, 1u);
+}
+
+TEST_F(stale_expiry, ages_an_idle_flow_when_nobody_interferes) {
+    const zon_fid_t fid = idle_flow();
+    expiry_on_its_way expiry(fid, idle_us);
+    expiry.arrive();
+    EXPECT_EQ(aged_flows, 1u);
+    EXPECT_EQ(g_zon->flow_tbl->profile_passively_aged, 1u);
+}
+
+// ---- locks that stay held ----------------------------------------------------------------------------------------------
+
+class locked_against_aging : public stale_expiry {
+protected:
+    locked_against_aging() {
+        parameters.max_flows = 8;
+        parameters.max_threads = 2;
+    }
+};
+
+// A client thread that keeps a flow locked until it is told to let go.
+class flow_holder {
+public:
+    explicit flow_holder(uint32_t connection) {
+        thread_ = std::thread([this, connection] {
+            const zon_flow_tuple_t tuple = tuple_of(connection);
+            zon_fid_t fid = 0;
+            zon_lock_t lock = nullptr;
+            EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock), zon_error_none);
+            held_ = true;
+            wait_until([this] { return let_go_.load(); });
+            zon_flow_unlock(lock);
+        });
+        wait_until([this] { return held_.load(); });
+    }
+    ~flow_holder() { let_go(); }
+    flow_holder(const flow_holder&) = delete;
+    flow_holder& operator=(const flow_holder&) = delete;
+    void let_go() {
+        let_go_ = true;
+        if (thread_.joinable())
+            thread_.join();
+    }
+
+private:
+    std::atomic<bool> held_{false};
+    std::atomic<bool> let_go_{false};
+    std::thread thread_;
+};
+
+TEST_F(locked_against_aging, flow_does_not_stop_the_aging_of_others) {
+    const zon_fid_t held = send(connection_packet::udp(1)).fid;
+    const zon_fid_t other = send(connection_packet::udp(2)).fid;
+    ASSERT_NE(g_zon->fid_table->table[held - 1]->flow_lock, g_zon->fid_table->table[other - 1]->flow_lock);
+    ASSERT_EQ(zon_flow_set_aging(held, 5), zon_error_none);
+    ASSERT_EQ(zon_flow_set_aging(other, 6), zon_error_none);
+    flow_holder holder(1);
+    ASSERT_EQ(zon_clock_advance_us(8 * sec_us), zon_error_none);
+    EXPECT_EQ(aged_flows, 1u) << "the flow that nobody holds is still there";
+    uint32_t count = 0;
+    EXPECT_EQ(zon_flow_get_packet_count(other, &count), zon_error_flow_not_found);
+    EXPECT_NE(send(connection_packet::udp(2)).fid, 0u) << "the engine stands still";
+    holder.let_go();
+    ASSERT_EQ(zon_clock_advance_us(sec_us), zon_error_none);
+    EXPECT_EQ(zon_flow_get_packet_count(held, &count), zon_error_flow_not_found) << "a held flow ages once it is let go";
+}
+
+// ---- everything at once -----------------------------------------------------------------------------------------------
+
+class aging_on_threads : public stress_engine_with_timer_thread {
+protected:
+    aging_on_threads() { parameters.max_flows = 24; }
+    void SetUp() override {
+        stress_engine_with_timer_thread::SetUp();
+        aged_flows = deleted_flows = 0;
+        ASSERT_EQ(zon_client_register_delete_cb(client, count_deleted), zon_error_none);
+    }
+    static void expect_all_timers_to_run() {
+        for (zon_fid_t fid = 1; fid <= g_zon->fid_table->allocated; ++fid) {
+            const zon_flow_t* flow = g_zon->fid_table->table[fid - 1];
+            if (flow != nullptr) {
+                EXPECT_TRUE(vem_tw_timer_running(&flow->timer)) << "flow " << fid << " will never age";
+            }
+        }
+    }
+};
+
+TEST_P(aging_on_threads, flows_age_and_keep_their_timers) {
+    constexpr uint32_t rounds = 20000;
+    constexpr uint32_t connections = 10;
+    std::atomic<uint32_t> firsts{0};
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < 2; ++thread)
+        crew.add("packets " + std::to_string(thread), [&firsts](stress_thread& self) {
+            for (uint32_t i = 0; i < rounds; ++i) {
+                self.doing("send");
+                const sent_packet sent = send(connection_packet::udp(self.below(connections)));
+                EXPECT_NE(sent.fid, 0u);
+                firsts += sent.seen.fif;
+                self.doing("set the idle time");
+                if (sent.fid != 0)
+                    zon_flow_set_aging(sent.fid, self.below(3));
+                self.stumble();
+            }
+        });
+    crew.add("clock", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds; ++i) {
+            self.doing("turn the clock");
+            zon_clock_advance_us(400'000);
+        }
+    });
+    crew.add("deleter", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds; ++i) {
+            self.doing("delete");
+            zon_delete_flow_tamonet(1 + self.below(connections), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+            self.stumble();
+        }
+    });
+    run(crew);
+    expect_all_timers_to_run();
+    EXPECT_EQ(aged_flows, g_zon->flow_tbl->profile_passively_aged);
+    EXPECT_EQ(deleted_flows + half_flows() / 2, firsts);
+    // However long a flow's last idle time was, an hour ends it.
+    ASSERT_EQ(zon_clock_advance_us(7200 * sec_us), zon_error_none);
+    EXPECT_EQ(half_flows(), 0u) << "flows that never age";
+    EXPECT_EQ(deleted_flows, firsts);
+}
+
+// ---- fragments -----------------------------------------------------------------------------------------------------------
+
+TEST_P(aging_on_threads, a_fresh_fragment_entry_outlives_the_expiry_of_the_one_before) {
+    constexpr uint32_t rounds = 3000;
+    std::atomic<uint32_t> lost{0};
+    stress_crew crew;
+    crew.add("clock", [](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            self.meet();
+            self.doing("turn the clock");
+            zon_clock_advance_us(zon_frag_idle_ms * 1000);
+            self.meet();
+        }
+    });
+    crew.add("packets", [&lost](stress_thread& self) {
+        zon_frag_table_t* table = g_zon->frag_table;
+        for (uint32_t round = 0; round < rounds; ++round) {
+            zon_frag_flow_insert_ipv4(table, 1, 0, 17, 1, 2, 7);
+            self.meet();
+            // The entry of the next datagram takes the item that this one leaves.
+            self.doing("replace the entry");
+            for (uint32_t i = 0; i < 20; ++i) {
+                zon_frag_flow_delete_ipv4(table, 1, 0, 17, 1, 2);
+                zon_frag_flow_insert_ipv4(table, 1, 0, 17, 1, 2, 8);
+            }
+            const uint64_t inserted_us = zon_clock_now_us();
+            zon_frag_flow_delete_ipv4(table, 1, 0, 17, 1, 2);
+            zon_frag_flow_insert_ipv4(table, 1, 0, 17, 1, 2, 9);
+            const bool present = zon_frag_flow_lookup_ipv4(table, 1, 0, 17, 1, 2) == 9;
+            // Unless the whole turn came in between, the entry is milliseconds old.
+            lost += !present && zon_clock_now_us() == inserted_us;
+            self.meet();
+        }
+    });
+    run(crew);
+    EXPECT_EQ(lost, 0u) << "fresh entries were removed by the timers of earlier ones";
+}
+
+TEST_P(aging_on_threads, leaves_no_fragment_entry_behind) {
+    constexpr uint32_t rounds = 10000;
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < 2; ++thread)
+        crew.add("packets " + std::to_string(thread), [thread](stress_thread& self) {
+            for (uint32_t i = 0; i < rounds; ++i) {
+                const auto ident = static_cast<uint16_t>(thread * 100 + i % 50);
+                self.doing("send fragments");
+                const zon_fid_t first = send(connection_packet::first_fragment(thread, ident)).fid;
+                EXPECT_NE(first, 0u);
+                send(connection_packet::last_fragment(thread, ident));
+                self.stumble();
+            }
+        });
+    crew.add("deleter", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds / 4; ++i) {
+            self.doing("delete");
+            zon_delete_flow_tamonet(1 + self.below(8), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+            self.stumble();
+        }
+    });
+    crew.add("clock", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds / 4; ++i) {
+            self.doing("turn the clock");
+            zon_clock_advance_us(10 * sec_us);
+        }
+    });
+    run(crew);
+    ASSERT_EQ(zon_clock_advance_us(31 * sec_us), zon_error_none);
+    EXPECT_EQ(zon_frag_entry_count(g_zon->frag_table), 0u) << "entries that never age";
+}
+
+INSTANTIATE_TEST_SUITE_P(stress, aging_on_threads, both_schedules, schedule_name);
+
+}  // namespace
+}  // namespace zon_test

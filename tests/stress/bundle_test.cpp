@@ -1,0 +1,181 @@
+// bundle_test.cpp - parents and children that are announced, promoted, walked over and deleted at the same time.
+#include <algorithm>
+#include <atomic>
+#include <vector>
+
+#include "osal/zon_lock.h"
+#include "support/stress_engine.h"
+#include "zon_fid_table.h"
+
+namespace zon_test {
+namespace {
+
+thread_local std::vector<zon_fid_t> walked;
+thread_local zon_fid_t walked_parent;
+thread_local bool check_parent;
+
+bool note_child(const zon_flow_ptr_t child) {
+    walked.push_back(child);
+    if (check_parent) {
+        zon_fid_t parent = 0;
+        if (zon_flow_get_parent(child, &parent) == zon_error_none) {
+            EXPECT_EQ(parent, walked_parent) << "flow " << child << " was visited as somebody else's child";
+        }
+    }
+    std::this_thread::yield();
+    return true;
+}
+
+std::vector<zon_fid_t> children_of(zon_fid_t parent, bool checked) {
+    walked.clear();
+    walked_parent = parent;
+    check_parent = checked;
+    zon_flow_traverse_child_flows(parent, note_child);
+    return walked;
+}
+
+zon_fid_t announce(uint32_t connection, zon_fid_t parent) {
+    const zon_flow_tuple_t tuple = tuple_of(connection);
+    zon_fid_t announced = 0;
+    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, parent, &announced, nullptr), zon_error_none);
+    return announced;
+}
+
+class families : public stress_engine {
+protected:
+    families() { parameters.max_flows = 12000; }
+};
+
+TEST_P(families, lose_no_child_that_is_promoted) {
+    constexpr uint32_t children = 5000;
+    constexpr uint32_t threads = 2;
+    const zon_fid_t parent = send(connection_packet::udp(0)).fid;
+    for (uint32_t child = 1; child <= threads * children; ++child)
+        ASSERT_NE(announce(child, parent), 0u);
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < threads; ++thread)
+        crew.add("packets " + std::to_string(thread), [thread](stress_thread& self) {
+            for (uint32_t i = 0; i < children; ++i) {
+                self.doing("promote");
+                EXPECT_EQ(send(connection_packet::udp(1 + threads * i + thread)).seen.was_promoted, 1);
+            }
+        });
+    run(crew);
+    std::vector<zon_fid_t> found = children_of(parent, false);
+    std::sort(found.begin(), found.end());
+    EXPECT_EQ(std::unique(found.begin(), found.end()), found.end()) << "a child was visited twice";
+    EXPECT_EQ(found.size(), threads * children) << "children got lost";
+}
+
+// Several parents, few locks: walks hold a parent and want its children, deletions and promotions hold a child.
+class small_families : public stress_engine {
+protected:
+    small_families() {
+        parameters.max_flows = 64;
+        parameters.max_threads = 2;
+    }
+
+    static constexpr uint32_t parents = 3;
+    static constexpr uint32_t children_each = 5;
+    static uint32_t child_number(uint32_t parent, uint32_t child) { return 100 * (parent + 1) + child; }
+
+    static void add_parents_and_children(stress_crew& crew, uint32_t thread, uint32_t rounds) {
+        crew.add("family " + std::to_string(thread), [rounds](stress_thread& self) {
+            for (uint32_t i = 0; i < rounds; ++i) {
+                const uint32_t parent = self.below(parents);
+                const uint32_t child = child_number(parent, self.below(children_each));
+                self.doing("parent's packet");
+                const zon_fid_t parent_fid = send(connection_packet::udp(parent)).fid;
+                self.doing("announce a child");
+                announce(child, parent_fid);
+                self.doing("child's packet");
+                send(connection_packet::udp(child));
+            }
+        });
+    }
+    static void add_walker(stress_crew& crew, uint32_t rounds) {
+        crew.add("walker", [rounds](stress_thread& self) {
+            for (uint32_t i = 0; i < rounds; ++i) {
+                self.doing("walk over the children");
+                std::vector<zon_fid_t> found = children_of(1 + self.below(24), true);
+                std::sort(found.begin(), found.end());
+                EXPECT_EQ(std::unique(found.begin(), found.end()), found.end()) << "a child was visited twice";
+                self.doing("ask for a parent");
+                zon_fid_t parent = 0;
+                zon_flow_get_parent(1 + self.below(24), &parent);
+            }
+        });
+    }
+};
+
+TEST_P(small_families, are_walked_over_while_they_change) {
+    constexpr uint32_t rounds = 10000;
+    stress_crew crew;
+    add_parents_and_children(crew, 0, rounds);
+    add_parents_and_children(crew, 1, rounds);
+    add_walker(crew, rounds / 2);
+    add_walker(crew, rounds / 2);
+    crew.add("deleter", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds; ++i) {
+            self.doing("delete");
+            zon_delete_flow_tamonet(1 + self.below(24), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+            self.stumble();
+        }
+    });
+    crew.add("dump", [](stress_thread& self) {
+        zon_dump_flow_context filter{};
+        filter.print_active = true;
+        for (uint32_t i = 0; i < rounds / 20; ++i) {
+            self.doing("dump");
+            zon_fid_table_iterate_flow(
+                g_zon->fid_table, [](zon_flow_report_t*, void*) {}, &filter);
+        }
+    });
+    run(crew);
+    delete_all_flows();
+    expect_no_pre_flows();
+}
+
+// ---- the lock of a client that deletes a child -------------------------------------------------------------------------
+
+bool held_elsewhere(zon_lock_t lock) {
+    bool held = true;
+    std::thread([lock, &held] {
+        if (zon_try_lock_internal(lock)) {
+            zon_unlock_internal(lock);
+            held = false;
+        }
+    }).join();
+    return held;
+}
+
+class one_lock_family : public contended_engine {
+protected:
+    one_lock_family() { parameters.max_threads = 1; }
+};
+
+TEST_F(one_lock_family, deletion_of_a_child_leaves_the_caller_its_lock) {
+    const zon_fid_t parent = send(connection_packet::udp(0)).fid;
+    zon_fid_t children[3];
+    for (uint32_t child = 0; child < 3; ++child) {
+        announce(1 + child, parent);
+        children[child] = send(connection_packet::udp(1 + child)).fid;
+    }
+    ASSERT_EQ(children_of(parent, false).size(), 3u);
+    const zon_flow_tuple_t held = tuple_of(0);
+    zon_fid_t fid = 0;
+    zon_lock_t lock = nullptr;
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &held, &fid, &lock), zon_error_none);
+    for (const zon_fid_t child : {children[1], children[2], children[0]}) {
+        EXPECT_TRUE(zon_delete_flow_tamonet(child, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+        EXPECT_TRUE(held_elsewhere(lock)) << "the deletion of a child gave the caller's lock away";
+    }
+    EXPECT_EQ(zon_flow_unlock(lock), zon_error_none);
+    EXPECT_FALSE(held_elsewhere(lock)) << "a level of the lock was left behind";
+}
+
+INSTANTIATE_TEST_SUITE_P(stress, families, both_schedules, schedule_name);
+INSTANTIATE_TEST_SUITE_P(stress, small_families, both_schedules, schedule_name);
+
+}  // namespace
+}  // namespace zon_test

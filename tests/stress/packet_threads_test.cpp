@@ -1,0 +1,254 @@
+// packet_threads_test.cpp - packets of the same connections on several threads.
+#include <atomic>
+#include <set>
+#include <vector>
+
+#include "support/stress_engine.h"
+#include "zon_flow_table_inline.h"
+
+// The engine asks the host about address translation in the middle of a flow's creation, between the search for the flow
+// and its insertion. There is none here; the tests let other threads in at this point.
+static std::atomic<bool> pause_creation{false};
+extern "C" bool zon_ipnat_enabled(void*) {
+    if (pause_creation.load(std::memory_order_relaxed))
+        std::this_thread::yield();
+    return false;
+}
+
+namespace zon_test {
+namespace {
+
+constexpr uint32_t packet_threads = 3;
+
+class packets_on_threads : public stress_engine {
+protected:
+    packets_on_threads() { parameters.max_flows = 20000; }
+    void SetUp() override {
+        stress_engine::SetUp();
+        pause_creation = true;
+    }
+    void TearDown() override {
+        pause_creation = false;
+        stress_engine::TearDown();
+    }
+};
+
+struct seen_packet {
+    zon_fid_t fid;
+    uint32_t count;
+    bool first;
+    bool promoted;
+};
+using seen_round = std::array<seen_packet, packet_threads>;
+
+seen_packet as_seen(const sent_packet& sent) {
+    return {sent.fid, sent.seen.flow_pkt_count, sent.seen.fif != 0, sent.seen.was_promoted != 0};
+}
+
+// Every thread's packet was counted to the one flow, as its first, second, ...
+void expect_one_flow(const seen_round& round, uint32_t number) {
+    uint32_t firsts = 0;
+    std::set<uint32_t> counts;
+    for (const seen_packet& packet : round) {
+        EXPECT_NE(packet.fid, 0u) << "connection " << number << " has a packet without a flow";
+        EXPECT_EQ(packet.fid, round[0].fid) << "connection " << number << " has two flows";
+        EXPECT_TRUE(counts.insert(packet.count).second) << "two packets of connection " << number << " are packet "
+                                                        << packet.count;
+        EXPECT_LE(packet.count, packet_threads);
+        EXPECT_EQ(packet.first, packet.count == 1) << "connection " << number;
+        firsts += packet.first;
+    }
+    EXPECT_EQ(firsts, 1u) << "connection " << number;
+}
+
+TEST_P(packets_on_threads, make_one_flow_of_one_connection) {
+    constexpr uint32_t rounds = 1500;
+    std::vector<seen_round> seen(rounds);
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < packet_threads; ++thread)
+        crew.add("packets " + std::to_string(thread), [&seen, thread](stress_thread& self) {
+            for (uint32_t round = 0; round < rounds; ++round) {
+                self.meet();
+                self.doing("send the first packet");
+                // One of them comes from the other side.
+                seen[round][thread] = as_seen(send(connection_packet::udp(round, thread == 1)));
+            }
+        });
+    run(crew);
+    for (uint32_t round = 0; round < rounds; ++round)
+        expect_one_flow(seen[round], round);
+    EXPECT_EQ(half_flows(), 2 * rounds);
+    EXPECT_EQ(g_zon->flow_tbl->profile_insert, 2 * rounds);
+    EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2 * rounds);
+}
+
+// A pre-create callback that pauses widens the time between a packet's search and its flow's insertion.
+bool allow_after_a_pause(void*, zon_client_id_e) {
+    std::this_thread::yield();
+    return true;
+}
+
+TEST_P(packets_on_threads, make_one_flow_while_clients_are_asked) {
+    ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, allow_after_a_pause), zon_error_none);
+    constexpr uint32_t rounds = 1000;
+    std::vector<seen_round> seen(rounds);
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < packet_threads; ++thread)
+        crew.add("packets " + std::to_string(thread), [&seen, thread](stress_thread& self) {
+            for (uint32_t round = 0; round < rounds; ++round) {
+                self.meet();
+                self.doing("send the first packet");
+                seen[round][thread] = as_seen(send(connection_packet::tcp(round)));
+            }
+        });
+    run(crew);
+    for (uint32_t round = 0; round < rounds; ++round)
+        expect_one_flow(seen[round], round);
+    EXPECT_EQ(half_flows(), 2 * rounds);
+}
+
+// ---- announced flows -------------------------------------------------------------------------------------------------
+
+struct announced_round {
+    seen_round packets{};
+    zon_fid_t announced = 0;
+};
+
+
+class packets_and_announcements : public packets_on_threads {
+protected:
+    // Announces each connection while its first packets arrive.
+    std::vector<announced_round> announce_and_send(zon_flow_tuple_type_t type, uint32_t rounds) {
+        std::vector<announced_round> all(rounds);
+        stress_crew crew;
+        crew.add("announcer", [&all, type](stress_thread& self) {
+            for (uint32_t number = 0; number < all.size(); ++number) {
+                self.meet();
+                self.doing("announce");
+                const zon_flow_tuple_t tuple = tuple_of(number);
+                EXPECT_EQ(zon_pre_flow_add(type, &tuple, 0, &all[number].announced, nullptr), zon_error_none);
+                self.meet();
+            }
+        });
+        for (uint32_t thread = 0; thread + 1 < packet_threads; ++thread)
+            crew.add("packets " + std::to_string(thread), [&all, thread](stress_thread& self) {
+                for (uint32_t number = 0; number < all.size(); ++number) {
+                    self.meet();
+                    self.doing("send");
+                    all[number].packets[thread] = as_seen(send(connection_packet::udp(number)));
+                    self.meet();
+                }
+            });
+        run(crew);
+        return all;
+    }
+};
+
+TEST_P(packets_and_announcements, share_the_flow_of_a_complete_tuple) {
+    constexpr uint32_t rounds = 1500;
+    const std::vector<announced_round> all = announce_and_send(ZON_FLOW_TUPLE_TYPE_COMPLETE, rounds);
+    for (uint32_t number = 0; number < rounds; ++number) {
+        const seen_packet* packets = all[number].packets.data();
+        EXPECT_EQ(packets[0].fid, all[number].announced) << "connection " << number << " has a flow and a pre-flow";
+        EXPECT_EQ(packets[1].fid, all[number].announced) << "connection " << number << " has a flow and a pre-flow";
+        EXPECT_EQ(packets[0].count + packets[1].count, 3u) << "connection " << number;
+        EXPECT_LE(packets[0].promoted + packets[1].promoted, 1) << "connection " << number << " was promoted twice";
+    }
+    EXPECT_EQ(half_flows(), 2 * rounds);
+    expect_no_pre_flows();
+}
+
+TEST_P(packets_and_announcements, promote_once_what_was_announced_in_part) {
+    constexpr uint32_t rounds = 1500;
+    std::vector<announced_round> all;
+    {
+        stress_crew crew;
+        all.resize(rounds);
+        // Announced before the packets: each must be promoted, by exactly one of them.
+        crew.add("announcer", [&all](stress_thread& self) {
+            for (uint32_t number = 0; number < rounds; ++number) {
+                self.doing("announce");
+                const zon_flow_tuple_t tuple = tuple_of(number);
+                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &all[number].announced,
+                                           nullptr),
+                          zon_error_none);
+                self.meet();
+                self.meet();
+            }
+        });
+        for (uint32_t thread = 0; thread + 1 < packet_threads; ++thread)
+            crew.add("packets " + std::to_string(thread), [&all, thread](stress_thread& self) {
+                for (uint32_t number = 0; number < rounds; ++number) {
+                    self.meet();
+                    self.doing("send");
+                    all[number].packets[thread] = as_seen(send(connection_packet::udp(number)));
+                    self.meet();
+                }
+            });
+        run(crew);
+    }
+    for (uint32_t number = 0; number < rounds; ++number) {
+        const seen_packet* packets = all[number].packets.data();
+        EXPECT_EQ(packets[0].fid, all[number].announced) << "connection " << number;
+        EXPECT_EQ(packets[1].fid, all[number].announced) << "connection " << number;
+        EXPECT_EQ(packets[0].count + packets[1].count, 3u) << "connection " << number;
+        EXPECT_EQ(packets[0].promoted + packets[1].promoted, 1) << "connection " << number;
+    }
+    EXPECT_EQ(half_flows(), 2 * rounds);
+    expect_no_pre_flows();
+}
+
+// Every thread announces and uses connections of its own: what the others take back must not hide what it has announced.
+TEST_P(packets_and_announcements, find_each_live_announcement) {
+    constexpr uint32_t rounds = 3000;
+    std::atomic<uint32_t> missed{0};
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < packet_threads; ++thread)
+        crew.add("announcer " + std::to_string(thread), [&missed, thread](stress_thread& self) {
+            const uint32_t number = thread + 1;
+            const zon_flow_tuple_type_t types[] = {ZON_FLOW_TUPLE_TYPE_COMPLETE, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN};
+            for (uint32_t round = 0; round < rounds; ++round) {
+                const zon_flow_tuple_t tuple = tuple_of(number);
+                zon_fid_t announced = 0;
+                self.doing("announce");
+                EXPECT_EQ(zon_pre_flow_add(types[self.below(2)], &tuple, 0, &announced, nullptr), zon_error_none);
+                self.doing("send");
+                const sent_packet sent = send(connection_packet::udp(number));
+                missed += sent.fid != announced || sent.seen.was_promoted == 0;
+                self.doing("delete");
+                EXPECT_TRUE(zon_delete_flow_tamonet(sent.fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+                self.stumble();
+            }
+        });
+    run(crew);
+    EXPECT_EQ(missed, 0u) << "announced flows were not found by their first packets";
+    expect_no_pre_flows();
+}
+
+// Two clients announce the same tuple: one announcement.
+TEST_P(packets_and_announcements, make_one_announcement_of_one_tuple) {
+    constexpr uint32_t rounds = 1500;
+    std::vector<std::array<zon_fid_t, 2>> fids(rounds);
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < 2; ++thread)
+        crew.add("announcer " + std::to_string(thread), [&fids, thread](stress_thread& self) {
+            for (uint32_t number = 0; number < rounds; ++number) {
+                self.meet();
+                self.doing("announce");
+                const zon_flow_tuple_t tuple = tuple_of(number);
+                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fids[number][thread], nullptr),
+                          zon_error_none);
+            }
+        });
+    run(crew);
+    for (uint32_t number = 0; number < rounds; ++number)
+        EXPECT_EQ(fids[number][0], fids[number][1]) << "tuple " << number << " was announced twice";
+    EXPECT_EQ(half_flows(), 2 * rounds);
+    EXPECT_EQ(zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 2 * rounds);
+}
+
+INSTANTIATE_TEST_SUITE_P(stress, packets_on_threads, both_schedules, schedule_name);
+INSTANTIATE_TEST_SUITE_P(stress, packets_and_announcements, both_schedules, schedule_name);
+
+}  // namespace
+}  // namespace zon_test

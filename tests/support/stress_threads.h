@@ -1,0 +1,122 @@
+// stress_threads.h - threads that start together and are watched, for tests of what happens when they meet.
+//
+//   stress_crew crew;
+//   crew.add("packets", [&](stress_thread& self) { for (...) { self.doing("send"); ... self.meet(); } });
+//   crew.add("deleter", ...);
+//   crew.run(GetParam());
+//
+// Every body ends by itself after a number of operations. On one thread the bodies run one after the other: that tests the
+// test. Together they start at a barrier, and whoever hangs is named by the watchdog.
+
+#pragma once
+
+#include <atomic>
+#include <barrier>
+#include <chrono>
+#include <cstdint>
+#include <cstdio>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/watchdog.h"
+
+namespace zon_test {
+
+enum class schedule { one_thread, together };
+
+inline std::string name_of(schedule how) { return how == schedule::one_thread ? "one_thread" : "together"; }
+
+inline constexpr uint32_t stress_seed = 20250131;
+
+class stress_thread {
+public:
+    stress_thread(std::string name, uint32_t seed) : name_(std::move(name)), random_(seed) {}
+
+    // What it is about to do, for the watchdog; a literal.
+    void doing(const char* step) {
+        step_.store(step, std::memory_order_relaxed);
+        steps_.fetch_add(1, std::memory_order_relaxed);
+    }
+    // Waits for all threads of the crew, every time the same number of times on each; nothing on one thread.
+    void meet() {
+        if (barrier_ != nullptr) {
+            doing("wait for the others");
+            barrier_->arrive_and_wait();
+        }
+    }
+    uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
+    // Lets others in now and then, so that a single core also meets the odd interleaving.
+    void stumble() {
+        if (below(8) == 0)
+            std::this_thread::yield();
+    }
+
+private:
+    friend class stress_crew;
+    std::string name_;
+    std::minstd_rand random_;
+    std::atomic<const char*> step_{"start"};
+    std::atomic<uint64_t> steps_{0};
+    std::atomic<bool> done_{false};
+    std::barrier<>* barrier_ = nullptr;
+};
+
+class stress_crew {
+public:
+    using body = std::function<void(stress_thread&)>;
+
+    void add(std::string name, body what) {
+        const auto number = static_cast<uint32_t>(members_.size());
+        members_.push_back({std::make_unique<stress_thread>(std::move(name), stress_seed + number), std::move(what)});
+    }
+
+    void run(schedule how, std::chrono::seconds limit = std::chrono::seconds(60)) {
+        const watchdog watched(limit, [this] { describe(); });
+        if (how == schedule::one_thread) {
+            for (member& each : members_)
+                work(each);
+        } else {
+            run_together();
+        }
+    }
+
+private:
+    struct member {
+        std::unique_ptr<stress_thread> self;
+        body what;
+    };
+
+    static void work(member& each) {
+        each.what(*each.self);
+        each.self->done_.store(true, std::memory_order_relaxed);
+    }
+
+    void run_together() {
+        std::barrier<> barrier(static_cast<std::ptrdiff_t>(members_.size()));
+        std::vector<std::thread> threads;
+        for (member& each : members_) {
+            each.self->barrier_ = &barrier;
+            threads.emplace_back([&each, &barrier] {
+                barrier.arrive_and_wait();
+                work(each);
+            });
+        }
+        for (std::thread& thread : threads)
+            thread.join();
+    }
+
+    void describe() const {
+        for (const member& each : members_)
+            std::fprintf(stderr, "  %-24s step %llu: %s\n", each.self->name_.c_str(),
+                         static_cast<unsigned long long>(each.self->steps_.load()),
+                         each.self->done_.load() ? "done" : each.self->step_.load());
+    }
+
+    std::vector<member> members_;
+};
+
+}  // namespace zon_test

@@ -1,0 +1,49 @@
+/* vem_mem_chunk.h - chunks: pools of records of one size.
+ *
+ * A chunk takes memory from the heap in pieces that grow up to some megabytes and gives none back
+ * before it is destroyed, so that a record once handed out stays readable memory of that chunk.
+ * Records of a piece lie side by side and are first handed out in the order of their addresses; the
+ * record freed last is handed out next.
+ *
+ * Threads    any thread; a chunk locks itself. Nobody uses a chunk that is being destroyed.
+ * Ownership  who gets a record owns it until it is freed; destruction frees the records that are
+ *            still out.
+ * Errors     NULL or false; a NULL chunk gives NULL or false.
+ */
+#ifndef VEM_MEM_CHUNK_H
+#define VEM_MEM_CHUNK_H
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#ifndef VEM_CHUNK_TYPE_DEFINED
+#define VEM_CHUNK_TYPE_DEFINED
+typedef struct vem_chunk_* vem_chunk_type;
+#endif
+
+/* Creates a chunk of records of element_size bytes (rounded up to a multiple of 8, at least 8),
+ * aligned to 8. It grows by at least create_elements records at a time (0 counts as 1), not before
+ * the first one is asked for. The name is for people who debug and may be NULL; the three integers
+ * are ignored. NULL when the sizes overflow or there is no memory. */
+vem_chunk_type vem_mem_chunk_create(size_t element_size, uint32_t create_elements, int unused1,
+                                    int unused2, int unused3, const char* name);
+
+/* A record with arbitrary content, or NULL when the heap is exhausted. */
+void* vem_mem_chunk_malloc(vem_chunk_type chunk);
+
+/* Takes back a record of this chunk; false for NULL. */
+bool vem_mem_chunk_free(vem_chunk_type chunk, void* element);
+
+/* Gives all memory back to the heap. */
+bool vem_mem_chunk_destroy(vem_chunk_type chunk);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

@@ -1,0 +1,42 @@
+// vem_condition.h - a condition variable that lives in static storage and sleeps by
+// CLOCK_MONOTONIC.
+//
+// It is never destroyed: a thread may still sleep on it while the process ends, and the destructor
+// of a standard one would wait for that thread.
+#ifndef VEM_CONDITION_H
+#define VEM_CONDITION_H
+
+#include <pthread.h>
+#include <time.h>
+
+#include <cstdint>
+#include <mutex>
+
+namespace vem {
+
+class condition {
+public:
+    constexpr condition() = default;
+    condition(const condition&) = delete;
+    condition& operator=(const condition&) = delete;
+
+    void wait(std::unique_lock<std::mutex>& lock) {
+        pthread_cond_wait(&cond_, lock.mutex()->native_handle());
+    }
+
+    void wait_until(std::unique_lock<std::mutex>& lock, uint64_t monotonic_us) {
+        timespec until{};
+        until.tv_sec = static_cast<time_t>(monotonic_us / 1'000'000);
+        until.tv_nsec = static_cast<long>(monotonic_us % 1'000'000) * 1000;
+        pthread_cond_clockwait(&cond_, lock.mutex()->native_handle(), CLOCK_MONOTONIC, &until);
+    }
+
+    void notify_all() { pthread_cond_broadcast(&cond_); }
+
+private:
+    pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
+};
+
+}  // namespace vem
+
+#endif

@@ -1,0 +1,189 @@
+// vem_mem_chunk.cpp - pools of records of one size.
+//
+// Owns   the pieces that records are cut from, until the chunk is destroyed.
+// Locks  one mutex a chunk, innermost.
+#include "vem/vem_mem_chunk.h"
+
+#include <sys/mman.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+#include <new>
+
+#if defined(__SANITIZE_ADDRESS__)
+#define VEM_WATCHES_MEMORY 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer)
+#define VEM_WATCHES_MEMORY 1
+#endif
+#endif
+#if defined(VEM_WATCHES_MEMORY)
+#include <sanitizer/asan_interface.h>
+#endif
+
+namespace {
+
+constexpr size_t cache_line = 64;
+constexpr size_t huge_page = size_t{2} << 20;
+constexpr size_t record_alignment = 8;
+
+// At the start of each piece.
+struct alignas(cache_line) piece_header {
+    piece_header* next;
+    size_t bytes;
+};
+
+struct free_record {
+    free_record* next;
+};
+
+size_t rounded_up(size_t size, size_t multiple) {
+    return (size + multiple - 1) / multiple * multiple;
+}
+
+// Under the address sanitizer a use of a record that nobody owns is reported like a use of freed
+// heap memory.
+void forbid(void* memory, size_t bytes) {
+#if defined(VEM_WATCHES_MEMORY)
+    ASAN_POISON_MEMORY_REGION(memory, bytes);
+#else
+    (void)memory;
+    (void)bytes;
+#endif
+}
+
+void allow(void* memory, size_t bytes) {
+#if defined(VEM_WATCHES_MEMORY)
+    ASAN_UNPOISON_MEMORY_REGION(memory, bytes);
+#else
+    (void)memory;
+    (void)bytes;
+#endif
+}
+
+// Large pieces sit on huge pages: with a million records nearly every access would miss the small
+// pages' TLB.
+piece_header* obtain_piece(size_t wanted) {
+    const bool large = wanted >= huge_page;
+    const size_t alignment = large ? huge_page : cache_line;
+    const size_t bytes = rounded_up(wanted, alignment);
+    void* memory = std::aligned_alloc(alignment, bytes);
+    if (memory == nullptr) {
+        return nullptr;
+    }
+    if (large) {
+        madvise(memory, bytes, MADV_HUGEPAGE);  // advice only; small pages serve as well
+    }
+    return new (memory) piece_header{nullptr, bytes};
+}
+
+}  // namespace
+
+struct vem_chunk_ {
+    vem_chunk_(size_t record_bytes, size_t step_bytes)
+        : record_bytes_(record_bytes), step_bytes_(step_bytes), piece_bytes_(step_bytes) {}
+
+    ~vem_chunk_() {
+        while (pieces_ != nullptr) {
+            piece_header* piece = pieces_;
+            pieces_ = piece->next;
+            allow(piece, piece->bytes);
+            std::free(piece);
+        }
+    }
+
+    vem_chunk_(const vem_chunk_&) = delete;
+    vem_chunk_& operator=(const vem_chunk_&) = delete;
+
+    void set_name(const char* name) { std::strncpy(name_.data(), name, name_.size() - 1); }
+
+    void* take() {
+        const std::lock_guard lock(mutex_);
+        if (free_ != nullptr) {
+            free_record* record = free_;
+            allow(record, record_bytes_);
+            free_ = record->next;
+            return record;
+        }
+        if (static_cast<size_t>(untouched_end_ - untouched_) < record_bytes_ && !grow()) {
+            return nullptr;
+        }
+        void* record = untouched_;
+        untouched_ += record_bytes_;
+        allow(record, record_bytes_);
+        return record;
+    }
+
+    void give_back(void* memory) {
+        const std::lock_guard lock(mutex_);
+        free_ = new (memory) free_record{free_};
+        forbid(memory, record_bytes_);
+    }
+
+private:
+    // Each piece is twice the last one, up to a huge page, so that the heap is asked rarely.
+    bool grow() {
+        piece_header* piece = obtain_piece(piece_bytes_);
+        if (piece == nullptr && piece_bytes_ > step_bytes_) {
+            piece = obtain_piece(step_bytes_);
+        }
+        if (piece == nullptr) {
+            return false;
+        }
+        piece->next = pieces_;
+        pieces_ = piece;
+        untouched_ = reinterpret_cast<char*>(piece + 1);
+        untouched_end_ = reinterpret_cast<char*>(piece) + piece->bytes;
+        forbid(untouched_, piece->bytes - sizeof(piece_header));
+        piece_bytes_ = std::max(step_bytes_, std::min(piece_bytes_ * 2, huge_page));
+        return true;
+    }
+
+    const size_t record_bytes_;
+    const size_t step_bytes_;  // the least that a piece has, header and all
+    size_t piece_bytes_;       // what the next piece has
+    std::mutex mutex_;
+    free_record* free_ = nullptr;
+    char* untouched_ = nullptr;  // the rest of the newest piece
+    char* untouched_end_ = nullptr;
+    piece_header* pieces_ = nullptr;
+    std::array<char, 64> name_{};
+};
+
+vem_chunk_type vem_mem_chunk_create(size_t element_size, uint32_t create_elements, int, int, int,
+                                    const char* name) {
+    constexpr size_t most_bytes = size_t{1} << 62;
+    if (element_size > most_bytes) {
+        return nullptr;
+    }
+    const size_t record = rounded_up(std::max(element_size, sizeof(free_record)), record_alignment);
+    const size_t step = std::max(create_elements, 1U);
+    if (step > most_bytes / record) {
+        return nullptr;
+    }
+    auto* chunk = new (std::nothrow) vem_chunk_(record, record * step + sizeof(piece_header));
+    if (chunk != nullptr && name != nullptr) {
+        chunk->set_name(name);
+    }
+    return chunk;
+}
+
+void* vem_mem_chunk_malloc(vem_chunk_type chunk) {
+    return chunk == nullptr ? nullptr : chunk->take();
+}
+
+bool vem_mem_chunk_free(vem_chunk_type chunk, void* element) {
+    if (chunk == nullptr || element == nullptr) {
+        return false;
+    }
+    chunk->give_back(element);
+    return true;
+}
+
+bool vem_mem_chunk_destroy(vem_chunk_type chunk) {
+    delete chunk;
+    return chunk != nullptr;
+}
