@@ -1,7 +1,8 @@
 /* zon_fe_inline.h - reads fields of a parsed packet on demand.
  *
- * A parse handle (zon_dp_fe_t) holds little more than where the headers start; whatever else is wanted is read from the
- * packet here. Nothing is checked: the bytes must be there, and the accessor must suit the packet's family and protocol.
+ * A parse handle (zon_dp_fe_t) holds little more than where the headers start; whatever else is
+ * wanted is read from the packet here. Nothing is checked: the bytes must be there, and the
+ * accessor must suit the packet's family and protocol.
  *
  * Threads    any; only the handle and the packet are read.
  * Byte order results are in host order; packets may stand at any address.
@@ -22,21 +23,26 @@ static inline uint16_t GETSHORT(const void* at) {
 }
 static inline uint32_t GETLONG(const void* at) {
     const uint8_t* bytes = (const uint8_t*)at;
-    return ((uint32_t)bytes[0] << 24) | ((uint32_t)bytes[1] << 16) | ((uint32_t)bytes[2] << 8) | bytes[3];
+    return ((uint32_t)bytes[0] << 24) | ((uint32_t)bytes[1] << 16) | ((uint32_t)bytes[2] << 8) |
+           bytes[3];
 }
 
 /* Bytes of storage that a parse handle needs. */
-static inline size_t zon_fe_size(void) { return sizeof(zon_dp_fe_t); }
+static inline size_t zon_fe_size(void) {
+    return sizeof(zon_dp_fe_t);
+}
 
-/* ---- network layer --------------------------------------------------------------------------------------------- */
+/* ---- network layer
+ * --------------------------------------------------------------------------------------------- */
 
-/* IPv4: total length without the header, modulo 2^16 (RFC 791 3.1). IPv6: the payload length field, extension headers
- * included (RFC 8200 3). 0 for neither. */
+/* IPv4: total length without the header, modulo 2^16 (RFC 791 3.1). IPv6: the payload length field,
+ * extension headers included (RFC 8200 3). 0 for neither. */
 static inline uint32_t zon_token_ip_l3_payload_size(const zon_fe_handle fe) {
     const zon_dp_fe_t* parsed = (const zon_dp_fe_t*)fe;
     switch (parsed->l3_proto) {
     case ZON_L3_IPV4:
-        return (uint16_t)(GETSHORT(parsed->network_start + 2) - (parsed->network_start[0] & 15) * 4);
+        return (uint16_t)(GETSHORT(parsed->network_start + 2) -
+                          (parsed->network_start[0] & 15) * 4);
     case ZON_L3_IPV6:
         return GETSHORT(parsed->network_start + 4);
     default:
@@ -59,14 +65,18 @@ static inline const uint32_t* zon_ipv6_dstip(const zon_fe_handle fe) {
     return ((const zon_dp_fe_t*)fe)->ipv6_dstaddr;
 }
 
-/* Non-zero when the packet runs from the flow's initiator to its responder; known once the engine has seen it. */
+/* Non-zero when the packet runs from the flow's initiator to its responder; known once the engine
+ * has seen it. */
 static inline uint8_t zon_token_pack_dir_i2r(const zon_fe_handle fe) {
     return ((const zon_dp_fe_t*)fe)->i2r_flag;
 }
 
-/* ---- fragments ------------------------------------------------------------------------------------------------- */
+/* ---- fragments
+ * -------------------------------------------------------------------------------------------------
+ */
 
-/* Where a packet stands in its datagram, by its fragment offset (in any unit) and its more-fragments bit. */
+/* Where a packet stands in its datagram, by its fragment offset (in any unit) and its
+ * more-fragments bit. */
 static inline zon_ip_frag_e zon_ip_frag_logic(uint16_t frag_offset, uint16_t more_frag) {
     if (frag_offset == 0)
         return more_frag != 0 ? zon_ip_frag_first : zon_ip_frag_none;
@@ -77,7 +87,9 @@ static inline zon_ip_frag_e zon_ipv4_frag_type(const zon_fe_handle fe) {
     const uint16_t word = GETSHORT(((const zon_dp_fe_t*)fe)->network_start + 6);
     return zon_ip_frag_logic((uint16_t)(word & 0x1FFF), (uint16_t)(word & 0x2000));
 }
-static inline bool zon_ipv4_is_frag(const zon_fe_handle fe) { return zon_ipv4_frag_type(fe) != zon_ip_frag_none; }
+static inline bool zon_ipv4_is_frag(const zon_fe_handle fe) {
+    return zon_ipv4_frag_type(fe) != zon_ip_frag_none;
+}
 static inline bool zon_ipv4_is_first_frag(const zon_fe_handle fe) {
     return zon_ipv4_frag_type(fe) == zon_ip_frag_first;
 }
@@ -97,10 +109,13 @@ static inline uint32_t zon_ipv6_frag_id(const zon_fe_handle fe) {
     return GETLONG(((const zon_dp_fe_t*)fe)->ipv6_frag_hdr + 4);
 }
 
-/* ---- transport layer ------------------------------------------------------------------------------------------- */
+/* ---- transport layer
+ * ------------------------------------------------------------------------------------------- */
 
 /* Ports of a TCP or UDP packet. */
-static inline uint16_t zon_srcport(const zon_fe_handle fe) { return GETSHORT(((const zon_dp_fe_t*)fe)->l4_start); }
+static inline uint16_t zon_srcport(const zon_fe_handle fe) {
+    return GETSHORT(((const zon_dp_fe_t*)fe)->l4_start);
+}
 static inline uint16_t zon_dstport(const zon_fe_handle fe) {
     return GETSHORT(((const zon_dp_fe_t*)fe)->l4_start + 2);
 }

@@ -17,7 +17,8 @@ namespace {
 bool is_end(uint32_t ip, uint32_t port, const uint32_t* wanted_ip, uint16_t wanted_port) {
     return ip == wanted_ip[0] && port == wanted_port;
 }
-bool is_end(const uint32_t (&ip)[4], uint32_t port, const uint32_t* wanted_ip, uint16_t wanted_port) {
+bool is_end(const uint32_t (&ip)[4], uint32_t port, const uint32_t* wanted_ip,
+            uint16_t wanted_port) {
     return std::equal(std::begin(ip), std::end(ip), wanted_ip) && port == wanted_port;
 }
 
@@ -41,18 +42,21 @@ bool side_has_objects(const zon_flow_t* flow, zon_flow_direction_e dir) {
 
 }  // namespace
 
-bool zon_flow_compare_ip_and_port(uint8_t ip_type, uint32_t* ipaddr, uint16_t port, zon_key_t* key) {
+bool zon_flow_compare_ip_and_port(uint8_t ip_type, uint32_t* ipaddr, uint16_t port,
+                                  zon_key_t* key) {
     if (ipaddr == nullptr)
         return false;
     if (ip_type == zon_filter_ipv4)
-        return key->key_type <= ZON_IPV4_LAST_KEY && has_end(*reinterpret_cast<zon_ipv4_key_t*>(key), ipaddr, port);
+        return key->key_type <= ZON_IPV4_LAST_KEY &&
+               has_end(*reinterpret_cast<zon_ipv4_key_t*>(key), ipaddr, port);
     if (ip_type == zon_filter_ipv6)
         return key->key_type >= ZON_IPV4_LAST_KEY && key->key_type <= ZON_IPV6_LAST_KEY &&
                has_end(*reinterpret_cast<zon_ipv6_key_t*>(key), ipaddr, port);
     return false;
 }
 
-bool zon_debug_flow_populate_report(zon_flow_t* flow, zon_flow_report_t* report, zon_dump_flow_context* ctx) {
+bool zon_debug_flow_populate_report(zon_flow_t* flow, zon_flow_report_t* report,
+                                    zon_dump_flow_context* ctx) {
     // The filter looks at copies: they have room for either family.
     zon_report_key_t initiator = key_of_side(flow, ZON_DIR_INITIATOR);
     zon_report_key_t responder = key_of_side(flow, ZON_DIR_RESPONDER);
@@ -73,9 +77,11 @@ bool zon_debug_flow_populate_report(zon_flow_t* flow, zon_flow_report_t* report,
     report->age_ms = flow->age_ms;
     report->marked_for_delete = flow->marked_for_delete;
     report->parent_fid = zon_private_parent_fid(flow);
-    const bool has_objects = flow->fo_list != nullptr || side_has_objects(flow, ZON_DIR_INITIATOR) ||
+    const bool has_objects = flow->fo_list != nullptr ||
+                             side_has_objects(flow, ZON_DIR_INITIATOR) ||
                              side_has_objects(flow, ZON_DIR_RESPONDER);
-    std::fill(std::begin(report->hasFO), std::end(report->hasFO), static_cast<uint8_t>(has_objects));
+    std::fill(std::begin(report->hasFO), std::end(report->hasFO),
+              static_cast<uint8_t>(has_objects));
     report->initiator_key = initiator;
     report->responder_key = responder;
     return true;

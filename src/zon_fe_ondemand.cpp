@@ -1,4 +1,5 @@
-// zon_fe_ondemand.cpp - walks the extension headers of IPv6 packets, and dumps their headers for the trace.
+// zon_fe_ondemand.cpp - walks the extension headers of IPv6 packets, and dumps their headers for
+// the trace.
 
 #include "zon_fe_ondemand.h"
 
@@ -31,7 +32,9 @@ unsigned extension_size(const uint8_t* ptr, uint8_t type) {
     }
 }
 
-bool is_later_fragment(const uint8_t* header) { return (load_be16(header + 2) & 0xFFF8) != 0; }
+bool is_later_fragment(const uint8_t* header) {
+    return (load_be16(header + 2) & 0xFFF8) != 0;
+}
 
 void print_address(const uint32_t (&words)[4]) {
     for (const uint32_t word : words)
@@ -49,8 +52,8 @@ void print_address(const uint32_t (&words)[4]) {
         zon_buginf("\nZON FE: next header: 0x%x\n", fe->protocol);
 }
 
-// A trusted chain is followed wherever it leads: any number of headers, and the last fragment header counts. A captured
-// one has to make sense.
+// A trusted chain is followed wherever it leads: any number of headers, and the last fragment
+// header counts. A captured one has to make sense.
 fe_extent walk_extension_headers(zon_dp_fe_t* fe, size_t limit) {
     const bool trusted = limit == zon_no_end;
     uint8_t* const ip = fe->network_start;
@@ -96,7 +99,8 @@ fe_extent extract_ipv6(uint8_t* ip, size_t limit, zon_dp_fe_t* fe) {
 
 }  // namespace
 
-uint8_t* zon_ipv6_get_next_header(uint8_t* ptr, uint8_t current_prot, uint8_t* next_prot, zon_dp_fe_t* fe) {
+uint8_t* zon_ipv6_get_next_header(uint8_t* ptr, uint8_t current_prot, uint8_t* next_prot,
+                                  zon_dp_fe_t* fe) {
     if (current_prot == encrypted_payload) {
         fe->protocol = no_next_header;
         *next_prot = no_next_header;
@@ -108,8 +112,10 @@ uint8_t* zon_ipv6_get_next_header(uint8_t* ptr, uint8_t current_prot, uint8_t* n
     fe->protocol = ptr[0];
     *next_prot = ptr[0];
     if (zon_tracing_fe()) [[unlikely]]
-        zon_buginf("\nZON FE: zon_ipv6_get_next_header: Get next header, new proto %d (0x%x), header len = %d\n", ptr[0],
-                   static_cast<unsigned>(ptr[0]), static_cast<int>(size));
+        zon_buginf(
+            "\nZON FE: zon_ipv6_get_next_header: Get next header, new proto %d (0x%x), header len "
+            "= %d\n",
+            ptr[0], static_cast<unsigned>(ptr[0]), static_cast<int>(size));
     return ptr + size;
 }
 
@@ -136,5 +142,6 @@ fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t
 }
 
 void zon_fe_extract_fields(void* iphdr, zon_fe_handle fe) {
-    zon_fe_extract_fields_within(static_cast<uint8_t*>(iphdr), zon_no_end, static_cast<zon_dp_fe_t*>(fe));
+    zon_fe_extract_fields_within(static_cast<uint8_t*>(iphdr), zon_no_end,
+                                 static_cast<zon_dp_fe_t*>(fe));
 }

@@ -1,8 +1,8 @@
 // zon_fe_ondemand.h - finds out where a packet's headers are.
 //
-// Extraction touches the IP header and the IPv6 extension headers only; everything else is read later, by the accessors of
-// zon_fe_inline.h. It is written once for packets that are trusted and for captured ones: the caller says how many bytes
-// may be read, or that nobody knows.
+// Extraction touches the IP header and the IPv6 extension headers only; everything else is read
+// later, by the accessors of zon_fe_inline.h. It is written once for packets that are trusted and
+// for captured ones: the caller says how many bytes may be read, or that nobody knows.
 //
 // Threads    any; only the caller's handle is written.
 
@@ -27,8 +27,9 @@ enum class fe_extent {
     hidden     // a later fragment whose data would have to be read as further headers
 };
 
-// Fills fe from the packet at iphdr, of which limit bytes may be read. Fields of the other family are not written, nor is
-// i2r_flag. For an unknown version only l3_proto and tunneled_flow_type are. After a broken chain l4_start is null.
+// Fills fe from the packet at iphdr, of which limit bytes may be read. Fields of the other family
+// are not written, nor is i2r_flag. For an unknown version only l3_proto and tunneled_flow_type
+// are. After a broken chain l4_start is null.
 fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t* fe);
 
 constexpr bool zon_is_ipv6_extension(uint8_t next_header) {
@@ -70,6 +71,7 @@ inline void zon_dp_fe_extract_ipv6_header(uint8_t* ip, zon_dp_fe_t* fe) {
 // The fixed header and the extension headers of a trusted packet.
 void zon_dp_fe_extract_fields_ipv6(void* iphdr, zon_dp_fe_t* fe);
 
-// Steps over the extension header of type current_prot at ptr. Null after an encrypted payload, which reports protocol 59
-// (no next header).
-uint8_t* zon_ipv6_get_next_header(uint8_t* ptr, uint8_t current_prot, uint8_t* next_prot, zon_dp_fe_t* fe);
+// Steps over the extension header of type current_prot at ptr. Null after an encrypted payload,
+// which reports protocol 59 (no next header).
+uint8_t* zon_ipv6_get_next_header(uint8_t* ptr, uint8_t current_prot, uint8_t* next_prot,
+                                  zon_dp_fe_t* fe);

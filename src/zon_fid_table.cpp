@@ -138,9 +138,9 @@ void zon_fid_table_destroy(zon_fid_table_t* fid_table) {
 
 void zon_reset_flow(zon_flow_t* flow) {
     flow->next_free = nullptr;
-    flow->bundle_parent = nullptr;
-    flow->bundle_child = nullptr;
-    flow->bundle_sibling = nullptr;
+    // A relative that outlived this record's last flow may look at the links meanwhile.
+    for (zon_flow_t** link : {&flow->bundle_parent, &flow->bundle_child, &flow->bundle_sibling})
+        __atomic_store_n(link, nullptr, __ATOMIC_RELAXED);
     flow->l4state = {};
     flow->packet_number = 0;
     flow->first_payload_seen_on_pkt_num = 0;

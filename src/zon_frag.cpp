@@ -1,8 +1,8 @@
 // zon_frag.cpp - ties the later fragments of a datagram to the flow of its first.
 //
 // Owns   the 512 entries and their free list.
-// Locks  one lock for every operation, taken last: inside it only the timer wheel's. Never held across a callback.
-// Knows nothing of flows beyond their identifier.
+// Locks  one lock for every operation, taken last: inside it only the timer wheel's. Never held
+// across a callback. Knows nothing of flows beyond their identifier.
 
 #include "zon_frag.h"
 
@@ -23,10 +23,12 @@ std::mutex table_lock;
 constexpr uint32_t ipv4_key_words = 5;
 constexpr uint32_t ipv6_key_words = 11;
 
-constexpr bool is_power_of_two(uint32_t number) { return number != 0 && (number & (number - 1)) == 0; }
+constexpr bool is_power_of_two(uint32_t number) {
+    return number != 0 && (number & (number - 1)) == 0;
+}
 
-void set_key_ipv4(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t protocol, uint32_t src_ip,
-                  uint32_t dst_ip) {
+void set_key_ipv4(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
+                  uint32_t src_ip, uint32_t dst_ip) {
     key[0] = ipv4_key_words;
     key[1] = ident;
     key[2] = vrf_id;
@@ -35,8 +37,8 @@ void set_key_ipv4(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t
     key[5] = dst_ip;
 }
 
-void set_key_ipv6(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t protocol, const uint32_t* src_ip,
-                  const uint32_t* dst_ip) {
+void set_key_ipv6(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
+                  const uint32_t* src_ip, const uint32_t* dst_ip) {
     key[0] = ipv6_key_words;
     key[1] = ident;
     key[2] = vrf_id;
@@ -45,14 +47,21 @@ void set_key_ipv6(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t
     std::copy_n(dst_ip, 4, key + 8);
 }
 
-uint32_t hash_of(const zon_frag_key_t& key) { return jenkins_hashword_2006(key + 1, key[0]); }
+uint32_t hash_of(const zon_frag_key_t& key) {
+    return jenkins_hashword_2006(key + 1, key[0]);
+}
 
 // Word 0 tells the families apart.
-bool same_key(const zon_frag_key_t& a, const zon_frag_key_t& b) { return std::equal(a, a + a[0] + 1, b); }
+bool same_key(const zon_frag_key_t& a, const zon_frag_key_t& b) {
+    return std::equal(a, a + a[0] + 1, b);
+}
 
-void copy_key(zon_frag_key_t& to, const zon_frag_key_t& from) { std::copy_n(from, from[0] + 1, to); }
+void copy_key(zon_frag_key_t& to, const zon_frag_key_t& from) {
+    std::copy_n(from, from[0] + 1, to);
+}
 
-// The pointer that leads to the entry of the key in its bucket, or the null one at the bucket's end.
+// The pointer that leads to the entry of the key in its bucket, or the null one at the bucket's
+// end.
 zon_frag_item_t** find(const zon_frag_table_t* table, const zon_frag_key_t& key, uint32_t bucket) {
     zon_frag_item_t** link = &table->table[bucket];
     while (*link != nullptr && !same_key((*link)->key, key))
@@ -187,8 +196,10 @@ zon_frag_table_t* zon_frag_table_create(uint32_t num_buckets) {
         return nullptr;
     table->table_size = num_buckets;
     table->table_mask = num_buckets - 1;
-    table->table = static_cast<zon_frag_item_t**>(zon_heap_zalloc(num_buckets, sizeof(zon_frag_item_t*)));
-    table->frag_arry = static_cast<zon_frag_item_t*>(zon_heap_zalloc(zon_frag_capacity, sizeof(zon_frag_item_t)));
+    table->table =
+        static_cast<zon_frag_item_t**>(zon_heap_zalloc(num_buckets, sizeof(zon_frag_item_t*)));
+    table->frag_arry =
+        static_cast<zon_frag_item_t*>(zon_heap_zalloc(zon_frag_capacity, sizeof(zon_frag_item_t)));
     if (table->table == nullptr || table->frag_arry == nullptr) {
         free_table(table);
         return nullptr;
@@ -213,8 +224,9 @@ void zon_frag_table_destroy(zon_frag_table_t* table) {
     free_table(table);
 }
 
-zon_fid_t zon_frag_flow_insert_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    uint32_t src_ip, uint32_t dst_ip, zon_fid_t fid) {
+zon_fid_t zon_frag_flow_insert_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, uint32_t src_ip, uint32_t dst_ip,
+                                    zon_fid_t fid) {
     if (!has_table(table, "zon_frag_flow_insert_ipv4"))
         return 0;
     zon_frag_key_t key;
@@ -222,8 +234,9 @@ zon_fid_t zon_frag_flow_insert_ipv4(zon_frag_table_t* table, uint32_t ident, uin
     return insert(table, key, fid);
 }
 
-zon_fid_t zon_frag_flow_insert_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    const uint32_t* src_ip, const uint32_t* dst_ip, zon_fid_t fid) {
+zon_fid_t zon_frag_flow_insert_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, const uint32_t* src_ip,
+                                    const uint32_t* dst_ip, zon_fid_t fid) {
     if (!has_table(table, "zon_frag_flow_insert_ipv6"))
         return 0;
     zon_frag_key_t key;
@@ -231,8 +244,8 @@ zon_fid_t zon_frag_flow_insert_ipv6(zon_frag_table_t* table, uint32_t ident, uin
     return insert(table, key, fid);
 }
 
-zon_fid_t zon_frag_flow_lookup_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    uint32_t src_ip, uint32_t dst_ip) {
+zon_fid_t zon_frag_flow_lookup_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, uint32_t src_ip, uint32_t dst_ip) {
     if (!has_table(table, "zon_frag_flow_lookup_ipv4"))
         return 0;
     zon_frag_key_t key;
@@ -240,8 +253,9 @@ zon_fid_t zon_frag_flow_lookup_ipv4(zon_frag_table_t* table, uint32_t ident, uin
     return lookup(table, key);
 }
 
-zon_fid_t zon_frag_flow_lookup_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    const uint32_t* src_ip, const uint32_t* dst_ip) {
+zon_fid_t zon_frag_flow_lookup_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, const uint32_t* src_ip,
+                                    const uint32_t* dst_ip) {
     if (!has_table(table, "zon_frag_flow_lookup_ipv6"))
         return 0;
     zon_frag_key_t key;
@@ -249,8 +263,8 @@ zon_fid_t zon_frag_flow_lookup_ipv6(zon_frag_table_t* table, uint32_t ident, uin
     return lookup(table, key);
 }
 
-zon_fid_t zon_frag_flow_delete_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    uint32_t src_ip, uint32_t dst_ip) {
+zon_fid_t zon_frag_flow_delete_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, uint32_t src_ip, uint32_t dst_ip) {
     if (!has_table(table, "zon_frag_flow_delete_ipv4"))
         return 0;
     zon_frag_key_t key;
@@ -258,8 +272,9 @@ zon_fid_t zon_frag_flow_delete_ipv4(zon_frag_table_t* table, uint32_t ident, uin
     return remove(table, key);
 }
 
-zon_fid_t zon_frag_flow_delete_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    const uint32_t* src_ip, const uint32_t* dst_ip) {
+zon_fid_t zon_frag_flow_delete_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, const uint32_t* src_ip,
+                                    const uint32_t* dst_ip) {
     if (!has_table(table, "zon_frag_flow_delete_ipv6"))
         return 0;
     zon_frag_key_t key;
@@ -267,8 +282,9 @@ zon_fid_t zon_frag_flow_delete_ipv6(zon_frag_table_t* table, uint32_t ident, uin
     return remove(table, key);
 }
 
-zon_fid_t zon_frag_flow_delete_if_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                       uint32_t src_ip, uint32_t dst_ip, zon_fid_t fid) {
+zon_fid_t zon_frag_flow_delete_if_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                       uint32_t protocol, uint32_t src_ip, uint32_t dst_ip,
+                                       zon_fid_t fid) {
     if (!has_table(table, "zon_frag_flow_delete_ipv4"))
         return 0;
     zon_frag_key_t key;
@@ -276,8 +292,9 @@ zon_fid_t zon_frag_flow_delete_if_ipv4(zon_frag_table_t* table, uint32_t ident, 
     return remove_if(table, key, fid);
 }
 
-zon_fid_t zon_frag_flow_delete_if_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                       const uint32_t* src_ip, const uint32_t* dst_ip, zon_fid_t fid) {
+zon_fid_t zon_frag_flow_delete_if_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                       uint32_t protocol, const uint32_t* src_ip,
+                                       const uint32_t* dst_ip, zon_fid_t fid) {
     if (!has_table(table, "zon_frag_flow_delete_ipv6"))
         return 0;
     zon_frag_key_t key;

@@ -1,10 +1,11 @@
 // zon_frag.h - ties the later fragments of a datagram to the flow of its first.
 //
-// An entry lives 30 seconds from its insertion, whatever follows. The table holds 512 entries and neither grows nor
-// evicts: a datagram too many is simply not tracked.
+// An entry lives 30 seconds from its insertion, whatever follows. The table holds 512 entries and
+// neither grows nor evicts: a datagram too many is simply not tracked.
 //
-// Threads    any; every operation runs under one lock of the table, which is taken after all others but the wheel's.
-// Byte order addresses as the caller hands them in; host-order words on the packet path.
+// Threads    any; every operation runs under one lock of the table, which is taken after all others
+// but the wheel's. Byte order addresses as the caller hands them in; host-order words on the packet
+// path.
 
 #pragma once
 
@@ -47,30 +48,39 @@ inline constexpr uint32_t zon_frag_idle_ms = 30000;
 zon_frag_table_t* zon_frag_table_create(uint32_t num_buckets);
 void zon_frag_table_destroy(zon_frag_table_t* table);
 
-// Returns fid, or 0 when the table is full. An entry of the same datagram takes the new fid and keeps its timer.
-zon_fid_t zon_frag_flow_insert_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    uint32_t src_ip, uint32_t dst_ip, zon_fid_t fid);
-zon_fid_t zon_frag_flow_insert_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    const uint32_t* src_ip, const uint32_t* dst_ip, zon_fid_t fid);
+// Returns fid, or 0 when the table is full. An entry of the same datagram takes the new fid and
+// keeps its timer.
+zon_fid_t zon_frag_flow_insert_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, uint32_t src_ip, uint32_t dst_ip,
+                                    zon_fid_t fid);
+zon_fid_t zon_frag_flow_insert_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, const uint32_t* src_ip,
+                                    const uint32_t* dst_ip, zon_fid_t fid);
 
 // The recorded fid, or 0.
-zon_fid_t zon_frag_flow_lookup_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    uint32_t src_ip, uint32_t dst_ip);
-zon_fid_t zon_frag_flow_lookup_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    const uint32_t* src_ip, const uint32_t* dst_ip);
+zon_fid_t zon_frag_flow_lookup_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, uint32_t src_ip, uint32_t dst_ip);
+zon_fid_t zon_frag_flow_lookup_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, const uint32_t* src_ip,
+                                    const uint32_t* dst_ip);
 
 // The fid of the entry that was removed, or 0.
-zon_fid_t zon_frag_flow_delete_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    uint32_t src_ip, uint32_t dst_ip);
-zon_fid_t zon_frag_flow_delete_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                    const uint32_t* src_ip, const uint32_t* dst_ip);
-// The same, but only while the entry still names that fid: a newer first fragment may have taken it over.
-zon_fid_t zon_frag_flow_delete_if_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                       uint32_t src_ip, uint32_t dst_ip, zon_fid_t fid);
-zon_fid_t zon_frag_flow_delete_if_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id, uint32_t protocol,
-                                       const uint32_t* src_ip, const uint32_t* dst_ip, zon_fid_t fid);
-// Removes the item's entry from the engine's table; 0 when it has gone already. For the item's timer: an expiry that was
-// cancelled on its way removes nothing, because the item may serve another datagram by now.
+zon_fid_t zon_frag_flow_delete_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, uint32_t src_ip, uint32_t dst_ip);
+zon_fid_t zon_frag_flow_delete_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                    uint32_t protocol, const uint32_t* src_ip,
+                                    const uint32_t* dst_ip);
+// The same, but only while the entry still names that fid: a newer first fragment may have taken it
+// over.
+zon_fid_t zon_frag_flow_delete_if_ipv4(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                       uint32_t protocol, uint32_t src_ip, uint32_t dst_ip,
+                                       zon_fid_t fid);
+zon_fid_t zon_frag_flow_delete_if_ipv6(zon_frag_table_t* table, uint32_t ident, uint32_t vrf_id,
+                                       uint32_t protocol, const uint32_t* src_ip,
+                                       const uint32_t* dst_ip, zon_fid_t fid);
+// Removes the item's entry from the engine's table; 0 when it has gone already. For the item's
+// timer: an expiry that was cancelled on its way removes nothing, because the item may serve
+// another datagram by now.
 zon_fid_t zon_frag_flow_delete(zon_frag_item_t* frag_item);
 
 uint32_t zon_frag_entry_count(zon_frag_table_t* table);

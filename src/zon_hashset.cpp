@@ -200,24 +200,22 @@ pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& m
     held_buckets<4> held(set, {old1, old2, new1, new2});
     if (bucket_holds_same(set, new1, move.wanted1, same, nullptr))
         return pair_insert_result::already_present;
-    unlink(set, move.item1, old1);
-    unlink(set, move.item2, old2);
+    remove_from(set, move.item1, old1);
+    remove_from(set, move.item2, old2);
     rewrite(move.item1, move.wanted1);
     rewrite(move.item2, move.wanted2);
     header_of(set, move.item1)->pointer_to_us = nullptr;
     header_of(set, move.item2)->pointer_to_us = nullptr;
-    if (bucket_is_full(set, new1)) {
-        relaxed_add(set->used, -2);
+    if (bucket_is_full(set, new1))
         return pair_insert_result::first_refused;
-    }
     link_at_head(set, move.item1, new1);
     if (bucket_is_full(set, new2)) {
         unlink(set, move.item1, new1);
         header_of(set, move.item1)->pointer_to_us = nullptr;
-        relaxed_add(set->used, -2);
         return pair_insert_result::second_refused;
     }
     link_at_head(set, move.item2, new2);
+    relaxed_add(set->used, 2);
     return pair_insert_result::linked;
 }
 

@@ -6,9 +6,11 @@
 
 #include "zon_hashset_internal.h"
 
-bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted, zon_hashset_rewrite rewrite) {
+bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted,
+                      zon_hashset_rewrite rewrite) {
     const uint32_t old_bucket = bucket_of(set, set->hash_function(item, set->calc_context));
-    const uint32_t new_bucket = bucket_of(set, set->hash_function(const_cast<void*>(wanted), set->calc_context));
+    const uint32_t new_bucket =
+        bucket_of(set, set->hash_function(const_cast<void*>(wanted), set->calc_context));
     held_buckets<2> held(set, {old_bucket, new_bucket});
     if (is_linked(set, item)) {
         unlink(set, item, old_bucket);

@@ -1,8 +1,10 @@
 // zon_bundle.cpp - parents and the children that were announced for them.
 //
 // Owns   the three links of all flows.
-// Locks  one private lock, taken last, guards every link: forming and breaking links never takes a second flow's lock. The
-//        traversal holds the parent and one child, and never waits for one of them while it holds the other.
+// Locks  one private lock, taken last, guards every link: forming and breaking links never takes a
+// second flow's lock. The
+//        traversal holds the parent and one child, and never waits for one of them while it holds
+//        the other.
 
 #include <algorithm>
 #include <mutex>
@@ -16,7 +18,8 @@ namespace {
 
 std::mutex links;
 
-// Links of records that were recycled can form a circle. No list is longer than the table: a longer walk goes round.
+// Links of records that were recycled can form a circle. No list is longer than the table: a longer
+// walk goes round.
 class bounded_walk {
 public:
     bool step() { return left_ != 0 && left_-- != 0; }
@@ -25,10 +28,17 @@ private:
     uint32_t left_ = relaxed_load(g_zon->fid_table->allocated);
 };
 
-// Links are stored as atomic words, because a record that is taken anew is cleared under its own lock alone.
-zon_flow_t* first_child(const zon_flow_t* parent) { return relaxed_load(parent->bundle_child); }
-zon_flow_t* sibling_of(const zon_flow_t* child) { return relaxed_load(child->bundle_sibling); }
-void set_link(zon_flow_t*& link, zon_flow_t* to) { __atomic_store_n(&link, to, __ATOMIC_RELAXED); }
+// Links are stored as atomic words, because a record that is taken anew is cleared under its own
+// lock alone.
+zon_flow_t* first_child(const zon_flow_t* parent) {
+    return relaxed_load(parent->bundle_child);
+}
+zon_flow_t* sibling_of(const zon_flow_t* child) {
+    return relaxed_load(child->bundle_sibling);
+}
+void set_link(zon_flow_t*& link, zon_flow_t* to) {
+    __atomic_store_n(&link, to, __ATOMIC_RELAXED);
+}
 
 void orphan_children(zon_flow_t* parent) {
     zon_flow_t* child = first_child(parent);
@@ -45,7 +55,8 @@ void leave_parent(zon_flow_t* flow, zon_flow_t* parent) {
     set_link(flow->bundle_parent, nullptr);
     zon_flow_t* before = nullptr;
     bounded_walk walk;
-    for (zon_flow_t* child = first_child(parent); child != nullptr && walk.step(); child = sibling_of(child)) {
+    for (zon_flow_t* child = first_child(parent); child != nullptr && walk.step();
+         child = sibling_of(child)) {
         if (child == flow) {
             // Kept on purpose: when the first child goes, its siblings drop off the list with it.
             if (before != nullptr)
@@ -61,11 +72,12 @@ void leave_parent(zon_flow_t* flow, zon_flow_t* parent) {
 
 // ---- traversal ----
 
-// One walk over the children of a flow. Between two children other threads may change the list; the walk then goes on
-// behind the last child that it has seen and that is still there.
+// One walk over the children of a flow. Between two children other threads may change the list; the
+// walk then goes on behind the last child that it has seen and that is still there.
 class child_walk {
 public:
-    child_walk(locked_flow parent, child_flow_traverser_t visit) : parent_(std::move(parent)), visit_(visit) {}
+    child_walk(locked_flow parent, child_flow_traverser_t visit)
+        : parent_(std::move(parent)), visit_(visit) {}
 
     void run() {
         bounded_walk walk;
@@ -96,10 +108,12 @@ private:
         return false;
     }
 
-    // Locks the wanted child, or the one that stands in its place once it is locked; empty at the end of the list.
+    // Locks the wanted child, or the one that stands in its place once it is locked; empty at the
+    // end of the list.
     locked_flow lock_child(zon_flow_t* child) {
         while (child != nullptr) {
-            locked_flow held = zon_try_lock_internal(child->flow_lock) ? locked_flow::adopt(child) : wait_for(child);
+            locked_flow held = zon_try_lock_internal(child->flow_lock) ? locked_flow::adopt(child)
+                                                                       : wait_for(child);
             zon_flow_t* now = still_next(child);
             if (now == child)
                 return held;
@@ -125,13 +139,14 @@ private:
         return locked_flow::adopt(child);
     }
 
-    // The child itself while the list leads to it, else the first one behind all that were visited and are still listed.
-    // Null when the parent died meanwhile.
+    // The child itself while the list leads to it, else the first one behind all that were visited
+    // and are still listed. Null when the parent died meanwhile.
     zon_flow_t* still_next(zon_flow_t* child) const {
         const std::lock_guard guard(links);
         if (zon_flow_is_dying(parent_.get()))
             return nullptr;
-        const zon_flow_t* leads_here = visited_.empty() ? first_child(parent_.get()) : sibling_of(visited_.back());
+        const zon_flow_t* leads_here =
+            visited_.empty() ? first_child(parent_.get()) : sibling_of(visited_.back());
         return leads_here == child ? child : first_unvisited();
     }
 
@@ -175,8 +190,9 @@ void zon_private_unbind(zon_flow_t* flow) {
 void zon_private_set_parent(zon_flow_t* flow, zon_flow_t* parent, zon_fid_t parent_fid) {
     const held_lock table(g_zon->fid_table->fid_table_lock);
     const std::lock_guard guard(links);
-    const bool still_there =
-        parent != nullptr && g_zon->fid_table->table[parent_fid - 1] == parent && !zon_flow_is_dying(parent);
+    const bool still_there = parent != nullptr &&
+                             g_zon->fid_table->table[parent_fid - 1] == parent &&
+                             !zon_flow_is_dying(parent);
     set_link(flow->bundle_parent, still_there ? parent : nullptr);
 }
 

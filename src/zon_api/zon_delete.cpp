@@ -1,7 +1,8 @@
 // zon_delete.cpp - the one way in which a flow dies.
 //
-// Owns   the order of the steps: clients, counters, flow table, timer, bundle, tunnels, super contexts, identifier.
-// Locks  entered with the flow locked, left with that level released. The clients' callbacks run under the flow lock; the
+// Owns   the order of the steps: clients, counters, flow table, timer, bundle, tunnels, super
+// contexts, identifier. Locks  entered with the flow locked, left with that level released. The
+// clients' callbacks run under the flow lock; the
 //        flow table is left without it, because buckets come before flows.
 
 #include "osal/zon_debug.h"
@@ -13,24 +14,31 @@
 
 namespace {
 
-// What one client had on a flow. The lists of the directions may end in that of the whole flow, so one record can be
-// found in several positions.
+// What one client had on a flow. The lists of the directions may end in that of the whole flow, so
+// one record can be found in several positions.
 struct client_records {
     zon_flow_fo_t* whole = nullptr;
     zon_flow_fo_t* initiator = nullptr;
     zon_flow_fo_t* responder = nullptr;
 };
 
-void* object_of(const zon_flow_fo_t* record) { return record != nullptr ? record->fo : nullptr; }
-
-zon_flow_fo_t* find_on_side(const zon_flow_t* flow, zon_flow_direction_e dir, zon_client_id_e cid) {
-    const zon_half_flow_t* half = zon_half_flow_of(flow, dir);
-    return half != nullptr ? zon_flow_fo_list_find(half->fo_list, cid) : nullptr;
+void* object_of(const zon_flow_fo_t* record) {
+    return record != nullptr ? record->fo : nullptr;
 }
 
+zon_flow_fo_t* remove_from_side(const zon_flow_t* flow, zon_flow_direction_e dir,
+                                zon_client_id_e cid) {
+    zon_half_flow_t* half = zon_half_flow_of(flow, dir);
+    return half != nullptr ? zon_flow_fo_list_find_and_remove(&half->fo_list, cid) : nullptr;
+}
+
+// The whole flow's list comes first: where a record hangs in shared tails, that decides in which
+// positions it is found.
 client_records take_client_records(zon_flow_t* flow, zon_client_id_e cid) {
-    const client_records taken = {zon_flow_fo_list_find(flow->fo_list, cid), find_on_side(flow, ZON_DIR_INITIATOR, cid),
-                                  find_on_side(flow, ZON_DIR_RESPONDER, cid)};
+    client_records taken;
+    taken.whole = zon_flow_fo_list_find_and_remove(&flow->fo_list, cid);
+    taken.initiator = remove_from_side(flow, ZON_DIR_INITIATOR, cid);
+    taken.responder = remove_from_side(flow, ZON_DIR_RESPONDER, cid);
     for (const zon_flow_fo_t* record : {taken.whole, taken.initiator, taken.responder})
         if (record != nullptr)
             zon_flow_fo_unlink_everywhere(flow, record);
@@ -43,16 +51,18 @@ void release_client_records(const client_records& taken) {
         zon_flow_fo_release(taken.whole);
     if (taken.initiator != nullptr && taken.initiator != taken.whole)
         zon_flow_fo_release(taken.initiator);
-    if (taken.responder != nullptr && taken.responder != taken.whole && taken.responder != taken.initiator)
+    if (taken.responder != nullptr && taken.responder != taken.whole &&
+        taken.responder != taken.initiator)
         zon_flow_fo_release(taken.responder);
 }
 
 void tell_clients(zon_flow_t* flow, zon_flow_deletion_reason_e reason) {
-    for (const auto* client = zon_first_client(g_zon); client != nullptr; client = zon_next_client(client)) {
+    for (const auto* client = zon_first_client(g_zon); client != nullptr;
+         client = zon_next_client(client)) {
         const client_records taken = take_client_records(flow, client->id);
         if (const auto callback = __atomic_load_n(&client->fo_del_cb, __ATOMIC_ACQUIRE))
-            callback(flow->fid, object_of(taken.initiator), object_of(taken.responder), object_of(taken.whole), reason,
-                     client->id);
+            callback(flow->fid, object_of(taken.initiator), object_of(taken.responder),
+                     object_of(taken.whole), reason, client->id);
         release_client_records(taken);
     }
 }
@@ -97,22 +107,23 @@ void delete_one_half_flow(zon_flow_t* flow, zon_flow_direction_e dir) {
 // "A.B.C.D:port" of both ends, from the most significant byte of the address.
 void trace_ends(const zon_ipv4_key_t& key) {
     const auto byte = [](uint32_t ip, int shift) { return (ip >> shift) & 0xff; };
-    zon_buginf("<%d.%d.%d.%d:%d,", byte(key.src_ip, 24), byte(key.src_ip, 16), byte(key.src_ip, 8), byte(key.src_ip, 0),
-               key.src_port);
-    zon_buginf("%d.%d.%d.%d:%d,", byte(key.dst_ip, 24), byte(key.dst_ip, 16), byte(key.dst_ip, 8), byte(key.dst_ip, 0),
-               key.dst_port);
+    zon_buginf("<%d.%d.%d.%d:%d,", byte(key.src_ip, 24), byte(key.src_ip, 16), byte(key.src_ip, 8),
+               byte(key.src_ip, 0), key.src_port);
+    zon_buginf("%d.%d.%d.%d:%d,", byte(key.dst_ip, 24), byte(key.dst_ip, 16), byte(key.dst_ip, 8),
+               byte(key.dst_ip, 0), key.dst_port);
 }
 
-// The words of an IPv6 address are printed from the last to the first, on purpose: log readers expect that order.
+// The words of an IPv6 address are printed from the last to the first, on purpose: log readers
+// expect that order.
 void trace_ends(const zon_ipv6_key_t& key) {
     const auto high = [](uint32_t word) { return word >> 16; };
     const auto low = [](uint32_t word) { return word & 0xffff; };
     const uint32_t* src = key.src_ip;
     const uint32_t* dst = key.dst_ip;
-    zon_buginf("<%x:%x:%x:%x:%x:%x:%x:%x:%d,", high(src[3]), low(src[3]), high(src[2]), low(src[2]), high(src[1]),
-               low(src[1]), high(src[0]), low(src[0]), key.src_port);
-    zon_buginf("%x:%x:%x:%x:%x:%x:%x:%x:%d,", high(dst[3]), low(dst[3]), high(dst[2]), low(dst[2]), high(dst[1]),
-               low(dst[1]), high(dst[0]), low(dst[0]), key.dst_port);
+    zon_buginf("<%x:%x:%x:%x:%x:%x:%x:%x:%d,", high(src[3]), low(src[3]), high(src[2]), low(src[2]),
+               high(src[1]), low(src[1]), high(src[0]), low(src[0]), key.src_port);
+    zon_buginf("%x:%x:%x:%x:%x:%x:%x:%x:%d,", high(dst[3]), low(dst[3]), high(dst[2]), low(dst[2]),
+               high(dst[1]), low(dst[1]), high(dst[0]), low(dst[0]), key.dst_port);
 }
 
 }  // namespace
@@ -126,8 +137,8 @@ void zon_free_given_back(zon_flow_t* flow, zon_flow_direction_e dir) {
     if (!zon_side_is_given_back(flow, dir))
         return;
     zon_half_flow_t* half = zon_named_half_flow(flow, dir);
-    const zon_memory_type type =
-        zon_key_is_ipv4(half->key.key_type) ? ZON_IPV4_HALF_FLOW_MEM_TYPE : ZON_IPV6_HALF_FLOW_MEM_TYPE;
+    const zon_memory_type type = zon_key_is_ipv4(half->key.key_type) ? ZON_IPV4_HALF_FLOW_MEM_TYPE
+                                                                     : ZON_IPV6_HALF_FLOW_MEM_TYPE;
     zon_private_chunk_free_or_trace(type, half, &g_zon->zon_chunk_ptr);
     flow->private_detached &= static_cast<uint8_t>(~zon_given_back_mark(dir));
 }
@@ -163,7 +174,8 @@ void zon_private_delete_half_flows(zon_flow_t* flow) {
     forget_half_flows(flow);
 }
 
-bool zon_private_delete_locked_flow(zon_flow_t* flow, const zon_flow_deletion_reason_e flow_deletion_reason) {
+bool zon_private_delete_locked_flow(zon_flow_t* flow,
+                                    const zon_flow_deletion_reason_e flow_deletion_reason) {
     locked_flow first_hold = locked_flow::adopt(flow);
     if (flow->marked_for_delete)
         return true;
@@ -174,8 +186,8 @@ bool zon_private_delete_locked_flow(zon_flow_t* flow, const zon_flow_deletion_re
     zon_private_debug_delete_flow(flow);
 
     {
-        // From here on no other thread finds the flow. This one still does: functions of clients that run below may ask
-        // about it.
+        // From here on no other thread finds the flow. This one still does: functions of clients
+        // that run below may ask about it.
         const deletion_in_progress note(flow);
         zon_flow_set_dying(flow, true);
         first_hold.release();

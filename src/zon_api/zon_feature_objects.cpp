@@ -12,8 +12,12 @@
 
 namespace {
 
-constexpr bool client_id_is_valid(zon_client_id_e cid) { return cid >= 1 && cid <= 31; }
-constexpr bool direction_is_valid(zon_flow_direction_e dir) { return dir >= ZON_DIR_BI && dir <= ZON_DIR_RESPONDER; }
+constexpr bool client_id_is_valid(zon_client_id_e cid) {
+    return cid >= 1 && cid <= 31;
+}
+constexpr bool direction_is_valid(zon_flow_direction_e dir) {
+    return dir >= ZON_DIR_BI && dir <= ZON_DIR_RESPONDER;
+}
 
 bool is_on_list(const zon_flow_fo_t* list, const zon_flow_fo_t* record) {
     while (list != nullptr && list != record)
@@ -39,10 +43,11 @@ zon_flow_fo_t** list_of(zon_flow_t* flow, zon_flow_direction_e dir) {
     return half != nullptr ? &half->fo_list : nullptr;
 }
 
-// What an operation answers when the side of a flow is absent: a refused re-keying took the side and its objects away, a
-// deletion under way takes the whole flow.
+// What an operation answers when the side of a flow is absent: a refused re-keying took the side
+// and its objects away, a deletion under way takes the whole flow.
 zon_error_t absent_side(const zon_flow_t* flow, zon_flow_direction_e dir) {
-    return zon_side_is_given_back(flow, dir) ? zon_error_feature_object_not_attached : zon_error_flow_not_found;
+    return zon_side_is_given_back(flow, dir) ? zon_error_feature_object_not_attached
+                                             : zon_error_flow_not_found;
 }
 
 void trace_overwrite(zon_flow_direction_e dir) {
@@ -54,10 +59,13 @@ void trace_overwrite(zon_flow_direction_e dir) {
     zon_trace_engine_text(texts[dir]);
 }
 
-// The backslash and the n are printed as two characters, on purpose: the lines of these messages are matched as they are.
+// The backslash and the n are printed as two characters, on purpose: the lines of these messages
+// are matched as they are.
 constexpr const char bi_missing[] = "\nZON Engine: Bi-FO is not attached for the given flow \\n";
-constexpr const char initiator_missing[] = "\nZON Engine: Initiator FO is not attached for the given flow \\n";
-constexpr const char responder_missing[] = "\nZON Engine: Responder FO is not attached for the given flow \\n";
+constexpr const char initiator_missing[] =
+    "\nZON Engine: Initiator FO is not attached for the given flow \\n";
+constexpr const char responder_missing[] =
+    "\nZON Engine: Responder FO is not attached for the given flow \\n";
 
 void trace_missing(const char* text, int blanks, const char* operation, zon_fid_t fid) {
     if (zon_tracing_engine())
@@ -86,7 +94,8 @@ zon_error_t get_from(zon_flow_t* flow, zon_client_id_e cid, zon_flow_direction_e
         *fo = record->fo;
         return zon_error_none;
     }
-    const zon_error_t error = list != nullptr ? zon_error_feature_object_not_attached : absent_side(flow, dir);
+    const zon_error_t error =
+        list != nullptr ? zon_error_feature_object_not_attached : absent_side(flow, dir);
     if (error == zon_error_feature_object_not_attached)
         trace_get_missing(dir, flow->fid);
     return error;
@@ -99,8 +108,8 @@ void copy_fields(const zon_flow_t* flow, void* to, member zon_flow_t::*first, si
     std::memcpy(static_cast<char*>(to) + offset, from, end - offset);
 }
 
-// Copies a locked flow. What other locks guard is either copied under them or, as it means nothing outside the engine,
-// left empty: the timer's links and those of the lists of all records.
+// Copies a locked flow. What other locks guard is either copied under them or, as it means nothing
+// outside the engine, left empty: the timer's links and those of the lists of all records.
 void take_snapshot(const zon_flow_t* flow, void* to) {
     std::memset(to, 0, sizeof *flow);
     copy_fields(flow, to, &zon_flow_t::initiator_flow, offsetof(zon_flow_t, next_free));
@@ -109,8 +118,8 @@ void take_snapshot(const zon_flow_t* flow, void* to) {
     zon_private_copy_links(flow, static_cast<zon_flow_t*>(to));
 }
 
-zon_error_t get_with_snapshot(locked_flow flow, zon_client_id_e cid, zon_flow_direction_e dir, void** fo,
-                              void* flow_wn) {
+zon_error_t get_with_snapshot(locked_flow flow, zon_client_id_e cid, zon_flow_direction_e dir,
+                              void** fo, void* flow_wn) {
     if (!flow)
         return zon_error_flow_not_found;
     take_snapshot(flow.get(), flow_wn);
@@ -151,8 +160,8 @@ void zon_flow_fo_unlink_everywhere(zon_flow_t* flow, const zon_flow_fo_t* record
 }
 
 zon_flow_fo_t* zon_flow_fo_allocate(zon_client_id_e cid) {
-    auto* record =
-        static_cast<zon_flow_fo_t*>(zon_private_chunk_malloc(ZON_FLOW_FO_MEM_TYPE, &g_zon->zon_chunk_ptr));
+    auto* record = static_cast<zon_flow_fo_t*>(
+        zon_private_chunk_malloc(ZON_FLOW_FO_MEM_TYPE, &g_zon->zon_chunk_ptr));
     if (record != nullptr)
         record->id = cid;
     return record;
@@ -187,8 +196,9 @@ zon_error_t zon_flow_attach_fo(zon_fid_t fid, zon_fo_id_t cid, zon_flow_directio
         record = zon_flow_fo_allocate(cid);
         if (record == nullptr)
             return zon_error_memory;
-        // Kept on purpose: a direction's list is cut to the new record followed by the list of the whole flow. Clients
-        // find their object for the whole flow through it, and lose earlier ones of the direction.
+        // Kept on purpose: a direction's list is cut to the new record followed by the list of the
+        // whole flow. Clients find their object for the whole flow through it, and lose earlier
+        // ones of the direction.
         record->next = flow->fo_list;
         *list = record;
     }
@@ -196,7 +206,8 @@ zon_error_t zon_flow_attach_fo(zon_fid_t fid, zon_fo_id_t cid, zon_flow_directio
     return zon_error_none;
 }
 
-zon_error_t zon_flow_get_fo(const zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir, void** fo) {
+zon_error_t zon_flow_get_fo(const zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir,
+                            void** fo) {
     if (const zon_error_t error = check_arguments(cid, dir, fo); error != zon_error_none)
         return error;
     *fo = nullptr;
@@ -204,16 +215,16 @@ zon_error_t zon_flow_get_fo(const zon_fid_t fid, zon_client_id_e cid, zon_flow_d
     return flow ? get_from(flow.get(), cid, dir, fo) : zon_error_flow_not_found;
 }
 
-zon_error_t zon_flow_get_fo_by_fid(const zon_flow_ptr_t fid, zon_client_id_e cid, zon_flow_direction_e dir, void** fo,
-                                   void* flow_wn) {
+zon_error_t zon_flow_get_fo_by_fid(const zon_flow_ptr_t fid, zon_client_id_e cid,
+                                   zon_flow_direction_e dir, void** fo, void* flow_wn) {
     if (const zon_error_t error = check_arguments(cid, dir, fo); error != zon_error_none)
         return error;
     *fo = nullptr;
     return get_with_snapshot(zon_fid_table_lookup(g_zon->fid_table, fid), cid, dir, fo, flow_wn);
 }
 
-zon_error_t zon_flow_get_fo_by_flow_key(void* key, zon_client_id_e cid, zon_flow_direction_e dir, void** fo,
-                                        void* flow_wn) {
+zon_error_t zon_flow_get_fo_by_flow_key(void* key, zon_client_id_e cid, zon_flow_direction_e dir,
+                                        void** fo, void* flow_wn) {
     zon_ipv6_half_flow_t wanted{};
     auto* half = reinterpret_cast<zon_half_flow_t*>(&wanted);
     const auto* given = static_cast<const zon_key_t*>(key);
@@ -225,11 +236,14 @@ zon_error_t zon_flow_get_fo_by_flow_key(void* key, zon_client_id_e cid, zon_flow
         return error;
     *fo = nullptr;
     int bucket = 0;
-    const zon_half_flow_t* found = key != nullptr ? zon_flow_table_lookup(g_zon->flow_tbl, half, &bucket) : nullptr;
-    return get_with_snapshot(locked_flow::adopt(found != nullptr ? found->flow : nullptr), cid, dir, fo, flow_wn);
+    const zon_half_flow_t* found =
+        key != nullptr ? zon_flow_table_lookup(g_zon->flow_tbl, half, &bucket) : nullptr;
+    return get_with_snapshot(locked_flow::adopt(found != nullptr ? found->flow : nullptr), cid, dir,
+                             fo, flow_wn);
 }
 
-zon_error_t zon_flow_detach_fo(zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir, void** fo) {
+zon_error_t zon_flow_detach_fo(zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir,
+                               void** fo) {
     if (const zon_error_t error = check_arguments(cid, dir, fo); error != zon_error_none)
         return error;
     *fo = nullptr;

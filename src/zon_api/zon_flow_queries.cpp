@@ -10,13 +10,16 @@
 
 namespace {
 
-// Traces a miss with the text of the operation: some end in a blank, some do not, and log readers match both.
+// Traces a miss with the text of the operation: some end in a blank, some do not, and log readers
+// match both.
 zon_error_t not_found(const char* text) {
     zon_trace_engine_text(text);
     return zon_error_flow_not_found;
 }
 
-locked_flow find(zon_fid_t fid) { return zon_fid_table_lookup(g_zon->fid_table, fid); }
+locked_flow find(zon_fid_t fid) {
+    return zon_fid_table_lookup(g_zon->fid_table, fid);
+}
 
 void tuple_of_key(const zon_ipv4_key_t& key, zon_flow_tuple_t* flow_tuple) {
     flow_tuple->src_ip.addr_type = flow_tuple->dst_ip.addr_type = ZON_IP_ADDR_IPV4;
@@ -115,7 +118,8 @@ zon_error_t zon_flow_set_dpi_bypass_id(const zon_fid_t fid, uint32_t appid) {
     return zon_error_none;
 }
 
-zon_error_t zon_flow_get_tuple(zon_fid_t fid, zon_flow_direction_e dir, zon_flow_tuple_t* flow_tuple) {
+zon_error_t zon_flow_get_tuple(zon_fid_t fid, zon_flow_direction_e dir,
+                               zon_flow_tuple_t* flow_tuple) {
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
     if (flow_tuple == nullptr)
@@ -137,8 +141,8 @@ zon_error_t zon_flow_get_tuple(zon_fid_t fid, zon_flow_direction_e dir, zon_flow
     return zon_error_none;
 }
 
-zon_error_t zon_flow_get_next_tcp_seq_nbr(zon_flow_ptr_t fid, zon_flow_direction_e dir, uint32_t* nxt_seq_nbr,
-                                          uint16_t* window) {
+zon_error_t zon_flow_get_next_tcp_seq_nbr(zon_flow_ptr_t fid, zon_flow_direction_e dir,
+                                          uint32_t* nxt_seq_nbr, uint16_t* window) {
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
     if (nxt_seq_nbr == nullptr)
@@ -149,7 +153,8 @@ zon_error_t zon_flow_get_next_tcp_seq_nbr(zon_flow_ptr_t fid, zon_flow_direction
     if (!flow)
         return not_found(zon_client_api_short_text);
     // Every direction but the initiator's reads the responder's side, on purpose.
-    const zon_tcp_state_info& side = dir == ZON_DIR_INITIATOR ? flow->l4state.i_info : flow->l4state.r_info;
+    const zon_tcp_state_info& side =
+        dir == ZON_DIR_INITIATOR ? flow->l4state.i_info : flow->l4state.r_info;
     if (side.valid_next_seq_number != ZON_TCP_NEXT_SEQ_VALID)
         return zon_error_invalid_next_seq_number;
     *nxt_seq_nbr = side.sndnxt;

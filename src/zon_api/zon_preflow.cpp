@@ -1,6 +1,8 @@
-// zon_preflow.cpp - announced flows, and the objects that clients hang on the one direction that a tuple names.
+// zon_preflow.cpp - announced flows, and the objects that clients hang on the one direction that a
+// tuple names.
 //
-// Locks  lookups by tuple hand over the flow's lock; it is let go before return, except where a function says otherwise.
+// Locks  lookups by tuple hand over the flow's lock; it is let go before return, except where a
+// function says otherwise.
 
 #include "osal/zon_debug.h"
 #include "zon_api_internal.h"
@@ -20,7 +22,8 @@ uint32_t announced_type(uint32_t key_type) {
 }
 
 // The half flow that a tuple names, its flow locked, or null.
-zon_half_flow_t* find_by_tuple(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple) {
+zon_half_flow_t* find_by_tuple(zon_flow_tuple_type_t tuple_type,
+                               const zon_flow_tuple_t* flow_tuple) {
     zon_key_type_t key_type = ZON_MAX_KEY;
     if (zon_get_key_type(flow_tuple->src_ip.addr_type, tuple_type, &key_type) != zon_error_none)
         return nullptr;
@@ -62,8 +65,8 @@ zon_error_t attach_to(zon_half_flow_t* half, zon_client_id_e cid, void* fo) {
 
 }  // namespace
 
-zon_error_t zon_pre_flow_add(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple, zon_fid_t parent_fid,
-                             zon_fid_t* pre_flow_fid, zon_lock_t* flow_lock) {
+zon_error_t zon_pre_flow_add(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple,
+                             zon_fid_t parent_fid, zon_fid_t* pre_flow_fid, zon_lock_t* flow_lock) {
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
     if (!zon_tuple_type_is_valid(tuple_type))
@@ -90,7 +93,8 @@ zon_error_t zon_pre_flow_add(zon_flow_tuple_type_t tuple_type, const zon_flow_tu
     return zon_private_insert_incomplete_tuple(&key.head, parent_fid, pre_flow_fid, flow_lock);
 }
 
-zon_error_t zon_pre_flow_delete_using_flow_tuple(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple) {
+zon_error_t zon_pre_flow_delete_using_flow_tuple(zon_flow_tuple_type_t tuple_type,
+                                                 const zon_flow_tuple_t* flow_tuple) {
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
     if (!zon_tuple_type_is_valid(tuple_type))
@@ -112,7 +116,8 @@ zon_error_t zon_pre_flow_delete_using_flow_tuple(zon_flow_tuple_type_t tuple_typ
 
 zon_error_t zon_uni_flow_attach_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type,
                                    const zon_flow_tuple_t* flow_tuple, void* fo) {
-    if (const zon_error_t error = check_uni_arguments(cid, tuple_type, flow_tuple, fo); error != zon_error_none)
+    if (const zon_error_t error = check_uni_arguments(cid, tuple_type, flow_tuple, fo);
+        error != zon_error_none)
         return error;
     if (zon_private_get_delete_cb(cid) == nullptr)
         return traced(zon_error_client_delete_cb_not_registered);
@@ -123,9 +128,10 @@ zon_error_t zon_uni_flow_attach_fo(zon_client_id_e cid, zon_flow_tuple_type_t tu
     return attach_to(half, cid, fo);
 }
 
-zon_error_t zon_uni_flow_get_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type, zon_flow_tuple_t* flow_tuple,
-                                void** fo) {
-    if (const zon_error_t error = check_uni_arguments(cid, tuple_type, flow_tuple, fo); error != zon_error_none)
+zon_error_t zon_uni_flow_get_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type,
+                                zon_flow_tuple_t* flow_tuple, void** fo) {
+    if (const zon_error_t error = check_uni_arguments(cid, tuple_type, flow_tuple, fo);
+        error != zon_error_none)
         return error;
     *fo = nullptr;
     const zon_half_flow_t* half = find_by_tuple(tuple_type, flow_tuple);
@@ -141,7 +147,8 @@ zon_error_t zon_uni_flow_get_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple
 
 zon_error_t zon_uni_flow_detach_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type,
                                    const zon_flow_tuple_t* flow_tuple, void** fo) {
-    if (const zon_error_t error = check_uni_arguments(cid, tuple_type, flow_tuple, fo); error != zon_error_none)
+    if (const zon_error_t error = check_uni_arguments(cid, tuple_type, flow_tuple, fo);
+        error != zon_error_none)
         return error;
     *fo = nullptr;
     const zon_half_flow_t* half = find_by_tuple(tuple_type, flow_tuple);

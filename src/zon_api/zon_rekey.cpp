@@ -9,15 +9,16 @@
 
 namespace {
 
-// The two operations report in different ways, on purpose: the initiator's through the error log, the responder's as
-// trace lines.
+// The two operations report in different ways, on purpose: the initiator's through the error log,
+// the responder's as trace lines.
 struct reporter {
     zon_flow_direction_e side;
     zon_fid_t fid;
 
     void report(zon_errmsg_index_e index, const char* message, const char* trace) const {
         if (side == ZON_DIR_INITIATOR)
-            zon_log_error_message(static_cast<unsigned int>(index), message, "zon_flow_update_initiator, fid:", static_cast<int>(fid));
+            zon_log_error_message(static_cast<unsigned int>(index), message,
+                                  "zon_flow_update_initiator, fid:", static_cast<int>(fid));
         else
             zon_trace_engine_text(trace);
     }
@@ -28,11 +29,13 @@ struct reporter {
     // A missing buffer of the larger family is not reported, on purpose.
     zon_error_t no_memory(zon_ip_addr_e family) const {
         if (family == ZON_IP_ADDR_IPV4)
-            report(ZON_ERRMSG_NO_MEMORY, "Could not allocate memory for half flow", zon_no_memory_text);
+            report(ZON_ERRMSG_NO_MEMORY, "Could not allocate memory for half flow",
+                   zon_no_memory_text);
         return zon_error_memory;
     }
     zon_error_t bucket_full() const {
-        report(ZON_ERRMSG_FLOW_CREATION_PREVENTED, "Flow creation was prevented because of hash table bucket depth",
+        report(ZON_ERRMSG_FLOW_CREATION_PREVENTED,
+               "Flow creation was prevented because of hash table bucket depth",
                zon_creation_prevented_text);
         return zon_error_flow_creation_prevented;
     }
@@ -68,8 +71,8 @@ bool move_half_flow(zon_half_flow_t* half, const zon_any_key_t& key, bool is_new
     zon_copy_key_to_half_flow(wanted_half, &key.head);
     if (!is_new)
         relaxed_add(tbl->profile_delete, 1);
-    const bool linked =
-        zon_hashset_move(tbl->table, half, wanted_half, [](zon_hashset_item item, const void* rewritten) {
+    const bool linked = zon_hashset_move(
+        tbl->table, half, wanted_half, [](zon_hashset_item item, const void* rewritten) {
             zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
                          &static_cast<const zon_half_flow_t*>(rewritten)->key);
         });
@@ -78,13 +81,17 @@ bool move_half_flow(zon_half_flow_t* half, const zon_any_key_t& key, bool is_new
     return linked;
 }
 
-// The flow goes on naming the half flow, so its buffer cannot serve another one yet: only the count goes down.
+uint32_t& usage_of(const zon_half_flow_t* half) {
+    memory_usage_stats_t& usage = g_zon->memory_usage_stats;
+    return zon_key_is_ipv4(half->key.key_type) ? usage.ipv4_half_flow_alloc_count
+                                               : usage.ipv6_half_flow_alloc_count;
+}
+
+// The flow goes on naming the half flow, so its buffer cannot serve another one yet: only the count
+// goes down.
 void give_side_back(zon_flow_t* flow, zon_flow_direction_e side, zon_half_flow_t* half) {
     zon_flow_fo_release_side(flow, half);
-    memory_usage_stats_t& usage = g_zon->memory_usage_stats;
-    relaxed_add(zon_key_is_ipv4(half->key.key_type) ? usage.ipv4_half_flow_alloc_count
-                                                    : usage.ipv6_half_flow_alloc_count,
-                -1);
+    relaxed_add(usage_of(half), -1);
     flow->private_detached |= zon_given_back_mark(side);
 }
 
@@ -122,6 +129,15 @@ zon_error_t update_side(const reporter& report, const zon_flow_tuple_t* flow_tup
 
 }  // namespace
 
+void zon_private_reclaim_sides(zon_flow_t* flow) {
+    for (const zon_flow_direction_e side : {ZON_DIR_INITIATOR, ZON_DIR_RESPONDER}) {
+        if (!zon_side_is_given_back(flow, side))
+            continue;
+        relaxed_add(usage_of(slot_of(flow, side)), 1);
+        flow->private_detached &= static_cast<uint8_t>(~zon_given_back_mark(side));
+    }
+}
+
 zon_error_t zon_flow_update_initiator(zon_fid_t fid, const zon_flow_tuple_t* flow_tuple) {
     return update_side({ZON_DIR_INITIATOR, fid}, flow_tuple);
 }
@@ -136,8 +152,8 @@ int zon_flow_update_vrf(zon_fid_t fid, uint32_t new_vrf_id) {
     locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, fid);
     if (!flow)
         return 0;
-    // The half flows stay in their buckets: the VRF is not part of the hash. Lookups compare it meanwhile, so it is
-    // stored as one atomic word.
+    // The half flows stay in their buckets: the VRF is not part of the hash. Lookups compare it
+    // meanwhile, so it is stored as one atomic word.
     for (const zon_flow_direction_e side : {ZON_DIR_INITIATOR, ZON_DIR_RESPONDER})
         if (zon_half_flow_t* half = zon_half_flow_of(flow.get(), side))
             relaxed_store(half->key.vrf_id, new_vrf_id);

@@ -1,15 +1,18 @@
-// zon_tuple_lookup.cpp - from a client's description of a connection to the flow, and the flow lock that clients hold.
+// zon_tuple_lookup.cpp - from a client's description of a connection to the flow, and the flow lock
+// that clients hold.
 //
 // Locks  what is found comes back with its flow locked; nothing else leaves this file locked.
 
 #include "zon_api_internal.h"
 
-zon_error_t zon_get_key_type(zon_ip_addr_e addr_type, zon_flow_tuple_type_t tuple_type, zon_key_type_t* key_type) {
+zon_error_t zon_get_key_type(zon_ip_addr_e addr_type, zon_flow_tuple_type_t tuple_type,
+                             zon_key_type_t* key_type) {
     struct row {
         zon_key_type_t ipv4;
         zon_key_type_t ipv6;
     };
-    // In the order of the tuple types. Source and destination cross over: the two numberings differ.
+    // In the order of the tuple types. Source and destination cross over: the two numberings
+    // differ.
     static constexpr row rows[] = {
         {ZON_IPV4_KEY_COMPLETE, ZON_IPV6_KEY_COMPLETE},
         {ZON_IPV4_KEY_SRC_IP_PORT_ONLY, ZON_IPV6_KEY_SRC_IP_PORT_ONLY},
@@ -30,16 +33,19 @@ zon_error_t zon_get_key_type(zon_ip_addr_e addr_type, zon_flow_tuple_type_t tupl
     }
 }
 
-bool zon_build_key(zon_any_key_t* key, zon_key_type_t key_type, const zon_flow_tuple_t* flow_tuple) {
+bool zon_build_key(zon_any_key_t* key, zon_key_type_t key_type,
+                   const zon_flow_tuple_t* flow_tuple) {
     const auto type = static_cast<uint8_t>(key_type);
     switch (flow_tuple->src_ip.addr_type) {
     case ZON_IP_ADDR_IPV4:
-        zon_set_key_ipv4(&key->ipv4, type, flow_tuple->src_ip.u.v4_addr, flow_tuple->dst_ip.u.v4_addr,
-                         flow_tuple->src_port, flow_tuple->dst_port, flow_tuple->l4_protocol, flow_tuple->vrf_id);
+        zon_set_key_ipv4(&key->ipv4, type, flow_tuple->src_ip.u.v4_addr,
+                         flow_tuple->dst_ip.u.v4_addr, flow_tuple->src_port, flow_tuple->dst_port,
+                         flow_tuple->l4_protocol, flow_tuple->vrf_id);
         return true;
     case ZON_IP_ADDR_IPV6:
-        zon_set_key_ipv6(&key->ipv6, type, flow_tuple->src_ip.u.v6_addr, flow_tuple->dst_ip.u.v6_addr,
-                         flow_tuple->src_port, flow_tuple->dst_port, flow_tuple->l4_protocol, flow_tuple->vrf_id);
+        zon_set_key_ipv6(&key->ipv6, type, flow_tuple->src_ip.u.v6_addr,
+                         flow_tuple->dst_ip.u.v6_addr, flow_tuple->src_port, flow_tuple->dst_port,
+                         flow_tuple->l4_protocol, flow_tuple->vrf_id);
         return true;
     default:
         return false;
@@ -51,12 +57,14 @@ zon_half_flow_t* zon_find_half_flow(const zon_any_key_t* key) {
                                                : zon_private_flow_lookup_ipv6(&key->ipv6);
 }
 
-zon_half_flow_t* zon_find_half_flow_using_tuple(zon_key_type_t key_type, const zon_flow_tuple_t* flow_tuple) {
+zon_half_flow_t* zon_find_half_flow_using_tuple(zon_key_type_t key_type,
+                                                const zon_flow_tuple_t* flow_tuple) {
     zon_any_key_t key;
     return zon_build_key(&key, key_type, flow_tuple) ? zon_find_half_flow(&key) : nullptr;
 }
 
-zon_error_t zon_flow_find_and_lock(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple, zon_fid_t* fid,
+zon_error_t zon_flow_find_and_lock(zon_flow_tuple_type_t tuple_type,
+                                   const zon_flow_tuple_t* flow_tuple, zon_fid_t* fid,
                                    zon_lock_t* flow_lock) {
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
@@ -76,7 +84,8 @@ zon_error_t zon_flow_find_and_lock(zon_flow_tuple_type_t tuple_type, const zon_f
     const zon_half_flow_t* half = zon_find_half_flow_using_tuple(key_type, flow_tuple);
     if (half == nullptr)
         return zon_error_flow_not_found;
-    // The lock stays with the caller, even with one that gave no place to put it: that is the caller's contract.
+    // The lock stays with the caller, even with one that gave no place to put it: that is the
+    // caller's contract.
     *fid = half->flow->fid;
     if (flow_lock != nullptr)
         *flow_lock = half->flow->flow_lock;
@@ -90,4 +99,6 @@ zon_error_t zon_flow_unlock(zon_lock_t flow_lock) {
     return zon_error_none;
 }
 
-void zon_unlock_flow_tamonet(void* flow) { zon_unlock_internal(static_cast<const zon_flow_t*>(flow)->flow_lock); }
+void zon_unlock_flow_tamonet(void* flow) {
+    zon_unlock_internal(static_cast<const zon_flow_t*>(flow)->flow_lock);
+}

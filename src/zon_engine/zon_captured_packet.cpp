@@ -23,7 +23,9 @@ constexpr size_t longest_datagram = 65535;
 constexpr size_t later_tcp_bytes = 13;
 constexpr size_t later_udp_bytes = 4;
 
-packet_check require(bool holds) { return holds ? packet_check::sound : packet_check::refused; }
+packet_check require(bool holds) {
+    return holds ? packet_check::sound : packet_check::refused;
+}
 
 // room: bytes from the header on that may be read.
 packet_check check_tcp(const uint8_t* tcp, size_t room) {
@@ -33,8 +35,8 @@ packet_check check_tcp(const uint8_t* tcp, size_t room) {
     return require(header >= tcp_min_size && header <= room);
 }
 
-// datagram: bytes that the IP header promises from the UDP header on. The length field of a first fragment covers the whole
-// datagram, so that it may promise more.
+// datagram: bytes that the IP header promises from the UDP header on. The length field of a first
+// fragment covers the whole datagram, so that it may promise more.
 packet_check check_udp(const uint8_t* udp, size_t room, size_t datagram, bool is_first_fragment) {
     if (room < udp_size)
         return packet_check::refused;
@@ -43,7 +45,9 @@ packet_check check_udp(const uint8_t* udp, size_t room, size_t datagram, bool is
 }
 
 packet_check check_later_fragment(uint8_t protocol, size_t room) {
-    const size_t read = protocol == ZON_TCP_PROT ? later_tcp_bytes : protocol == ZON_UDP_PROT ? later_udp_bytes : 0;
+    const size_t read = protocol == ZON_TCP_PROT   ? later_tcp_bytes
+                        : protocol == ZON_UDP_PROT ? later_udp_bytes
+                                                   : 0;
     return room < read ? packet_check::unreadable_fragment : packet_check::sound;
 }
 
@@ -113,7 +117,8 @@ packet_check zon_check_captured_ipv6(uint8_t* ip, size_t available, zon_dp_fe_t&
     case ZON_TCP_PROT:
         return check_tcp(fe.l4_start, room);
     case ZON_UDP_PROT:
-        return check_udp(fe.l4_start, room, ipv6_size + payload - header, fragment == zon_ip_frag_first);
+        return check_udp(fe.l4_start, room, ipv6_size + payload - header,
+                         fragment == zon_ip_frag_first);
     default:
         return packet_check::sound;
     }

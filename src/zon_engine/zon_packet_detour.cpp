@@ -1,5 +1,5 @@
-// zon_packet_detour.cpp - takes in the packets that do not go straight: checks of captured ones, what no client enabled,
-// and packets inside tunnels.
+// zon_packet_detour.cpp - takes in the packets that do not go straight: checks of captured ones,
+// what no client enabled, and packets inside tunnels.
 //
 // Owns   nothing; a packet's state is on the stack.
 // Locks  none.
@@ -14,7 +14,8 @@ namespace {
 
 // ---- packets that get no flow ----
 
-zon_fid_t not_classified(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_tunnel_type_e tunnel) {
+zon_fid_t not_classified(const arriving_packet& arriving, const zon_dp_fe_t& fe,
+                         zon_tunnel_type_e tunnel) {
     preset_indications(arriving, fe, tunnel);
     return 0;
 }
@@ -25,7 +26,8 @@ zon_fid_t refuse(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_tun
     return 0;
 }
 
-zon_fid_t unreadable_fragment(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_tunnel_type_e tunnel) {
+zon_fid_t unreadable_fragment(const arriving_packet& arriving, const zon_dp_fe_t& fe,
+                              zon_tunnel_type_e tunnel) {
     preset_indications(arriving, fe, tunnel);
     arriving.indications->is_fragment = 1;
     arriving.indications->l4_error = ZON_L4_NOERR_NON_FIRST_FRAG;
@@ -57,8 +59,8 @@ bool is_enabled(const zon_t* engine, uint8_t protocol) {
 // ---- tunnels ----
 
 // room: bytes of the inner packet that may be read.
-zon_fid_t tunnelled_packet(const arriving_packet& arriving, const zon_dp_fe_t& outer, uint8_t* inner, size_t room,
-                           zon_tunnel_type_e tunnel) {
+zon_fid_t tunnelled_packet(const arriving_packet& arriving, const zon_dp_fe_t& outer,
+                           uint8_t* inner, size_t room, zon_tunnel_type_e tunnel) {
     zon_dp_fe_t fe{};
     packet_check check = packet_check::sound;
     if (arriving.is_trusted())
@@ -75,8 +77,9 @@ zon_fid_t tunnelled_packet(const arriving_packet& arriving, const zon_dp_fe_t& o
     return zon_classify_or_follow(arriving, fe, tunnel);
 }
 
-// Bytes from the IPv4 payload's start on that belong to the packet. The length fields of a trusted packet bound it where
-// they make sense, so that nothing behind a short datagram is taken for a tunnel.
+// Bytes from the IPv4 payload's start on that belong to the packet. The length fields of a trusted
+// packet bound it where they make sense, so that nothing behind a short datagram is taken for a
+// tunnel.
 size_t ipv4_room(const arriving_packet& arriving, const zon_dp_fe_t& fe) {
     const size_t header = l3_header_size_of(fe);
     const size_t total = load_be16(fe.network_start + 2);
@@ -94,13 +97,14 @@ size_t udp_room(const arriving_packet& arriving, const zon_dp_fe_t& fe) {
 }
 
 zon_fid_t ipv6_in_ipv4(const arriving_packet& arriving, const zon_dp_fe_t& fe) {
-    // The data of a later fragment is not the beginning of an inner packet. A trusted packet is looked into all the same, on
-    // purpose: its host vouches for what stands there.
+    // The data of a later fragment is not the beginning of an inner packet. A trusted packet is
+    // looked into all the same, on purpose: its host vouches for what stands there.
     if (!arriving.is_trusted() && is_later_fragment(fe))
         return not_classified(arriving, fe, ZON_TUNNEL_TYPE_NONE);
     if (fe.l4_start[0] >> 4 != 6)
         return not_classified(arriving, fe, ZON_TUNNEL_TYPE_NONE);
-    return tunnelled_packet(arriving, fe, fe.l4_start, arriving.is_trusted() ? zon_no_end : ipv4_room(arriving, fe),
+    return tunnelled_packet(arriving, fe, fe.l4_start,
+                            arriving.is_trusted() ? zon_no_end : ipv4_room(arriving, fe),
                             ZON_TUNNEL_TYPE_IPV6INIP);
 }
 
@@ -110,7 +114,8 @@ zon_fid_t udp_over_ipv4(const arriving_packet& arriving, zon_dp_fe_t& fe) {
         if (uint8_t* inner = zon_teredo_find_inner_packet(fe.l4_start, room)) {
             if (!arriving.is_trusted() && is_later_fragment(fe))
                 return not_classified(arriving, fe, ZON_TUNNEL_TYPE_NONE);
-            return tunnelled_packet(arriving, fe, inner, room - static_cast<size_t>(inner - fe.l4_start),
+            return tunnelled_packet(arriving, fe, inner,
+                                    room - static_cast<size_t>(inner - fe.l4_start),
                                     ZON_TUNNEL_TYPE_TEREDO);
         }
     }

@@ -1,4 +1,5 @@
-// zon_packet_entry.h - the steps that a packet takes before it is classified, shared by the straight way and the detour.
+// zon_packet_entry.h - the steps that a packet takes before it is classified, shared by the
+// straight way and the detour.
 
 #pragma once
 
@@ -26,13 +27,14 @@ struct arriving_packet {
     bool is_trusted() const { return captured == zon_no_end; }
 };
 
-// Every packet that is not a whole TCP or UDP packet right behind a plain IP header: options of captured packets, extension
-// headers, fragments, tunnels, refusals, and all that no client enabled. Takes the packet by value, so that the straight
-// way can keep its own in registers.
+// Every packet that is not a whole TCP or UDP packet right behind a plain IP header: options of
+// captured packets, extension headers, fragments, tunnels, refusals, and all that no client
+// enabled. Takes the packet by value, so that the straight way can keep its own in registers.
 [[gnu::cold, gnu::noinline]] zon_fid_t zon_take_detour(arriving_packet arriving);
 
 // Finds the flow of a parsed packet, through the fragment table when it is a fragment.
-zon_fid_t zon_classify_or_follow(const arriving_packet& arriving, zon_dp_fe_t& fe, zon_tunnel_type_e tunnel);
+zon_fid_t zon_classify_or_follow(const arriving_packet& arriving, zon_dp_fe_t& fe,
+                                 zon_tunnel_type_e tunnel);
 
 // Is the packet a fragment other than the first?
 inline bool is_later_fragment(const zon_dp_fe_t& fe) {
@@ -52,7 +54,8 @@ inline uint32_t l3_header_size_of(const zon_dp_fe_t& fe) {
     return fe.l4_start != nullptr ? static_cast<uint32_t>(fe.l4_start - fe.network_start) : 0;
 }
 
-inline void preset_indications(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_tunnel_type_e tunnel) {
+inline void preset_indications(const arriving_packet& arriving, const zon_dp_fe_t& fe,
+                               zon_tunnel_type_e tunnel) {
     zon_pkt_indications_t& seen = *arriving.indications;
     seen.flow = 0;
     seen.l7_flow_bytes = 0;
@@ -78,8 +81,8 @@ inline void preset_indications(const arriving_packet& arriving, const zon_dp_fe_
     seen.l7_start = nullptr;
 }
 
-// The packet's key in its own direction. Nothing but the key is set: the engine copies it and keeps no half flow of ours.
-// Storage of the larger family serves both.
+// The packet's key in its own direction. Nothing but the key is set: the engine copies it and keeps
+// no half flow of ours. Storage of the larger family serves both.
 class scratch_half_flow {
 public:
     void set_ipv4(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_l4_port_t ports) {
@@ -96,8 +99,9 @@ public:
         take_hash_of_host(arriving);
     }
     void set_ipv6(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_l4_port_t ports) {
-        zon_set_key_ipv6(zon_full_key<ipv6_family>(head()), ZON_IPV6_KEY_COMPLETE, fe.ipv6_srcaddr, fe.ipv6_dstaddr,
-                         ports.src_port, ports.dst_port, fe.protocol, arriving.vrf_id);
+        zon_set_key_ipv6(zon_full_key<ipv6_family>(head()), ZON_IPV6_KEY_COMPLETE, fe.ipv6_srcaddr,
+                         fe.ipv6_dstaddr, ports.src_port, ports.dst_port, fe.protocol,
+                         arriving.vrf_id);
         take_hash_of_host(arriving);
     }
     zon_half_flow_t* head() { return reinterpret_cast<zon_half_flow_t*>(&storage_); }
@@ -116,6 +120,6 @@ private:
 inline zon_fid_t run_engine(const arriving_packet& arriving, zon_half_flow_t* key, zon_dp_fe_t& fe,
                             zon_tunnel_type_e tunnel) {
     return zon_engine(key, &fe, arriving.context, arriving.indications, arriving.error, tunnel,
-                      &arriving.engine->params.capability_counter, arriving.reported_fid, arriving.reported_state,
-                      arriving.reported_number);
+                      &arriving.engine->params.capability_counter, arriving.reported_fid,
+                      arriving.reported_state, arriving.reported_number);
 }

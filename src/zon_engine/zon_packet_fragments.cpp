@@ -1,4 +1,5 @@
-// zon_packet_fragments.cpp - gives the later fragments of a datagram the flow of its first one (RFC 791 2.3, RFC 8200 4.5).
+// zon_packet_fragments.cpp - gives the later fragments of a datagram the flow of its first one (RFC
+// 791 2.3, RFC 8200 4.5).
 //
 // Locks  the flow of a later fragment, while its counters are read.
 
@@ -7,10 +8,13 @@
 
 namespace {
 
-bool has_ports(uint8_t protocol) { return protocol == ZON_TCP_PROT || protocol == ZON_UDP_PROT; }
+bool has_ports(uint8_t protocol) {
+    return protocol == ZON_TCP_PROT || protocol == ZON_UDP_PROT;
+}
 
 zon_l4_port_t ports_of(zon_dp_fe_t& fe) {
-    return has_ports(fe.protocol) ? zon_l4_port_t{zon_srcport(&fe), zon_dstport(&fe)} : zon_l4_port_t{0, 0};
+    return has_ports(fe.protocol) ? zon_l4_port_t{zon_srcport(&fe), zon_dstport(&fe)}
+                                  : zon_l4_port_t{0, 0};
 }
 
 // The fragment table's operations on the datagram that a packet belongs to, whatever its family.
@@ -21,31 +25,35 @@ public:
 
     void remember(zon_fid_t fid) {
         if (is_ipv4())
-            zon_frag_flow_insert_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_, fe_.protocol, zon_ipv4_srcip(&fe_),
-                                      zon_ipv4_dstip(&fe_), fid);
+            zon_frag_flow_insert_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_, fe_.protocol,
+                                      zon_ipv4_srcip(&fe_), zon_ipv4_dstip(&fe_), fid);
         else
-            zon_frag_flow_insert_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_, fe_.protocol, fe_.ipv6_srcaddr,
-                                      fe_.ipv6_dstaddr, fid);
+            zon_frag_flow_insert_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_, fe_.protocol,
+                                      fe_.ipv6_srcaddr, fe_.ipv6_dstaddr, fid);
     }
     zon_fid_t recall() {
-        return is_ipv4() ? zon_frag_flow_lookup_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_, fe_.protocol,
-                                                     zon_ipv4_srcip(&fe_), zon_ipv4_dstip(&fe_))
-                         : zon_frag_flow_lookup_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_, fe_.protocol,
-                                                     fe_.ipv6_srcaddr, fe_.ipv6_dstaddr);
+        return is_ipv4()
+                   ? zon_frag_flow_lookup_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_,
+                                               fe_.protocol, zon_ipv4_srcip(&fe_),
+                                               zon_ipv4_dstip(&fe_))
+                   : zon_frag_flow_lookup_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_,
+                                               fe_.protocol, fe_.ipv6_srcaddr, fe_.ipv6_dstaddr);
     }
     zon_fid_t recall_and_forget() {
-        return is_ipv4() ? zon_frag_flow_delete_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_, fe_.protocol,
-                                                     zon_ipv4_srcip(&fe_), zon_ipv4_dstip(&fe_))
-                         : zon_frag_flow_delete_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_, fe_.protocol,
-                                                     fe_.ipv6_srcaddr, fe_.ipv6_dstaddr);
+        return is_ipv4()
+                   ? zon_frag_flow_delete_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_,
+                                               fe_.protocol, zon_ipv4_srcip(&fe_),
+                                               zon_ipv4_dstip(&fe_))
+                   : zon_frag_flow_delete_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_,
+                                               fe_.protocol, fe_.ipv6_srcaddr, fe_.ipv6_dstaddr);
     }
     void forget_if(zon_fid_t fid) {
         if (is_ipv4())
-            zon_frag_flow_delete_if_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_, fe_.protocol, zon_ipv4_srcip(&fe_),
-                                         zon_ipv4_dstip(&fe_), fid);
+            zon_frag_flow_delete_if_ipv4(table_, zon_ipv4_frag_id(&fe_), vrf_id_, fe_.protocol,
+                                         zon_ipv4_srcip(&fe_), zon_ipv4_dstip(&fe_), fid);
         else
-            zon_frag_flow_delete_if_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_, fe_.protocol, fe_.ipv6_srcaddr,
-                                         fe_.ipv6_dstaddr, fid);
+            zon_frag_flow_delete_if_ipv6(table_, zon_ipv6_frag_id(&fe_), vrf_id_, fe_.protocol,
+                                         fe_.ipv6_srcaddr, fe_.ipv6_dstaddr, fid);
     }
 
 private:
@@ -65,7 +73,8 @@ zon_fid_t classify(const arriving_packet& arriving, zon_dp_fe_t& fe, zon_tunnel_
     return run_engine(arriving, scratch.head(), fe, tunnel);
 }
 
-zon_fid_t first_fragment(const arriving_packet& arriving, zon_dp_fe_t& fe, zon_tunnel_type_e tunnel) {
+zon_fid_t first_fragment(const arriving_packet& arriving, zon_dp_fe_t& fe,
+                         zon_tunnel_type_e tunnel) {
     const zon_fid_t fid = classify(arriving, fe, tunnel);
     arriving.indications->is_fragment = 1;
     if (fid == 0) {
@@ -90,8 +99,8 @@ locked_flow flow_of_first_fragment(datagram whole, bool is_last) {
     return {};
 }
 
-// Ports and payload start are read as if a transport header stood at the beginning of the fragment's data, on purpose: hosts
-// get the same fields for every fragment.
+// Ports and payload start are read as if a transport header stood at the beginning of the
+// fragment's data, on purpose: hosts get the same fields for every fragment.
 zon_fid_t later_fragment(const arriving_packet& arriving, zon_dp_fe_t& fe, bool is_last) {
     zon_pkt_indications_t& seen = *arriving.indications;
     seen.is_fragment = 1;
@@ -111,7 +120,8 @@ zon_fid_t later_fragment(const arriving_packet& arriving, zon_dp_fe_t& fe, bool 
 
 }  // namespace
 
-zon_fid_t zon_classify_or_follow(const arriving_packet& arriving, zon_dp_fe_t& fe, zon_tunnel_type_e tunnel) {
+zon_fid_t zon_classify_or_follow(const arriving_packet& arriving, zon_dp_fe_t& fe,
+                                 zon_tunnel_type_e tunnel) {
     preset_indications(arriving, fe, tunnel);
     switch (fe.l3_proto == ZON_L3_IPV4 ? zon_ipv4_frag_type(&fe) : zon_ipv6_frag_type(&fe)) {
     case zon_ip_frag_first:

@@ -1,6 +1,7 @@
 // zon_preflow_insert.cpp - makes an announced flow.
 //
-// Locks  the parent is looked at and let go at once; the new flow stays locked from its making to the end, so that nobody
+// Locks  the parent is looked at and let go at once; the new flow stays locked from its making to
+// the end, so that nobody
 //        sees it half made. No other flow's lock is held meanwhile.
 
 #include "osal/zon_debug.h"
@@ -73,7 +74,8 @@ void prepare(zon_flow_t* flow, const half_flow_pair& halves, const parent_of_new
     zon_private_set_parent(flow, parent.record, parent.fid);
 }
 
-// Counted before they can be found: a packet that promotes the flow at once takes away what is there.
+// Counted before they can be found: a packet that promotes the flow at once takes away what is
+// there.
 class counted_types {
 public:
     explicit counted_types(const half_flow_pair& halves)
@@ -95,7 +97,8 @@ int bucket_for(const zon_half_flow_t* half) {
     return static_cast<int>(bucket_of(g_zon->flow_tbl->table, hash_of_key(half)));
 }
 
-// One half at a time, without a look for the same connection. The first stays in when the second is refused.
+// One half at a time, without a look for the same connection. The first stays in when the second is
+// refused.
 pair_insert_result insert_singly(zon_flow_t* flow) {
     if (!zon_flow_table_insert(g_zon->flow_tbl, flow->initiator_flow))
         return pair_insert_result::first_refused;
@@ -115,7 +118,8 @@ void give_record_back(locked_flow flow) {
     zon_private_deallocate_flow(record);
 }
 
-// Kept on purpose: when only the second half was refused, the place that the first one took in the table stays taken.
+// Kept on purpose: when only the second half was refused, the place that the first one took in the
+// table stays taken.
 void keep_place_of(half_flow_pair& halves) {
     // The removal that the attempt counted did not last.
     relaxed_add(g_zon->flow_tbl->profile_insert, -1);
@@ -125,9 +129,10 @@ void keep_place_of(half_flow_pair& halves) {
 }
 
 zon_error_t prevented(zon_fid_t parent_fid) {
-    zon_log_error_message(ZON_ERRMSG_FLOW_CREATION_PREVENTED,
-                          "Flow creation was prevented because of hash table bucket depth",
-                          "zon_private_insert_incomplete_tuple, parent_fid:", static_cast<int>(parent_fid));
+    zon_log_error_message(
+        ZON_ERRMSG_FLOW_CREATION_PREVENTED,
+        "Flow creation was prevented because of hash table bucket depth",
+        "zon_private_insert_incomplete_tuple, parent_fid:", static_cast<int>(parent_fid));
     return zon_error_flow_creation_prevented;
 }
 
@@ -137,8 +142,8 @@ struct insertion {
 };
 
 // compare tells whether a flow of the same connection, made meanwhile, stops the insertion.
-insertion make_and_insert(const zon_key_t* key, zon_fid_t parent_fid, bool compare, zon_fid_t* pre_flow_fid,
-                          zon_lock_t* flow_lock) {
+insertion make_and_insert(const zon_key_t* key, zon_fid_t parent_fid, bool compare,
+                          zon_fid_t* pre_flow_fid, zon_lock_t* flow_lock) {
     const parent_of_new parent = look_at_parent(parent_fid);
     half_flow_pair halves = make_half_flows(key);
     if (halves.initiator == nullptr)
@@ -152,8 +157,9 @@ insertion make_and_insert(const zon_key_t* key, zon_fid_t parent_fid, bool compa
     prepare(flow.get(), halves, parent);
     const counted_types counts(halves);
     const pair_insert_result result =
-        compare ? zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), bucket_for(halves.initiator))
-                : insert_singly(flow.get());
+        compare
+            ? zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), bucket_for(halves.initiator))
+            : insert_singly(flow.get());
     if (result == pair_insert_result::linked) {
         zon_timer_flow_start(zon_get_tw_internal(), &flow->timer,
                              relaxed_load(g_zon->timer_defaults.pre_flow_default), &flow->fid);
@@ -184,13 +190,14 @@ zon_half_flow_t* find_same_connection(const zon_key_t* key) {
 
 }  // namespace
 
-zon_error_t zon_private_insert_incomplete_tuple(const zon_key_t* key, zon_fid_t parent_fid, zon_fid_t* pre_flow_fid,
-                                                zon_lock_t* flow_lock) {
-    // A flow that stands in the way and cannot be found, because a host supplied its hash, is not waited for for ever.
+zon_error_t zon_private_insert_incomplete_tuple(const zon_key_t* key, zon_fid_t parent_fid,
+                                                zon_fid_t* pre_flow_fid, zon_lock_t* flow_lock) {
+    // A flow that stands in the way and cannot be found, because a host supplied its hash, is not
+    // waited for for ever.
     constexpr int comparing_attempts = 8;
     for (int attempt = 1;; ++attempt) {
-        const insertion made =
-            make_and_insert(key, parent_fid, attempt <= comparing_attempts, pre_flow_fid, flow_lock);
+        const insertion made = make_and_insert(key, parent_fid, attempt <= comparing_attempts,
+                                               pre_flow_fid, flow_lock);
         if (made.result != pair_insert_result::already_present)
             return made.error;
         if (const zon_half_flow_t* half = find_same_connection(key)) {

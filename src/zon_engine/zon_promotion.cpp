@@ -7,6 +7,7 @@
 
 #include "osal/zon_debug.h"
 #include "osal/zon_errlog.h"
+#include "zon_api/zon_api_internal.h"
 #include "zon_engine/zon_packet.h"
 
 namespace {
@@ -56,6 +57,7 @@ void complete_in_place(zon_flow_t* flow, uint32_t complete) {
 // Part of the tuple was unknown: both half flows take their keys from the packet and move to new buckets.
 pair_insert_result rekey_from_packet(zon_flow_t* flow, zon_half_flow_t* key) {
     const key_types announced = types_of(flow);
+    zon_private_reclaim_sides(flow);
     const pair_insert_result result = zon_flow_table_relink_flow(g_zon->flow_tbl, flow, &key->key);
     if (result != pair_insert_result::already_present)
         count_out(announced);

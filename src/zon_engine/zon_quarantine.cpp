@@ -1,6 +1,7 @@
 // zon_quarantine.cpp - half flows that were given up while the flow table still links them.
 //
-// Owns   the quarantined buffers, and one stand-in flow that they all belong to. The stand-in is dying for ever, so that
+// Owns   the quarantined buffers, and one stand-in flow that they all belong to. The stand-in is
+// dying for ever, so that
 //        lookups pass over its half flows.
 // Locks  one private lock for the list; the stand-in has a flow lock like any flow.
 
@@ -19,9 +20,14 @@ std::mutex guard_of_list;
 zon_half_flow_t* quarantined = nullptr;
 zon_flow_t stand_in;
 
-// Nobody attaches objects to a half flow that cannot be found: the head of its list serves as the link of ours.
-zon_half_flow_t* next_of(const zon_half_flow_t* half) { return reinterpret_cast<zon_half_flow_t*>(half->fo_list); }
-void set_next(zon_half_flow_t* half, zon_half_flow_t* next) { half->fo_list = reinterpret_cast<zon_flow_fo_t*>(next); }
+// Nobody attaches objects to a half flow that cannot be found: the head of its list serves as the
+// link of ours.
+zon_half_flow_t* next_of(const zon_half_flow_t* half) {
+    return reinterpret_cast<zon_half_flow_t*>(half->fo_list);
+}
+void set_next(zon_half_flow_t* half, zon_half_flow_t* next) {
+    half->fo_list = reinterpret_cast<zon_flow_fo_t*>(next);
+}
 
 bool stand_in_is_ready() {
     if (stand_in.flow_lock != nullptr)
@@ -44,7 +50,8 @@ bool insert_for_stand_in(zon_half_flow_t* half_flow) {
 
 uint32_t& usage_of(const zon_half_flow_t* half) {
     memory_usage_stats_t& usage = g_zon->memory_usage_stats;
-    return zon_key_is_ipv4(half->key.key_type) ? usage.ipv4_half_flow_alloc_count : usage.ipv6_half_flow_alloc_count;
+    return zon_key_is_ipv4(half->key.key_type) ? usage.ipv4_half_flow_alloc_count
+                                               : usage.ipv6_half_flow_alloc_count;
 }
 
 }  // namespace
@@ -63,8 +70,9 @@ void zon_private_release_quarantine() {
     const std::lock_guard guard(guard_of_list);
     while (zon_half_flow_t* half = quarantined) {
         quarantined = next_of(half);
-        const zon_memory_type type =
-            zon_key_is_ipv4(half->key.key_type) ? ZON_IPV4_HALF_FLOW_MEM_TYPE : ZON_IPV6_HALF_FLOW_MEM_TYPE;
+        const zon_memory_type type = zon_key_is_ipv4(half->key.key_type)
+                                         ? ZON_IPV4_HALF_FLOW_MEM_TYPE
+                                         : ZON_IPV6_HALF_FLOW_MEM_TYPE;
         zon_private_chunk_free_or_trace(type, half, &g_zon->zon_chunk_ptr);
     }
     if (stand_in.flow_lock != nullptr) {

@@ -10,7 +10,8 @@ namespace {
 
 class flow_report : public api_fixture {
 protected:
-    static bool fill(zon_fid_t fid, zon_flow_report_t* report, zon_dump_flow_context* context = nullptr) {
+    static bool fill(zon_fid_t fid, zon_flow_report_t* report,
+                     zon_dump_flow_context* context = nullptr) {
         const locked_flow flow = locked_flow::adopt(zon_get_flow(fid));
         return zon_debug_flow_populate_report(flow.get(), report, context);
     }
@@ -107,21 +108,22 @@ TEST_P(address_filter, passes_either_end_of_its_family) {
     EXPECT_EQ(zon_flow_compare_ip_and_port(row.ip_type, wanted, port, &key.key), row.expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, address_filter,
-                         ::testing::Values(filter_case{"ipv4_source", 1, 0, true, false, true, true},
-                                           filter_case{"ipv4_destination", 1, 4, false, true, true, true},
-                                           filter_case{"ipv4_other_port", 1, 0, true, true, false, false},
-                                           filter_case{"ipv4_other_address", 1, 0, false, false, true, false},
-                                           filter_case{"ipv4_of_an_ipv6_key", 1, 5, true, true, true, false},
-                                           filter_case{"ipv6_source", 20, 5, true, false, true, true},
-                                           filter_case{"ipv6_destination", 20, 9, false, true, true, true},
-                                           filter_case{"ipv6_of_type_4", 20, 4, true, false, true, true},
-                                           filter_case{"ipv6_of_type_3", 20, 3, true, true, true, false},
-                                           filter_case{"ipv6_above_the_types", 20, 10, true, true, true, false},
-                                           filter_case{"ipv6_other_port", 20, 5, true, true, false, false},
-                                           filter_case{"ipv6_other_address", 20, 5, false, false, true, false},
-                                           filter_case{"no_family", 0, 0, true, true, true, false},
-                                           filter_case{"unknown_family", 2, 0, true, true, true, false}),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    rows, address_filter,
+    ::testing::Values(filter_case{"ipv4_source", 1, 0, true, false, true, true},
+                      filter_case{"ipv4_destination", 1, 4, false, true, true, true},
+                      filter_case{"ipv4_other_port", 1, 0, true, true, false, false},
+                      filter_case{"ipv4_other_address", 1, 0, false, false, true, false},
+                      filter_case{"ipv4_of_an_ipv6_key", 1, 5, true, true, true, false},
+                      filter_case{"ipv6_source", 20, 5, true, false, true, true},
+                      filter_case{"ipv6_destination", 20, 9, false, true, true, true},
+                      filter_case{"ipv6_of_type_4", 20, 4, true, false, true, true},
+                      filter_case{"ipv6_of_type_3", 20, 3, true, true, true, false},
+                      filter_case{"ipv6_above_the_types", 20, 10, true, true, true, false},
+                      filter_case{"ipv6_other_port", 20, 5, true, true, false, false},
+                      filter_case{"ipv6_other_address", 20, 5, false, false, true, false},
+                      filter_case{"no_family", 0, 0, true, true, true, false},
+                      filter_case{"unknown_family", 2, 0, true, true, true, false}),
+    [](const auto& row) { return row.param.name; });
 
 }  // namespace

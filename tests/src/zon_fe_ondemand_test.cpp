@@ -17,8 +17,12 @@ namespace {
 const ipv6_address alice = "2001:db8:1:2:3:4:5:6";
 const ipv6_address bob = "2001:db8::2";
 
-packet_builder from_alice() { return packet_builder::ipv6(alice, bob); }
-packet_builder from_ten() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2"); }
+packet_builder from_alice() {
+    return packet_builder::ipv6(alice, bob);
+}
+packet_builder from_ten() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2");
+}
 
 struct parsed {
     bytes packet;
@@ -100,8 +104,13 @@ TEST(field_extraction, counts_an_authentication_header_in_words) {
 }
 
 TEST(field_extraction, walks_a_long_chain_of_all_kinds) {
-    const parsed seen(
-        from_alice().hop_by_hop(255).routing(3).fragment(0, false).authentication(1).destination_options(2).tcp(1, 2));
+    const parsed seen(from_alice()
+                          .hop_by_hop(255)
+                          .routing(3)
+                          .fragment(0, false)
+                          .authentication(1)
+                          .destination_options(2)
+                          .tcp(1, 2));
     EXPECT_EQ(seen.fe.ipv6_options_len, 2048 + 32 + 8 + 12 + 24);
     EXPECT_EQ(seen.fe.protocol, ZON_TCP_PROT);
 }
@@ -116,7 +125,8 @@ TEST(field_extraction, takes_any_number_of_headers_of_a_trusted_packet) {
     packet_builder chain = from_alice();
     for (int i = 0; i < 40; ++i)
         chain.destination_options();
-    EXPECT_EQ(parsed(chain.fragment(8, true).fragment(16, false).tcp(1, 2)).fe.ipv6_options_len, 42 * 8);
+    EXPECT_EQ(parsed(chain.fragment(8, true).fragment(16, false).tcp(1, 2)).fe.ipv6_options_len,
+              42 * 8);
 }
 
 TEST(field_extraction, gives_version_5_no_protocol_and_writes_nothing_else) {
@@ -128,7 +138,9 @@ TEST(field_extraction, gives_version_5_no_protocol_and_writes_nothing_else) {
     EXPECT_EQ(seen.fe.protocol, 0xEE);
 }
 
-TEST(field_extraction, says_how_much_storage_a_handle_needs) { EXPECT_EQ(zon_fe_size(), sizeof(zon_dp_fe_t)); }
+TEST(field_extraction, says_how_much_storage_a_handle_needs) {
+    EXPECT_EQ(zon_fe_size(), sizeof(zon_dp_fe_t));
+}
 
 // ---- the trace ----
 
@@ -159,9 +171,11 @@ TEST_F(fe_trace, dumps_an_ipv6_header_and_each_step_under_its_own_switch) {
     zon_debug_flag_fe = true;
     const auto [out, err] = trace(from_alice().hop_by_hop().tcp(1, 2));
     EXPECT_EQ(out, "ZON FE: src addr: 2001:db8:1:2:3:4:5:6: dst addr: 2001:db8:0:0:0:0:0:2:\n");
-    EXPECT_NE(err.find("\nZON FE: ------- QAT IPv6 Packet Dump ----------\n"), std::string::npos) << err;
+    EXPECT_NE(err.find("\nZON FE: ------- QAT IPv6 Packet Dump ----------\n"), std::string::npos)
+        << err;
     EXPECT_NE(err.find("\nZON FE: next header: 0x0\n"), std::string::npos) << err;
-    EXPECT_NE(err.find("\nZON FE: zon_ipv6_get_next_header: Get next header, new proto 6 (0x6), header len = 8\n"),
+    EXPECT_NE(err.find("\nZON FE: zon_ipv6_get_next_header: Get next header, new proto 6 (0x6), "
+                       "header len = 8\n"),
               std::string::npos)
         << err;
 }
@@ -189,7 +203,8 @@ TEST(bounded_extraction, accepts_exactly_the_headers) {
     const size_t needed = 40 + 24 + 20 + 8;
     for (size_t limit = 0; limit < packet.size(); ++limit) {
         zon_dp_fe_t fe{};
-        EXPECT_EQ(extract_within(packet, limit, fe), limit < needed ? fe_extent::broken : fe_extent::complete)
+        EXPECT_EQ(extract_within(packet, limit, fe),
+                  limit < needed ? fe_extent::broken : fe_extent::complete)
             << "limit " << limit;
         if (limit >= 40 && limit < needed) {
             EXPECT_EQ(fe.l4_start, nullptr) << "limit " << limit;
@@ -328,7 +343,8 @@ TEST(accessors, read_addresses_ports_and_sizes) {
 }
 
 TEST(accessors, read_the_tcp_header) {
-    parsed seen(from_ten().tcp(1, 2).seq(0x80000001).ack(0xFFFFFFFE).window(0x8123).tcp_options({1, 1}));
+    parsed seen(
+        from_ten().tcp(1, 2).seq(0x80000001).ack(0xFFFFFFFE).window(0x8123).tcp_options({1, 1}));
     EXPECT_EQ(zon_token_tcp_seq(&seen.fe), 0x80000001);
     EXPECT_EQ(zon_token_tcp_acknum(&seen.fe), 0xFFFFFFFE);
     EXPECT_EQ(zon_token_tcp_window(&seen.fe), 0x8123);

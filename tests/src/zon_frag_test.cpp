@@ -14,11 +14,14 @@
 #include <vector>
 
 #include "support/engine_fixture.h"
+#include "vem/vem_tw.h"
 
 namespace {
 
 using table_ptr = std::unique_ptr<zon_frag_table_t, decltype(&zon_frag_table_destroy)>;
-table_ptr make_table(uint32_t buckets = 256) { return {zon_frag_table_create(buckets), zon_frag_table_destroy}; }
+table_ptr make_table(uint32_t buckets = 256) {
+    return {zon_frag_table_create(buckets), zon_frag_table_destroy};
+}
 
 constexpr uint32_t source = 0x0A000001;
 constexpr uint32_t destination = 0x0A000002;
@@ -58,7 +61,8 @@ TEST(frag_table, hands_out_the_last_item_of_its_array_first) {
     insert4(table.get(), 2, 8);
     EXPECT_EQ(table->list_head, &table->frag_arry[510]) << "the newest entry heads the list";
     EXPECT_EQ(delete4(table.get(), 1), 7u);
-    EXPECT_EQ(table->free_list_head, &table->frag_arry[511]) << "the item freed last is taken first";
+    EXPECT_EQ(table->free_list_head, &table->frag_arry[511])
+        << "the item freed last is taken first";
 }
 
 TEST(frag_table, finds_and_deletes_what_was_inserted) {
@@ -98,7 +102,8 @@ TEST(frag_table, never_mixes_up_the_families) {
         const std::array<uint32_t, 4> same{source, destination, 0, 0};
         EXPECT_EQ(zon_frag_flow_insert_ipv4(table.get(), 5, 6, 17, source, destination, 1), 1u);
         EXPECT_EQ(zon_frag_flow_lookup_ipv6(table.get(), 5, 6, 17, same.data(), same.data()), 0u);
-        EXPECT_EQ(zon_frag_flow_insert_ipv6(table.get(), 5, 6, 17, same.data(), same.data(), 2), 2u);
+        EXPECT_EQ(zon_frag_flow_insert_ipv6(table.get(), 5, 6, 17, same.data(), same.data(), 2),
+                  2u);
         EXPECT_EQ(zon_frag_entry_count(table.get()), 2u);
         EXPECT_EQ(zon_frag_flow_delete_ipv4(table.get(), 5, 6, 17, source, destination), 1u);
         EXPECT_EQ(zon_frag_flow_delete_ipv6(table.get(), 5, 6, 17, same.data(), same.data()), 2u);
@@ -117,7 +122,8 @@ TEST(frag_table, changes_nothing_when_a_deleted_key_is_not_there) {
     const table_ptr table = make_table();
     insert4(table.get(), 1, 42);
     EXPECT_EQ(delete4(table.get(), 2), 0u);
-    EXPECT_EQ(zon_frag_flow_delete_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data()), 0u);
+    EXPECT_EQ(zon_frag_flow_delete_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data()),
+              0u);
     EXPECT_EQ(zon_frag_entry_count(table.get()), 1u);
     EXPECT_EQ(lookup4(table.get(), 1), 42u);
 }
@@ -131,8 +137,12 @@ TEST(frag_table, deletes_an_entry_only_while_it_still_names_the_fid) {
     EXPECT_EQ(zon_frag_flow_delete_if_ipv4(table.get(), 1, 0, 17, source, destination, 43), 43u);
     EXPECT_EQ(zon_frag_flow_delete_if_ipv4(table.get(), 1, 0, 17, source, destination, 43), 0u);
     zon_frag_flow_insert_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data(), 5);
-    EXPECT_EQ(zon_frag_flow_delete_if_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data(), 4), 0u);
-    EXPECT_EQ(zon_frag_flow_delete_if_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data(), 5), 5u);
+    EXPECT_EQ(
+        zon_frag_flow_delete_if_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data(), 4),
+        0u);
+    EXPECT_EQ(
+        zon_frag_flow_delete_if_ipv6(table.get(), 1, 0, 17, source6.data(), destination6.data(), 5),
+        5u);
 }
 
 namespace {
@@ -149,7 +159,8 @@ protected:
 };
 
 void expect_message(const std::string& printed, const std::string& message) {
-    EXPECT_NE(printed.find(": \nZON Engine: ZON FRAG Table: " + message), std::string::npos) << printed;
+    EXPECT_NE(printed.find(": \nZON Engine: ZON FRAG Table: " + message), std::string::npos)
+        << printed;
 }
 }  // namespace
 
@@ -168,19 +179,27 @@ TEST_F(frag_messages, refuse_the_513th_datagram_in_flight) {
 }
 
 TEST_F(frag_messages, tell_of_a_missing_table) {
-    expect_message(errors_of([] { EXPECT_EQ(insert4(nullptr, 1, 1), 0u); }), "zon_frag_flow_insert_ipv4, tbl is 0");
-    expect_message(errors_of([] { EXPECT_EQ(lookup4(nullptr, 1), 0u); }), "zon_frag_flow_lookup_ipv4, tbl is 0");
-    expect_message(errors_of([] { EXPECT_EQ(delete4(nullptr, 1), 0u); }), "zon_frag_flow_delete_ipv4, tbl is 0");
+    expect_message(errors_of([] { EXPECT_EQ(insert4(nullptr, 1, 1), 0u); }),
+                   "zon_frag_flow_insert_ipv4, tbl is 0");
+    expect_message(errors_of([] { EXPECT_EQ(lookup4(nullptr, 1), 0u); }),
+                   "zon_frag_flow_lookup_ipv4, tbl is 0");
+    expect_message(errors_of([] { EXPECT_EQ(delete4(nullptr, 1), 0u); }),
+                   "zon_frag_flow_delete_ipv4, tbl is 0");
     const uint32_t* any = source6.data();
-    expect_message(errors_of([&] { EXPECT_EQ(zon_frag_flow_insert_ipv6(nullptr, 1, 0, 6, any, any, 1), 0u); }),
-                   "zon_frag_flow_insert_ipv6, tbl is 0");
-    expect_message(errors_of([&] { EXPECT_EQ(zon_frag_flow_lookup_ipv6(nullptr, 1, 0, 6, any, any), 0u); }),
-                   "zon_frag_flow_lookup_ipv6, tbl is 0");
-    expect_message(errors_of([&] { EXPECT_EQ(zon_frag_flow_delete_ipv6(nullptr, 1, 0, 6, any, any), 0u); }),
-                   "zon_frag_flow_delete_ipv6, tbl is 0");
-    expect_message(errors_of([] { EXPECT_EQ(zon_frag_entry_count(nullptr), 0u); }), "zon_frag_entry_count, tbl is 0");
+    expect_message(
+        errors_of([&] { EXPECT_EQ(zon_frag_flow_insert_ipv6(nullptr, 1, 0, 6, any, any, 1), 0u); }),
+        "zon_frag_flow_insert_ipv6, tbl is 0");
+    expect_message(
+        errors_of([&] { EXPECT_EQ(zon_frag_flow_lookup_ipv6(nullptr, 1, 0, 6, any, any), 0u); }),
+        "zon_frag_flow_lookup_ipv6, tbl is 0");
+    expect_message(
+        errors_of([&] { EXPECT_EQ(zon_frag_flow_delete_ipv6(nullptr, 1, 0, 6, any, any), 0u); }),
+        "zon_frag_flow_delete_ipv6, tbl is 0");
+    expect_message(errors_of([] { EXPECT_EQ(zon_frag_entry_count(nullptr), 0u); }),
+                   "zon_frag_entry_count, tbl is 0");
     zon_frag_item_t item{};
-    expect_message(errors_of([&] { EXPECT_EQ(zon_frag_flow_delete(&item), 0u); }), "zon_frag_flow_delete, tbl is 0");
+    expect_message(errors_of([&] { EXPECT_EQ(zon_frag_flow_delete(&item), 0u); }),
+                   "zon_frag_flow_delete, tbl is 0");
     zon_frag_table_destroy(nullptr);
 }
 
@@ -206,23 +225,26 @@ TEST(frag_table, behaves_as_a_map_of_datagrams_under_random_scripts) {
             if (action < 5) {
                 const zon_fid_t fid = 1 + below(1000);
                 const zon_fid_t stored =
-                    one.is_ipv6
-                        ? zon_frag_flow_insert_ipv6(table.get(), one.ident, one.vrf, 17, src.data(), dst.data(), fid)
-                        : zon_frag_flow_insert_ipv4(table.get(), one.ident, one.vrf, 17, one.address, 1, fid);
+                    one.is_ipv6 ? zon_frag_flow_insert_ipv6(table.get(), one.ident, one.vrf, 17,
+                                                            src.data(), dst.data(), fid)
+                                : zon_frag_flow_insert_ipv4(table.get(), one.ident, one.vrf, 17,
+                                                            one.address, 1, fid);
                 const bool fits = known != model.end() || model.size() < zon_frag_capacity;
                 ASSERT_EQ(stored, fits ? fid : 0);
                 if (fits)
                     model[one] = fid;
             } else if (action < 7) {
-                ASSERT_EQ(one.is_ipv6
-                              ? zon_frag_flow_delete_ipv6(table.get(), one.ident, one.vrf, 17, src.data(), dst.data())
-                              : zon_frag_flow_delete_ipv4(table.get(), one.ident, one.vrf, 17, one.address, 1),
+                ASSERT_EQ(one.is_ipv6 ? zon_frag_flow_delete_ipv6(table.get(), one.ident, one.vrf,
+                                                                  17, src.data(), dst.data())
+                                      : zon_frag_flow_delete_ipv4(table.get(), one.ident, one.vrf,
+                                                                  17, one.address, 1),
                           expected);
                 model.erase(one);
             } else {
-                ASSERT_EQ(one.is_ipv6
-                              ? zon_frag_flow_lookup_ipv6(table.get(), one.ident, one.vrf, 17, src.data(), dst.data())
-                              : zon_frag_flow_lookup_ipv4(table.get(), one.ident, one.vrf, 17, one.address, 1),
+                ASSERT_EQ(one.is_ipv6 ? zon_frag_flow_lookup_ipv6(table.get(), one.ident, one.vrf,
+                                                                  17, src.data(), dst.data())
+                                      : zon_frag_flow_lookup_ipv4(table.get(), one.ident, one.vrf,
+                                                                  17, one.address, 1),
                           expected);
             }
             ASSERT_EQ(zon_frag_entry_count(table.get()), model.size());
@@ -290,6 +312,31 @@ TEST_F(frag_aging, deletes_an_item_by_hand_once) {
     zon_frag_item_t stale = *table()->list_head;
     EXPECT_EQ(zon_frag_flow_delete(&stale), 0u) << "only the item in the bucket is removed";
     EXPECT_EQ(lookup4(table(), 1), 9u);
+}
+
+// A packet thread may delete the entry and give its item to another datagram between the moment its
+// expiry is taken off the wheel and the moment the ager gets the table's lock. Here both happen
+// inside the expiry itself.
+TEST_F(frag_aging, spares_an_item_that_was_used_again_while_its_expiry_was_on_the_way) {
+    static zon_fid_t aged_out;
+    insert4(table(), 1, 7);
+    zon_frag_item_t* item = table()->list_head;
+    const auto expire = [](vem_tw_wheel, vem_tw_timer*, void* context) {
+        auto* expired = static_cast<zon_frag_item_t*>(context);
+        EXPECT_EQ(delete4(g_zon->frag_table, 1), 7u);
+        EXPECT_EQ(insert4(g_zon->frag_table, 2, 8), 8u);
+        EXPECT_EQ(g_zon->frag_table->list_head, expired);
+        aged_out = zon_frag_flow_delete(expired);
+    };
+    aged_out = 99;
+    ASSERT_EQ(vem_tw_timer_start(g_zon->zon_tw, &item->timer, 10, expire, item), 0);
+    advance_ms(50);
+    EXPECT_EQ(aged_out, 0u);
+    EXPECT_EQ(lookup4(table(), 2), 8u);
+    advance_ms(29900);
+    EXPECT_EQ(lookup4(table(), 2), 8u);
+    advance_ms(200);
+    EXPECT_EQ(lookup4(table(), 2), 0u) << "its own expiry removes it";
 }
 
 TEST_F(frag_aging, is_destroyed_with_entries_whose_timers_run) {

@@ -10,7 +10,9 @@ using namespace zon_test;
 
 namespace {
 
-zon_hashset set_of_engine() { return g_zon->flow_tbl->table; }
+zon_hashset set_of_engine() {
+    return g_zon->flow_tbl->table;
+}
 
 class hashset_move : public api_fixture {
 protected:
@@ -22,9 +24,11 @@ protected:
         return bucket_of(set_of_engine(), hash_of_key(static_cast<const zon_half_flow_t*>(half)));
     }
     static void copy_key(zon_hashset_item item, const void* wanted) {
-        zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key, &static_cast<const zon_half_flow_t*>(wanted)->key);
+        zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
+                     &static_cast<const zon_half_flow_t*>(wanted)->key);
     }
-    // The key of a flow from host A's port 1000 with another source port, in a bucket other than the flow's own.
+    // The key of a flow from host A's port 1000 with another source port, in a bucket other than
+    // the flow's own.
     const zon_half_flow_t* wanted_elsewhere(const zon_half_flow_t* half) {
         for (uint16_t port = 2000;; ++port) {
             zon_set_key_ipv4(&wanted.key, ZON_IPV4_KEY_COMPLETE, host_a, host_b, port, 53, udp, 0);
@@ -43,13 +47,15 @@ void look_at_buckets(zon_hashset_item item, const void* wanted) {
     std::thread([] {
         for (int i = 0; i < 2; ++i) {
             zon_hashset set = set_of_engine();
-            const zon_lock_t lock = zon_lock_get_pool_lock(set->bucket_locks, stripe_of(set, buckets_in_question[i]));
+            const zon_lock_t lock =
+                zon_lock_get_pool_lock(set->bucket_locks, stripe_of(set, buckets_in_question[i]));
             bucket_was_free[i] = zon_try_lock_internal(lock);
             if (bucket_was_free[i])
                 zon_unlock_internal(lock);
         }
     }).join();
-    zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key, &static_cast<const zon_half_flow_t*>(wanted)->key);
+    zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
+                 &static_cast<const zon_half_flow_t*>(wanted)->key);
 }
 
 TEST_F(hashset_move, shows_the_item_to_nobody_between_the_two_keys) {

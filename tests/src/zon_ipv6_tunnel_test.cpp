@@ -19,8 +19,10 @@ constexpr uint16_t some_port = 4000;
 
 // The datagram from its UDP header on.
 bytes datagram(uint16_t source_port, uint16_t destination_port, const bytes& content) {
-    const bytes packet =
-        packet_builder::ipv4("192.0.2.1", "192.0.2.2").udp(source_port, destination_port).payload(content).build();
+    const bytes packet = packet_builder::ipv4("192.0.2.1", "192.0.2.2")
+                             .udp(source_port, destination_port)
+                             .payload(content)
+                             .build();
     return {packet.begin() + 20, packet.end()};
 }
 
@@ -49,8 +51,8 @@ std::optional<ptrdiff_t> find(std::initializer_list<bytes> parts) {
     return find(datagram(some_port, some_port, joined(parts)));
 }
 
-// The search stated once more, for memory without an end: whatever is behind the datagram reads as zero, and that something
-// was read there is noted.
+// The search stated once more, for memory without an end: whatever is behind the datagram reads as
+// zero, and that something was read there is noted.
 struct plain_search {
     const bytes& udp;
     bool read_beyond = false;
@@ -141,15 +143,18 @@ TEST(teredo_search, finds_nothing_in_a_datagram_without_payload) {
 }
 
 TEST(teredo_search, is_no_teredo_when_the_next_byte_is_missing) {
-    const bytes whole = datagram(some_port, some_port, joined({teredo_authentication(3, 4), teredo_inner}));
+    const bytes whole =
+        datagram(some_port, some_port, joined({teredo_authentication(3, 4), teredo_inner}));
     const size_t source_ends = 8 + 20 + 12;
     for (size_t size = 8; size <= whole.size(); ++size)
-        EXPECT_EQ(find(bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size))).has_value(),
-                  size >= source_ends)
+        EXPECT_EQ(
+            find(bytes(whole.begin(), whole.begin() + static_cast<ptrdiff_t>(size))).has_value(),
+            size >= source_ends)
             << size << " bytes";
 }
 
-// Offsets have eight bits: zeros lead back to the UDP header, whose source port 0 reads as a further indication.
+// Offsets have eight bits: zeros lead back to the UDP header, whose source port 0 reads as a
+// further indication.
 TEST(teredo_search, ends_in_a_datagram_of_zeros_from_port_0) {
     EXPECT_EQ(find(datagram(0, some_port, bytes(248))), std::nullopt);
     EXPECT_EQ(find(datagram(0, 0, bytes(1000))), std::nullopt);
@@ -169,7 +174,8 @@ TEST(teredo_search, ends_when_an_authentication_shifts_the_circle) {
 }
 
 TEST(teredo_search, wraps_its_offset_at_256) {
-    // 13 + 255 + 244 = 512: the authentication leads back to offset 8, where its own type reads as a second one.
+    // 13 + 255 + 244 = 512: the authentication leads back to offset 8, where its own type reads as
+    // a second one.
     EXPECT_EQ(find({bytes{0, 1, 255, 244}, bytes(600)}), std::nullopt);
     // 13 + 255 + 4 = 272, that is 16 further.
     bytes content{0, 1, 255, 4};
@@ -185,8 +191,9 @@ TEST(teredo_search, agrees_with_the_plain_statement_on_random_datagrams) {
         bytes content;
         for (uint32_t parts = below(4); parts > 0; --parts) {
             bytes part = below(2) == 0 ? teredo_origin()
-                                       : teredo_authentication(static_cast<uint8_t>(below(4) == 0 ? below(256) : 0),
-                                                               static_cast<uint8_t>(below(4) == 0 ? below(256) : 0));
+                                       : teredo_authentication(
+                                             static_cast<uint8_t>(below(4) == 0 ? below(256) : 0),
+                                             static_cast<uint8_t>(below(4) == 0 ? below(256) : 0));
             content.insert(content.end(), part.begin(), part.end());
         }
         const bytes& tail = below(4) == 0 ? plain_inner : teredo_inner;
@@ -195,7 +202,8 @@ TEST(teredo_search, agrees_with_the_plain_statement_on_random_datagrams) {
             content.insert(content.end(), below(300), 0);
         for (uint32_t flips = below(3); flips > 0; --flips)
             content[below(static_cast<uint32_t>(content.size()))] = static_cast<uint8_t>(random());
-        bytes udp = datagram(static_cast<uint16_t>(below(8) == 0 ? 3544 : below(3)), some_port, content);
+        bytes udp =
+            datagram(static_cast<uint16_t>(below(8) == 0 ? 3544 : below(3)), some_port, content);
         udp.resize(8 + below(static_cast<uint32_t>(udp.size())));
         const auto mine = find(udp);
         plain_search plain{udp};

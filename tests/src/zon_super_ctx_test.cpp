@@ -5,113 +5,16 @@
 
 #include <gtest/gtest.h>
 
-#include <functional>
-#include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "osal/zon_mem.h"
-#include "support/engine_fixture.h"
-#include "zon_fid_table_inline.h"
-#include "zon_super_ctx_table.h"
+#include "src/zon_super_ctx_fixture.h"
 
-using zon_test::packet_builder;
+using namespace zon_test;
+using namespace zon_test::super_ctx;
 
 namespace {
-
-constexpr auto type_0 = ZON_SUPER_CONTEXT_IDENTITY;
-constexpr auto type_1 = static_cast<zon_super_context_types_e>(1);
-constexpr auto type_2 = static_cast<zon_super_context_types_e>(2);
-constexpr auto type_3 = static_cast<zon_super_context_types_e>(3);
-constexpr auto type_4 = ZON_SUPER_CONTEXT_MAX;
-constexpr auto type_minus_1 = static_cast<zon_super_context_types_e>(-1);
-
-// What the lookup function of each type answers for the next packets; 0 is "belongs to none".
-uint32_t answers[4];
-
-template <int type>
-bool answer(void*, uint32_t* context) {
-    *context = answers[type];
-    return answers[type] != 0;
-}
-
-bool answer_zero(void*, uint32_t* context) {
-    *context = 0;
-    return true;
-}
-
-struct deleted_super_ctx {
-    uint32_t context;
-    zon_super_context_types_e type;
-    void* fo;
-    bool operator==(const deleted_super_ctx&) const = default;
-};
-std::vector<deleted_super_ctx> deletions;
-
-void note_deletion(uint32_t context, zon_super_context_types_e type, void** fo) {
-    deletions.push_back({context, type, static_cast<void*>(fo)});
-}
-
-std::vector<zon_fid_t> walked;
-bool note_member(zon_flow_ptr_t flow) {
-    walked.push_back(flow);
-    return false;  // the result is ignored
-}
-
-class super_contexts : public zon_test::engine_fixture {
-public:  // for the functions that walks call
-    void SetUp() override {
-        engine_fixture::SetUp();
-        for (uint32_t& context : answers)
-            context = 0;
-        deletions.clear();
-        walked.clear();
-    }
-
-    static void group_by(zon_super_context_types_e type) {
-        constexpr zon_super_context_lookup_callback functions[] = {answer<0>, answer<1>, answer<2>,
-                                                                   answer<3>};
-        ASSERT_EQ(zon_super_context_client_register(type, functions[type]), zon_error_none);
-    }
-
-    // A new flow whose packets the lookup functions answer for as `answers` says.
-    zon_fid_t new_flow() {
-        const auto source_port = static_cast<uint16_t>(++last_port);
-        const zon_fid_t fid =
-            handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(source_port, 53)).fid;
-        EXPECT_NE(fid, ZON_NULL_FID);
-        return fid;
-    }
-    zon_fid_t new_flow_in(uint32_t context) {
-        answers[0] = context;
-        return new_flow();
-    }
-
-    static void remove_flow(zon_fid_t fid) {
-        EXPECT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
-    }
-
-    static zon_super_context_t* super_ctx_of(zon_fid_t fid,
-                                             zon_super_context_types_e type = type_0) {
-        const locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, fid);
-        return flow ? flow->super_ctx[type] : nullptr;
-    }
-
-    static std::vector<zon_fid_t> members(uint32_t context,
-                                          zon_super_context_types_e type = type_0) {
-        walked.clear();
-        EXPECT_EQ(zon_super_context_traverse_flows(type, context, note_member), zon_error_none);
-        return walked;
-    }
-
-    static uint32_t super_ctx_count() {
-        return g_zon->memory_usage_stats.super_context_alloc_count;
-    }
-    static uint32_t element_count() { return g_zon->memory_usage_stats.list_element_alloc_count; }
-
-    uint32_t last_port = 1000;
-};
 
 // Takes a chunk away for a while, as if its memory had run out.
 class empty_chunk {
@@ -510,137 +413,13 @@ TEST_F(super_contexts, are_not_walked_to_members_that_joined_meanwhile) {
     EXPECT_EQ(members(77).size(), 2u);
 }
 
-// ---- refusals, in the order of the checks
-// ------------------------------------------------------------------------
-
-namespace {
-
-struct refusal_row {
-    const char* name;
-    zon_error_t expected;
-    bool without_engine_too;  // the check comes before the one for an engine
-    std::function<zon_error_t()> call;
-};
-
-int an_object;
-void* a_slot;
-uint32_t a_handle;
-constexpr zon_fid_t no_such_flow = 100;
-
-const refusal_row refusal_rows[] = {
-    {"register_null_and_bad_type", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_client_register(type_4, nullptr); }},
-    {"register_type_4", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_client_register(type_4, answer<0>); }},
-    {"register_type_minus_1", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_client_register(type_minus_1, answer<0>); }},
-    {"unregister_type_4", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_client_unregister(type_4); }},
-    {"unregister_type_minus_1", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_client_unregister(type_minus_1); }},
-    {"register_delete_null_and_bad_client", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_register_delete_cb(32, nullptr); }},
-    {"register_delete_client_32", zon_error_client_id_invalid, true,
-     [] { return zon_super_context_register_delete_cb(32, note_deletion); }},
-    {"unregister_delete_client_32", zon_error_client_id_invalid, true,
-     [] { return zon_super_context_unregister_delete_cb(32); }},
-    {"attach_null_object", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_attach_fo(1, type_4, 32, nullptr); }},
-    {"attach_null_flow", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_attach_fo(ZON_NULL_FID, type_4, 32, &an_object); }},
-    {"attach_type_4", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_attach_fo(1, type_4, 32, &an_object); }},
-    {"attach_client_32", zon_error_client_id_invalid, true,
-     [] { return zon_super_context_attach_fo(1, type_3, 32, &an_object); }},
-    {"attach_no_such_flow", zon_error_flow_not_found, false,
-     [] { return zon_super_context_attach_fo(no_such_flow, type_3, 31, &an_object); }},
-    {"attach_no_super_context", zon_error_feature_object_not_attached, false,
-     [] { return zon_super_context_attach_fo(1, type_3, 31, &an_object); }},
-    {"get_null_slot", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_get_fo(1, type_4, 32, nullptr); }},
-    {"get_null_flow", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_get_fo(ZON_NULL_FID, type_4, 32, &a_slot); }},
-    {"get_type_4", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_get_fo(1, type_4, 32, &a_slot); }},
-    {"get_client_32", zon_error_client_id_invalid, true,
-     [] { return zon_super_context_get_fo(1, type_3, 32, &a_slot); }},
-    {"get_no_such_flow", zon_error_flow_not_found, false,
-     [] { return zon_super_context_get_fo(no_such_flow, type_3, 31, &a_slot); }},
-    {"get_no_super_context", zon_error_feature_object_not_attached, false,
-     [] { return zon_super_context_get_fo(1, type_3, 31, &a_slot); }},
-    {"handle_null_result", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_get_sctxt_handle(1, type_4, nullptr); }},
-    {"handle_null_flow", zon_error_parameter_is_null, true,
-     [] { return zon_super_context_get_sctxt_handle(ZON_NULL_FID, type_4, &a_handle); }},
-    // Here the engine is looked for before the type is looked at.
-    {"handle_type_4", zon_error_sctx_type_invalid, false,
-     [] { return zon_super_context_get_sctxt_handle(1, type_4, &a_handle); }},
-    {"handle_no_such_flow", zon_error_flow_not_found, false,
-     [] { return zon_super_context_get_sctxt_handle(no_such_flow, type_3, &a_handle); }},
-    {"handle_no_super_context", zon_error_sctx_unmapped, false,
-     [] { return zon_super_context_get_sctxt_handle(1, type_3, &a_handle); }},
-    {"traverse_handle_0", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_traverse_flows(type_0, 0, note_member); }},
-    {"traverse_type_4", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_traverse_flows(type_4, 77, note_member); }},
-    {"traverse_type_minus_1", zon_error_sctx_type_invalid, true,
-     [] { return zon_super_context_traverse_flows(type_minus_1, 77, note_member); }},
-    {"traverse_unknown_handle", zon_error_parameter_is_null, false,
-     [] { return zon_super_context_traverse_flows(type_0, 77, note_member); }},
-};
-
-struct engine_row {
-    const char* name;
-    std::function<zon_error_t()> call;
-};
-
-const engine_row engine_rows[] = {
-    {"register", [] { return zon_super_context_client_register(type_3, answer<0>); }},
-    {"unregister", [] { return zon_super_context_client_unregister(type_3); }},
-    {"register_delete", [] { return zon_super_context_register_delete_cb(31, note_deletion); }},
-    {"unregister_delete", [] { return zon_super_context_unregister_delete_cb(31); }},
-    {"attach", [] { return zon_super_context_attach_fo(1, type_3, 31, &an_object); }},
-    {"get", [] { return zon_super_context_get_fo(1, type_3, 31, &a_slot); }},
-    {"handle", [] { return zon_super_context_get_sctxt_handle(1, type_4, &a_handle); }},
-    {"traverse", [] { return zon_super_context_traverse_flows(type_3, 77, note_member); }},
-};
-
-class super_context_refusal : public super_contexts,
-                              public ::testing::WithParamInterface<refusal_row> {};
-class super_context_operation : public super_contexts,
-                                public ::testing::WithParamInterface<engine_row> {};
-
-}  // namespace
-
-TEST_P(super_context_refusal, comes_in_its_order) {
-    ASSERT_EQ(new_flow(), 1u);
-    EXPECT_EQ(GetParam().call(), GetParam().expected);
-    remove_flow(1);
-    ASSERT_EQ(zon_destroy(), zon_error_none);
-    EXPECT_EQ(GetParam().call(), GetParam().without_engine_too
-                                     ? GetParam().expected
-                                     : zon_error_sctx_table_creation_failed);
-    EXPECT_EQ(zon_clock_set_mode(ZON_CLOCK_SYSTEM), zon_error_none);
-}
-
-INSTANTIATE_TEST_SUITE_P(, super_context_refusal, ::testing::ValuesIn(refusal_rows),
-                         [](const auto& row) { return std::string(row.param.name); });
-
-TEST_P(super_context_operation, needs_the_table_of_an_engine) {
-    zon_super_context_table_t* kept = std::exchange(g_zon->super_ctx_table, nullptr);
-    EXPECT_EQ(GetParam().call(), zon_error_sctx_table_creation_failed);
-    g_zon->super_ctx_table = kept;
-}
-
-INSTANTIATE_TEST_SUITE_P(, super_context_operation, ::testing::ValuesIn(engine_rows),
-                         [](const auto& row) { return std::string(row.param.name); });
-
 TEST_F(super_contexts, accept_every_client_id_up_to_31_and_0) {
     group_by(type_0);
+    int object = 0;
     const zon_fid_t fid = new_flow_in(77);
     for (zon_client_id_e cid = 0; cid < 32; ++cid) {
         EXPECT_EQ(zon_super_context_register_delete_cb(cid, note_deletion), zon_error_none);
-        EXPECT_EQ(zon_super_context_attach_fo(fid, type_0, cid, &an_object), zon_error_none);
+        EXPECT_EQ(zon_super_context_attach_fo(fid, type_0, cid, &object), zon_error_none);
     }
     remove_flow(fid);
     EXPECT_EQ(deletions.size(), 32u);

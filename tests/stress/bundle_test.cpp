@@ -16,6 +16,8 @@ thread_local bool check_parent;
 
 bool note_child(const zon_flow_ptr_t child) {
     walked.push_back(child);
+    uint32_t packets = 0;
+    EXPECT_EQ(zon_flow_get_packet_count(child, &packets), zon_error_none) << "flow " << child << " is on its way out";
     if (check_parent) {
         zon_fid_t parent = 0;
         if (zon_flow_get_parent(child, &parent) == zon_error_none) {

@@ -277,10 +277,17 @@ protected:
         parameters.max_flows = 13;
         parameters.max_bucket_depth = 1;
     }
+    // An announcement whose second half is refused keeps the place of its first half until the engine goes.
+    void TearDown() override {
+        delete_all_flows();
+        EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u) << "half flows leaked";
+        expect_no_pre_flows();
+        EXPECT_EQ(zon_destroy(), zon_error_none);
+    }
 };
 
 TEST_P(refused_creations, leave_nothing_behind) {
-    constexpr uint32_t rounds = 6000;
+    constexpr uint32_t rounds = 10000;
     stress_crew crew;
     for (uint32_t thread = 0; thread < 2; ++thread)
         crew.add("packets " + std::to_string(thread), [](stress_thread& self) {
@@ -292,6 +299,18 @@ TEST_P(refused_creations, leave_nothing_behind) {
                     zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
             }
         });
+    crew.add("announcer", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds; ++i) {
+            // With a part unknown: the promotion moves both halves, and may find no room for them.
+            const zon_flow_tuple_t tuple = tuple_of(self.below(64));
+            zon_fid_t announced = 0;
+            self.doing("announce");
+            zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &announced, nullptr);
+            self.doing("delete the announced");
+            if (self.below(2) == 0)
+                zon_delete_flow_tamonet(announced, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+        }
+    });
     crew.add("client", [](stress_thread& self) {
         for (uint32_t i = 0; i < 4 * rounds; ++i) {
             self.doing("ask for the tuple");
@@ -306,7 +325,8 @@ TEST_P(refused_creations, leave_nothing_behind) {
             zon_fid_table_iterate_flow(
                 g_zon->fid_table,
                 [](zon_flow_report_t* report, void*) {
-                    EXPECT_EQ(report->initiator_key.ipv4.src_port, client_port);
+                    // Of an announced flow only the server's end may be known.
+                    EXPECT_LE(report->initiator_key.ipv4.key_type, ZON_IPV4_LAST_KEY);
                 },
                 &filter);
         }

@@ -1,14 +1,14 @@
 // allocation_faults.h - lets a chosen request of the engine for table memory fail.
 //
-// The program under test is linked so that every call of zon_heap_zalloc between its units comes here first
-// (tests/CMakeLists.txt).
+// The program under test is linked so that every call of zon_heap_zalloc between its units comes
+// here first (tests/CMakeLists.txt).
 
 #pragma once
 
 namespace zon_test {
 
-// While it lives, requests for table memory succeed until the given number of them have been made; the next one fails, and
-// those after it succeed again.
+// While it lives, requests for table memory succeed until the given number of them have been made;
+// the next one fails, and those after it succeed again.
 class failing_table_memory {
 public:
     explicit failing_table_memory(int after_requests);

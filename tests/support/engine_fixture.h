@@ -1,7 +1,8 @@
-// engine_fixture.h - a fresh engine for each test: its clock is turned by hand, a client has enabled capabilities, and at
-// the end every flow is deleted and nothing may be left.
+// engine_fixture.h - a fresh engine for each test: its clock is turned by hand, a client has
+// enabled capabilities, and at the end every flow is deleted and nothing may be left.
 //
-// A fixture of a test derives from engine_fixture and changes what it needs before SetUp, in its constructor:
+// A fixture of a test derives from engine_fixture and changes what it needs before SetUp, in its
+// constructor:
 //
 //   class small_table : public zon_test::engine_fixture {
 //   protected:
@@ -28,9 +29,11 @@ struct engine_parameters {
     uint8_t max_bucket_depth = 0;
     uint32_t create_chunk_elements = 16;
     uint32_t max_mem_buffer_init = 10;
-    // Everything but the TCP state checks and the bypass callbacks; 0 registers the client and enables nothing.
-    int32_t capabilities = ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP | ZON_CAPABILITY_ENABLE_ICMP |
-                           ZON_CAPABILITY_ENABLE_IPV6INIP | ZON_CAPABILITY_ENABLE_TEREDO;
+    // Everything but the TCP state checks and the bypass callbacks; 0 registers the client and
+    // enables nothing.
+    int32_t capabilities = ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP |
+                           ZON_CAPABILITY_ENABLE_ICMP | ZON_CAPABILITY_ENABLE_IPV6INIP |
+                           ZON_CAPABILITY_ENABLE_TEREDO;
     // Creates the timer wheel, so that flows age when the clock is turned.
     bool timers = true;
 };
@@ -47,10 +50,11 @@ class engine_fixture : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE), zon_error_none);
-        ASSERT_EQ(zon_init(parameters.max_flows, parameters.pre_flow_timer, parameters.min_init_flows,
-                           parameters.max_threads, parameters.max_bucket_depth, parameters.create_chunk_elements,
-                           parameters.max_mem_buffer_init),
-                  zon_error_none);
+        ASSERT_EQ(
+            zon_init(parameters.max_flows, parameters.pre_flow_timer, parameters.min_init_flows,
+                     parameters.max_threads, parameters.max_bucket_depth,
+                     parameters.create_chunk_elements, parameters.max_mem_buffer_init),
+            zon_error_none);
         if (parameters.timers) {
             ASSERT_TRUE(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
                                           &g_zon->zon_timer_process_create));
@@ -68,23 +72,30 @@ protected:
 
     void destroy_engine() {
         delete_all_flows();
-        EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u) << "half flows are left in the flow table";
+        EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u)
+            << "half flows are left in the flow table";
         if (!usage_may_drift) {
-            EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u) << "IPv4 half flows leaked";
-            EXPECT_EQ(g_zon->memory_usage_stats.ipv6_half_flow_alloc_count, 0u) << "IPv6 half flows leaked";
-            EXPECT_EQ(g_zon->memory_usage_stats.super_context_alloc_count, 0u) << "super contexts leaked";
-            EXPECT_EQ(g_zon->memory_usage_stats.list_element_alloc_count, 0u) << "list elements leaked";
+            EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u)
+                << "IPv4 half flows leaked";
+            EXPECT_EQ(g_zon->memory_usage_stats.ipv6_half_flow_alloc_count, 0u)
+                << "IPv6 half flows leaked";
+            EXPECT_EQ(g_zon->memory_usage_stats.super_context_alloc_count, 0u)
+                << "super contexts leaked";
+            EXPECT_EQ(g_zon->memory_usage_stats.list_element_alloc_count, 0u)
+                << "list elements leaked";
         }
         EXPECT_EQ(zon_destroy(), zon_error_none);
         EXPECT_EQ(g_zon, nullptr);
     }
 
     void enable(int32_t capabilities) {
-        ASSERT_EQ(zon_client_enable_engine_capability(client, static_cast<zon_capability_e>(capabilities)),
+        ASSERT_EQ(zon_client_enable_engine_capability(client,
+                                                      static_cast<zon_capability_e>(capabilities)),
                   zon_error_none);
     }
     void disable(int32_t capabilities) {
-        ASSERT_EQ(zon_client_disable_engine_capability(client, static_cast<zon_capability_e>(capabilities)),
+        ASSERT_EQ(zon_client_disable_engine_capability(client,
+                                                       static_cast<zon_capability_e>(capabilities)),
                   zon_error_none);
     }
 
@@ -93,14 +104,18 @@ protected:
             zon_delete_flow_tamonet(flow->fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
     }
 
-    static void advance_ms(uint64_t by_ms) { ASSERT_EQ(zon_clock_advance_us(by_ms * 1000), zon_error_none); }
+    static void advance_ms(uint64_t by_ms) {
+        ASSERT_EQ(zon_clock_advance_us(by_ms * 1000), zon_error_none);
+    }
     static void advance_sec(uint64_t by_sec) { advance_ms(by_sec * 1000); }
 
-    // Hands a packet in through the entry that trusts it, and through the one that knows how much was captured.
+    // Hands a packet in through the entry that trusts it, and through the one that knows how much
+    // was captured.
     static packet_result handle(const bytes& packet, uint32_t vrf_id = 0) {
         packet_result result;
         result.packet = packet;
-        result.fid = zon_handle_packet(result.packet.data(), vrf_id, nullptr, &result.indications, &result.error);
+        result.fid = zon_handle_packet(result.packet.data(), vrf_id, nullptr, &result.indications,
+                                       &result.error);
         return result;
     }
     static packet_result handle(const packet_builder& packet, uint32_t vrf_id = 0) {
@@ -109,8 +124,9 @@ protected:
     static packet_result handle_captured(const bytes& packet, uint32_t vrf_id = 0) {
         packet_result result;
         result.packet = packet;
-        result.fid = zon_handle_captured_packet(result.packet.data(), static_cast<uint32_t>(packet.size()), vrf_id,
-                                                nullptr, &result.indications, &result.error);
+        result.fid =
+            zon_handle_captured_packet(result.packet.data(), static_cast<uint32_t>(packet.size()),
+                                       vrf_id, nullptr, &result.indications, &result.error);
         return result;
     }
 

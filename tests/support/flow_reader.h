@@ -9,7 +9,8 @@ namespace zon_test {
 
 // The record of a flow in use, unlocked, or null.
 inline zon_flow_t* record_of(zon_fid_t fid) {
-    return fid != 0 && fid <= g_zon->fid_table->capacity ? g_zon->fid_table->table[fid - 1] : nullptr;
+    return fid != 0 && fid <= g_zon->fid_table->capacity ? g_zon->fid_table->table[fid - 1]
+                                                         : nullptr;
 }
 
 inline uint32_t flows_in_use() {
@@ -22,11 +23,14 @@ inline uint32_t flows_in_use() {
 // No flow lock and no lock of a table is held, by whichever thread.
 inline bool no_lock_is_held() {
     const zon_fid_table_t* table = g_zon->fid_table;
-    bool all_free = is_free_for_others(table->fid_table_lock) && is_free_for_others(g_zon->flow_tbl->flow_table_lock);
+    bool all_free = is_free_for_others(table->fid_table_lock) &&
+                    is_free_for_others(g_zon->flow_tbl->flow_table_lock);
     for (uint32_t entry = 0; entry < table->lock_pool_size; ++entry)
-        all_free = all_free && is_free_for_others(zon_lock_get_pool_lock(table->locks, static_cast<int>(entry)));
+        all_free = all_free && is_free_for_others(
+                                   zon_lock_get_pool_lock(table->locks, static_cast<int>(entry)));
     for (int stripe = 0; stripe < g_zon->flow_tbl->table->concurrency_level; ++stripe)
-        all_free = all_free && is_free_for_others(zon_lock_get_pool_lock(g_zon->flow_tbl->table->bucket_locks, stripe));
+        all_free = all_free && is_free_for_others(zon_lock_get_pool_lock(
+                                   g_zon->flow_tbl->table->bucket_locks, stripe));
     return all_free;
 }
 

@@ -20,7 +20,8 @@ public:
         const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         readable_ = (capacity + page - 1) / page * page;
         mapped_ = readable_ + page;
-        void* at = mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        void* at =
+            mmap(nullptr, mapped_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
         if (at == MAP_FAILED)
             std::abort();
         base_ = static_cast<uint8_t*>(at);

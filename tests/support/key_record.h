@@ -42,14 +42,15 @@ public:
     zon_ipv6_key_t& ipv6() { return storage_.key; }
 
 private:
-    static void fill(zon_ipv4_key_t& key, uint32_t src_ip, uint32_t dst_ip, const key_fields& fields) {
+    static void fill(zon_ipv4_key_t& key, uint32_t src_ip, uint32_t dst_ip,
+                     const key_fields& fields) {
         key.src_ip = src_ip;
         key.src_port = fields.src_port;
         key.dst_ip = dst_ip;
         key.dst_port = fields.dst_port;
     }
-    static void fill(zon_ipv6_key_t& key, const std::array<uint32_t, 4>& src_ip, const std::array<uint32_t, 4>& dst_ip,
-                     const key_fields& fields) {
+    static void fill(zon_ipv6_key_t& key, const std::array<uint32_t, 4>& src_ip,
+                     const std::array<uint32_t, 4>& dst_ip, const key_fields& fields) {
         for (size_t word = 0; word < 4; ++word) {
             key.src_ip[word] = src_ip[word];
             key.dst_ip[word] = dst_ip[word];
@@ -62,10 +63,16 @@ private:
 };
 
 inline const char* key_type_name(uint32_t type) {
-    static constexpr const char* names[] = {
-        "ipv4_complete",      "ipv4_destination_only", "ipv4_source_only",      "ipv4_announced_complete",
-        "ipv4_any_vrf",       "ipv6_complete",         "ipv6_destination_only", "ipv6_source_only",
-        "ipv6_announced_complete", "ipv6_any_vrf"};
+    static constexpr const char* names[] = {"ipv4_complete",
+                                            "ipv4_destination_only",
+                                            "ipv4_source_only",
+                                            "ipv4_announced_complete",
+                                            "ipv4_any_vrf",
+                                            "ipv6_complete",
+                                            "ipv6_destination_only",
+                                            "ipv6_source_only",
+                                            "ipv6_announced_complete",
+                                            "ipv6_any_vrf"};
     return type < std::size(names) ? names[type] : "no_key_type";
 }
 

@@ -1,7 +1,7 @@
 // nat_host.h - a host's NAT, for as long as a test wants one.
 //
-// The program under test is linked so that the engine's calls of the two hooks come here first (tests/CMakeLists.txt);
-// without a nat_host they go on to the library's own.
+// The program under test is linked so that the engine's calls of the two hooks come here first
+// (tests/CMakeLists.txt); without a nat_host they go on to the library's own.
 
 #pragma once
 

@@ -29,7 +29,9 @@ void append32(bytes& to, uint32_t value) {
     append16(to, static_cast<uint16_t>(value));
 }
 
-void append(bytes& to, const bytes& more) { to.insert(to.end(), more.begin(), more.end()); }
+void append(bytes& to, const bytes& more) {
+    to.insert(to.end(), more.begin(), more.end());
+}
 
 bytes padded_to_four(bytes content) {
     content.resize((content.size() + 3) / 4 * 4);
@@ -78,7 +80,9 @@ uint16_t get16(const bytes& packet, size_t offset) {
 uint32_t get32(const bytes& packet, size_t offset) {
     return static_cast<uint32_t>(get16(packet, offset)) << 16 | get16(packet, offset + 2);
 }
-void put8(bytes& packet, size_t offset, uint8_t value) { packet.at(offset) = value; }
+void put8(bytes& packet, size_t offset, uint8_t value) {
+    packet.at(offset) = value;
+}
 void put16(bytes& packet, size_t offset, uint16_t value) {
     packet.at(offset) = static_cast<uint8_t>(value >> 8);
     packet.at(offset + 1) = static_cast<uint8_t>(value);
@@ -113,7 +117,8 @@ packet_builder& packet_builder::ident(uint16_t identification) {
     return *this;
 }
 
-packet_builder& packet_builder::fragment(uint16_t offset_bytes, bool more, uint32_t identification) {
+packet_builder& packet_builder::fragment(uint16_t offset_bytes, bool more,
+                                         uint32_t identification) {
     if (offset_bytes % 8 != 0)
         give_up("fragment", "the offset is not a multiple of 8");
     if (is_ipv6_) {
@@ -141,8 +146,12 @@ bytes options_header(uint8_t extra_units) {
 }
 }  // namespace
 
-packet_builder& packet_builder::hop_by_hop(uint8_t extra_units) { return extend(0, options_header(extra_units)); }
-packet_builder& packet_builder::routing(uint8_t extra_units) { return extend(43, options_header(extra_units)); }
+packet_builder& packet_builder::hop_by_hop(uint8_t extra_units) {
+    return extend(0, options_header(extra_units));
+}
+packet_builder& packet_builder::routing(uint8_t extra_units) {
+    return extend(43, options_header(extra_units));
+}
 packet_builder& packet_builder::destination_options(uint8_t extra_units) {
     return extend(60, options_header(extra_units));
 }
@@ -151,7 +160,9 @@ packet_builder& packet_builder::authentication(uint8_t length_byte) {
     header[1] = length_byte;
     return extend(51, std::move(header));
 }
-packet_builder& packet_builder::esp() { return extend(50, bytes{0, 0, 0, 1, 0, 0, 0, 1}); }
+packet_builder& packet_builder::esp() {
+    return extend(50, bytes{0, 0, 0, 1, 0, 0, 0, 1});
+}
 
 packet_builder& packet_builder::tcp(uint16_t source_port, uint16_t destination_port) {
     layer4_ = layer4::tcp;
@@ -270,7 +281,8 @@ bytes packet_builder::build_ipv6() const {
         const extension& header = extensions_[at];
         const size_t start = chain.size();
         append(chain, header.content);
-        if (header.type != 50)  // what follows ESP is encrypted: it has no next-header byte in front
+        if (header.type !=
+            50)  // what follows ESP is encrypted: it has no next-header byte in front
             chain[start] = at + 1 < extensions_.size() ? extensions_[at + 1].type : protocol_;
     }
     const bytes segment = transport();
@@ -287,14 +299,17 @@ bytes packet_builder::build_ipv6() const {
     return packet;
 }
 
-bytes packet_builder::build() const { return is_ipv6_ ? build_ipv6() : build_ipv4(); }
+bytes packet_builder::build() const {
+    return is_ipv6_ ? build_ipv6() : build_ipv4();
+}
 
 std::vector<bytes> fragments_of(const bytes& datagram, size_t data_size, uint32_t identification) {
     if (data_size == 0 || data_size % 8 != 0)
         give_up("fragments", "the size is not a multiple of 8");
     const bool is_ipv6 = datagram.at(0) >> 4 == 6;
     const size_t header_length = is_ipv6 ? 40 : static_cast<size_t>(datagram[0] & 15) * 4;
-    const bytes header(datagram.begin(), datagram.begin() + static_cast<std::ptrdiff_t>(header_length));
+    const bytes header(datagram.begin(),
+                       datagram.begin() + static_cast<std::ptrdiff_t>(header_length));
     std::vector<bytes> fragments;
     for (size_t offset = 0; header_length + offset < datagram.size(); offset += data_size) {
         const size_t start = header_length + offset;
@@ -327,11 +342,14 @@ bytes in_ipv4(ipv4_address source, ipv4_address destination, const bytes& inner)
     return packet_builder::ipv4(source, destination).protocol(41).payload(inner).build();
 }
 
-bytes in_teredo(ipv4_address source, ipv4_address destination, const bytes& inner, uint16_t source_port,
-                uint16_t destination_port, const bytes& indicators) {
+bytes in_teredo(ipv4_address source, ipv4_address destination, const bytes& inner,
+                uint16_t source_port, uint16_t destination_port, const bytes& indicators) {
     bytes content = indicators;
     append(content, inner);
-    return packet_builder::ipv4(source, destination).udp(source_port, destination_port).payload(content).build();
+    return packet_builder::ipv4(source, destination)
+        .udp(source_port, destination_port)
+        .payload(content)
+        .build();
 }
 
 bytes teredo_authentication(uint8_t client_id_length, uint8_t value_length) {

@@ -1,13 +1,15 @@
 // packet_builder.h - builds IP packets for tests, header by header, with every length field right.
 //
 //   packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80).flags(tcp_syn).build()
-//   packet_builder::ipv6("2001:db8::1", "2001:db8::2").hop_by_hop().udp(1000, 53).payload(20).build()
-//   in_ipv4("192.0.2.1", "192.0.2.2", inner), in_teredo("192.0.2.1", "192.0.2.2", inner)
+//   packet_builder::ipv6("2001:db8::1", "2001:db8::2").hop_by_hop().udp(1000,
+//   53).payload(20).build() in_ipv4("192.0.2.1", "192.0.2.2", inner), in_teredo("192.0.2.1",
+//   "192.0.2.2", inner)
 //
-// A builder is a value: keep one per connection and vary copies of it. A test that wants a wrong length builds a right
-// packet and damages its bytes with put8, put16 and put32.
+// A builder is a value: keep one per connection and vary copies of it. A test that wants a wrong
+// length builds a right packet and damages its bytes with put8, put16 and put32.
 //
-// Byte order addresses and ports are given in host order, or addresses as text; packets are in network order.
+// Byte order addresses and ports are given in host order, or addresses as text; packets are in
+// network order.
 
 #pragma once
 
@@ -57,16 +59,18 @@ public:
     packet_builder& ip_options(bytes options);
     // IPv4: the identification of the datagram. IPv6 takes it with fragment().
     packet_builder& ident(uint16_t identification);
-    // Makes the packet a fragment; offset in bytes, a multiple of 8. IPv6: adds a fragment header at this place of the chain.
-    // What the builder carries then is the fragment's own data: see also fragments_of.
+    // Makes the packet a fragment; offset in bytes, a multiple of 8. IPv6: adds a fragment header
+    // at this place of the chain. What the builder carries then is the fragment's own data: see
+    // also fragments_of.
     packet_builder& fragment(uint16_t offset_bytes, bool more, uint32_t identification = 0x1234);
 
-    // IPv6 extension headers, in the order of the calls. extra_units: further 8-byte units behind the first 8 bytes.
+    // IPv6 extension headers, in the order of the calls. extra_units: further 8-byte units behind
+    // the first 8 bytes.
     packet_builder& hop_by_hop(uint8_t extra_units = 0);           // 0
     packet_builder& routing(uint8_t extra_units = 0);              // 43
     packet_builder& destination_options(uint8_t extra_units = 0);  // 60
     packet_builder& authentication(uint8_t length_byte = 4);       // 51, length_byte * 4 + 8 bytes
-    packet_builder& esp();                                         // 50, eight bytes of it; nothing readable follows
+    packet_builder& esp();  // 50, eight bytes of it; nothing readable follows
 
     // ---- transport layer ----
     packet_builder& tcp(uint16_t source_port, uint16_t destination_port);
@@ -74,7 +78,8 @@ public:
     packet_builder& seq(uint32_t number);
     packet_builder& ack(uint32_t number);  // sets the number and the ACK flag
     packet_builder& window(uint16_t size);
-    packet_builder& tcp_options(bytes options);  // padded with zeros to a multiple of four; at most 40 bytes
+    packet_builder& tcp_options(
+        bytes options);  // padded with zeros to a multiple of four; at most 40 bytes
     packet_builder& udp(uint16_t source_port, uint16_t destination_port);
     packet_builder& icmp();  // ICMP or ICMPv6 echo request
     // Any other protocol, whose whole content is the payload.
@@ -121,15 +126,18 @@ private:
     bytes payload_;
 };
 
-// The fragments of a whole datagram, each but the last with `data_size` bytes of it (a multiple of 8). IPv6: extension
-// headers of the datagram are not split; the fragment header goes right behind the fixed header.
-std::vector<bytes> fragments_of(const bytes& datagram, size_t data_size, uint32_t identification = 0x1234);
+// The fragments of a whole datagram, each but the last with `data_size` bytes of it (a multiple of
+// 8). IPv6: extension headers of the datagram are not split; the fragment header goes right behind
+// the fixed header.
+std::vector<bytes> fragments_of(const bytes& datagram, size_t data_size,
+                                uint32_t identification = 0x1234);
 
-// Puts a packet into a tunnel: IP protocol 41 (RFC 4213), or a UDP datagram (RFC 4380) with the given bytes of indicators
-// before the inner packet.
+// Puts a packet into a tunnel: IP protocol 41 (RFC 4213), or a UDP datagram (RFC 4380) with the
+// given bytes of indicators before the inner packet.
 bytes in_ipv4(ipv4_address source, ipv4_address destination, const bytes& inner);
-bytes in_teredo(ipv4_address source, ipv4_address destination, const bytes& inner, uint16_t source_port = 51234,
-                uint16_t destination_port = 3544, const bytes& indicators = {});
+bytes in_teredo(ipv4_address source, ipv4_address destination, const bytes& inner,
+                uint16_t source_port = 51234, uint16_t destination_port = 3544,
+                const bytes& indicators = {});
 bytes teredo_authentication(uint8_t client_id_length = 0, uint8_t value_length = 0);
 bytes teredo_origin(uint16_t port = 0, ipv4_address address = 0u);
 

@@ -1,4 +1,5 @@
-// stress_engine.h - an engine with few locks that several threads use at once, and packets that are cheap to vary.
+// stress_engine.h - an engine with few locks that several threads use at once, and packets that are
+// cheap to vary.
 
 #pragma once
 
@@ -27,18 +28,21 @@ public:
         return {pattern, connection, back};
     }
     static connection_packet tcp(uint32_t connection, bool back = false) {
-        static const bytes pattern = packet_builder::ipv4(0u, 0u).tcp(1, 1).flags(tcp_ack).payload(1).build();
+        static const bytes pattern =
+            packet_builder::ipv4(0u, 0u).tcp(1, 1).flags(tcp_ack).payload(1).build();
         return {pattern, connection, back};
     }
     // The first packet of a fragmented datagram, or the last.
     static connection_packet first_fragment(uint32_t connection, uint16_t ident) {
-        static const bytes pattern = packet_builder::ipv4(0u, 0u).udp(1, 1).payload(8).fragment(0, true, 0).build();
+        static const bytes pattern =
+            packet_builder::ipv4(0u, 0u).udp(1, 1).payload(8).fragment(0, true, 0).build();
         connection_packet packet{pattern, connection, false};
         put16(packet.content, 4, ident);
         return packet;
     }
     static connection_packet last_fragment(uint32_t connection, uint16_t ident) {
-        static const bytes pattern = packet_builder::ipv4(0u, 0u).protocol(17).payload(16).fragment(16, false, 0).build();
+        static const bytes pattern =
+            packet_builder::ipv4(0u, 0u).protocol(17).payload(16).fragment(16, false, 0).build();
         connection_packet packet{pattern, connection, false};
         put16(packet.content, 4, ident);
         return packet;
@@ -113,8 +117,8 @@ protected:
     void SetUp() override {
         contended_engine::SetUp();
         ASSERT_EQ(zon_clock_set_mode(ZON_CLOCK_MANUAL_WAIT), zon_error_none);
-        ASSERT_TRUE(
-            zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create));
+        ASSERT_TRUE(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                                      &g_zon->zon_timer_process_create));
     }
 };
 
@@ -127,7 +131,9 @@ protected:
 using stress_engine = on_both_schedules<contended_engine>;
 using stress_engine_with_timer_thread = on_both_schedules<engine_with_timer_thread>;
 
-inline std::string schedule_name(const ::testing::TestParamInfo<schedule>& info) { return name_of(info.param); }
+inline std::string schedule_name(const ::testing::TestParamInfo<schedule>& info) {
+    return name_of(info.param);
+}
 inline const auto both_schedules = ::testing::Values(schedule::one_thread, schedule::together);
 
 }  // namespace zon_test

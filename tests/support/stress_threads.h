@@ -1,12 +1,13 @@
-// stress_threads.h - threads that start together and are watched, for tests of what happens when they meet.
+// stress_threads.h - threads that start together and are watched, for tests of what happens when
+// they meet.
 //
 //   stress_crew crew;
-//   crew.add("packets", [&](stress_thread& self) { for (...) { self.doing("send"); ... self.meet(); } });
-//   crew.add("deleter", ...);
-//   crew.run(GetParam());
+//   crew.add("packets", [&](stress_thread& self) { for (...) { self.doing("send"); ... self.meet();
+//   } }); crew.add("deleter", ...); crew.run(GetParam());
 //
-// Every body ends by itself after a number of operations. On one thread the bodies run one after the other: that tests the
-// test. Together they start at a barrier, and whoever hangs is named by the watchdog.
+// Every body ends by itself after a number of operations. On one thread the bodies run one after
+// the other: that tests the test. Together they start at a barrier, and whoever hangs is named by
+// the watchdog.
 
 #pragma once
 
@@ -28,7 +29,9 @@ namespace zon_test {
 
 enum class schedule { one_thread, together };
 
-inline std::string name_of(schedule how) { return how == schedule::one_thread ? "one_thread" : "together"; }
+inline std::string name_of(schedule how) {
+    return how == schedule::one_thread ? "one_thread" : "together";
+}
 
 inline constexpr uint32_t stress_seed = 20250131;
 
@@ -41,7 +44,8 @@ public:
         step_.store(step, std::memory_order_relaxed);
         steps_.fetch_add(1, std::memory_order_relaxed);
     }
-    // Waits for all threads of the crew, every time the same number of times on each; nothing on one thread.
+    // Waits for all threads of the crew, every time the same number of times on each; nothing on
+    // one thread.
     void meet() {
         if (barrier_ != nullptr) {
             doing("wait for the others");
@@ -71,7 +75,8 @@ public:
 
     void add(std::string name, body what) {
         const auto number = static_cast<uint32_t>(members_.size());
-        members_.push_back({std::make_unique<stress_thread>(std::move(name), stress_seed + number), std::move(what)});
+        members_.push_back({std::make_unique<stress_thread>(std::move(name), stress_seed + number),
+                            std::move(what)});
     }
 
     void run(schedule how, std::chrono::seconds limit = std::chrono::seconds(60)) {

@@ -34,7 +34,8 @@ private:
         std::unique_lock hold(mutex_);
         if (changed_.wait_until(hold, deadline, [this] { return done_; }))
             return;
-        std::fprintf(stderr, "\nwatchdog: not done after %lld s\n", static_cast<long long>(limit.count()));
+        std::fprintf(stderr, "\nwatchdog: not done after %lld s\n",
+                     static_cast<long long>(limit.count()));
         describe_();
         std::fflush(stderr);
         std::abort();

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <time.h>
 
 #include <cerrno>
@@ -149,6 +150,28 @@ TEST_P(vem_clock_by_hand, runs_the_timers_of_several_managers_in_the_order_of_th
     EXPECT_EQ(quick.expired_at_us.size(), 11U);
     vem_dm_destroy(&one.manager);
     vem_dm_destroy(&another.manager);
+}
+
+TEST_P(vem_clock_by_hand, a_turn_returns_after_the_callbacks_it_caused) {
+    const auto restart_and_dawdle = [](vem_tw_wheel wheel, vem_tw_timer* timer, void* context) {
+        vem_tw_timer_start(wheel, timer, 1000, counted_timer::expired, nullptr);
+        for (int i = 0; i < 100; ++i) {
+            sched_yield();
+        }
+        *static_cast<bool*>(context) = true;
+    };
+    const clock_in_mode clock(GetParam());
+    vem_tw_timer timer{};
+    bool done = false;
+    attached_wheel wheel;
+    dispatching_thread dispatcher(wheel.manager);
+    for (int round = 0; round < 20; ++round) {
+        done = false;
+        vem_tw_timer_start(wheel.wheel, &timer, 30, restart_and_dawdle, &done);
+        vem_clock_advance_us(60 * ms_us);
+        ASSERT_TRUE(done) << "round " << round;
+    }
+    vem_dm_destroy(&wheel.manager);
 }
 
 TEST_P(vem_clock_by_hand, callbacks_run_on_the_thread_of_the_mode) {

@@ -169,7 +169,7 @@ int vem_clock_advance_to_us(uint64_t target_us) {
     if (present == clock_source::by_hand_inline &&
         target_us < the_schedule.horizon_us.load(std::memory_order_relaxed) &&
         target_us <= last_reading) {
-        turn_to(target_us);  // the way of a reader of captures, once a packet
+        turn_to(target_us);  // nothing becomes due: the usual turn, and a cheap one
         return 0;
     }
     if (clock_mode() == VEM_CLOCK_SYSTEM) {

@@ -1,4 +1,5 @@
-// api_fixture.h - what the tests of the operations on flows share: tuples, flows by packet, recorded deletions.
+// api_fixture.h - what the tests of the operations on flows share: tuples, flows by packet,
+// recorded deletions.
 
 #pragma once
 
@@ -28,8 +29,8 @@ struct told_deletion {
 inline std::vector<told_deletion> told;
 inline void (*while_telling)(zon_fid_t fid) = nullptr;
 
-inline void record_deletion(zon_flow_ptr_t flow, void* initiator_fo, void* responder_fo, void* flow_fo,
-                            zon_flow_deletion_reason_e reason, zon_client_id_e cid) {
+inline void record_deletion(zon_flow_ptr_t flow, void* initiator_fo, void* responder_fo,
+                            void* flow_fo, zon_flow_deletion_reason_e reason, zon_client_id_e cid) {
     told.push_back({flow, initiator_fo, responder_fo, flow_fo, reason, cid});
     if (while_telling != nullptr)
         while_telling(flow);
@@ -40,8 +41,8 @@ constexpr uint32_t host_b = 0x0A000002;
 constexpr uint8_t udp = 17;
 constexpr uint8_t tcp = 6;
 
-inline zon_flow_tuple_t tuple4(uint32_t src, uint16_t sport, uint32_t dst, uint16_t dport, uint8_t protocol = udp,
-                               uint32_t vrf_id = 0) {
+inline zon_flow_tuple_t tuple4(uint32_t src, uint16_t sport, uint32_t dst, uint16_t dport,
+                               uint8_t protocol = udp, uint32_t vrf_id = 0) {
     zon_flow_tuple_t tuple{};
     tuple.src_ip.addr_type = ZON_IP_ADDR_IPV4;
     tuple.dst_ip.addr_type = ZON_IP_ADDR_IPV4;
@@ -71,13 +72,17 @@ inline zon_flow_tuple_t reversed(zon_flow_tuple_t tuple) {
 }
 
 inline bytes udp_packet(uint16_t sport, uint16_t dport) {
-    return packet_builder::ipv4(ipv4_address(host_a), ipv4_address(host_b)).udp(sport, dport).payload(10).build();
+    return packet_builder::ipv4(ipv4_address(host_a), ipv4_address(host_b))
+        .udp(sport, dport)
+        .payload(10)
+        .build();
 }
 inline bytes udp6_packet(uint16_t sport, uint16_t dport) {
     return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(sport, dport).payload(10).build();
 }
 
-// How often a feature-object record comes out of its chunk: more than once means that it was given back twice.
+// How often a feature-object record comes out of its chunk: more than once means that it was given
+// back twice.
 inline int times_handed_out(const zon_flow_fo_t* record) {
     std::vector<void*> taken;
     for (int i = 0; i < 64; ++i)
@@ -119,7 +124,8 @@ protected:
         return result.fid;
     }
 
-    static zon_fid_t pre_flow(zon_flow_tuple_type_t type, const zon_flow_tuple_t& tuple, zon_fid_t parent = 0) {
+    static zon_fid_t pre_flow(zon_flow_tuple_type_t type, const zon_flow_tuple_t& tuple,
+                              zon_fid_t parent = 0) {
         zon_fid_t fid = 99;
         EXPECT_EQ(zon_pre_flow_add(type, &tuple, parent, &fid, nullptr), zon_error_none);
         return fid;

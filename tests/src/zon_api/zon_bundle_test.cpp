@@ -57,7 +57,8 @@ TEST(bundles_without_an_engine, say_so) {
 
 TEST_F(bundles, refuse_null_pointers_before_the_flow) {
     EXPECT_EQ(zon_flow_get_parent(parameters.max_flows + 1, nullptr), zon_error_parameter_is_null);
-    EXPECT_EQ(zon_flow_traverse_child_flows(parameters.max_flows + 1, nullptr), zon_error_parameter_is_null);
+    EXPECT_EQ(zon_flow_traverse_child_flows(parameters.max_flows + 1, nullptr),
+              zon_error_parameter_is_null);
 }
 
 TEST_F(bundles, of_a_flow_that_was_never_a_child_have_no_parent) {
@@ -72,12 +73,14 @@ TEST_F(bundles, of_no_flow_are_reported_by_each_operation_in_its_own_way) {
     const std::string text = "\nZON Engine: ZON_ERRMSG_CLIENT_API, ";
     for (const zon_fid_t missing : {zon_fid_t{0}, parent + 1}) {
         zon_fid_t found = 99;
-        const std::string got =
-            traced([&] { EXPECT_EQ(zon_flow_get_parent(missing, &found), zon_error_flow_not_found); });
+        const std::string got = traced(
+            [&] { EXPECT_EQ(zon_flow_get_parent(missing, &found), zon_error_flow_not_found); });
         EXPECT_EQ(found, 0u);
         EXPECT_NE(got.find(text), std::string::npos);
-        const std::string walked = traced(
-            [&] { EXPECT_EQ(zon_flow_traverse_child_flows(missing, visit), zon_error_parent_fid_not_found); });
+        const std::string walked = traced([&] {
+            EXPECT_EQ(zon_flow_traverse_child_flows(missing, visit),
+                      zon_error_parent_fid_not_found);
+        });
         EXPECT_NE(walked.find(text), std::string::npos);
     }
     zon_fid_t found = 99;
@@ -93,7 +96,8 @@ TEST_F(bundles, are_formed_at_promotion_newest_child_first) {
 }
 
 TEST_F(bundles, show_the_parent_of_an_announced_flow_before_the_parent_lists_it) {
-    const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), parent);
+    const zon_fid_t announced =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), parent);
     EXPECT_EQ(parent_of(announced), parent);
     EXPECT_EQ(children_of(parent), fids({}));
 }
@@ -175,7 +179,8 @@ TEST_F(bundles, end_a_walk_whose_visitor_deletes_the_parent) {
 
 TEST_F(bundles, go_on_when_a_visitor_drops_the_rest_of_the_list) {
     with_three_children();
-    // Deleting the first child from within the second empties the parent's list; the links behind the second stay.
+    // Deleting the first child from within the second empties the parent's list; the links behind
+    // the second stay.
     static zon_fid_t first;
     static zon_fid_t second;
     first = c;
@@ -208,10 +213,12 @@ TEST_F(bundles_of_separate_locks, wait_for_a_locked_child_without_holding_the_pa
     zon_lock_t lock = nullptr;
     zon_fid_t held = 0;
     const zon_flow_tuple_t of_c = tuple4(host_a, 1003, host_b, 2000);
-    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &of_c, &held, &lock), zon_error_none);
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &of_c, &held, &lock),
+              zon_error_none);
     ASSERT_EQ(held, c);
     std::thread walker([&] { children_of(parent); });
-    // Deleting the child takes the bundle apart while the walker waits for it, or just before it does.
+    // Deleting the child takes the bundle apart while the walker waits for it, or just before it
+    // does.
     zon_delete_flow_tamonet(c, requested);
     uint32_t count = 0;
     EXPECT_EQ(zon_flow_get_packet_count(parent, &count), zon_error_none);

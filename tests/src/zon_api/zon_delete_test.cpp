@@ -2,8 +2,8 @@
 
 #include "api_fixture.h"
 #include "osal/zon_timer.h"
-#include "zon_super_ctx.h"
 #include "zon_api/zon_api_internal.h"
+#include "zon_super_ctx.h"
 
 using namespace zon_test;
 
@@ -81,7 +81,8 @@ TEST_F(deletion, tells_the_newest_client_first) {
 TEST_F(deletion, hands_each_object_back_in_its_position) {
     const zon_client_id_e cid = new_client();
     const zon_fid_t fid = udp_flow(1000);
-    // Each direction before the whole flow: later the directions would end in the list of the whole flow.
+    // Each direction before the whole flow: later the directions would end in the list of the whole
+    // flow.
     ASSERT_EQ(zon_flow_attach_fo(fid, cid, ZON_DIR_INITIATOR, &objects[1]), zon_error_none);
     ASSERT_EQ(zon_flow_attach_fo(fid, cid, ZON_DIR_RESPONDER, &objects[2]), zon_error_none);
     ASSERT_EQ(zon_flow_attach_fo(fid, cid, ZON_DIR_BI, &objects[3]), zon_error_none);
@@ -141,7 +142,9 @@ TEST_F(deletion, tells_clients_while_the_flow_is_whole_and_locked) {
     const zon_fid_t fid = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1000, host_b, 53));
     while_telling = [](zon_fid_t flow) {
         EXPECT_EQ(elements(), 2u);
-        EXPECT_EQ(zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 2u);
+        EXPECT_EQ(
+            zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE),
+            2u);
         EXPECT_EQ(find(tuple4(host_a, 1000, host_b, 53)), flow);
         EXPECT_TRUE(is_locked(record_of(flow)));
         EXPECT_EQ(record_of(flow)->marked_for_delete, 1);
@@ -149,7 +152,8 @@ TEST_F(deletion, tells_clients_while_the_flow_is_whole_and_locked) {
     zon_delete_flow_tamonet(fid, requested);
     EXPECT_EQ(told.size(), 1u);
     EXPECT_EQ(elements(), 0u);
-    EXPECT_EQ(zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 0u);
+    EXPECT_EQ(zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE),
+              0u);
 }
 
 TEST_F(deletion, has_no_object_of_the_client_left_while_it_is_told) {
@@ -158,7 +162,8 @@ TEST_F(deletion, has_no_object_of_the_client_left_while_it_is_told) {
     zon_flow_attach_fo(fid, cid, ZON_DIR_BI, &objects[0]);
     while_telling = [](zon_fid_t flow) {
         void* fo = nullptr;
-        EXPECT_EQ(zon_flow_get_fo(flow, told.back().cid, ZON_DIR_BI, &fo), zon_error_feature_object_not_attached);
+        EXPECT_EQ(zon_flow_get_fo(flow, told.back().cid, ZON_DIR_BI, &fo),
+                  zon_error_feature_object_not_attached);
     };
     zon_delete_flow_tamonet(fid, requested);
     EXPECT_EQ(told.size(), 1u);
@@ -182,8 +187,9 @@ protected:
     void SetUp() override {
         deletion::SetUp();
         contexts_left = 0;
-        ASSERT_EQ(zon_super_context_client_register(ZON_SUPER_CONTEXT_IDENTITY, everything_is_context_7),
-                  zon_error_none);
+        ASSERT_EQ(
+            zon_super_context_client_register(ZON_SUPER_CONTEXT_IDENTITY, everything_is_context_7),
+            zon_error_none);
         ASSERT_EQ(zon_super_context_register_delete_cb(client, context_left), zon_error_none);
     }
     void TearDown() override {
@@ -191,7 +197,8 @@ protected:
         deletion::TearDown();
     }
     void delete_while(zon_fid_t fid, void (*look)()) {
-        ASSERT_EQ(zon_super_context_attach_fo(fid, ZON_SUPER_CONTEXT_IDENTITY, client, &objects[0]), zon_error_none);
+        ASSERT_EQ(zon_super_context_attach_fo(fid, ZON_SUPER_CONTEXT_IDENTITY, client, &objects[0]),
+                  zon_error_none);
         fid_ = fid;
         while_leaving = look;
         EXPECT_TRUE(zon_delete_flow_tamonet(fid, requested));
@@ -221,7 +228,8 @@ TEST_F(late_in_a_deletion, the_deleting_thread_still_finds_the_flow_but_no_side_
         EXPECT_EQ(count, 1u);
         zon_flow_tuple_t tuple;
         EXPECT_EQ(zon_flow_get_tuple(fid_, ZON_DIR_INITIATOR, &tuple), zon_error_flow_not_found);
-        EXPECT_EQ(zon_flow_attach_fo(fid_, 9, ZON_DIR_RESPONDER, &objects[0]), zon_error_flow_not_found);
+        EXPECT_EQ(zon_flow_attach_fo(fid_, 9, ZON_DIR_RESPONDER, &objects[0]),
+                  zon_error_flow_not_found);
     });
 }
 
@@ -251,10 +259,13 @@ TEST_F(late_in_a_deletion, the_children_are_orphans_and_the_tunnel_is_not_counte
     zon_flow_t child{};
     record_of(fid)->bundle_child = &child;
     child.bundle_parent = record_of(fid);
-    ASSERT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_IPV6INIP), 1u);
+    ASSERT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_IPV6INIP),
+              1u);
     delete_while(fid, [] {
         EXPECT_EQ(record_of(fid_)->bundle_child, nullptr);
-        EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_IPV6INIP), 0u);
+        EXPECT_EQ(
+            zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_IPV6INIP),
+            0u);
     });
     EXPECT_EQ(child.bundle_parent, nullptr);
 }
@@ -274,7 +285,8 @@ TEST_F(deletion, by_a_holder_of_the_lock_leaves_the_holder_its_level) {
     zon_fid_t fid = udp_flow(1000);
     const zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
     zon_lock_t lock = nullptr;
-    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock), zon_error_none);
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock),
+              zon_error_none);
     zon_flow_t* flow = record_of(fid);
     EXPECT_TRUE(zon_delete_flow_tamonet(fid, requested));
     EXPECT_TRUE(is_locked(flow));
@@ -285,15 +297,19 @@ TEST_F(deletion, by_a_holder_of_the_lock_leaves_the_holder_its_level) {
 TEST_F(deletion, of_a_teredo_flow_lowers_its_own_count) {
     const bytes inner = udp6_packet(1000, 53);
     const zon_fid_t fid = handle(in_teredo("192.0.2.1", "192.0.2.2", inner)).fid;
-    ASSERT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_TEREDO), 1u);
+    ASSERT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_TEREDO),
+              1u);
     zon_delete_flow_tamonet(fid, requested);
-    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_TEREDO), 0u);
+    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_TEREDO),
+              0u);
 }
 
 TEST_F(deletion, of_announced_flows_lowers_both_counts_and_the_flag_with_the_last) {
     const zon_flow_table_t* tbl = g_zon->flow_tbl;
-    const zon_fid_t half = pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, tuple4(host_a, 1000, 0, 0));
-    const zon_fid_t star = pre_flow(ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, tuple6("2001:db8::1", 1, "2001:db8::2", 2));
+    const zon_fid_t half =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, tuple4(host_a, 1000, 0, 0));
+    const zon_fid_t star =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, tuple6("2001:db8::1", 1, "2001:db8::2", 2));
     EXPECT_EQ(tbl->active_preflow_count[ZON_IPV4_KEY_SRC_IP_PORT_ONLY], 1u);
     EXPECT_EQ(tbl->active_preflow_count[ZON_IPV4_KEY_DST_IP_PORT_ONLY], 1u);
     EXPECT_EQ(tbl->active_preflow_count[ZON_IPV6_KEY_VRF_STAR], 2u);

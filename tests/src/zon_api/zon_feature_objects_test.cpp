@@ -1,4 +1,5 @@
-// zon_feature_objects_test.cpp - objects on flows and directions, the lists that hold them, and the lines that misses print.
+// zon_feature_objects_test.cpp - objects on flows and directions, the lists that hold them, and the
+// lines that misses print.
 
 #include "api_fixture.h"
 #include "zon_api/zon_api_internal.h"
@@ -32,7 +33,8 @@ protected:
 
 constexpr zon_client_id_e client_a = 1;
 constexpr zon_client_id_e client_b = 31;
-constexpr zon_flow_direction_e every_direction[] = {ZON_DIR_BI, ZON_DIR_INITIATOR, ZON_DIR_RESPONDER};
+constexpr zon_flow_direction_e every_direction[] = {ZON_DIR_BI, ZON_DIR_INITIATOR,
+                                                    ZON_DIR_RESPONDER};
 
 // ---- lists ----
 
@@ -81,7 +83,8 @@ TEST(feature_objects_without_an_engine, say_so) {
     EXPECT_EQ(zon_flow_attach_fo(1, 0, ZON_DIR_BI, nullptr), zon_error_engine_not_init);
     EXPECT_EQ(zon_flow_get_fo(1, 0, ZON_DIR_BI, &fo), zon_error_engine_not_init);
     EXPECT_EQ(zon_flow_get_fo_by_fid(1, 0, ZON_DIR_BI, &fo, nullptr), zon_error_engine_not_init);
-    EXPECT_EQ(zon_flow_get_fo_by_flow_key(nullptr, 0, ZON_DIR_BI, &fo, nullptr), zon_error_engine_not_init);
+    EXPECT_EQ(zon_flow_get_fo_by_flow_key(nullptr, 0, ZON_DIR_BI, &fo, nullptr),
+              zon_error_engine_not_init);
     EXPECT_EQ(zon_flow_detach_fo(1, 0, ZON_DIR_BI, &fo), zon_error_engine_not_init);
 }
 
@@ -109,7 +112,8 @@ TEST_F(feature_objects, are_checked_by_client_then_direction_then_pointer_before
         EXPECT_EQ(zon_flow_attach_fo(wild, row.cid, dir, nullptr), row.expected);
         EXPECT_EQ(zon_flow_get_fo(wild, row.cid, dir, nullptr), row.expected);
         EXPECT_EQ(zon_flow_get_fo_by_fid(wild, row.cid, dir, nullptr, &snapshot), row.expected);
-        EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, row.cid, dir, nullptr, &snapshot), row.expected);
+        EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, row.cid, dir, nullptr, &snapshot),
+                  row.expected);
         EXPECT_EQ(zon_flow_detach_fo(wild, row.cid, dir, nullptr), row.expected);
     }
 }
@@ -118,11 +122,13 @@ TEST_F(feature_objects, of_no_flow_are_not_found_and_outputs_are_cleared) {
     for (const zon_fid_t missing : {zon_fid_t{0}, fid + 1}) {
         zon_flow_t snapshot;
         void* fo = &fo;
-        EXPECT_EQ(zon_flow_attach_fo(missing, client_a, ZON_DIR_BI, &objects[0]), zon_error_flow_not_found);
+        EXPECT_EQ(zon_flow_attach_fo(missing, client_a, ZON_DIR_BI, &objects[0]),
+                  zon_error_flow_not_found);
         EXPECT_EQ(zon_flow_get_fo(missing, client_a, ZON_DIR_BI, &fo), zon_error_flow_not_found);
         EXPECT_EQ(fo, nullptr);
         fo = &fo;
-        EXPECT_EQ(zon_flow_get_fo_by_fid(missing, client_a, ZON_DIR_BI, &fo, &snapshot), zon_error_flow_not_found);
+        EXPECT_EQ(zon_flow_get_fo_by_fid(missing, client_a, ZON_DIR_BI, &fo, &snapshot),
+                  zon_error_flow_not_found);
         EXPECT_EQ(fo, nullptr);
         fo = &fo;
         EXPECT_EQ(zon_flow_detach_fo(missing, client_a, ZON_DIR_BI, &fo), zon_error_flow_not_found);
@@ -143,7 +149,8 @@ TEST_F(feature_objects, come_back_from_the_direction_they_were_attached_to) {
         const zon_fid_t flow = udp_flow(static_cast<uint16_t>(2000 + dir));
         EXPECT_EQ(zon_flow_attach_fo(flow, client_a, dir, &objects[dir]), zon_error_none);
         for (const zon_flow_direction_e asked : every_direction)
-            EXPECT_EQ(get(flow, client_a, asked), asked == dir ? &objects[dir] : nullptr) << dir << ' ' << asked;
+            EXPECT_EQ(get(flow, client_a, asked), asked == dir ? &objects[dir] : nullptr)
+                << dir << ' ' << asked;
         EXPECT_FALSE(is_locked(record_of(flow)));
     }
 }
@@ -199,7 +206,8 @@ TEST_F(feature_objects, are_detached_once) {
         void* fo = nullptr;
         EXPECT_EQ(zon_flow_detach_fo(flow, client_a, dir, &fo), zon_error_none);
         EXPECT_EQ(fo, &objects[dir]);
-        EXPECT_EQ(zon_flow_detach_fo(flow, client_a, dir, &fo), zon_error_feature_object_not_attached);
+        EXPECT_EQ(zon_flow_detach_fo(flow, client_a, dir, &fo),
+                  zon_error_feature_object_not_attached);
         EXPECT_EQ(fo, nullptr);
         EXPECT_FALSE(is_locked(record_of(flow)));
     }
@@ -261,7 +269,8 @@ TEST_F(feature_objects, are_got_by_the_key_of_either_direction) {
     for (int direction = 0; direction < 2; ++direction) {
         zon_flow_t snapshot;
         void* fo = nullptr;
-        EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_BI, &fo, &snapshot), zon_error_none);
+        EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_BI, &fo, &snapshot),
+                  zon_error_none);
         EXPECT_EQ(fo, &objects[0]);
         EXPECT_EQ(snapshot.fid, fid);
         EXPECT_TRUE(is_locked(record_of(fid)));
@@ -277,7 +286,8 @@ TEST_F(feature_objects, are_got_by_an_ipv6_key) {
     zon_ipv6_key_t key = *zon_full_key<ipv6_family>(record_of(flow)->initiator_flow);
     zon_flow_t snapshot;
     void* fo = nullptr;
-    EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_RESPONDER, &fo, &snapshot), zon_error_none);
+    EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_RESPONDER, &fo, &snapshot),
+              zon_error_none);
     EXPECT_EQ(fo, &objects[2]);
     zon_unlock_flow_tamonet(&snapshot);
 }
@@ -288,12 +298,14 @@ TEST_F(feature_objects, of_a_key_without_a_flow_are_not_found_and_nothing_is_wri
     zon_flow_t snapshot{};
     snapshot.fid = 77;
     void* fo = &fo;
-    EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_BI, &fo, &snapshot), zon_error_flow_not_found);
+    EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_BI, &fo, &snapshot),
+              zon_error_flow_not_found);
     EXPECT_EQ(fo, nullptr);
     EXPECT_EQ(snapshot.fid, 77u);
     // An announced flow is not looked for by its complete key.
     pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 9, host_b, 9));
-    EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_BI, &fo, &snapshot), zon_error_flow_not_found);
+    EXPECT_EQ(zon_flow_get_fo_by_flow_key(&key, client_a, ZON_DIR_BI, &fo, &snapshot),
+              zon_error_flow_not_found);
 }
 
 TEST_F(feature_objects, are_not_attached_without_memory) {
@@ -307,19 +319,21 @@ TEST_F(feature_objects, are_not_attached_without_memory) {
 
 // ---- trace ----
 
-
 std::string with_blanks(const char* head, int blanks, const char* tail, zon_fid_t fid) {
-    return head + std::string(static_cast<size_t>(blanks), ' ') + tail + ", fid=[" + std::to_string(fid) + "]";
+    return head + std::string(static_cast<size_t>(blanks), ' ') + tail + ", fid=[" +
+           std::to_string(fid) + "]";
 }
 bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 constexpr const char* client_api = "\nZON Engine: ZON_ERRMSG_CLIENT_API, ";
 
 TEST_F(feature_objects, overwritten_are_traced_by_direction) {
-    constexpr const char* texts[] = {"\nZON Engine: Overwrote the already attached Bi-FO with a new FO",
-                                     "\nZON Engine: Overwrote the already attached initiator FO with a new FO",
-                                     "\nZON Engine: Overwrote the already attached responder FO with a new FO"};
+    constexpr const char* texts[] = {
+        "\nZON Engine: Overwrote the already attached Bi-FO with a new FO",
+        "\nZON Engine: Overwrote the already attached initiator FO with a new FO",
+        "\nZON Engine: Overwrote the already attached responder FO with a new FO"};
     zon_debug_flag_engine = true;
     for (const zon_flow_direction_e dir : every_direction) {
         EXPECT_EQ(traced([&] { attach(client_a, dir, &objects[0]); }), "");
@@ -334,18 +348,22 @@ TEST_F(feature_objects, overwritten_are_traced_by_direction) {
 TEST_F(feature_objects, missed_by_a_get_are_traced_by_direction) {
     zon_debug_flag_engine = true;
     const std::string texts[] = {
-        with_blanks("\nZON Engine: Bi-FO is not attached for the given flow \\n", 33, "zon_flow_get_fo", fid),
-        with_blanks("\nZON Engine: Initiator FO is not attached for the given flow \\n", 38, "zon_flow_get_fo", fid),
+        with_blanks("\nZON Engine: Bi-FO is not attached for the given flow \\n", 33,
+                    "zon_flow_get_fo", fid),
+        with_blanks("\nZON Engine: Initiator FO is not attached for the given flow \\n", 38,
+                    "zon_flow_get_fo", fid),
         client_api};
     for (const zon_flow_direction_e dir : every_direction) {
         zon_flow_t snapshot;
         void* fo = nullptr;
         const std::string plain = traced([&] { zon_flow_get_fo(fid, client_a, dir, &fo); });
         EXPECT_TRUE(ends_with(plain, texts[dir])) << plain;
-        const std::string by_fid = traced([&] { zon_flow_get_fo_by_fid(fid, client_a, dir, &fo, &snapshot); });
+        const std::string by_fid =
+            traced([&] { zon_flow_get_fo_by_fid(fid, client_a, dir, &fo, &snapshot); });
         EXPECT_TRUE(ends_with(by_fid, texts[dir])) << by_fid;
         zon_ipv4_key_t key = *zon_full_key<ipv4_family>(record_of(fid)->initiator_flow);
-        const std::string by_key = traced([&] { zon_flow_get_fo_by_flow_key(&key, client_a, dir, &fo, &snapshot); });
+        const std::string by_key =
+            traced([&] { zon_flow_get_fo_by_flow_key(&key, client_a, dir, &fo, &snapshot); });
         EXPECT_TRUE(ends_with(by_key, texts[dir])) << by_key;
     }
 }
@@ -358,7 +376,8 @@ TEST_F(feature_objects, missed_by_a_detach_are_traced_by_direction) {
     for (const zon_flow_direction_e dir : every_direction) {
         void* fo = nullptr;
         const std::string text = traced([&] { zon_flow_detach_fo(fid, client_a, dir, &fo); });
-        EXPECT_TRUE(ends_with(text, with_blanks(heads[dir], 38, "zon_flow_detach_fo", fid))) << text;
+        EXPECT_TRUE(ends_with(text, with_blanks(heads[dir], 38, "zon_flow_detach_fo", fid)))
+            << text;
     }
 }
 
@@ -366,10 +385,12 @@ TEST_F(feature_objects, of_no_flow_are_traced_by_a_detach_from_an_empty_slot_alo
     zon_debug_flag_engine = true;
     void* fo = nullptr;
     zon_flow_t snapshot;
-    EXPECT_TRUE(ends_with(traced([&] { zon_flow_detach_fo(fid + 1, client_a, ZON_DIR_BI, &fo); }), client_api));
+    EXPECT_TRUE(ends_with(traced([&] { zon_flow_detach_fo(fid + 1, client_a, ZON_DIR_BI, &fo); }),
+                          client_api));
     EXPECT_EQ(traced([&] { zon_flow_detach_fo(0, client_a, ZON_DIR_BI, &fo); }), "");
     EXPECT_EQ(traced([&] { zon_flow_get_fo(fid + 1, client_a, ZON_DIR_BI, &fo); }), "");
-    EXPECT_EQ(traced([&] { zon_flow_get_fo_by_fid(fid + 1, client_a, ZON_DIR_BI, &fo, &snapshot); }), "");
+    EXPECT_EQ(
+        traced([&] { zon_flow_get_fo_by_fid(fid + 1, client_a, ZON_DIR_BI, &fo, &snapshot); }), "");
     EXPECT_EQ(traced([&] { zon_flow_attach_fo(fid + 1, client_a, ZON_DIR_BI, &fo); }), "");
 }
 

@@ -33,22 +33,32 @@ constexpr const char* with_blank = "\nZON Engine: ZON_ERRMSG_CLIENT_API, ";
 constexpr const char* without_blank = "\nZON Engine: ZON_ERRMSG_CLIENT_API,";
 
 const operation operations[] = {
-    {"get_l4_state", [](zon_fid_t f) { return zon_flow_get_l4_state(f, &state_out); }, with_blank, true},
-    {"set_l4_state", [](zon_fid_t f) { return zon_flow_set_l4_state(f, ZON_L4_CLOSING); }, "", true},
-    {"get_packet_count", [](zon_fid_t f) { return zon_flow_get_packet_count(f, &number_out); }, without_blank, true},
-    {"get_application_id", [](zon_fid_t f) { return zon_flow_get_application_id(f, &number_out); }, with_blank, true},
-    {"set_application_id", [](zon_fid_t f) { return zon_flow_set_application_id(f, 1); }, without_blank, true},
-    {"set_dpi_bypass_id", [](zon_fid_t f) { return zon_flow_set_dpi_bypass_id(f, 1); }, without_blank, true},
-    {"get_tuple", [](zon_fid_t f) { return zon_flow_get_tuple(f, ZON_DIR_INITIATOR, &tuple_out); }, with_blank, false},
+    {"get_l4_state", [](zon_fid_t f) { return zon_flow_get_l4_state(f, &state_out); }, with_blank,
+     true},
+    {"set_l4_state", [](zon_fid_t f) { return zon_flow_set_l4_state(f, ZON_L4_CLOSING); }, "",
+     true},
+    {"get_packet_count", [](zon_fid_t f) { return zon_flow_get_packet_count(f, &number_out); },
+     without_blank, true},
+    {"get_application_id", [](zon_fid_t f) { return zon_flow_get_application_id(f, &number_out); },
+     with_blank, true},
+    {"set_application_id", [](zon_fid_t f) { return zon_flow_set_application_id(f, 1); },
+     without_blank, true},
+    {"set_dpi_bypass_id", [](zon_fid_t f) { return zon_flow_set_dpi_bypass_id(f, 1); },
+     without_blank, true},
+    {"get_tuple", [](zon_fid_t f) { return zon_flow_get_tuple(f, ZON_DIR_INITIATOR, &tuple_out); },
+     with_blank, false},
     {"get_next_tcp_seq_nbr",
-     [](zon_fid_t f) { return zon_flow_get_next_tcp_seq_nbr(f, ZON_DIR_INITIATOR, &number_out, &window_out); },
+     [](zon_fid_t f) {
+         return zon_flow_get_next_tcp_seq_nbr(f, ZON_DIR_INITIATOR, &number_out, &window_out);
+     },
      without_blank, true},
 };
 
 class every_flow_query : public flow_queries, public ::testing::WithParamInterface<operation> {};
 
 bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 TEST_P(every_flow_query, misses_no_flow_and_an_empty_slot_and_traces_its_own_text) {
@@ -59,8 +69,10 @@ TEST_P(every_flow_query, misses_no_flow_and_an_empty_slot_and_traces_its_own_tex
     EXPECT_TRUE(ends_with(empty_slot, GetParam().miss)) << '"' << empty_slot << '"';
     EXPECT_EQ(empty_slot.empty(), std::string(GetParam().miss).empty());
     const std::string null_fid = traced([&] { GetParam().call(0); });
-    EXPECT_TRUE(ends_with(null_fid, GetParam().traces_null_fid ? GetParam().miss : "")) << '"' << null_fid << '"';
-    EXPECT_EQ(null_fid.empty(), !GetParam().traces_null_fid || std::string(GetParam().miss).empty());
+    EXPECT_TRUE(ends_with(null_fid, GetParam().traces_null_fid ? GetParam().miss : ""))
+        << '"' << null_fid << '"';
+    EXPECT_EQ(null_fid.empty(),
+              !GetParam().traces_null_fid || std::string(GetParam().miss).empty());
 }
 
 TEST_P(every_flow_query, leaves_the_flow_unlocked) {
@@ -87,7 +99,8 @@ TEST_F(flow_queries, refuse_null_pointers_before_the_flow) {
     EXPECT_EQ(zon_flow_get_packet_count(wild, nullptr), zon_error_parameter_is_null);
     EXPECT_EQ(zon_flow_get_application_id(wild, nullptr), zon_error_parameter_is_null);
     EXPECT_EQ(zon_flow_get_tuple(wild, ZON_DIR_BI, nullptr), zon_error_flow_tuple_is_null);
-    EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(wild, ZON_DIR_BI, nullptr, nullptr), zon_error_parameter_is_null);
+    EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(wild, ZON_DIR_BI, nullptr, nullptr),
+              zon_error_parameter_is_null);
 }
 
 TEST_F(flow_queries, l4_state_of_no_flow_is_left_closed) {
@@ -99,7 +112,8 @@ TEST_F(flow_queries, l4_state_of_no_flow_is_left_closed) {
 TEST_F(flow_queries, l4_state_is_set_and_read_and_nothing_else_changes) {
     const zon_tcp_state_t tcp_state = record_of(fid)->l4state.tcp_state;
     for (int value = ZON_L4_CLOSED; value <= ZON_L4_CLOSING; ++value) {
-        EXPECT_EQ(zon_flow_set_l4_state(fid, static_cast<zon_l4_flow_state_e>(value)), zon_error_none);
+        EXPECT_EQ(zon_flow_set_l4_state(fid, static_cast<zon_l4_flow_state_e>(value)),
+                  zon_error_none);
         zon_l4_flow_state_e state = ZON_L4_ENUM_END;
         EXPECT_EQ(zon_flow_get_l4_state(fid, &state), zon_error_none);
         EXPECT_EQ(state, value);
@@ -109,15 +123,17 @@ TEST_F(flow_queries, l4_state_is_set_and_read_and_nothing_else_changes) {
 
 TEST_F(flow_queries, l4_state_outside_the_states_is_refused_before_the_flow_is_looked_at) {
     for (const int value : {-1, 7, 255})
-        EXPECT_EQ(zon_flow_set_l4_state(parameters.max_flows + 1, static_cast<zon_l4_flow_state_e>(value)),
+        EXPECT_EQ(zon_flow_set_l4_state(parameters.max_flows + 1,
+                                        static_cast<zon_l4_flow_state_e>(value)),
                   zon_error_l4_state_invalid);
 }
 
 TEST_F(flow_queries, l4_state_set_for_no_flow_is_logged_under_the_getters_name) {
     zon_errlog = true;
     const std::string text = traced([&] { zon_flow_set_l4_state(fid + 1, ZON_L4_OPENING); });
-    const std::string expected = "ZON_MSG_INDEX: 6. Could not find flow for the given fid  zon_flow_get_l4_state, fid::" +
-                                 std::to_string(fid + 1) + "\n";
+    const std::string expected =
+        "ZON_MSG_INDEX: 6. Could not find flow for the given fid  zon_flow_get_l4_state, fid::" +
+        std::to_string(fid + 1) + "\n";
     EXPECT_TRUE(ends_with(text, expected)) << '"' << text << '"';
 }
 
@@ -174,7 +190,8 @@ TEST_F(flow_queries, tuple_of_the_whole_flow_is_refused_after_the_flow_was_found
     zon_flow_tuple_t tuple{};
     for (const int dir : {0, 3, -1}) {
         const auto direction = static_cast<zon_flow_direction_e>(dir);
-        EXPECT_EQ(zon_flow_get_tuple(fid, direction, &tuple), zon_error_direction_parameter_is_invalid);
+        EXPECT_EQ(zon_flow_get_tuple(fid, direction, &tuple),
+                  zon_error_direction_parameter_is_invalid);
         EXPECT_EQ(zon_flow_get_tuple(fid + 1, direction, &tuple), zon_error_flow_not_found);
         EXPECT_FALSE(is_locked(record_of(fid)));
     }
@@ -188,16 +205,19 @@ TEST_F(flow_queries, next_sequence_number_is_read_from_the_side_of_the_direction
     l4.r_info.valid_next_seq_number = ZON_TCP_NEXT_SEQ_VALID;
     l4.r_info.sndnxt = 200;
     l4.r_info.rcvwnd = 6;
-    for (const auto& [dir, expected, expected_window] : {std::tuple{1, 100u, 0x2345}, {2, 200u, 6}, {5, 200u, 6}}) {
+    for (const auto& [dir, expected, expected_window] :
+         {std::tuple{1, 100u, 0x2345}, {2, 200u, 6}, {5, 200u, 6}}) {
         uint32_t number = 0;
         uint16_t window = 0;
-        EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(fid, static_cast<zon_flow_direction_e>(dir), &number, &window),
+        EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(fid, static_cast<zon_flow_direction_e>(dir),
+                                                &number, &window),
                   zon_error_none);
         EXPECT_EQ(number, expected);
         EXPECT_EQ(window, expected_window);
     }
     uint32_t number = 0;
-    EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(fid, ZON_DIR_INITIATOR, &number, nullptr), zon_error_none);
+    EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(fid, ZON_DIR_INITIATOR, &number, nullptr),
+              zon_error_none);
     EXPECT_EQ(number, 100u);
 }
 

@@ -1,4 +1,5 @@
-// zon_preflow_test.cpp - announced flows: made, found, refused, deleted, and objects on one direction of a tuple.
+// zon_preflow_test.cpp - announced flows: made, found, refused, deleted, and objects on one
+// direction of a tuple.
 
 #include <atomic>
 #include <barrier>
@@ -12,13 +13,16 @@ using namespace zon_test;
 namespace {
 
 bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 constexpr const char* client_api = "\nZON Engine: ZON_ERRMSG_CLIENT_API, ";
 
 class pre_flows : public api_fixture {
 protected:
-    static uint32_t count(uint32_t key_type) { return g_zon->flow_tbl->active_preflow_count[key_type]; }
+    static uint32_t count(uint32_t key_type) {
+        return g_zon->flow_tbl->active_preflow_count[key_type];
+    }
     zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
 };
 
@@ -26,19 +30,26 @@ TEST(pre_flows_without_an_engine, say_so) {
     zon_fid_t fid = 0;
     void* fo = nullptr;
     zon_flow_tuple_t tuple{};
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_engine_not_init);
-    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple), zon_error_engine_not_init);
-    EXPECT_EQ(zon_uni_flow_attach_fo(1, ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fo), zon_error_engine_not_init);
-    EXPECT_EQ(zon_uni_flow_get_fo(1, ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fo), zon_error_engine_not_init);
-    EXPECT_EQ(zon_uni_flow_detach_fo(1, ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fo), zon_error_engine_not_init);
+    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
+              zon_error_engine_not_init);
+    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple),
+              zon_error_engine_not_init);
+    EXPECT_EQ(zon_uni_flow_attach_fo(1, ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fo),
+              zon_error_engine_not_init);
+    EXPECT_EQ(zon_uni_flow_get_fo(1, ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fo),
+              zon_error_engine_not_init);
+    EXPECT_EQ(zon_uni_flow_detach_fo(1, ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fo),
+              zon_error_engine_not_init);
 }
 
 TEST_F(pre_flows, are_checked_by_type_then_tuple_then_fid) {
     zon_fid_t fid = 7;
     for (const int type : {-1, 4}) {
         const auto wrong = static_cast<zon_flow_tuple_type_t>(type);
-        EXPECT_EQ(zon_pre_flow_add(wrong, nullptr, 0, nullptr, nullptr), zon_error_invalid_tuple_type);
-        EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(wrong, nullptr), zon_error_invalid_tuple_type);
+        EXPECT_EQ(zon_pre_flow_add(wrong, nullptr, 0, nullptr, nullptr),
+                  zon_error_invalid_tuple_type);
+        EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(wrong, nullptr),
+                  zon_error_invalid_tuple_type);
     }
     EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, nullptr, 0, nullptr, nullptr),
               zon_error_flow_tuple_is_null);
@@ -75,7 +86,9 @@ TEST_P(every_announcement, makes_two_half_flows_of_the_types_of_the_table_and_co
     EXPECT_TRUE(zon_timer_running(&flow->timer));
     EXPECT_FALSE(is_locked(flow));
     for (uint32_t type = 0; type < ZON_MAX_KEY; ++type)
-        EXPECT_EQ(count(type), static_cast<uint32_t>((type == row.initiator) + (type == row.responder))) << type;
+        EXPECT_EQ(count(type),
+                  static_cast<uint32_t>((type == row.initiator) + (type == row.responder)))
+            << type;
     EXPECT_TRUE(g_zon->flow_tbl->has_incomplete_inserts);
     EXPECT_EQ(elements(), 2u);
 
@@ -92,15 +105,16 @@ TEST_P(every_announcement, makes_two_half_flows_of_the_types_of_the_table_and_co
     EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(row.type, &tuple), zon_error_flow_not_found);
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, every_announcement,
-                         ::testing::Values(announcement{false, ZON_FLOW_TUPLE_TYPE_COMPLETE, 3, 3},
-                                           announcement{false, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, 2, 1},
-                                           announcement{false, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, 1, 2},
-                                           announcement{false, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, 4, 4},
-                                           announcement{true, ZON_FLOW_TUPLE_TYPE_COMPLETE, 8, 8},
-                                           announcement{true, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, 7, 6},
-                                           announcement{true, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, 6, 7},
-                                           announcement{true, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, 9, 9}));
+INSTANTIATE_TEST_SUITE_P(
+    rows, every_announcement,
+    ::testing::Values(announcement{false, ZON_FLOW_TUPLE_TYPE_COMPLETE, 3, 3},
+                      announcement{false, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, 2, 1},
+                      announcement{false, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, 1, 2},
+                      announcement{false, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, 4, 4},
+                      announcement{true, ZON_FLOW_TUPLE_TYPE_COMPLETE, 8, 8},
+                      announcement{true, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, 7, 6},
+                      announcement{true, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, 6, 7},
+                      announcement{true, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, 9, 9}));
 
 TEST_F(pre_flows, of_an_existing_flow_return_that_flow) {
     const zon_fid_t ordinary = udp_flow(1000);
@@ -129,17 +143,20 @@ TEST_F(pre_flows, of_another_family_are_nothing_to_do) {
     tuple.src_ip.addr_type = static_cast<zon_ip_addr_e>(0);
     zon_fid_t fid = 7;
     zon_lock_t lock = &fid;
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, &lock), zon_error_none);
+    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, &lock),
+              zon_error_none);
     EXPECT_EQ(fid, 0u);
     EXPECT_EQ(lock, nullptr);
-    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple), zon_error_flow_not_found);
+    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple),
+              zon_error_flow_not_found);
 }
 
 TEST_F(pre_flows, come_back_locked_when_there_is_a_place_for_the_lock) {
     for (int made_or_found = 0; made_or_found < 2; ++made_or_found) {
         zon_fid_t fid = 0;
         zon_lock_t lock = nullptr;
-        ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, &lock), zon_error_none);
+        ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, &lock),
+                  zon_error_none);
         EXPECT_EQ(lock, record_of(fid)->flow_lock);
         EXPECT_TRUE(is_locked(record_of(fid)));
         zon_flow_unlock(lock);
@@ -153,7 +170,8 @@ TEST_F(pre_flows, have_the_parent_that_is_there) {
     EXPECT_EQ(record_of(fid)->bundle_parent, record_of(parent));
     EXPECT_EQ(record_of(parent)->bundle_child, nullptr);
     EXPECT_FALSE(is_locked(record_of(parent)));
-    const zon_fid_t orphan = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), 500);
+    const zon_fid_t orphan =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), 500);
     EXPECT_NE(orphan, 0u);
     EXPECT_EQ(record_of(orphan)->bundle_parent, nullptr);
 }
@@ -208,7 +226,8 @@ TEST_F(pre_flows, without_a_record_are_refused_and_leave_nothing) {
     zon_fid_t fid = 7;
     zon_debug_flag_engine = true;
     const std::string text = traced([&] {
-        EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_memory);
+        EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
+                  zon_error_memory);
     });
     zon_debug_flag_engine = false;
     EXPECT_TRUE(ends_with(text, "\nZON Engine: ZON_ERRMSG_NO_MEMORY, ")) << text;
@@ -230,7 +249,8 @@ protected:
 };
 
 TEST_F(pre_flows_of_little_memory, are_refused_for_each_half_flow_and_counted_once) {
-    const vem_chunk_type chunk = std::exchange(g_zon->zon_chunk_ptr.zon_ipv4_half_flow_mem, nullptr);
+    const vem_chunk_type chunk =
+        std::exchange(g_zon->zon_chunk_ptr.zon_ipv4_half_flow_mem, nullptr);
     std::vector<zon_half_flow_t*> taken;
     const auto leave_ready = [&](int32_t ready) {
         while (zon_private_ipv4_flow_mem_buffer_count > ready) {
@@ -240,11 +260,13 @@ TEST_F(pre_flows_of_little_memory, are_refused_for_each_half_flow_and_counted_on
     };
     zon_fid_t fid = 7;
     leave_ready(1);
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_memory);
+    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
+              zon_error_memory);
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 1u);
     EXPECT_EQ(zon_private_ipv4_flow_mem_buffer_count, 1);
     leave_ready(0);
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_memory);
+    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
+              zon_error_memory);
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 2u);
     EXPECT_EQ(fid, 0u);
     for (zon_half_flow_t* half : taken)
@@ -265,7 +287,8 @@ protected:
         zon_flow_lookup_tamonet(&of, &bucket);
         return bucket;
     }
-    // A tuple whose initiator's and responder's buckets are, or are not, the two buckets of the flow on the way.
+    // A tuple whose initiator's and responder's buckets are, or are not, the two buckets of the
+    // flow on the way.
     zon_flow_tuple_t tuple_with(bool initiator_blocked, bool responder_blocked) const {
         const int taken1 = bucket_of(tuple);
         const int taken2 = bucket_of(reversed(tuple));
@@ -312,7 +335,8 @@ TEST_F(pre_flows_in_shallow_buckets, are_refused_when_the_first_bucket_is_full) 
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2u);
 }
 
-TEST_F(pre_flows_in_shallow_buckets, keep_the_place_of_the_first_half_when_the_second_bucket_is_full) {
+TEST_F(pre_flows_in_shallow_buckets,
+       keep_the_place_of_the_first_half_when_the_second_bucket_is_full) {
     occupy();
     const uint32_t inserts = g_zon->flow_tbl->profile_insert;
     const uint32_t deletes = g_zon->flow_tbl->profile_delete;
@@ -325,7 +349,8 @@ TEST_F(pre_flows_in_shallow_buckets, keep_the_place_of_the_first_half_when_the_s
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2u);
     EXPECT_EQ(count(ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 2u);
     EXPECT_EQ(find(refused), 0u);
-    // The kept half is nobody's: the next flows do not get its buffer, and packets of the connection do not find it.
+    // The kept half is nobody's: the next flows do not get its buffer, and packets of the
+    // connection do not find it.
     delete_all_flows();
     EXPECT_EQ(elements(), 1u);
     EXPECT_EQ(handle(udp_packet(refused.src_port, 53)).fid, 0u);
@@ -343,8 +368,9 @@ TEST_F(pre_flows, are_deleted_by_tuple_for_the_clients_request) {
     new_client();
     pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, tuple);
     const zon_flow_tuple_t other_way = reversed(tuple);
-    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, &other_way),
-              zon_error_none);
+    EXPECT_EQ(
+        zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, &other_way),
+        zon_error_none);
     ASSERT_EQ(told.size(), 1u);
     EXPECT_EQ(told[0].reason, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
     EXPECT_EQ(elements(), 0u);
@@ -352,7 +378,8 @@ TEST_F(pre_flows, are_deleted_by_tuple_for_the_clients_request) {
 
 TEST_F(pre_flows, deletion_leaves_an_ordinary_flow_alone_and_locked) {
     const zon_fid_t ordinary = udp_flow(1000);
-    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple), zon_error_flow_not_found);
+    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple),
+              zon_error_flow_not_found);
     EXPECT_EQ(find(tuple), ordinary);
     EXPECT_TRUE(is_locked(record_of(ordinary)));
     zon_flow_unlock(record_of(ordinary)->flow_lock);
@@ -369,9 +396,11 @@ protected:
 TEST_F(uni_objects, are_checked_by_client_then_type_then_tuple_then_pointer) {
     const auto wrong = static_cast<zon_flow_tuple_type_t>(4);
     for (const zon_client_id_e cid : {0u, 32u}) {
-        EXPECT_EQ(zon_uni_flow_attach_fo(cid, wrong, nullptr, nullptr), zon_error_client_id_invalid);
+        EXPECT_EQ(zon_uni_flow_attach_fo(cid, wrong, nullptr, nullptr),
+                  zon_error_client_id_invalid);
         EXPECT_EQ(zon_uni_flow_get_fo(cid, wrong, nullptr, nullptr), zon_error_client_id_invalid);
-        EXPECT_EQ(zon_uni_flow_detach_fo(cid, wrong, nullptr, nullptr), zon_error_client_id_invalid);
+        EXPECT_EQ(zon_uni_flow_detach_fo(cid, wrong, nullptr, nullptr),
+                  zon_error_client_id_invalid);
     }
     EXPECT_EQ(zon_uni_flow_attach_fo(1, wrong, nullptr, nullptr), zon_error_invalid_tuple_type);
     EXPECT_EQ(zon_uni_flow_get_fo(1, wrong, nullptr, nullptr), zon_error_invalid_tuple_type);
@@ -389,8 +418,9 @@ TEST_F(uni_objects, need_a_delete_callback_to_be_attached) {
     pre_flow(complete, tuple);
     zon_debug_flag_engine = true;
     EXPECT_TRUE(ends_with(traced([&] {
-                              EXPECT_EQ(zon_uni_flow_attach_fo(silent, complete, &tuple, &objects[0]),
-                                        zon_error_client_delete_cb_not_registered);
+                              EXPECT_EQ(
+                                  zon_uni_flow_attach_fo(silent, complete, &tuple, &objects[0]),
+                                  zon_error_client_delete_cb_not_registered);
                           }),
                           client_api));
     zon_debug_flag_engine = false;
@@ -408,7 +438,8 @@ TEST_F(uni_objects, are_kept_for_the_direction_of_the_tuple) {
         EXPECT_EQ(zon_uni_flow_attach_fo(cid, complete, &of, &objects[0]), zon_error_none);
         EXPECT_EQ(zon_uni_flow_get_fo(cid, complete, &of, &fo), zon_error_none);
         EXPECT_EQ(fo, &objects[0]);
-        EXPECT_EQ(zon_uni_flow_get_fo(cid, complete, &other_way, &fo), zon_error_feature_object_not_attached);
+        EXPECT_EQ(zon_uni_flow_get_fo(cid, complete, &other_way, &fo),
+                  zon_error_feature_object_not_attached);
         EXPECT_EQ(fo, nullptr);
         const zon_fid_t fid = find(of);
         EXPECT_EQ(zon_flow_get_fo(fid, cid, ZON_DIR_INITIATOR, &fo), zon_error_none);
@@ -417,7 +448,8 @@ TEST_F(uni_objects, are_kept_for_the_direction_of_the_tuple) {
         EXPECT_EQ(fo, &objects[1]);
         EXPECT_EQ(zon_uni_flow_detach_fo(cid, complete, &other_way, &fo), zon_error_none);
         EXPECT_EQ(fo, &objects[1]);
-        EXPECT_EQ(zon_uni_flow_detach_fo(cid, complete, &other_way, &fo), zon_error_feature_object_not_attached);
+        EXPECT_EQ(zon_uni_flow_detach_fo(cid, complete, &other_way, &fo),
+                  zon_error_feature_object_not_attached);
         EXPECT_FALSE(is_locked(record_of(fid)));
     }
 }
@@ -448,16 +480,21 @@ TEST_F(uni_objects, are_overwritten_and_missed_with_a_line_each) {
     zon_flow_tuple_t nothing = tuple4(host_a, 5, host_b, 6);
     zon_flow_tuple_t other_way = reversed(tuple);
     EXPECT_TRUE(ends_with(traced([&] {
-                              EXPECT_EQ(zon_uni_flow_attach_fo(cid, complete, &nothing, &objects[0]),
+                              EXPECT_EQ(
+                                  zon_uni_flow_attach_fo(cid, complete, &nothing, &objects[0]),
+                                  zon_error_flow_not_found);
+                          }),
+                          client_api));
+    EXPECT_TRUE(ends_with(traced([&] {
+                              EXPECT_EQ(zon_uni_flow_get_fo(cid, complete, &nothing, &fo),
                                         zon_error_flow_not_found);
                           }),
                           client_api));
-    EXPECT_TRUE(ends_with(
-        traced([&] { EXPECT_EQ(zon_uni_flow_get_fo(cid, complete, &nothing, &fo), zon_error_flow_not_found); }),
-        client_api));
-    EXPECT_TRUE(ends_with(
-        traced([&] { EXPECT_EQ(zon_uni_flow_detach_fo(cid, complete, &nothing, &fo), zon_error_flow_not_found); }),
-        client_api));
+    EXPECT_TRUE(ends_with(traced([&] {
+                              EXPECT_EQ(zon_uni_flow_detach_fo(cid, complete, &nothing, &fo),
+                                        zon_error_flow_not_found);
+                          }),
+                          client_api));
     EXPECT_TRUE(ends_with(traced([&] {
                               EXPECT_EQ(zon_uni_flow_get_fo(cid, complete, &other_way, &fo),
                                         zon_error_feature_object_not_attached);

@@ -10,7 +10,8 @@ using namespace zon_test;
 namespace {
 
 bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
 }
 
 struct side_of_update {
@@ -28,7 +29,8 @@ protected:
     }
     zon_error_t update(const zon_flow_tuple_t& to) const { return GetParam().update(fid, &to); }
     zon_half_flow_t*& slot() const {
-        return GetParam().dir == ZON_DIR_INITIATOR ? record_of(fid)->initiator_flow : record_of(fid)->responder_flow;
+        return GetParam().dir == ZON_DIR_INITIATOR ? record_of(fid)->initiator_flow
+                                                   : record_of(fid)->responder_flow;
     }
     zon_fid_t fid = 0;
     zon_flow_tuple_t old_key{};
@@ -87,7 +89,8 @@ TEST_P(every_update, for_another_family_leaves_the_key_and_the_table_alone) {
 
 TEST_P(every_update, across_the_families_stops_the_program) {
     GTEST_FLAG_SET(death_test_style, "threadsafe");
-    EXPECT_DEATH(update(tuple6("2001:db8::a", 1, "2001:db8::b", 2)), "key_type >= ZON_IPV6_FIRST_KEY");
+    EXPECT_DEATH(update(tuple6("2001:db8::a", 1, "2001:db8::b", 2)),
+                 "key_type >= ZON_IPV6_FIRST_KEY");
 }
 
 TEST_P(every_update, refuses_a_null_tuple_before_the_flow) {
@@ -97,16 +100,17 @@ TEST_P(every_update, refuses_a_null_tuple_before_the_flow) {
 TEST_P(every_update, reports_a_missing_flow_in_its_own_way) {
     for (const zon_fid_t missing : {zon_fid_t{0}, fid + 1}) {
         zon_errlog = true;
-        const std::string logged =
-            traced([&] { EXPECT_EQ(GetParam().update(missing, &new_key), zon_error_flow_not_found); });
+        const std::string logged = traced(
+            [&] { EXPECT_EQ(GetParam().update(missing, &new_key), zon_error_flow_not_found); });
         zon_errlog = false;
         zon_debug_flag_engine = true;
-        const std::string debugged =
-            traced([&] { EXPECT_EQ(GetParam().update(missing, &new_key), zon_error_flow_not_found); });
+        const std::string debugged = traced(
+            [&] { EXPECT_EQ(GetParam().update(missing, &new_key), zon_error_flow_not_found); });
         zon_debug_flag_engine = false;
         if (GetParam().dir == ZON_DIR_INITIATOR) {
             EXPECT_TRUE(ends_with(logged,
-                                  "ZON_MSG_INDEX: 6. Could not find the flow for given fid  zon_flow_update_initiator, "
+                                  "ZON_MSG_INDEX: 6. Could not find the flow for given fid  "
+                                  "zon_flow_update_initiator, "
                                   "fid::" +
                                       std::to_string(missing) + "\n"))
                 << logged;
@@ -142,8 +146,9 @@ TEST_P(every_update, without_memory_for_a_missing_side_reports_ipv4_alone) {
     const int32_t ready = std::exchange(zon_private_ipv4_flow_mem_buffer_count, 0);
     zon_errlog = zon_debug_flag_engine = true;
     const std::string text = traced([&] { EXPECT_EQ(update(new_key), zon_error_memory); });
-    const std::string text6 = traced(
-        [&] { EXPECT_EQ(update(tuple6("2001:db8::a", 7000, "2001:db8::b", 8000)), zon_error_memory); });
+    const std::string text6 = traced([&] {
+        EXPECT_EQ(update(tuple6("2001:db8::a", 7000, "2001:db8::b", 8000)), zon_error_memory);
+    });
     zon_errlog = zon_debug_flag_engine = false;
     const std::string expected = GetParam().dir == ZON_DIR_INITIATOR
                                      ? "ZON_MSG_INDEX: 0. Could not allocate memory for half flow  "
@@ -174,7 +179,8 @@ protected:
     void SetUp() override {
         every_update::SetUp();
         // A key whose bucket the other side of the flow takes.
-        for (new_key.src_port = 7000; bucket_of(new_key) != bucket_of(reversed(old_key)); ++new_key.src_port) {
+        for (new_key.src_port = 7000; bucket_of(new_key) != bucket_of(reversed(old_key));
+             ++new_key.src_port) {
         }
     }
 };
@@ -185,7 +191,8 @@ TEST_P(every_refused_update, leaves_the_side_out_of_the_table_for_good) {
     const zon_flow_fo_t* record = slot()->fo_list;
     const zon_half_flow_t* half = slot();
     zon_errlog = zon_debug_flag_engine = true;
-    const std::string text = traced([&] { EXPECT_EQ(update(new_key), zon_error_flow_creation_prevented); });
+    const std::string text =
+        traced([&] { EXPECT_EQ(update(new_key), zon_error_flow_creation_prevented); });
     zon_errlog = zon_debug_flag_engine = false;
     const std::string expected =
         GetParam().dir == ZON_DIR_INITIATOR
@@ -202,9 +209,12 @@ TEST_P(every_refused_update, leaves_the_side_out_of_the_table_for_good) {
     EXPECT_EQ(times_handed_out(record), 1);
 
     void* fo = nullptr;
-    EXPECT_EQ(zon_flow_get_fo(fid, cid, GetParam().dir, &fo), zon_error_feature_object_not_attached);
-    EXPECT_EQ(zon_flow_detach_fo(fid, cid, GetParam().dir, &fo), zon_error_feature_object_not_attached);
-    EXPECT_EQ(zon_flow_attach_fo(fid, cid, GetParam().dir, &objects[0]), zon_error_feature_object_not_attached);
+    EXPECT_EQ(zon_flow_get_fo(fid, cid, GetParam().dir, &fo),
+              zon_error_feature_object_not_attached);
+    EXPECT_EQ(zon_flow_detach_fo(fid, cid, GetParam().dir, &fo),
+              zon_error_feature_object_not_attached);
+    EXPECT_EQ(zon_flow_attach_fo(fid, cid, GetParam().dir, &objects[0]),
+              zon_error_feature_object_not_attached);
     EXPECT_EQ(zon_flow_attach_fo(fid, cid, ZON_DIR_BI, &objects[1]), zon_error_none);
 
     const uint32_t deletes = g_zon->flow_tbl->profile_delete;
@@ -231,7 +241,8 @@ TEST_P(every_refused_update, can_be_followed_by_one_that_makes_the_side_anew) {
 
 TEST_P(every_refused_update, of_an_announced_flow_is_counted_out_with_the_flow) {
     zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
-    const zon_flow_tuple_t announced = GetParam().dir == ZON_DIR_INITIATOR ? old_key : reversed(old_key);
+    const zon_flow_tuple_t announced =
+        GetParam().dir == ZON_DIR_INITIATOR ? old_key : reversed(old_key);
     fid = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, announced);
     ASSERT_EQ(update(new_key), zon_error_flow_creation_prevented);
     zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
@@ -272,7 +283,9 @@ TEST_F(vrf_update, of_no_flow_is_0_and_changes_nothing) {
     EXPECT_FALSE(is_locked(record_of(fid)));
 }
 
-TEST(vrf_update_without_an_engine, is_0) { EXPECT_EQ(zon_flow_update_vrf(1, 2), 0); }
+TEST(vrf_update_without_an_engine, is_0) {
+    EXPECT_EQ(zon_flow_update_vrf(1, 2), 0);
+}
 TEST(update_without_an_engine, says_so) {
     EXPECT_EQ(zon_flow_update_initiator(1, nullptr), zon_error_engine_not_init);
     EXPECT_EQ(zon_flow_update_responder(1, nullptr), zon_error_engine_not_init);
@@ -282,7 +295,8 @@ TEST(update_without_an_engine, says_so) {
 
 TEST_F(vrf_update, and_updates_never_let_a_lookup_miss_both_keys) {
     const zon_fid_t fid = udp_flow(1000);
-    const zon_flow_tuple_t keys[] = {tuple4(host_a, 1000, host_b, 53), tuple4(host_a, 7000, host_b, 53)};
+    const zon_flow_tuple_t keys[] = {tuple4(host_a, 1000, host_b, 53),
+                                     tuple4(host_a, 7000, host_b, 53)};
     std::atomic<int> reached = 0;
     std::atomic<bool> done = false;
     std::thread updater([&] {
@@ -293,7 +307,8 @@ TEST_F(vrf_update, and_updates_never_let_a_lookup_miss_both_keys) {
         done = true;
     });
     while (!done) {
-        // While no update ended between the two lookups, at most one was under way: one of the keys was there.
+        // While no update ended between the two lookups, at most one was under way: one of the keys
+        // was there.
         const int before = reached;
         const bool found = find(keys[before % 2]) == fid || find(keys[(before + 1) % 2]) == fid;
         if (!found) {

@@ -23,8 +23,9 @@ TEST_F(tuple_lookup, checks_the_type_then_the_tuple_then_the_fid) {
     zon_lock_t lock = &untouched;
     const zon_flow_tuple_t tuple = tuple4(host_a, 1, host_b, 2);
     for (const int type : {-1, 4})
-        EXPECT_EQ(zon_flow_find_and_lock(static_cast<zon_flow_tuple_type_t>(type), nullptr, &fid, &lock),
-                  zon_error_invalid_tuple_type);
+        EXPECT_EQ(
+            zon_flow_find_and_lock(static_cast<zon_flow_tuple_type_t>(type), nullptr, &fid, &lock),
+            zon_error_invalid_tuple_type);
     EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, nullptr, nullptr, &lock),
               zon_error_flow_tuple_is_null);
     EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, nullptr, &lock),
@@ -39,7 +40,8 @@ TEST_F(tuple_lookup, clears_its_outputs_on_a_miss_and_for_an_unknown_family) {
         tuple.src_ip.addr_type = static_cast<zon_ip_addr_e>(family);
         zon_fid_t fid = 5;
         zon_lock_t lock = &fid;
-        EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock), zon_error_flow_not_found)
+        EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock),
+                  zon_error_flow_not_found)
             << "family " << family;
         EXPECT_EQ(fid, 0u);
         EXPECT_EQ(lock, nullptr);
@@ -52,7 +54,8 @@ TEST_F(tuple_lookup, returns_with_the_flow_locked_until_it_is_unlocked) {
     for (const zon_flow_tuple_t& direction : {tuple, reversed(tuple)}) {
         zon_fid_t fid = 0;
         zon_lock_t lock = nullptr;
-        ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &direction, &fid, &lock), zon_error_none);
+        ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &direction, &fid, &lock),
+                  zon_error_none);
         EXPECT_EQ(fid, made);
         EXPECT_EQ(lock, record_of(fid)->flow_lock);
         EXPECT_TRUE(is_locked(record_of(fid)));
@@ -65,7 +68,8 @@ TEST_F(tuple_lookup, without_a_place_for_the_lock_leaves_the_flow_locked) {
     const zon_fid_t made = udp_flow(1000);
     const zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
     zon_fid_t fid = 0;
-    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, nullptr), zon_error_none);
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, nullptr),
+              zon_error_none);
     EXPECT_EQ(fid, made);
     EXPECT_TRUE(is_locked(record_of(fid)));
     zon_unlock_flow_tamonet(record_of(fid));
@@ -76,7 +80,8 @@ TEST_F(tuple_lookup, lets_the_holder_of_the_lock_call_other_operations) {
     const zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
     zon_fid_t fid = udp_flow(1000);
     zon_lock_t lock = nullptr;
-    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock), zon_error_none);
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock),
+              zon_error_none);
     uint32_t count = 0;
     EXPECT_EQ(zon_flow_get_packet_count(fid, &count), zon_error_none);
     EXPECT_EQ(zon_flow_attach_fo(fid, 1, ZON_DIR_BI, &objects[0]), zon_error_none);
@@ -108,7 +113,8 @@ TEST_F(tuple_lookup, of_a_complete_tuple_finds_an_announced_flow_unless_there_is
 TEST_F(tuple_lookup, of_a_known_source_and_of_a_known_destination_cross_over_to_the_key_types) {
     const zon_flow_tuple_t known = tuple4(host_a, 1000, 0, 0);
     const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, known);
-    EXPECT_EQ(record_of(announced)->initiator_flow->key.key_type, uint32_t{ZON_IPV4_KEY_SRC_IP_PORT_ONLY});
+    EXPECT_EQ(record_of(announced)->initiator_flow->key.key_type,
+              uint32_t{ZON_IPV4_KEY_SRC_IP_PORT_ONLY});
     EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN), announced);
     EXPECT_EQ(find(reversed(known), ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN), announced);
     EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN), 0u);
@@ -125,25 +131,33 @@ class key_type_of_a_tuple : public ::testing::TestWithParam<mapping> {};
 
 TEST_P(key_type_of_a_tuple, is_that_of_the_table) {
     zon_key_type_t key_type = ZON_MAX_KEY;
-    EXPECT_EQ(zon_get_key_type(GetParam().family, GetParam().tuple_type, &key_type), zon_error_none);
+    EXPECT_EQ(zon_get_key_type(GetParam().family, GetParam().tuple_type, &key_type),
+              zon_error_none);
     EXPECT_EQ(key_type, GetParam().key_type);
 }
 
 INSTANTIATE_TEST_SUITE_P(
     rows, key_type_of_a_tuple,
-    ::testing::Values(mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_COMPLETE, static_cast<zon_key_type_t>(0)},
-                      mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, static_cast<zon_key_type_t>(2)},
-                      mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, static_cast<zon_key_type_t>(1)},
-                      mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, static_cast<zon_key_type_t>(4)},
-                      mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_COMPLETE, static_cast<zon_key_type_t>(5)},
-                      mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, static_cast<zon_key_type_t>(7)},
-                      mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, static_cast<zon_key_type_t>(6)},
-                      mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, static_cast<zon_key_type_t>(9)}));
+    ::testing::Values(
+        mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_COMPLETE, static_cast<zon_key_type_t>(0)},
+        mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN,
+                static_cast<zon_key_type_t>(2)},
+        mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN,
+                static_cast<zon_key_type_t>(1)},
+        mapping{ZON_IP_ADDR_IPV4, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, static_cast<zon_key_type_t>(4)},
+        mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_COMPLETE, static_cast<zon_key_type_t>(5)},
+        mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN,
+                static_cast<zon_key_type_t>(7)},
+        mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN,
+                static_cast<zon_key_type_t>(6)},
+        mapping{ZON_IP_ADDR_IPV6, ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN,
+                static_cast<zon_key_type_t>(9)}));
 
 TEST(key_type_of_another_family, stays_as_it_was) {
     zon_key_type_t key_type = ZON_MAX_KEY;
-    EXPECT_NE(zon_get_key_type(static_cast<zon_ip_addr_e>(0), ZON_FLOW_TUPLE_TYPE_COMPLETE, &key_type),
-              zon_error_none);
+    EXPECT_NE(
+        zon_get_key_type(static_cast<zon_ip_addr_e>(0), ZON_FLOW_TUPLE_TYPE_COMPLETE, &key_type),
+        zon_error_none);
     EXPECT_EQ(key_type, ZON_MAX_KEY);
 }
 
@@ -152,10 +166,12 @@ TEST(key_builders, refuse_key_types_of_the_other_family) {
     zon_ipv4_key_t ipv4;
     zon_ipv6_key_t ipv6;
     const uint32_t address[4] = {};
-    EXPECT_DEATH(zon_set_key_ipv4(&ipv4, 5, 1, 2, 3, 4, 6, 0), "\\(key_type <= ZON_IPV4_LAST_KEY\\)");
+    EXPECT_DEATH(zon_set_key_ipv4(&ipv4, 5, 1, 2, 3, 4, 6, 0),
+                 "\\(key_type <= ZON_IPV4_LAST_KEY\\)");
     EXPECT_DEATH(zon_set_key_ipv6(&ipv6, 4, address, address, 3, 4, 6, 0),
                  "\\(key_type >= ZON_IPV6_FIRST_KEY\\) && \\(key_type <= ZON_IPV6_LAST_KEY\\)");
-    EXPECT_DEATH(zon_set_key_ipv6(&ipv6, 10, address, address, 3, 4, 6, 0), "key_type <= ZON_IPV6_LAST_KEY");
+    EXPECT_DEATH(zon_set_key_ipv6(&ipv6, 10, address, address, 3, 4, 6, 0),
+                 "key_type <= ZON_IPV6_LAST_KEY");
 }
 
 TEST_F(tuple_lookup, probe_finds_flows_of_vrf_0_whatever_the_tuple_says_and_unlocks_them) {
@@ -180,6 +196,8 @@ TEST_F(tuple_lookup, probe_misses_other_vrfs_and_announced_flows_and_still_tells
     EXPECT_GE(bucket, 0);
 }
 
-TEST(flow_unlock, of_null_is_an_error) { EXPECT_EQ(zon_flow_unlock(nullptr), zon_error_parameter_is_null); }
+TEST(flow_unlock, of_null_is_an_error) {
+    EXPECT_EQ(zon_flow_unlock(nullptr), zon_error_parameter_is_null);
+}
 
 }  // namespace

@@ -1,5 +1,6 @@
-// zon_captured_packet_test.cpp - the entry that believes no header: it reads nothing outside the captured bytes, refuses
-// what contradicts itself without touching anything, and treats the rest as the trusting entry does.
+// zon_captured_packet_test.cpp - the entry that believes no header: it reads nothing outside the
+// captured bytes, refuses what contradicts itself without touching anything, and treats the rest as
+// the trusting entry does.
 
 #include "zon_engine/zon_captured_packet.h"
 
@@ -19,13 +20,27 @@ using namespace zon_test;
 
 namespace {
 
-packet_builder tcp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80).flags(tcp_syn); }
-packet_builder udp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(40000, 53).payload(20); }
-packet_builder ipv6() { return packet_builder::ipv6("2001:db8::1", "2001:db8::2"); }
-packet_builder tcp6() { return ipv6().tcp(40000, 80).flags(tcp_syn); }
-packet_builder udp6() { return ipv6().udp(40000, 53).payload(20); }
-bytes six_in_four(const packet_builder& inner) { return in_ipv4("192.0.2.1", "192.0.2.2", inner.build()); }
-bytes teredo(const packet_builder& inner) { return in_teredo("192.0.2.1", "192.0.2.2", inner.build()); }
+packet_builder tcp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80).flags(tcp_syn);
+}
+packet_builder udp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(40000, 53).payload(20);
+}
+packet_builder ipv6() {
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2");
+}
+packet_builder tcp6() {
+    return ipv6().tcp(40000, 80).flags(tcp_syn);
+}
+packet_builder udp6() {
+    return ipv6().udp(40000, 53).payload(20);
+}
+bytes six_in_four(const packet_builder& inner) {
+    return in_ipv4("192.0.2.1", "192.0.2.2", inner.build());
+}
+bytes teredo(const packet_builder& inner) {
+    return in_teredo("192.0.2.1", "192.0.2.2", inner.build());
+}
 
 bytes damaged16(bytes packet, size_t at, uint16_t value) {
     put16(packet, at, value);
@@ -44,8 +59,8 @@ protected:
         std::memset(&result.indications, 0xEE, sizeof result.indications);
         result.indications.hash_valid = 0;
         start = guarded.place(packet, length);
-        result.fid = zon_handle_captured_packet(start, static_cast<uint32_t>(length), 0, nullptr, &result.indications,
-                                                &result.error);
+        result.fid = zon_handle_captured_packet(start, static_cast<uint32_t>(length), 0, nullptr,
+                                                &result.indications, &result.error);
         return result;
     }
     packet_result hand_in(const bytes& packet) { return hand_in(packet, packet.size()); }
@@ -61,7 +76,8 @@ protected:
         EXPECT_EQ(seen.l4_payload_size, 0u);
         EXPECT_EQ(seen.l4_start, nullptr);
         EXPECT_EQ(seen.l7_start, nullptr);
-        EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u) << "a refused packet made a flow";
+        EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u)
+            << "a refused packet made a flow";
         EXPECT_EQ(zon_frag_entry_count(g_zon->frag_table), 0u);
     }
 
@@ -114,8 +130,11 @@ struct length_row {
     size_t needed;  // one byte less is refused
     bool gets_flow;
 };
-void PrintTo(const length_row& row, std::ostream* out) { *out << row.name; }
-class captured_length : public captured_packets, public ::testing::WithParamInterface<length_row> {};
+void PrintTo(const length_row& row, std::ostream* out) {
+    *out << row.name;
+}
+class captured_length : public captured_packets,
+                        public ::testing::WithParamInterface<length_row> {};
 
 packet_builder chain_of(unsigned headers) {
     packet_builder chain = ipv6();
@@ -144,16 +163,22 @@ INSTANTIATE_TEST_SUITE_P(
     rows, captured_length,
     ::testing::Values(
         length_row{"unknown_version", damaged8(tcp4().build(), 0, 0x15), 1, false},
-        length_row{"ipv4_icmp", packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp().payload(9).build(), 20, false},
-        length_row{"ipv4_icmp_with_options",
-                   packet_builder::ipv4("10.0.0.1", "10.0.0.2").ip_options(bytes(40, 1)).icmp().build(), 60, false},
+        length_row{"ipv4_icmp",
+                   packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp().payload(9).build(), 20,
+                   false},
+        length_row{
+            "ipv4_icmp_with_options",
+            packet_builder::ipv4("10.0.0.1", "10.0.0.2").ip_options(bytes(40, 1)).icmp().build(),
+            60, false},
         length_row{"ipv4_tcp", tcp4().payload(9).build(), 40, true},
         length_row{"ipv4_tcp_with_all_options",
-                   tcp4().ip_options(bytes(40, 1)).tcp_options(bytes(40, 1)).payload(9).build(), 120, true},
+                   tcp4().ip_options(bytes(40, 1)).tcp_options(bytes(40, 1)).payload(9).build(),
+                   120, true},
         length_row{"ipv4_udp", udp4().build(), 28, true},
         length_row{"ipv4_udp_without_payload", udp4().payload(0).build(), 28, true},
         length_row{"ipv4_first_fragment", udp4().fragment(0, true).build(), 28, true},
-        length_row{"ipv4_first_tcp_fragment", tcp4().payload(8).fragment(0, true).build(), 40, true},
+        length_row{"ipv4_first_tcp_fragment", tcp4().payload(8).fragment(0, true).build(), 40,
+                   true},
         length_row{"protocol_41_of_another_version", six_in_four(tcp4()), 21, false},
         length_row{"ipv6_in_ipv4_tcp", six_in_four(tcp6().payload(5)), 80, true},
         length_row{"ipv6_in_ipv4_udp", six_in_four(udp6()), 68, true},
@@ -162,7 +187,8 @@ INSTANTIATE_TEST_SUITE_P(
         length_row{"ipv6_in_ipv4_first_fragment",
                    damaged16(six_in_four(tcp6().payload(5)), 6, 0x2000), 80, true},
         length_row{"ipv6_tcp", tcp6().payload(9).build(), 60, true},
-        length_row{"ipv6_tcp_with_options", tcp6().tcp_options(bytes(12, 1)).payload(9).build(), 72, true},
+        length_row{"ipv6_tcp_with_options", tcp6().tcp_options(bytes(12, 1)).payload(9).build(), 72,
+                   true},
         length_row{"ipv6_udp", udp6().build(), 48, true},
         length_row{"ipv6_icmp", ipv6().icmp().build(), 40, false},
         length_row{"ipv6_no_next_header", ipv6().protocol(59).build(), 40, false},
@@ -170,7 +196,13 @@ INSTANTIATE_TEST_SUITE_P(
         length_row{"ipv6_encrypted_behind_options", ipv6().hop_by_hop(1).esp().build(), 56, false},
         length_row{"ipv6_protocol_41", ipv6().protocol(41).payload(9).build(), 40, true},
         length_row{"ipv6_all_extensions",
-                   ipv6().hop_by_hop(3).routing().destination_options(1).authentication(4).udp(1, 2).build(),
+                   ipv6()
+                       .hop_by_hop(3)
+                       .routing()
+                       .destination_options(1)
+                       .authentication(4)
+                       .udp(1, 2)
+                       .build(),
                    40 + 32 + 8 + 16 + 24 + 8, true},
         length_row{"ipv6_sixteen_extensions", chain_of(16).build(), 40 + 128 + 20, true},
         length_row{"ipv6_first_fragment", udp6().fragment(0, true).build(), 56, true},
@@ -185,10 +217,15 @@ struct contradiction {
     bytes packet;
     bool is_refused;
 };
-void PrintTo(const contradiction& row, std::ostream* out) { *out << row.name; }
-class header_fields : public captured_packets, public ::testing::WithParamInterface<contradiction> {};
+void PrintTo(const contradiction& row, std::ostream* out) {
+    *out << row.name;
+}
+class header_fields : public captured_packets,
+                      public ::testing::WithParamInterface<contradiction> {};
 
-bytes with_ihl(uint8_t words) { return damaged8(tcp4().payload(60).build(), 0, static_cast<uint8_t>(0x40 | words)); }
+bytes with_ihl(uint8_t words) {
+    return damaged8(tcp4().payload(60).build(), 0, static_cast<uint8_t>(0x40 | words));
+}
 bytes with_doff(bytes packet, size_t tcp, uint8_t words) {
     return damaged8(std::move(packet), tcp + 12, static_cast<uint8_t>(words << 4));
 }
@@ -209,36 +246,61 @@ TEST_P(header_fields, are_believed_only_where_they_agree) {
 INSTANTIATE_TEST_SUITE_P(
     ipv4, header_fields,
     ::testing::Values(
-        contradiction{"header_of_0_words", with_ihl(0), true}, contradiction{"header_of_1_word", with_ihl(1), true},
-        contradiction{"header_of_4_words", with_ihl(4), true}, contradiction{"header_of_5_words", with_ihl(5), false},
+        contradiction{"header_of_0_words", with_ihl(0), true},
+        contradiction{"header_of_1_word", with_ihl(1), true},
+        contradiction{"header_of_4_words", with_ihl(4), true},
+        contradiction{"header_of_5_words", with_ihl(5), false},
         contradiction{"total_length_of_0", damaged16(tcp4().build(), 2, 0), true},
         contradiction{"total_length_below_header", damaged16(udp4().build(), 2, 19), true},
         contradiction{"total_length_of_the_header_alone",
-                      damaged16(packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp().build(), 2, 20), false},
-        contradiction{"tcp_cut_off_by_total_length", damaged16(tcp4().payload(9).build(), 2, 39), true},
-        contradiction{"tcp_ends_with_total_length", damaged16(tcp4().payload(9).build(), 2, 40), false},
-        contradiction{"tcp_in_link_padding", with_padding(damaged16(tcp4().build(), 2, 36), 24), true},
-        contradiction{"total_length_beyond_the_capture", damaged16(tcp4().payload(9).build(), 2, 1500), false},
+                      damaged16(packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp().build(), 2, 20),
+                      false},
+        contradiction{"tcp_cut_off_by_total_length", damaged16(tcp4().payload(9).build(), 2, 39),
+                      true},
+        contradiction{"tcp_ends_with_total_length", damaged16(tcp4().payload(9).build(), 2, 40),
+                      false},
+        contradiction{"tcp_in_link_padding", with_padding(damaged16(tcp4().build(), 2, 36), 24),
+                      true},
+        contradiction{"total_length_beyond_the_capture",
+                      damaged16(tcp4().payload(9).build(), 2, 1500), false},
         contradiction{"tcp_offset_of_0_words", with_doff(tcp4().payload(60).build(), 20, 0), true},
         contradiction{"tcp_offset_of_4_words", with_doff(tcp4().payload(60).build(), 20, 4), true},
-        contradiction{"tcp_offset_to_the_end", with_doff(tcp4().payload(40).build(), 20, 15), false},
-        contradiction{"tcp_offset_beyond_the_end", with_doff(tcp4().payload(39).build(), 20, 15), true},
-        contradiction{"tcp_offset_into_padding", with_doff(with_padding(tcp4().payload(39).build(), 20), 20, 15), true},
+        contradiction{"tcp_offset_to_the_end", with_doff(tcp4().payload(40).build(), 20, 15),
+                      false},
+        contradiction{"tcp_offset_beyond_the_end", with_doff(tcp4().payload(39).build(), 20, 15),
+                      true},
+        contradiction{"tcp_offset_into_padding",
+                      with_doff(with_padding(tcp4().payload(39).build(), 20), 20, 15), true},
         contradiction{"udp_length_of_7", damaged16(udp4().build(), 24, 7), true},
         contradiction{"udp_length_of_0", damaged16(udp4().build(), 24, 0), true},
         contradiction{"udp_length_of_8", damaged16(udp4().build(), 24, 8), false},
         contradiction{"udp_length_one_too_long", damaged16(udp4().build(), 24, 29), true},
-        contradiction{"udp_length_into_padding", damaged16(with_padding(udp4().build(), 9), 24, 29), true},
-        contradiction{"udp_length_of_a_first_fragment", damaged16(udp4().fragment(0, true).build(), 24, 4000), false},
-        contradiction{"udp_length_of_7_in_a_first_fragment", damaged16(udp4().fragment(0, true).build(), 24, 7), true},
+        contradiction{"udp_length_into_padding", damaged16(with_padding(udp4().build(), 9), 24, 29),
+                      true},
+        contradiction{"udp_length_of_a_first_fragment",
+                      damaged16(udp4().fragment(0, true).build(), 24, 4000), false},
+        contradiction{"udp_length_of_7_in_a_first_fragment",
+                      damaged16(udp4().fragment(0, true).build(), 24, 7), true},
         contradiction{"last_fragment_up_to_65535",
-                      packet_builder::ipv4("10.0.0.1", "10.0.0.2").protocol(17).fragment(65528, false).payload(7).build(),
+                      packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                          .protocol(17)
+                          .fragment(65528, false)
+                          .payload(7)
+                          .build(),
                       false},
         contradiction{"last_fragment_beyond_65535",
-                      packet_builder::ipv4("10.0.0.1", "10.0.0.2").protocol(17).fragment(65528, false).payload(8).build(),
+                      packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                          .protocol(17)
+                          .fragment(65528, false)
+                          .payload(8)
+                          .build(),
                       true},
         contradiction{"icmp_fragment_beyond_65535",
-                      packet_builder::ipv4("10.0.0.1", "10.0.0.2").protocol(1).fragment(65528, false).payload(8).build(),
+                      packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                          .protocol(1)
+                          .fragment(65528, false)
+                          .payload(8)
+                          .build(),
                       false}),
     [](const auto& row) { return row.param.name; });
 
@@ -250,36 +312,50 @@ INSTANTIATE_TEST_SUITE_P(
         contradiction{"nothing_of_no_length", ipv6().protocol(59).build(), false},
         contradiction{"payload_ends_before_tcp", damaged16(tcp6().payload(9).build(), 4, 19), true},
         contradiction{"payload_ends_with_tcp", damaged16(tcp6().payload(9).build(), 4, 20), false},
-        contradiction{"payload_ends_inside_an_extension", damaged16(tcp6().hop_by_hop(1).build(), 4, 15), true},
+        contradiction{"payload_ends_inside_an_extension",
+                      damaged16(tcp6().hop_by_hop(1).build(), 4, 15), true},
         contradiction{"payload_beyond_the_capture", damaged16(tcp6().build(), 4, 9000), false},
-        contradiction{"extension_beyond_the_capture", damaged8(tcp6().hop_by_hop().build(), 41, 200), true},
-        contradiction{"extension_that_swallows_tcp", damaged8(tcp6().hop_by_hop().build(), 41, 2), true},
+        contradiction{"extension_beyond_the_capture",
+                      damaged8(tcp6().hop_by_hop().build(), 41, 200), true},
+        contradiction{"extension_that_swallows_tcp", damaged8(tcp6().hop_by_hop().build(), 41, 2),
+                      true},
         contradiction{"seventeen_extensions", chain_of(17).build(), true},
-        contradiction{"second_fragment_header", udp6().fragment(0, true).fragment(0, false).build(), true},
+        contradiction{"second_fragment_header", udp6().fragment(0, true).fragment(0, false).build(),
+                      true},
         contradiction{"tcp_offset_of_4_words", with_doff(tcp6().payload(60).build(), 40, 4), true},
-        contradiction{"tcp_offset_beyond_the_end", with_doff(tcp6().payload(39).build(), 40, 15), true},
-        contradiction{"tcp_offset_to_the_end", with_doff(tcp6().payload(40).build(), 40, 15), false},
+        contradiction{"tcp_offset_beyond_the_end", with_doff(tcp6().payload(39).build(), 40, 15),
+                      true},
+        contradiction{"tcp_offset_to_the_end", with_doff(tcp6().payload(40).build(), 40, 15),
+                      false},
         contradiction{"udp_length_of_7", damaged16(udp6().build(), 44, 7), true},
         contradiction{"udp_length_one_too_long", damaged16(udp6().build(), 44, 29), true},
-        contradiction{"udp_length_one_too_long_behind_extension", damaged16(udp6().hop_by_hop().build(), 52, 29), true},
-        contradiction{"udp_length_of_a_first_fragment", damaged16(udp6().fragment(0, true).build(), 52, 4000), false},
+        contradiction{"udp_length_one_too_long_behind_extension",
+                      damaged16(udp6().hop_by_hop().build(), 52, 29), true},
+        contradiction{"udp_length_of_a_first_fragment",
+                      damaged16(udp6().fragment(0, true).build(), 52, 4000), false},
         contradiction{"udp_length_with_a_lone_fragment_header",
                       damaged16(udp6().fragment(0, false).build(), 52, 4000), true},
-        contradiction{"not_ipv6_behind_protocol_41", ipv6().protocol(41).payload(3).build(), false}),
+        contradiction{"not_ipv6_behind_protocol_41", ipv6().protocol(41).payload(3).build(),
+                      false}),
     [](const auto& row) { return row.param.name; });
 
 INSTANTIATE_TEST_SUITE_P(
     inner, header_fields,
     ::testing::Values(
         contradiction{"jumbogram", damaged16(six_in_four(tcp6()), 24, 0), true},
-        contradiction{"longer_than_the_outer_packet", damaged16(six_in_four(tcp6()), 24, 4000), false},
-        contradiction{"tcp_offset_of_4_words", with_doff(six_in_four(tcp6().payload(60)), 60, 4), true},
+        contradiction{"longer_than_the_outer_packet", damaged16(six_in_four(tcp6()), 24, 4000),
+                      false},
+        contradiction{"tcp_offset_of_4_words", with_doff(six_in_four(tcp6().payload(60)), 60, 4),
+                      true},
         contradiction{"udp_length_of_7", damaged16(six_in_four(udp6()), 64, 7), true},
-        contradiction{"cut_off_by_the_outer_length", damaged16(six_in_four(tcp6().payload(9)), 2, 79), true},
-        contradiction{"extension_beyond_the_outer_packet", damaged8(six_in_four(tcp6().hop_by_hop()), 61, 200), true},
+        contradiction{"cut_off_by_the_outer_length",
+                      damaged16(six_in_four(tcp6().payload(9)), 2, 79), true},
+        contradiction{"extension_beyond_the_outer_packet",
+                      damaged8(six_in_four(tcp6().hop_by_hop()), 61, 200), true},
         contradiction{"nothing_in_protocol_41", in_ipv4("192.0.2.1", "192.0.2.2", {}), true},
         contradiction{"jumbogram_in_teredo", damaged16(teredo(tcp6()), 32, 0), true},
-        contradiction{"tcp_offset_of_4_words_in_teredo", with_doff(teredo(tcp6().payload(60)), 68, 4), true},
+        contradiction{"tcp_offset_of_4_words_in_teredo",
+                      with_doff(teredo(tcp6().payload(60)), 68, 4), true},
         contradiction{"cut_off_by_the_udp_length", damaged16(teredo(tcp6()), 24, 67), true},
         contradiction{"whole_in_teredo", teredo(tcp6()), false}),
     [](const auto& row) { return row.param.name; });
@@ -287,7 +363,11 @@ INSTANTIATE_TEST_SUITE_P(
 // ---- later fragments ----
 
 TEST_F(captured_packets, need_13_bytes_of_a_later_tcp_fragment) {
-    const bytes packet = packet_builder::ipv4("10.0.0.1", "10.0.0.2").protocol(6).fragment(64, true).payload(20).build();
+    const bytes packet = packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                             .protocol(6)
+                             .fragment(64, true)
+                             .payload(20)
+                             .build();
     for (size_t length = 20; length < 33; ++length)
         expect_unreadable(hand_in(packet, length));
     EXPECT_EQ(hand_in(packet, 19).error, zon_error_parameter_invalid);
@@ -300,13 +380,21 @@ TEST_F(captured_packets, need_13_bytes_of_a_later_tcp_fragment) {
 }
 
 TEST_F(captured_packets, need_4_bytes_of_a_later_udp_fragment) {
-    const bytes packet = packet_builder::ipv4("10.0.0.1", "10.0.0.2").protocol(17).fragment(64, false).payload(3).build();
+    const bytes packet = packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                             .protocol(17)
+                             .fragment(64, false)
+                             .payload(3)
+                             .build();
     expect_unreadable(hand_in(packet));
     const bytes padded = with_padding(packet, 20);
     expect_unreadable(hand_in(padded));
     const bytes packet6 = ipv6().fragment(64, false).protocol(17).payload(3).build();
     expect_unreadable(hand_in(packet6));
-    const bytes enough = packet_builder::ipv4("10.0.0.1", "10.0.0.2").protocol(17).fragment(64, false).payload(4).build();
+    const bytes enough = packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                             .protocol(17)
+                             .fragment(64, false)
+                             .payload(4)
+                             .build();
     EXPECT_NE(hand_in(enough).indications.l7_start, nullptr);
 }
 
@@ -332,7 +420,8 @@ TEST_F(captured_packets, do_not_read_headers_in_the_data_of_a_later_fragment) {
 
 TEST_F(captured_packets, keep_the_flow_of_their_first_fragment) {
     for (const packet_builder& whole : {udp4(), udp6()}) {
-        const std::vector<bytes> fragments = fragments_of(packet_builder(whole).payload(100).build(), 40);
+        const std::vector<bytes> fragments =
+            fragments_of(packet_builder(whole).payload(100).build(), 40);
         const zon_fid_t fid = hand_in(fragments[0]).fid;
         EXPECT_NE(fid, 0u);
         EXPECT_EQ(hand_in(fragments[1]).fid, fid);
@@ -342,7 +431,8 @@ TEST_F(captured_packets, keep_the_flow_of_their_first_fragment) {
 }
 
 TEST_F(captured_packets, make_no_tunnel_of_the_data_of_a_later_fragment) {
-    // What looks like a Teredo datagram, and like an inner packet, in the middle of another datagram.
+    // What looks like a Teredo datagram, and like an inner packet, in the middle of another
+    // datagram.
     bytes udp = teredo(tcp6());
     put16(udp, 6, 0x2010);
     bytes six = six_in_four(tcp6());
@@ -420,7 +510,8 @@ TEST_F(captured_packets, describe_as_much_of_a_refused_packet_as_was_readable) {
 TEST_F(captured_packets, are_refused_before_any_client_is_asked) {
     static int asked;
     asked = 0;
-    zon_client_register_pre_flow_create_cb(client, [](void*, zon_client_id_e) { return ++asked != 0; });
+    zon_client_register_pre_flow_create_cb(client,
+                                           [](void*, zon_client_id_e) { return ++asked != 0; });
     expect_refused(hand_in(tcp4().build(), 39));
     EXPECT_EQ(asked, 0);
     EXPECT_NE(hand_in(tcp4().build()).fid, 0u);
@@ -441,9 +532,13 @@ TEST_F(captured_packets, carry_a_report_of_the_platform) {
     bytes packet = tcp4().flags(tcp_ack).payload(10).build();
     zon_pkt_indications_t seen{};
     zon_error_t error{};
-    EXPECT_EQ(zon_sync_captured_packet(packet.data(), 49, 0, nullptr, &seen, &error, fid, ZON_L4_CLOSING, 5), fid);
+    EXPECT_EQ(zon_sync_captured_packet(packet.data(), 49, 0, nullptr, &seen, &error, fid,
+                                       ZON_L4_CLOSING, 5),
+              fid);
     EXPECT_EQ(seen.flow_pkt_count, 5u);
-    EXPECT_EQ(zon_sync_captured_packet(packet.data(), 39, 0, nullptr, &seen, &error, fid, ZON_L4_BI_ESTABLISHED, 6), 0u);
+    EXPECT_EQ(zon_sync_captured_packet(packet.data(), 39, 0, nullptr, &seen, &error, fid,
+                                       ZON_L4_BI_ESTABLISHED, 6),
+              0u);
     EXPECT_EQ(error, zon_error_parameter_invalid);
     zon_l4_flow_state_e state{};
     EXPECT_EQ(zon_flow_get_l4_state(fid, &state), zon_error_none);
@@ -454,7 +549,8 @@ TEST_F(captured_packets, carry_a_report_of_the_platform) {
 
 namespace {
 
-// One packet of a script, and the bytes of it that were captured. Behind them stand what the other bytes would have been.
+// One packet of a script, and the bytes of it that were captured. Behind them stand what the other
+// bytes would have been.
 struct scripted_packet {
     bytes content;
     size_t captured;
@@ -490,9 +586,13 @@ private:
         case 2:
         case 3:
         case 4:
-            return packet.udp(port, below(4) == 0 ? 3544 : 2).payload(bytes(below(60), static_cast<uint8_t>(below(3))));
+            return packet.udp(port, below(4) == 0 ? 3544 : 2)
+                .payload(bytes(below(60), static_cast<uint8_t>(below(3))));
         default:
-            return packet.tcp(port, 2).flags(static_cast<uint8_t>(below(64))).seq(below(100)).payload(below(30));
+            return packet.tcp(port, 2)
+                .flags(static_cast<uint8_t>(below(64)))
+                .seq(below(100))
+                .payload(below(30));
         }
     }
     packet_builder some_ipv4() {
@@ -504,7 +604,8 @@ private:
         return transport(packet);
     }
     packet_builder some_ipv6() {
-        packet_builder packet = packet_builder::ipv6({{0x20010000, 0, 0, below(2)}}, {{0x20010db8, 0, 0, below(2)}});
+        packet_builder packet =
+            packet_builder::ipv6({{0x20010000, 0, 0, below(2)}}, {{0x20010db8, 0, 0, below(2)}});
         for (uint32_t headers = below(3) == 0 ? below(6) : 0; headers > 0; --headers)
             switch (below(6)) {
             case 0:
@@ -533,12 +634,14 @@ private:
         case 0:
             return in_ipv4(0xC0000201, 0xC0000202, some_ipv6().build());
         case 1: {
-            bytes indicators = below(2) == 0 ? bytes{} : teredo_authentication(static_cast<uint8_t>(below(9)));
+            bytes indicators =
+                below(2) == 0 ? bytes{} : teredo_authentication(static_cast<uint8_t>(below(9)));
             if (below(2) == 0) {
                 const bytes origin = teredo_origin();
                 indicators.insert(indicators.end(), origin.begin(), origin.end());
             }
-            return in_teredo(0xC0000201, 0xC0000202, some_ipv6().build(), 5, below(2) == 0 ? 3544 : 5, indicators);
+            return in_teredo(0xC0000201, 0xC0000202, some_ipv6().build(), 5,
+                             below(2) == 0 ? 3544 : 5, indicators);
         }
         case 2:
         case 3:
@@ -549,7 +652,8 @@ private:
     }
     void damage(bytes& packet) {
         // Mostly in the headers, often to a number near the old one.
-        const auto reach = static_cast<uint32_t>(std::min<size_t>(packet.size(), below(4) == 0 ? 200 : 50));
+        const auto reach =
+            static_cast<uint32_t>(std::min<size_t>(packet.size(), below(4) == 0 ? 200 : 50));
         uint8_t& byte = packet[below(reach)];
         byte = static_cast<uint8_t>(below(2) == 0 ? random_() : byte + below(5) - 2);
     }
@@ -564,7 +668,8 @@ struct verdict {
     zon_pkt_indications_t seen{};
 
     bool operator==(const verdict& other) const {
-        return fid == other.fid && error == other.error && std::memcmp(&seen, &other.seen, sizeof seen) == 0;
+        return fid == other.fid && error == other.error &&
+               std::memcmp(&seen, &other.seen, sizeof seen) == 0;
     }
 };
 
@@ -578,10 +683,13 @@ void forget_addresses(verdict& result, const uint8_t* start) {
     result.seen.l7_start = as_offset(result.seen.l7_start, start);
 }
 
-bool is_ipv4(const scripted_packet& packet) { return packet.captured >= 20 && packet.content[0] >> 4 == 4; }
+bool is_ipv4(const scripted_packet& packet) {
+    return packet.captured >= 20 && packet.content[0] >> 4 == 4;
+}
 
-// Packets that the trusting entry must treat alike: accepted, and not of those of which the captured entry reads less on
-// purpose (later fragments that might be tunnels or hide headers; Teredo in a cut-off capture).
+// Packets that the trusting entry must treat alike: accepted, and not of those of which the
+// captured entry reads less on purpose (later fragments that might be tunnels or hide headers;
+// Teredo in a cut-off capture).
 bool is_comparable(const scripted_packet& packet, const verdict& captured) {
     if (captured.error == zon_error_parameter_invalid)
         return false;
@@ -591,7 +699,8 @@ bool is_comparable(const scripted_packet& packet, const verdict& captured) {
         return true;
     const uint8_t protocol = packet.content[9];
     const bool is_later = (get16(packet.content, 6) & 0x1FFF) != 0;
-    if (is_later && captured.fid == 0 && captured.seen.is_fragment == 0 && (protocol == 41 || protocol == 17))
+    if (is_later && captured.fid == 0 && captured.seen.is_fragment == 0 &&
+        (protocol == 41 || protocol == 17))
         return false;
     return protocol != 17 || get16(packet.content, 2) <= packet.captured;
 }
@@ -603,16 +712,16 @@ protected:
     verdict through_captured(const scripted_packet& packet) {
         verdict result;
         uint8_t* at = guarded.place(packet.content, packet.captured);
-        result.fid = zon_handle_captured_packet(at, static_cast<uint32_t>(packet.captured), 0, nullptr, &result.seen,
-                                                &result.error);
+        result.fid = zon_handle_captured_packet(at, static_cast<uint32_t>(packet.captured), 0,
+                                                nullptr, &result.seen, &result.error);
         forget_addresses(result, at);
         return result;
     }
     verdict through_detour(const scripted_packet& packet) {
         verdict result;
         uint8_t* at = guarded.place(packet.content, packet.captured);
-        result.fid = zon_take_detour(
-            {g_zon, at, packet.captured, 0, nullptr, &result.seen, &result.error, 0, ZON_L4_CLOSED, 0});
+        result.fid = zon_take_detour({g_zon, at, packet.captured, 0, nullptr, &result.seen,
+                                      &result.error, 0, ZON_L4_CLOSED, 0});
         forget_addresses(result, at);
         return result;
     }
@@ -637,9 +746,11 @@ protected:
     };
     static std::vector<flow_record> flows() {
         std::vector<flow_record> all;
-        for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow)
+        for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
+             flow = flow->next_flow)
             if (!flow->marked_for_delete)
-                all.push_back({flow->fid, flow->packet_number, flow->num_l7_bytes, flow->tunnel_type, flow->l4state});
+                all.push_back({flow->fid, flow->packet_number, flow->num_l7_bytes,
+                               flow->tunnel_type, flow->l4state});
         return all;
     }
     void restart_engine() {
@@ -669,8 +780,8 @@ TEST_P(random_packets, are_never_read_outside_their_bytes_and_agree_on_every_way
     restart_engine();
     for (size_t i = 0; i < packets.size(); ++i)
         ASSERT_EQ(through_detour(packets[i]), verdicts[i])
-            << "the straight way and the detour differ, packet " << i << ", " << packets[i].captured << " bytes of "
-            << to_hex(packets[i].content);
+            << "the straight way and the detour differ, packet " << i << ", " << packets[i].captured
+            << " bytes of " << to_hex(packets[i].content);
     EXPECT_EQ(flows(), flows_by_capture);
 
     restart_engine();
@@ -678,8 +789,9 @@ TEST_P(random_packets, are_never_read_outside_their_bytes_and_agree_on_every_way
         const verdict expected = verdicts[i];
         // Packets that only the captured entry judges keep their part in the story of the flows.
         const verdict got = is_comparable(packets[i], expected) ? through_trusting(packets[i])
-                                                                 : through_captured(packets[i]);
-        ASSERT_EQ(got, expected) << "the entries differ, packet " << i << ", " << packets[i].captured << " bytes of "
+                                                                : through_captured(packets[i]);
+        ASSERT_EQ(got, expected) << "the entries differ, packet " << i << ", "
+                                 << packets[i].captured << " bytes of "
                                  << to_hex(packets[i].content);
     }
     EXPECT_EQ(flows(), flows_by_capture);

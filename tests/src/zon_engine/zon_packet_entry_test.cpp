@@ -1,4 +1,5 @@
-// zon_packet_entry_test.cpp - what the packet entry accepts, looks through, presets and ties together.
+// zon_packet_entry_test.cpp - what the packet entry accepts, looks through, presets and ties
+// together.
 
 #include <gtest/gtest.h>
 
@@ -13,13 +14,25 @@ using namespace zon_test;
 
 namespace {
 
-packet_builder tcp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80).flags(tcp_syn); }
-packet_builder udp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(40000, 53).payload(20); }
-packet_builder tcp6() { return packet_builder::ipv6("2001:db8::1", "2001:db8::2").tcp(40000, 80).flags(tcp_syn); }
-packet_builder udp6() { return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(40000, 53).payload(20); }
+packet_builder tcp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80).flags(tcp_syn);
+}
+packet_builder udp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(40000, 53).payload(20);
+}
+packet_builder tcp6() {
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2").tcp(40000, 80).flags(tcp_syn);
+}
+packet_builder udp6() {
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(40000, 53).payload(20);
+}
 
-bytes six_in_four(const bytes& inner) { return in_ipv4("192.0.2.1", "192.0.2.2", inner); }
-bytes teredo(const bytes& inner) { return in_teredo("192.0.2.1", "192.0.2.2", inner); }
+bytes six_in_four(const bytes& inner) {
+    return in_ipv4("192.0.2.1", "192.0.2.2", inner);
+}
+bytes teredo(const bytes& inner) {
+    return in_teredo("192.0.2.1", "192.0.2.2", inner);
+}
 
 class packet_entry : public engine_fixture {};
 
@@ -75,8 +88,9 @@ TEST_F(packet_entry, clears_an_error_of_before) {
 // ---- the gate ----
 
 TEST_F(packet_entry_without_capabilities, classifies_nothing) {
-    for (const bytes& packet : {tcp4().build(), udp4().build(), tcp6().build(), udp6().build(),
-                                six_in_four(tcp6().build()), teredo(tcp6().build()), tcp6().hop_by_hop().build()})
+    for (const bytes& packet :
+         {tcp4().build(), udp4().build(), tcp6().build(), udp6().build(),
+          six_in_four(tcp6().build()), teredo(tcp6().build()), tcp6().hop_by_hop().build()})
         expect_not_classified(handle(packet));
     EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u);
 }
@@ -96,11 +110,13 @@ TEST_F(packet_entry_without_capabilities, lets_each_protocol_pass_by_its_own_cap
 
 TEST_F(packet_entry, never_classifies_icmp) {
     enable(ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS | ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
-    const packet_result ipv4 = handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp().payload(56));
+    const packet_result ipv4 =
+        handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp().payload(56));
     expect_not_classified(ipv4);
     EXPECT_EQ(ipv4.indications.l4_protocol, ZON_ICMP_PROT);
     expect_not_classified(handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").icmp()));
-    expect_not_classified(handle(six_in_four(packet_builder::ipv6("2001:db8::1", "2001:db8::2").icmp().build())));
+    expect_not_classified(
+        handle(six_in_four(packet_builder::ipv6("2001:db8::1", "2001:db8::2").icmp().build())));
 }
 
 TEST_F(packet_entry, does_not_classify_an_unknown_version) {
@@ -126,7 +142,8 @@ TEST_F(packet_entry, gives_an_encrypted_payload_no_header_size) {
 // ---- plain packets ----
 
 TEST_F(packet_entry, gives_both_directions_of_a_connection_one_flow) {
-    for (const packet_builder& out : {tcp4(), udp4(), tcp6(), udp6(), tcp6().hop_by_hop().authentication()}) {
+    for (const packet_builder& out :
+         {tcp4(), udp4(), tcp6(), udp6(), tcp6().hop_by_hop().authentication()}) {
         const packet_result first = handle(out);
         EXPECT_NE(first.fid, 0u);
         EXPECT_EQ(first.indications.flow, first.fid);
@@ -143,8 +160,10 @@ TEST_F(packet_entry, gives_both_directions_of_a_connection_one_flow) {
 }
 
 TEST_F(packet_entry, describes_an_ipv4_packet) {
-    const packet_result result =
-        handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2").ip_options({1, 1, 1, 1}).udp(1000, 53).payload(30));
+    const packet_result result = handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                                            .ip_options({1, 1, 1, 1})
+                                            .udp(1000, 53)
+                                            .payload(30));
     const zon_pkt_indications_t& seen = result.indications;
     EXPECT_EQ(seen.packet_seen, 1);
     EXPECT_EQ(seen.l3_protocol, ZON_L3_IPV4);
@@ -162,8 +181,11 @@ TEST_F(packet_entry, describes_an_ipv4_packet) {
 }
 
 TEST_F(packet_entry, describes_an_ipv6_packet) {
-    const packet_result result =
-        handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").hop_by_hop().tcp(1000, 80).flags(tcp_syn).payload(3));
+    const packet_result result = handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2")
+                                            .hop_by_hop()
+                                            .tcp(1000, 80)
+                                            .flags(tcp_syn)
+                                            .payload(3));
     const zon_pkt_indications_t& seen = result.indications;
     EXPECT_EQ(seen.l3_protocol, ZON_L3_IPV6);
     EXPECT_EQ(seen.l3_start, result.packet.data());
@@ -213,7 +235,8 @@ TEST_F(packet_entry, builds_the_key_from_the_packet) {
 }
 
 TEST_F(packet_entry, classifies_protocol_41_over_ipv6_as_a_flow_without_ports) {
-    const packet_result result = handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").protocol(41).payload(60));
+    const packet_result result =
+        handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").protocol(41).payload(60));
     EXPECT_NE(result.fid, 0u);
     EXPECT_EQ(result.indications.l4_error, ZON_L4_UNSUPPORTED_PROTO);
     EXPECT_EQ(result.indications.lif, 1);
@@ -222,21 +245,37 @@ TEST_F(packet_entry, classifies_protocol_41_over_ipv6_as_a_flow_without_ports) {
     EXPECT_EQ(result.indications.tunnel_type, ZON_TUNNEL_TYPE_NONE);
 }
 
+TEST_F(packet_entry, dumps_plain_ipv6_packets_too_while_they_are_traced) {
+    zon_debug_flag_fe = true;
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    const zon_fid_t fid = handle(tcp6()).fid;
+    std::fflush(stdout);
+    const std::string dump = testing::internal::GetCapturedStdout();
+    testing::internal::GetCapturedStderr();
+    zon_debug_flag_fe = false;
+    EXPECT_NE(fid, 0u);
+    EXPECT_EQ(dump, "ZON FE: src addr: 2001:db8:0:0:0:0:0:1: dst addr: 2001:db8:0:0:0:0:0:2:\n");
+}
+
 // ---- a hash of the host's ----
 
 TEST_F(packet_entry, uses_a_hash_of_the_host_unchanged) {
-    for (const packet_builder& out : {tcp4(), tcp6(), tcp4().ip_options({1}), tcp6().hop_by_hop()}) {
+    for (const packet_builder& out :
+         {tcp4(), tcp6(), tcp4().ip_options({1}), tcp6().hop_by_hop()}) {
         packet_result first;
         first.packet = out.build();
         first.indications.hash_valid = 1;
         first.indications.hash_value = 0xCAFE;
-        first.fid = zon_handle_packet(first.packet.data(), 0, nullptr, &first.indications, &first.error);
+        first.fid =
+            zon_handle_packet(first.packet.data(), 0, nullptr, &first.indications, &first.error);
         ASSERT_NE(first.fid, 0u);
         zon_flow_t* flow = zon_get_flow(first.fid);
         EXPECT_EQ(flow->initiator_flow->key.hash_value, 0xCAFEu);
         EXPECT_EQ(flow->initiator_flow->key.hash_valid, 1u);
         zon_unlock_internal(flow->flow_lock);
-        first.fid = zon_handle_packet(first.packet.data(), 0, nullptr, &first.indications, &first.error);
+        first.fid =
+            zon_handle_packet(first.packet.data(), 0, nullptr, &first.indications, &first.error);
         EXPECT_EQ(first.indications.flow_pkt_count, 2u) << "the same hash finds the flow";
         delete_all_flows();
     }
@@ -247,7 +286,8 @@ TEST_F(packet_entry, hashes_itself_unless_hash_valid_is_1) {
     first.packet = tcp4().build();
     first.indications.hash_valid = 2;
     first.indications.hash_value = 0xCAFE;
-    first.fid = zon_handle_packet(first.packet.data(), 0, nullptr, &first.indications, &first.error);
+    first.fid =
+        zon_handle_packet(first.packet.data(), 0, nullptr, &first.indications, &first.error);
     EXPECT_EQ(handle(tcp4()).fid, first.fid);
 }
 
@@ -370,7 +410,8 @@ TEST_F(packet_entry, places_the_payload_of_a_later_tcp_fragment_by_its_would_be_
 }
 
 TEST_F(packet_entry, treats_a_lone_fragment_header_as_no_fragment) {
-    const packet_result result = handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").fragment(0, false).udp(1, 2));
+    const packet_result result =
+        handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").fragment(0, false).udp(1, 2));
     EXPECT_NE(result.fid, 0u);
     EXPECT_EQ(result.indications.is_fragment, 0);
 }
@@ -390,7 +431,8 @@ TEST_F(packet_entry, keys_a_teredo_packet_by_its_inner_tuple) {
     const zon_flow_tuple_t tuple = tuple_of(result.fid);
     EXPECT_EQ(tuple.src_port, 40000);
     EXPECT_EQ(tuple.l4_protocol, ZON_TCP_PROT);
-    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_TEREDO), 1u);
+    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_TEREDO),
+              1u);
     EXPECT_EQ(handle(teredo(tcp6().reversed().build())).fid, result.fid);
 }
 
@@ -409,17 +451,20 @@ TEST_F(packet_entry, needs_the_udp_capability_for_teredo_whatever_is_inside) {
 }
 
 TEST_F(packet_entry, looks_behind_teredo_indicators_on_any_port) {
-    const bytes inner = packet_builder::ipv6("2001::1", "2001:db8::2").tcp(1, 2).flags(tcp_syn).build();
+    const bytes inner =
+        packet_builder::ipv6("2001::1", "2001:db8::2").tcp(1, 2).flags(tcp_syn).build();
     bytes indicators = teredo_authentication(3, 1);
     const bytes origin = teredo_origin(1, "192.0.2.3");
     indicators.insert(indicators.end(), origin.begin(), origin.end());
-    const packet_result result = handle(in_teredo("192.0.2.1", "192.0.2.2", inner, 1000, 2000, indicators));
+    const packet_result result =
+        handle(in_teredo("192.0.2.1", "192.0.2.2", inner, 1000, 2000, indicators));
     EXPECT_EQ(result.indications.tunnel_type, ZON_TUNNEL_TYPE_TEREDO);
     EXPECT_EQ(result.indications.l3_start - result.packet.data(), 28 + 17 + 8);
 }
 
 TEST_F(packet_entry, keeps_udp_that_is_no_teredo_as_udp) {
-    for (const bytes& payload : {bytes{}, bytes{0}, bytes{0, 0}, bytes{0, 1, 0, 0}, bytes(300), bytes{0x60}, bytes(40, 0x60)}) {
+    for (const bytes& payload : {bytes{}, bytes{0}, bytes{0, 0}, bytes{0, 1, 0, 0}, bytes(300),
+                                 bytes{0x60}, bytes(40, 0x60)}) {
         const packet_result result = handle(udp4().payload(payload));
         EXPECT_NE(result.fid, 0u);
         EXPECT_EQ(result.indications.tunnel_type, ZON_TUNNEL_TYPE_NONE);
@@ -440,8 +485,10 @@ TEST_F(packet_entry, keys_ipv6_in_ipv4_by_its_inner_tuple) {
     EXPECT_EQ(result.indications.l4_protocol, ZON_UDP_PROT);
     EXPECT_EQ(result.indications.l3_start - result.packet.data(), 20);
     EXPECT_EQ(tuple_of(result.fid).dst_port, 53);
-    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_IPV6INIP), 1u);
-    EXPECT_EQ(handle(udp6().reversed()).fid, result.fid) << "outside the tunnel it is the same connection";
+    EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, ZON_TUNNEL_TYPE_IPV6INIP),
+              1u);
+    EXPECT_EQ(handle(udp6().reversed()).fid, result.fid)
+        << "outside the tunnel it is the same connection";
 }
 
 TEST_F(packet_entry, does_not_classify_protocol_41_without_ipv6_inside) {
@@ -472,7 +519,8 @@ TEST_F(packet_entry, still_finds_tunnelled_flows_after_the_capability_has_gone_b
     disable(ZON_CAPABILITY_ENABLE_IPV6INIP | ZON_CAPABILITY_ENABLE_TEREDO);
     EXPECT_EQ(handle(six_in_four(tcp6().build())).fid, six);
     EXPECT_EQ(handle(teredo(udp6().build())).fid, ted);
-    const packet_builder other = packet_builder::ipv6("2001:db8::8", "2001:db8::9").udp(1, 2).payload(1);
+    const packet_builder other =
+        packet_builder::ipv6("2001:db8::8", "2001:db8::9").udp(1, 2).payload(1);
     const packet_result refused = handle(six_in_four(other.build()));
     EXPECT_EQ(refused.fid, 0u);
     EXPECT_EQ(refused.error, zon_error_none);
@@ -481,7 +529,8 @@ TEST_F(packet_entry, still_finds_tunnelled_flows_after_the_capability_has_gone_b
     delete_all_flows();
     const packet_result gate = handle(six_in_four(tcp6().build()));
     expect_not_classified(gate);
-    EXPECT_EQ(gate.indications.tunnel_type, ZON_TUNNEL_TYPE_NONE) << "the gate is closed with the last such flow";
+    EXPECT_EQ(gate.indications.tunnel_type, ZON_TUNNEL_TYPE_NONE)
+        << "the gate is closed with the last such flow";
     EXPECT_EQ(handle(teredo(udp6().build())).indications.l4_protocol, ZON_UDP_PROT);
 }
 
@@ -497,9 +546,11 @@ TEST_F(packet_entry, ties_fragments_inside_a_tunnel_together) {
     EXPECT_EQ(zon_frag_entry_count(g_zon->frag_table), 0u);
 }
 
-// Offsets of the search have eight bits: without a stop these two packets would hold a packet thread for ever.
+// Offsets of the search have eight bits: without a stop these two packets would hold a packet
+// thread for ever.
 TEST_F(packet_entry, ends_on_a_datagram_of_zeros_from_port_0) {
-    const packet_builder zeros = packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(0, 9).payload(bytes(248));
+    const packet_builder zeros =
+        packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(0, 9).payload(bytes(248));
     EXPECT_EQ(handle(zeros).indications.tunnel_type, ZON_TUNNEL_TYPE_NONE);
     EXPECT_NE(handle_captured(zeros.build()).fid, 0u);
 }
@@ -509,7 +560,8 @@ TEST_F(packet_entry, ends_on_an_authentication_that_shifts_the_circle) {
         bytes content(payload);
         content[1] = 1;
         content[2] = 6;
-        const packet_builder shifted = packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(9, 0x0100).payload(content);
+        const packet_builder shifted =
+            packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(9, 0x0100).payload(content);
         EXPECT_EQ(handle(shifted).indications.tunnel_type, ZON_TUNNEL_TYPE_NONE);
         EXPECT_NE(handle_captured(shifted.build()).fid, 0u);
     }
@@ -522,7 +574,9 @@ TEST_F(packet_entry, takes_state_and_count_from_a_report) {
     bytes packet = tcp4().flags(tcp_ack).payload(10).build();
     zon_pkt_indications_t seen{};
     zon_error_t error = zon_error_memory;
-    EXPECT_EQ(zon_sync_packet(packet.data(), 0, nullptr, &seen, &error, fid, ZON_L4_BI_ESTABLISHED, 7), fid);
+    EXPECT_EQ(
+        zon_sync_packet(packet.data(), 0, nullptr, &seen, &error, fid, ZON_L4_BI_ESTABLISHED, 7),
+        fid);
     EXPECT_EQ(error, zon_error_none);
     EXPECT_EQ(seen.flow_pkt_count, 7u);
     EXPECT_EQ(seen.l7_flow_bytes, 10u);
@@ -545,11 +599,15 @@ TEST_F(packet_entry, survives_a_report_for_a_flow_of_the_other_family) {
     bytes packet = tcp4().build();
     zon_pkt_indications_t seen{};
     zon_error_t error{};
-    EXPECT_EQ(zon_sync_packet(packet.data(), 0, nullptr, &seen, &error, fid6, ZON_L4_BI_ESTABLISHED, 2), fid6);
+    EXPECT_EQ(
+        zon_sync_packet(packet.data(), 0, nullptr, &seen, &error, fid6, ZON_L4_BI_ESTABLISHED, 2),
+        fid6);
     EXPECT_EQ(seen.is_initiator, 0);
     const zon_fid_t fid4 = handle(tcp4()).fid;
     bytes packet6 = tcp6().build();
-    EXPECT_EQ(zon_sync_packet(packet6.data(), 0, nullptr, &seen, &error, fid4, ZON_L4_BI_ESTABLISHED, 2), fid4);
+    EXPECT_EQ(
+        zon_sync_packet(packet6.data(), 0, nullptr, &seen, &error, fid4, ZON_L4_BI_ESTABLISHED, 2),
+        fid4);
 }
 
 // ---- the host's hooks ----

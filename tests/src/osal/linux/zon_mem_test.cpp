@@ -280,6 +280,14 @@ TEST_F(memory_chunks, hand_out_last_what_came_first) {
     EXPECT_EQ(flow_stack.count_init, 3);
 }
 
+// Destruction gives back what stands in the slots: a record that is out must not.
+TEST_F(memory_chunks, keep_no_trace_of_a_record_that_left_its_stack) {
+    create(3);
+    allocate(ZON_FLOW_MEM_TYPE);
+    EXPECT_NE(flow_stack.slots[1], nullptr);
+    EXPECT_EQ(flow_stack.slots[2], nullptr);
+}
+
 TEST_F(memory_chunks, hand_out_next_the_record_released_last) {
     create(3);
     void* first = allocate(ZON_IPV4_HALF_FLOW_MEM_TYPE);

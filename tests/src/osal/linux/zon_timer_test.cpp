@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -122,6 +123,36 @@ TEST_F(timer_wheel, is_destroyed_with_its_thread_joined) {
     EXPECT_EQ(wheel, nullptr);
     EXPECT_EQ(manager, nullptr);
     EXPECT_TRUE(timer_thread_becomes(false));
+}
+
+namespace {
+
+std::atomic<bool> thread_has_ended;
+
+// Makes the end of the thread that runs it slow, and noted.
+void slow_down_the_end(vem_tw_wheel, vem_tw_timer*, void*) {
+    struct note_at_end {
+        bool armed = true;
+        ~note_at_end() {
+            for (int turn = 0; turn < 1000; ++turn)
+                std::this_thread::yield();
+            thread_has_ended = armed;
+        }
+    };
+    thread_local note_at_end note;
+    note.armed = true;
+}
+
+}  // namespace
+
+TEST_F(timer_wheel, is_destroyed_only_after_its_thread_has_ended) {
+    thread_has_ended = false;
+    ASSERT_EQ(zon_clock_set_mode(ZON_CLOCK_MANUAL_WAIT), zon_error_none);
+    make_wheel();
+    ASSERT_EQ(vem_tw_timer_start(wheel, &timer, 10, slow_down_the_end, nullptr), 0);
+    advance_ms(10 + two_ticks_ms);
+    zon_timer_tw_destroy(&wheel, &manager, &thread);
+    EXPECT_TRUE(thread_has_ended) << "the thread was not joined";
 }
 
 TEST_F(timer_wheel, is_destroyed_without_a_join_when_no_thread_id_is_given) {
