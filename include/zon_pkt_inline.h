@@ -1,8 +1,9 @@
 /* zon_pkt_inline.h - hands packets to the engine, and reads fields of parsed ones.
  *
- * A host hands in each IP packet once, from its IPv4 or IPv6 header on, and gets the packet's flow and a record of
- * indications. Packets that are not classified (a protocol that no client enabled, an unknown version, a fragment
- * whose first part was never seen) return 0 with the indications preset: the host forwards them untouched.
+ * A host hands in each IP packet once, from its IPv4 or IPv6 header on, and gets the packet's flow
+ * and a record of indications. Packets that are not classified (a protocol that no client enabled,
+ * an unknown version, a fragment whose first part was never seen) return 0 with the indications
+ * preset: the host forwards them untouched.
  *
  * Threads    any number at once. The packet's bytes must not change during the call.
  * Byte order the packet is in network order; everything that comes back is in host order.
@@ -18,35 +19,45 @@
 extern "C" {
 #endif
 
-/* Classifies a packet that the host vouches for: whole, and with lengths that tell the truth. Packets from outside
- * belong to zon_handle_captured_packet. Returns the flow's identifier or 0.
- *   9 null indications, 15 no engine, 11 and 2 as zon_engine, else 0 */
+/* Classifies a packet that the host vouches for: whole, and with lengths that tell the truth.
+ * Packets from outside belong to zon_handle_captured_packet. Returns the flow's identifier or 0. 9
+ * null indications, 15 no engine, 11 and 2 as zon_engine, else 0 */
 ZON_API zon_fid_t zon_handle_packet(uint8_t* iphdr, uint32_t vrf_id, void* pkt_ctx,
                                     zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error);
 
-/* The same for a packet whose flow the platform already knows: the flow's state and packet count are taken from the
- * report. A null platform_reported_dft_fid makes it zon_handle_packet. */
+/* The same for a packet whose flow the platform already knows: the flow's state and packet count
+ * are taken from the report. A null platform_reported_dft_fid makes it zon_handle_packet. */
 ZON_API zon_fid_t zon_sync_packet(uint8_t* iphdr, uint32_t vrf_id, void* pkt_ctx,
                                   zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
                                   zon_fid_t platform_reported_dft_fid,
                                   zon_l4_flow_state_e platform_reported_dft_flow_state,
                                   uint32_t platform_reported_flow_packet_number);
 
-/* Classifies a packet of which captured_length bytes are there, whatever its headers claim: nothing outside them is
- * ever read. A packet whose headers do not fit into them, or contradict each other, is refused with 35 and 0: no flow,
- * counter or fragment entry is touched. Accepted packets are treated exactly as by zon_handle_packet.
- * After a success the host may read at most captured_length - (l7_start - iphdr) bytes of payload, whatever
- * l4_payload_size says. */
-ZON_API zon_fid_t zon_handle_captured_packet(uint8_t* iphdr, uint32_t captured_length, uint32_t vrf_id, void* pkt_ctx,
-                                             zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error);
-ZON_API zon_fid_t zon_sync_captured_packet(uint8_t* iphdr, uint32_t captured_length, uint32_t vrf_id, void* pkt_ctx,
-                                           zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
+/* Classifies a packet of which captured_length bytes are there, whatever its headers claim: nothing
+ * outside them is ever read. A packet whose headers do not fit into them, or contradict each other,
+ * is refused: no flow, counter, fragment entry or client sees it, and the indications tell what
+ * could be read (l3_start NULL: not even the IP header). Accepted packets are treated as by
+ * zon_handle_packet, save that later fragments are read with more care: one too short to be read,
+ * or whose data would have to be taken for further headers, returns 0 with is_fragment 1 and
+ * l4_error 14; one whose data looks like a tunnelled packet is not classified. After a success the
+ * host may read at most captured_length - (l7_start - iphdr) bytes of payload, whatever
+ * l4_payload_size says: captures may be cut off, and the UDP length of a first fragment covers the
+ * whole datagram. 35 refused, also for a null iphdr or (without a place to say so) a null
+ * zon_error; else as zon_handle_packet */
+ZON_API zon_fid_t zon_handle_captured_packet(uint8_t* iphdr, uint32_t captured_length,
+                                             uint32_t vrf_id, void* pkt_ctx,
+                                             zon_pkt_indications_t* pkt_indications,
+                                             zon_error_t* zon_error);
+ZON_API zon_fid_t zon_sync_captured_packet(uint8_t* iphdr, uint32_t captured_length,
+                                           uint32_t vrf_id, void* pkt_ctx,
+                                           zon_pkt_indications_t* pkt_indications,
+                                           zon_error_t* zon_error,
                                            zon_fid_t platform_reported_dft_fid,
                                            zon_l4_flow_state_e platform_reported_dft_flow_state,
                                            uint32_t platform_reported_flow_packet_number);
 
-/* Fills the parse handle fe (a zon_dp_fe_t) from the IP header of a whole packet. Fields of the other family are not
- * written; i2r_flag is the engine's. */
+/* Fills the parse handle fe (a zon_dp_fe_t) from the IP header of a whole packet. Fields of the
+ * other family are not written; i2r_flag is the engine's. */
 ZON_API void zon_fe_extract_fields(void* iphdr, zon_fe_handle fe);
 
 #ifdef __cplusplus

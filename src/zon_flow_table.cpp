@@ -23,10 +23,30 @@ namespace {
 // The table as it is allocated: what the dumps look at first, then what only the operations use.
 struct flow_table_storage : zon_flow_table_ {
     std::mutex preflow_counts;  // guards active_preflow_count and has_incomplete_inserts together
-    std::atomic<int> readers = 0;  // how many threads keep in_use set
+    std::mutex readers_guard;
+    int readers = 0;  // how many threads keep in_use set
 };
 
 flow_table_storage* storage_of(zon_flow_table_t* tbl) { return static_cast<flow_table_storage*>(tbl); }
+
+// Keeps in_use set; when two readers overlap the flag falls with the last one.
+class reading {
+public:
+    explicit reading(flow_table_storage& tbl) : tbl_(tbl) {
+        const std::lock_guard guard(tbl_.readers_guard);
+        ++tbl_.readers;
+        relaxed_store(tbl_.in_use, true);
+    }
+    ~reading() {
+        const std::lock_guard guard(tbl_.readers_guard);
+        relaxed_store(tbl_.in_use, --tbl_.readers != 0);
+    }
+    reading(const reading&) = delete;
+    reading& operator=(const reading&) = delete;
+
+private:
+    flow_table_storage& tbl_;
+};
 
 bool has_set(const zon_flow_table_t* tbl) { return tbl != nullptr && tbl->table != nullptr; }
 
@@ -194,6 +214,7 @@ zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl, const zon_h
     if (!has_set(tbl))
         return nullptr;
     const uint32_t b = bucket_of(tbl->table, hash_of_key(half_flow));
+    prefetch_bucket(tbl->table, b);
     if (bucket != nullptr)
         *bucket = static_cast<int>(b);
     switch (half_flow->key.key_type) {
@@ -279,18 +300,13 @@ void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* us
                                uint32_t* passively_aged, int32_t** distribution, int32_t** preflow_count) {
     if (!has_set(tbl))
         return;
-    // Two readers may overlap: the flag falls when the last one is done.
-    std::atomic<int>& readers = storage_of(tbl)->readers;
-    readers.fetch_add(1);
-    relaxed_store(tbl->in_use, true);
+    const reading shown(*storage_of(tbl));
     zon_hashset_get_statistics(tbl->table, size, used, empty, occupied, bucket_ave, bucket_max, distribution);
     *inserts = relaxed_load(tbl->profile_insert);
     *deletes = relaxed_load(tbl->profile_delete);
     *passively_aged = relaxed_load(tbl->profile_passively_aged);
     if (preflow_count != nullptr)
         *preflow_count = reinterpret_cast<int32_t*>(tbl->active_preflow_count);
-    if (readers.fetch_sub(1) == 1)
-        relaxed_store(tbl->in_use, false);
 }
 
 void zon_flow_table_statistics_clear(zon_flow_table_t* tbl) {
@@ -365,7 +381,8 @@ zon_error_t zon_flow_table_remove_client_fo(zon_flow_table_t*, zon_client_id_e c
     // Records are numbered in the order of the list of all records, and each is taken under its own lock: packets may
     // attach and delete meanwhile.
     zon_fid_table_t* fid_table = g_zon->fid_table;
-    const uint32_t made = relaxed_load(fid_table->allocated);
+    // An engine that could not be built whole has no flows.
+    const uint32_t made = fid_table != nullptr ? relaxed_load(fid_table->allocated) : 0;
     for (zon_fid_t fid = 1; fid <= made; ++fid) {
         locked_flow flow = zon_fid_table_lookup(fid_table, fid);
         if (flow && !flow->marked_for_delete)

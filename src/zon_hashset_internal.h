@@ -70,6 +70,17 @@ inline bool bucket_is_full(zon_hashset set, uint32_t bucket) {
     return set->max_bucket_depth != 0 && set->items_in_bucket[bucket] >= set->max_bucket_depth;
 }
 
+// The links of a chain are stored as atomic words: lookups glance at a bucket's head before they have its lock.
+inline void set_link(zon_hashset_hdr*& link, zon_hashset_hdr* to) { __atomic_store_n(&link, to, __ATOMIC_RELAXED); }
+
+// Starts loading what a lookup in this bucket will touch. The head may change at once, and may even lead to a half flow that
+// has been given back: that memory stays mapped, and nothing but its address is used.
+inline void prefetch_bucket(zon_hashset set, uint32_t bucket) {
+    const auto first = reinterpret_cast<uintptr_t>(__atomic_load_n(&set->array[bucket], __ATOMIC_RELAXED));
+    __builtin_prefetch(reinterpret_cast<const void*>(first));
+    __builtin_prefetch(reinterpret_cast<const void*>(first + 64));
+}
+
 // Links an item at the head of its bucket, whose lock is held.
 inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     zon_hashset_hdr* header = header_of(set, item);
@@ -78,16 +89,16 @@ inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket
     if (*head != nullptr)
         (*head)->pointer_to_us = &header->next;
     header->pointer_to_us = head;
-    *head = header;
+    set_link(*head, header);
     ++set->items_in_bucket[bucket];
 }
 
-// Unlinks an item from its bucket, whose lock is held. An item that is known to be outside the set has no link back.
+// Unlinks an item from its bucket, whose lock is held.
 inline void unlink(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     zon_hashset_hdr* header = header_of(set, item);
     if (header->next != nullptr)
         header->next->pointer_to_us = header->pointer_to_us;
-    *header->pointer_to_us = header->next;
+    set_link(*header->pointer_to_us, header->next);
     --set->items_in_bucket[bucket];
 }
 

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 
+#include "osal/zon_mem.h"
 #include "zon_engine_defs.h"
 #include "zon_super_ctx.h"
 
@@ -34,8 +35,8 @@ struct zon_super_context_table_ {
 };
 using zon_super_context_table_t = zon_super_context_table_;
 
-static_assert(sizeof(zon_flow_list_t) == 16);
-static_assert(sizeof(zon_super_context_t) == 288 && sizeof(zon_super_context_t) == 18 * sizeof(zon_flow_list_t));
+static_assert(sizeof(zon_flow_list_t) == zon_flow_list_element_size);
+static_assert(sizeof(zon_super_context_t) == zon_super_context_size && sizeof(zon_super_context_t) == 18 * sizeof(zon_flow_list_t));
 static_assert(sizeof(zon_super_context_table_t) == 304);
 
 // max_size buckets, at least 100; null without memory.

@@ -58,12 +58,10 @@ void zon_timer_handle_flow_idle_timeout_full(vem_tw_wheel, vem_tw_timer* tmr, vo
     const zon_fid_t fid = *static_cast<const zon_fid_t*>(context);
     zon_fid_table_t* fid_table = g_zon->fid_table;
     zon_require(fid_table != nullptr, "fid_table", "zon_fid_table_lookup");
-    const bool was_cancelled = zon_timer_expiry_cancelled(tmr);
     idle_flow idle = find_idle_flow(fid_table, fid, tmr);
     switch (idle.outcome) {
     case ager_lookup::vanished:
-        if (!was_cancelled)
-            std::puts("no flow context");
+        std::puts("no flow context");
         return;
     case ager_lookup::busy:
         zon_timer_retry_expiry(tmr);

@@ -21,18 +21,15 @@ bool zon_set_default_aging_internal(zon_l4_protocol_e prot, zon_l4_flow_state_e 
 // The time-out for a protocol and session state; 0 for a state of 7 or more.
 inline uint32_t zon_timer_get_default_value_internal(zon_l4_protocol_e prot, zon_l4_flow_state_e state,
                                                      const zon_timer_defaults_t* defaults) {
-    switch (prot) {
-    case ZON_TCP_PROT:
-        if (state <= ZON_L4_OPENING)
-            return relaxed_load(defaults->tcp_opening);
-        if (state <= ZON_L4_BI_ESTABLISHED_INCORRECT)
-            return relaxed_load(defaults->tcp_estab);
-        return state == ZON_L4_CLOSING ? relaxed_load(defaults->tcp_closing) : 0;
-    case ZON_UDP_PROT:
-        if (state <= ZON_L4_OPENING)
-            return relaxed_load(defaults->udp_opening);
-        return state <= ZON_L4_CLOSING ? relaxed_load(defaults->udp_estab) : 0;
-    default:
+    const auto session = static_cast<uint32_t>(state);
+    if (prot != ZON_TCP_PROT && prot != ZON_UDP_PROT)
         return zon_other_protocol_idle_ms;
-    }
+    if (session >= ZON_L4_ENUM_END)
+        return 0;
+    const bool is_tcp = prot == ZON_TCP_PROT;
+    if (session <= ZON_L4_OPENING)
+        return relaxed_load(is_tcp ? defaults->tcp_opening : defaults->udp_opening);
+    if (is_tcp && session == ZON_L4_CLOSING)
+        return relaxed_load(defaults->tcp_closing);
+    return relaxed_load(is_tcp ? defaults->tcp_estab : defaults->udp_estab);
 }

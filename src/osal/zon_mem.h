@@ -17,6 +17,10 @@ enum zon_memory_type : int32_t {
     ZON_MEM_TYPE_MAX = 7
 };
 
+// Sizes of the two records that the platform has no declaration of.
+inline constexpr size_t zon_super_context_size = 288;
+inline constexpr size_t zon_flow_list_element_size = 16;
+
 // Stacks of ready elements: the array, how many are on it now, and how many creation placed there.
 extern void** zon_private_ipv4_flow_mem_buffer;
 extern int32_t zon_private_ipv4_flow_mem_buffer_count;

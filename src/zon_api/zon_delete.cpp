@@ -60,7 +60,7 @@ void tell_clients(zon_flow_t* flow, zon_flow_deletion_reason_e reason) {
     for (const auto* client = zon_first_client(g_zon); client != nullptr;
          client = zon_next_client(client)) {
         const client_records taken = take_client_records(flow, client->id);
-        if (const auto callback = __atomic_load_n(&client->fo_del_cb, __ATOMIC_ACQUIRE))
+        if (const auto callback = zon_callback_of(client->fo_del_cb))
             callback(flow->fid, object_of(taken.initiator), object_of(taken.responder),
                      object_of(taken.whole), reason, client->id);
         release_client_records(taken);
@@ -176,7 +176,7 @@ void zon_private_delete_half_flows(zon_flow_t* flow) {
 
 bool zon_private_delete_locked_flow(zon_flow_t* flow,
                                     const zon_flow_deletion_reason_e flow_deletion_reason) {
-    locked_flow first_hold = locked_flow::adopt(flow);
+    locked_flow held = locked_flow::adopt(flow);
     if (flow->marked_for_delete)
         return true;
     flow->marked_for_delete = 1;
@@ -190,10 +190,9 @@ bool zon_private_delete_locked_flow(zon_flow_t* flow,
         // that run below may ask about it.
         const deletion_in_progress note(flow);
         zon_flow_set_dying(flow, true);
-        first_hold.release();
+        // The lock stays held: buckets may be awaited under it, and having to wait for it again
+        // could stop the timer thread behind a client that keeps a flow of the same lock.
         remove_half_flows(flow);
-
-        const held_lock second_hold(flow->flow_lock);
         forget_half_flows(flow);
         zon_private_stop_timer(flow);
         zon_private_unbind(flow);
@@ -201,6 +200,7 @@ bool zon_private_delete_locked_flow(zon_flow_t* flow,
         zon_super_context_process_lif(flow);
         zon_private_free_all_fos(flow);
     }
+    held.release();
     zon_private_deallocate_flow(flow);
     return true;
 }

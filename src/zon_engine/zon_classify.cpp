@@ -4,6 +4,8 @@
 // Locks  the flow's lock, from the lookup or the creation until the indications are filled; no client's pre-create
 //        callback runs under it.
 
+#include <sched.h>
+
 #include "osal/zon_debug.h"
 #include "osal/zon_errlog.h"
 #include "zon_engine/zon_clients.h"
@@ -16,7 +18,7 @@ namespace {
 
 bool clients_allow(packet_in_engine& packet) {
     for (const auto* client = zon_first_client(g_zon); client != nullptr; client = zon_next_client(client)) {
-        const zon_client_pre_flow_create_cb_t allows = __atomic_load_n(&client->pre_create_cb, __ATOMIC_RELAXED);
+        const zon_client_pre_flow_create_cb_t allows = zon_callback_of(client->pre_create_cb);
         if (allows == nullptr || allows(packet.context, client->id))
             continue;
         *packet.error = zon_error_client_pre_create_prevented;
@@ -31,9 +33,7 @@ bool clients_allow(packet_in_engine& packet) {
 // One attempt at a packet whose key is not in the table.
 attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
     packet.indications->fif = 1;
-    if (!zon_key_type_is_valid(packet.key->key.key_type)) [[unlikely]] {
-        zon_buginf("Unknown key type %d", static_cast<int>(packet.key->key.key_type));
-    } else if (zon_private_has_incomplete_inserts(g_zon->flow_tbl)) {
+    if (zon_private_has_incomplete_inserts(g_zon->flow_tbl)) {
         attempted_flow promoted = zon_promote_announced_flow(packet);
         if (promoted.outcome != attempt::nothing)
             return promoted;
@@ -51,6 +51,7 @@ attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
             return std::move(attempted.flow);
         // A packet of the same connection on another thread was faster.
         packet.indications->fif = 0;
+        sched_yield();
         if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
             return locked_flow::adopt(half->flow);
     }
@@ -74,13 +75,15 @@ void account_payload(zon_flow_t* flow, zon_pkt_indications_t* seen) {
 }
 
 // The steps that both modes end with.
-zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t packet_number) {
+template <class last_step>
+zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t packet_number, last_step trace) {
     if (packet.fe->protocol == ZON_TCP_PROT && relaxed_load(packet.capabilities->zon_engine_client_bypass) != 0)
         [[unlikely]]
         run_bypass_callbacks(flow.get(), packet.indications);
     account_aging(flow.get(), packet);
     report_last_packet(flow.get(), packet);
     fill_indications(flow.get(), packet, packet_number);
+    trace();
     const zon_fid_t fid = flow->fid;
     // Under the lock that is held anyway: nobody deletes the flow before it has joined its super contexts.
     if (packet.indications->fif != 0) [[unlikely]]
@@ -102,9 +105,8 @@ zon_fid_t classify(packet_in_engine& packet) {
         trace_l4_error(flow.get(), packet.indications->l4_error);
     packet.indications->l4_payload_size = payload_size_of(packet.fe);
     account_payload(flow.get(), packet.indications);
-    trace.after_tracking(packet.fe);
     const uint32_t packet_number = flow->packet_number;
-    return finish(std::move(flow), packet, packet_number);
+    return finish(std::move(flow), packet, packet_number, [&] { trace.print_if_changed(packet.fe); });
 }
 
 // A report repeats the number of its packet: its payload is counted once.
@@ -120,7 +122,8 @@ void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen, uin
 zon_fid_t synchronise(packet_in_engine& packet, zon_fid_t fid, zon_l4_flow_state_e reported_state,
                       uint32_t reported_number) {
     locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, fid);
-    if (!flow)
+    // A function that a deletion calls late still finds its flow, but no half flows.
+    if (!flow || flow->initiator_flow == nullptr)
         return 0;
     if (reported_number == 1)
         packet.indications->fif = 1;
@@ -129,7 +132,7 @@ zon_fid_t synchronise(packet_in_engine& packet, zon_fid_t fid, zon_l4_flow_state
     packet.indications->l4_payload_size = payload_size_of(packet.fe);
     account_reported_payload(flow.get(), packet.indications, reported_number);
     flow->packet_number = reported_number;
-    return finish(std::move(flow), packet, reported_number);
+    return finish(std::move(flow), packet, reported_number, [] {});
 }
 
 }  // namespace

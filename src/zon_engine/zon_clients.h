@@ -41,6 +41,12 @@ inline zon_client_info_list_entry_* zon_next_client(const zon_client_info_list_e
     return __atomic_load_n(&client->entries.next, __ATOMIC_ACQUIRE);
 }
 
+// A callback of a client: what its registrar prepared before is seen along with it.
+template <class function>
+inline function zon_callback_of(const function& slot) {
+    return __atomic_load_n(&slot, __ATOMIC_ACQUIRE);
+}
+
 // Builds the list of free client ids of a new engine, so that 31 is handed out first.
 void zon_build_free_client_ids(zon_t* engine);
 // Frees every client and free id, parked entries included.

@@ -48,7 +48,7 @@ inline uint32_t payload_size_of(const zon_dp_fe_t* fe) {
 
 inline void run_bypass_callbacks(zon_flow_t* flow, const zon_pkt_indications_t* seen) {
     for (const auto* client = zon_first_client(g_zon); client != nullptr; client = zon_next_client(client))
-        if (const zon_client_bypass_cb_t bypass = __atomic_load_n(&client->bypass_cb, __ATOMIC_RELAXED))
+        if (const zon_client_bypass_cb_t bypass = zon_callback_of(client->bypass_cb))
             bypass(seen->l4_payload_size, seen->fif != 0, seen->was_promoted != 0, seen->first_payload != 0,
                    &flow->bypass_id);
 }

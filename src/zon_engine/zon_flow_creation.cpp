@@ -3,6 +3,8 @@
 // Owns   nothing; a flow that cannot be completed goes back where it came from, unlocked and unseen.
 // Locks  the new flow's lock, held from the moment the record is taken until the packet is done.
 
+#include <algorithm>
+
 #include "osal/zon_debug.h"
 #include "osal/zon_errlog.h"
 #include "osal/zon_timer.h"
@@ -39,6 +41,15 @@ bool tunnel_is_enabled(const packet_in_engine& packet) {
         zon_buginf("%s", text);
     packet.indications->fif = 0;
     return {attempt::refused, {}};
+}
+
+// Before a packet is refused for want of memory: another thread may have made the packet's flow with the last of it.
+attempted_flow made_meanwhile(packet_in_engine& packet) {
+    zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, nullptr);
+    if (half == nullptr)
+        return {attempt::nothing, {}};
+    packet.indications->fif = 0;
+    return {attempt::done, locked_flow::adopt(half->flow)};
 }
 
 // Gives back a flow that nobody has seen in the flow table. A stale identifier may still lead to it: it is hidden before
@@ -88,6 +99,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
 
     locked_flow flow = locked_flow::adopt(zon_fid_table_new_flow_locked(g_zon->fid_table));
     if (!flow) {
+        if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
+            return other;
         relaxed_add(g_zon->error_stats.flow_alloc_errors, 1);
         return refuse_for_memory(packet, "\nZON Engine: Could not allocate memory for the flow");
     }
@@ -97,7 +110,7 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     flow->age_ms = 0;
     zon_timer_set_type(&g_zon->zon_tw, &flow->timer, ZON_TIMER_FLOW_IDLE);
 
-    const auto key_type = static_cast<uint8_t>(packet.key->key.key_type);
+    const auto key_type = static_cast<uint8_t>(std::min<uint32_t>(packet.key->key.key_type, UINT8_MAX));
     flow->initiator_flow = zon_allocate_half_flow(key_type);
     if (flow->initiator_flow != nullptr) {
         zon_copy_key_to_half_flow(flow->initiator_flow, &packet.key->key);
@@ -117,6 +130,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     case pair_insert_result::linked:
         break;
     case pair_insert_result::already_present:
+        // The packet is looked up anew under its own addresses, not the translated ones.
+        zon_copy_key(&packet.key->key, &flow->initiator_flow->key);
         abandon(std::move(flow));
         packet.indications->fif = 0;
         return {attempt::again, {}};

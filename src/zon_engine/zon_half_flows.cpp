@@ -29,6 +29,10 @@ zon_half_flow_t* lookup_complete_or_announced(const typename family::key* key) {
     if (found == nullptr && wanted.key.key_type == family::complete) {
         wanted.key.key_type = family::pre_flow_complete;
         found = zon_flow_table_lookup_locked(g_zon->flow_tbl, half_flow, nullptr);
+        // It may have been promoted between the two lookups.
+        wanted.key.key_type = family::complete;
+        if (found == nullptr)
+            found = zon_flow_table_lookup_locked(g_zon->flow_tbl, half_flow, nullptr);
     }
     return found;
 }

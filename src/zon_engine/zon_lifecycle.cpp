@@ -41,8 +41,7 @@ bool stop_timer(zon_flow_t* flow, void*) {
 // The list of records only grows and no record is freed before the tables are: it is walked without the table's lock, so
 // that callbacks which make records meanwhile do not wait for this walk.
 void delete_every_flow(zon_flow_table_t* flow_tbl) {
-    for (zon_flow_t *flow = flow_tbl->flow_head, *next; flow != nullptr; flow = next) {
-        next = flow->next_flow;
+    for (zon_flow_t* flow = flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow) {
         zon_lock_internal(flow->flow_lock);
         zon_private_delete_locked_flow(flow, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED);
     }

@@ -48,7 +48,7 @@ bool is_enabled(const uint32_t& capability) {
 }
 
 template <bool trusted>
-bool ipv4_packet_is_plain(const arriving_packet& arriving) {
+[[gnu::always_inline]] inline bool ipv4_packet_is_plain(const arriving_packet& arriving) {
     const uint8_t* ip = arriving.ip;
     const zon_capability_counter_t& enabled = arriving.engine->params.capability_counter;
     if constexpr (!trusted)
@@ -75,7 +75,7 @@ bool ipv4_packet_is_plain(const arriving_packet& arriving) {
 }
 
 template <bool trusted>
-bool ipv6_packet_is_plain(const arriving_packet& arriving) {
+[[gnu::always_inline]] inline bool ipv6_packet_is_plain(const arriving_packet& arriving) {
     const uint8_t* ip = arriving.ip;
     const zon_capability_counter_t& enabled = arriving.engine->params.capability_counter;
     if constexpr (!trusted)
@@ -97,7 +97,7 @@ zon_l4_port_t ports_at(const uint8_t* l4) {
     return {load_be16(l4), load_be16(l4 + 2)};
 }
 
-zon_fid_t plain_ipv4_packet(const arriving_packet& arriving) {
+[[gnu::always_inline]] inline zon_fid_t plain_ipv4_packet(const arriving_packet& arriving) {
     zon_dp_fe_t fe{};
     zon_dp_fe_extract_fields_ipv4(arriving.ip, &fe);
     preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
@@ -106,7 +106,7 @@ zon_fid_t plain_ipv4_packet(const arriving_packet& arriving) {
     return run_engine(arriving, scratch.head(), fe, ZON_TUNNEL_TYPE_NONE);
 }
 
-zon_fid_t plain_ipv6_packet(const arriving_packet& arriving) {
+[[gnu::always_inline]] inline zon_fid_t plain_ipv6_packet(const arriving_packet& arriving) {
     zon_dp_fe_t fe{};
     zon_dp_fe_extract_ipv6_header(arriving.ip, &fe);
     preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
@@ -116,7 +116,7 @@ zon_fid_t plain_ipv6_packet(const arriving_packet& arriving) {
 }
 
 template <bool trusted>
-zon_fid_t take_in(const arriving_packet& arriving) {
+[[gnu::always_inline]] inline zon_fid_t take_in(const arriving_packet& arriving) {
     if (!trusted && arriving.captured == 0) [[unlikely]]
         return zon_take_detour(arriving);
     switch (arriving.ip[0] >> 4) {

@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 #include "zon_engine_defs.h"
 #include "zon_engine_inline.h"
@@ -99,14 +100,27 @@ public:
         take_hash_of_host(arriving);
     }
     void set_ipv6(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_l4_port_t ports) {
-        zon_set_key_ipv6(zon_full_key<ipv6_family>(head()), ZON_IPV6_KEY_COMPLETE, fe.ipv6_srcaddr,
-                         fe.ipv6_dstaddr, ports.src_port, ports.dst_port, fe.protocol,
-                         arriving.vrf_id);
+        zon_ipv6_key_t* key = zon_full_key<ipv6_family>(head());
+        key->key_type = ZON_IPV6_KEY_COMPLETE;
+        key->l4_protocol = fe.protocol;
+        key->hash_value = 0;
+        key->hash_valid = 0;
+        key->vrf_id = arriving.vrf_id;
+        copy_address(key->src_ip, fe.ipv6_srcaddr);
+        key->src_port = ports.src_port;
+        copy_address(key->dst_ip, fe.ipv6_dstaddr);
+        key->dst_port = ports.dst_port;
         take_hash_of_host(arriving);
     }
     zon_half_flow_t* head() { return reinterpret_cast<zon_half_flow_t*>(&storage_); }
 
 private:
+    // In the pieces in which extraction wrote it, so that the compiler keeps them in registers.
+    static void copy_address(uint32_t (&to)[4], const uint32_t (&from)[4]) {
+        std::memcpy(&to[0], &from[0], 8);
+        std::memcpy(&to[2], &from[2], 8);
+    }
+
     void take_hash_of_host(const arriving_packet& arriving) {
         if (arriving.indications->hash_valid == 1) [[unlikely]] {
             head()->key.hash_value = arriving.indications->hash_value;

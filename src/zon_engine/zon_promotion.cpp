@@ -33,6 +33,17 @@ zon_half_flow_t* find_announced_locked(zon_half_flow_t* key) {
     return nullptr;
 }
 
+// The side that the packet came from becomes the initiator; what is noted of a side goes with it.
+void exchange_sides(zon_flow_t* flow) {
+    std::swap(flow->initiator_flow, flow->responder_flow);
+    constexpr uint8_t initiator_marks = zon_detached_initiator | zon_given_back_mark(ZON_DIR_INITIATOR);
+    constexpr uint8_t responder_marks = zon_detached_responder | zon_given_back_mark(ZON_DIR_RESPONDER);
+    static_assert(responder_marks == initiator_marks << 1);
+    const uint8_t marks = flow->private_detached;
+    flow->private_detached =
+        static_cast<uint8_t>((marks & initiator_marks) << 1 | (marks & responder_marks) >> 1);
+}
+
 struct key_types {
     uint32_t initiator;
     uint32_t responder;
@@ -42,25 +53,30 @@ key_types types_of(const zon_flow_t* flow) {
     return {flow->initiator_flow->key.key_type, flow->responder_flow->key.key_type};
 }
 
+// A side that was given a complete key before its promotion counts as announced no more.
 void count_out(const key_types& types) {
-    zon_private_decrement_incomplete_inserts(g_zon->flow_tbl, types.initiator);
-    zon_private_decrement_incomplete_inserts(g_zon->flow_tbl, types.responder);
+    for (const uint32_t type : {types.initiator, types.responder})
+        if (zon_key_is_preflow(type))
+            zon_private_decrement_incomplete_inserts(g_zon->flow_tbl, type);
 }
 
 // The whole tuple was announced: the half flows stay where they are and only change their types.
 void complete_in_place(zon_flow_t* flow, uint32_t complete) {
-    count_out(types_of(flow));
+    const key_types announced = types_of(flow);
     relaxed_store(flow->initiator_flow->key.key_type, complete);
     relaxed_store(flow->responder_flow->key.key_type, complete);
+    // Last, so that no packet misses both the announced and the complete key.
+    count_out(announced);
 }
 
 // Part of the tuple was unknown: both half flows take their keys from the packet and move to new buckets.
 pair_insert_result rekey_from_packet(zon_flow_t* flow, zon_half_flow_t* key) {
     const key_types announced = types_of(flow);
-    zon_private_reclaim_sides(flow);
     const pair_insert_result result = zon_flow_table_relink_flow(g_zon->flow_tbl, flow, &key->key);
-    if (result != pair_insert_result::already_present)
+    if (result != pair_insert_result::already_present) {
+        zon_private_reclaim_sides(flow);
         count_out(announced);
+    }
     return result;
 }
 
@@ -77,6 +93,10 @@ pair_insert_result rekey_from_packet(zon_flow_t* flow, zon_half_flow_t* key) {
 
 attempted_flow zon_promote_announced_flow(packet_in_engine& packet) {
     const uint32_t packet_type = packet.key->key.key_type;
+    if (!zon_key_type_is_valid(packet_type)) [[unlikely]] {
+        zon_buginf("Unknown key type %d", static_cast<int>(packet_type));
+        return {attempt::nothing, {}};
+    }
     const uint32_t complete = complete_type_for(packet_type);
     zon_half_flow_t* half = find_announced_locked(packet.key);
     const uint32_t probed = packet.key->key.key_type;
@@ -91,7 +111,7 @@ attempted_flow zon_promote_announced_flow(packet_in_engine& packet) {
 
     const bool turned = half != flow->initiator_flow;
     if (turned)
-        std::swap(flow->initiator_flow, flow->responder_flow);
+        exchange_sides(flow.get());
     if (probed == ZON_IPV4_KEY_PRE_FLOW_COMPLETE || probed == ZON_IPV6_KEY_PRE_FLOW_COMPLETE) {
         complete_in_place(flow.get(), complete);
     } else {
@@ -100,7 +120,7 @@ attempted_flow zon_promote_announced_flow(packet_in_engine& packet) {
             break;
         case pair_insert_result::already_present:
             if (turned)
-                std::swap(flow->initiator_flow, flow->responder_flow);
+                exchange_sides(flow.get());
             return {attempt::again, {}};
         case pair_insert_result::first_refused:
         case pair_insert_result::second_refused:

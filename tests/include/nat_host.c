@@ -4,7 +4,9 @@
 #include <string.h>
 #include <zon.h>
 
-enum { inside = 0x0a000001, outside = 0xc0000201, server = 0xc6336401 };
+static const uint32_t inside = 0x0a000001;
+static const uint32_t outside = 0xc0000201;
+static const uint32_t server = 0xc6336401;
 
 static unsigned asked;
 static unsigned translated;

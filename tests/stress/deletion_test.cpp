@@ -1,55 +1,20 @@
 // deletion_test.cpp - packets, clients and dumps that meet a flow on its way out.
-#include <algorithm>
 #include <atomic>
-#include <map>
-#include <vector>
+#include <memory>
 
+#include "support/deletion_halfway.h"
 #include "support/stress_engine.h"
 #include "zon_fid_table_inline.h"
-#include "zon_hashset_internal.h"
 #include "zon_super_ctx.h"
 
 namespace zon_test {
 namespace {
 
-// ---- a deletion that stands still halfway -----------------------------------------------------------------------------
-
-// Deletes a flow on a thread of its own and stops it between the moment that the flow is beyond recall and the moment that
-// it leaves the flow table: this thread keeps all bucket locks, which it can go on taking itself.
-class deletion_halfway {
-public:
-    explicit deletion_halfway(zon_fid_t fid) : flow_(g_zon->fid_table->table[fid - 1]) {
-        for (int stripe = 0; stripe < stripes(); ++stripe)
-            zon_lock_pool_internal(set()->bucket_locks, stripe);
-        thread_ = std::thread([fid] { zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST); });
-        wait_until([this] { return __atomic_load_n(&flow_->private_dying, __ATOMIC_ACQUIRE) != 0; });
-    }
-    ~deletion_halfway() { finish(); }
-    deletion_halfway(const deletion_halfway&) = delete;
-    deletion_halfway& operator=(const deletion_halfway&) = delete;
-
-    void finish() {
-        if (!thread_.joinable())
-            return;
-        for (int stripe = 0; stripe < stripes(); ++stripe)
-            zon_unlock_pool_internal(set()->bucket_locks, stripe);
-        thread_.join();
-    }
-    const zon_flow_t* flow() const { return flow_; }
-
-private:
-    static zon_hashset set() { return g_zon->flow_tbl->table; }
-    static int stripes() { return std::max(1, set()->concurrency_level); }
-
-    zon_flow_t* flow_;
-    std::thread thread_;
-};
-
 class flow_in_deletion : public contended_engine {
 protected:
     void SetUp() override {
         contended_engine::SetUp();
-        watched_ = std::make_unique<watchdog>(std::chrono::seconds(30), [] {});
+        watched_ = std::make_unique<watchdog>(std::chrono::seconds(120), [] {});
     }
     void TearDown() override {
         contended_engine::TearDown();
@@ -72,13 +37,16 @@ TEST_F(flow_in_deletion, is_found_by_no_operation_on_its_identifier) {
     uint32_t count = 0;
     EXPECT_EQ(zon_flow_get_tuple(fid, ZON_DIR_INITIATOR, &tuple), zon_error_flow_not_found);
     EXPECT_EQ(zon_flow_get_packet_count(fid, &count), zon_error_flow_not_found);
-    EXPECT_EQ(zon_flow_attach_fo(fid, client, ZON_DIR_INITIATOR, &object), zon_error_flow_not_found);
-    EXPECT_EQ(zon_flow_get_fo_by_fid(fid, client, ZON_DIR_BI, &fo, &snapshot), zon_error_flow_not_found);
+    EXPECT_EQ(zon_flow_attach_fo(fid, client, ZON_DIR_INITIATOR, &object),
+              zon_error_flow_not_found);
+    EXPECT_EQ(zon_flow_get_fo_by_fid(fid, client, ZON_DIR_BI, &fo, &snapshot),
+              zon_error_flow_not_found);
     EXPECT_EQ(zon_flow_set_aging(fid, 10), zon_error_flow_not_found);
     EXPECT_FALSE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_END_OF_FLOW));
     connection_packet packet = connection_packet::udp(1);
     sent_packet sent;
-    EXPECT_EQ(zon_sync_packet(packet.content.data(), 0, nullptr, &sent.seen, &sent.error, fid, ZON_L4_BI_ESTABLISHED, 5),
+    EXPECT_EQ(zon_sync_packet(packet.content.data(), 0, nullptr, &sent.seen, &sent.error, fid,
+                              ZON_L4_BI_ESTABLISHED, 5),
               0u);
 }
 
@@ -88,7 +56,8 @@ TEST_F(flow_in_deletion, is_found_by_no_operation_on_its_tuple) {
     zon_flow_tuple_t tuple = tuple_of(1);
     zon_fid_t found = 0;
     zon_lock_t lock = nullptr;
-    EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &found, &lock), zon_error_flow_not_found);
+    EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &found, &lock),
+              zon_error_flow_not_found);
     EXPECT_EQ(zon_flow_lookup_tamonet(&tuple, nullptr), 0);
 }
 
@@ -111,7 +80,9 @@ TEST_F(flow_in_deletion, leaves_its_next_packet_to_a_new_flow) {
 TEST_F(flow_in_deletion, is_not_promoted) {
     const zon_flow_tuple_t tuple = tuple_of(1);
     zon_fid_t announced = 0;
-    ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &announced, nullptr), zon_error_none);
+    ASSERT_EQ(
+        zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &announced, nullptr),
+        zon_error_none);
     sent_packet sent;
     {
         const deletion_halfway deletion(announced);
@@ -138,13 +109,15 @@ TEST_F(flow_in_deletion, is_in_no_dump) {
     EXPECT_EQ(reported_flows, 1u);
 }
 
-// ---- everything at once -----------------------------------------------------------------------------------------------
+// ---- everything at once
+// -----------------------------------------------------------------------------------------------
 
 // What the delete callback finds: how many packets the flows had when they went.
 std::atomic<uint64_t> packets_of_deleted;
 std::atomic<uint32_t> deleted_flows;
 
-void count_at_deletion(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e, zon_client_id_e) {
+void count_at_deletion(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e,
+                       zon_client_id_e) {
     uint32_t count = 0;
     EXPECT_EQ(zon_flow_get_packet_count(fid, &count), zon_error_none);
     packets_of_deleted += count;
@@ -177,7 +150,8 @@ TEST_P(packets_and_deletions, lose_no_packet) {
         crew.add("packets " + std::to_string(thread), [&](stress_thread& self) {
             for (uint32_t i = 0; i < packets; ++i) {
                 self.doing("send");
-                const sent_packet packet = send(connection_packet::udp(self.below(connections), self.below(2) != 0));
+                const sent_packet packet =
+                    send(connection_packet::udp(self.below(connections), self.below(2) != 0));
                 ASSERT_NE(packet.fid, 0u);
                 ++sent;
                 firsts += packet.seen.fif;
@@ -187,7 +161,8 @@ TEST_P(packets_and_deletions, lose_no_packet) {
         crew.add("deleter " + std::to_string(thread), [&](stress_thread& self) {
             for (uint32_t i = 0; i < packets; ++i) {
                 self.doing("delete");
-                zon_delete_flow_tamonet(1 + self.below(2 * connections), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+                zon_delete_flow_tamonet(1 + self.below(2 * connections),
+                                        ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
                 self.stumble();
             }
         });
@@ -208,7 +183,9 @@ TEST_P(packets_and_deletions, of_many_flows_do_not_wait_for_each_other) {
         crew.add("life and death " + std::to_string(thread), [thread](stress_thread& self) {
             for (uint32_t i = 0; i < rounds; ++i) {
                 self.doing("create");
-                const zon_fid_t fid = send(connection_packet::udp(thread * 1000 + self.below(16), self.below(2) != 0)).fid;
+                const zon_fid_t fid =
+                    send(connection_packet::udp(thread * 1000 + self.below(16), self.below(2) != 0))
+                        .fid;
                 self.doing("delete");
                 EXPECT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
             }
@@ -244,7 +221,8 @@ TEST_P(packets_and_deletions, do_not_confuse_clients_that_ask_by_identifier) {
     crew.add("deleter", [](stress_thread& self) {
         for (uint32_t i = 0; i < rounds; ++i) {
             self.doing("delete");
-            zon_delete_flow_tamonet(1 + self.below(2 * connections), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+            zon_delete_flow_tamonet(1 + self.below(2 * connections),
+                                    ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
             self.stumble();
         }
     });
@@ -256,9 +234,11 @@ TEST_P(packets_and_deletions, do_not_confuse_clients_that_ask_by_identifier) {
             self.doing("ask for the tuple");
             check_tuple(fid);
             self.doing("attach");
-            zon_flow_attach_fo(fid, client, static_cast<zon_flow_direction_e>(self.below(3)), &object);
+            zon_flow_attach_fo(fid, client, static_cast<zon_flow_direction_e>(self.below(3)),
+                               &object);
             self.doing("read with a copy");
-            if (zon_flow_get_fo_by_fid(fid, client, ZON_DIR_INITIATOR, &fo, &snapshot) == zon_error_none) {
+            if (zon_flow_get_fo_by_fid(fid, client, ZON_DIR_INITIATOR, &fo, &snapshot) ==
+                zon_error_none) {
                 EXPECT_EQ(fo, &object);
                 EXPECT_NE(snapshot.initiator_flow, nullptr);
                 zon_unlock_flow_tamonet(&snapshot);
@@ -277,7 +257,8 @@ protected:
         parameters.max_flows = 13;
         parameters.max_bucket_depth = 1;
     }
-    // An announcement whose second half is refused keeps the place of its first half until the engine goes.
+    // An announcement whose second half is refused keeps the place of its first half until the
+    // engine goes.
     void TearDown() override {
         delete_all_flows();
         EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u) << "half flows leaked";
@@ -315,6 +296,11 @@ TEST_P(refused_creations, leave_nothing_behind) {
         for (uint32_t i = 0; i < 4 * rounds; ++i) {
             self.doing("ask for the tuple");
             check_tuple(1 + i % 13);
+            self.doing("report a packet of the flow");
+            connection_packet packet = connection_packet::udp(self.below(64));
+            sent_packet sent;
+            zon_sync_packet(packet.content.data(), 0, nullptr, &sent.seen, &sent.error, 1 + i % 13,
+                            ZON_L4_OPENING, 2);
         }
     });
     crew.add("dump", [](stress_thread& self) {
@@ -336,7 +322,43 @@ TEST_P(refused_creations, leave_nothing_behind) {
     EXPECT_EQ(zon_fid_table_is_available(g_zon->fid_table), zon_error_none);
 }
 
-// ---- super contexts ---------------------------------------------------------------------------------------------------
+// Announcements with a part unknown move to other buckets when they are promoted, and find some of
+// them full.
+class refused_promotions : public refused_creations {
+protected:
+    refused_promotions() { parameters.max_flows = 60; }
+};
+
+TEST_P(refused_promotions, leave_nothing_behind) {
+    constexpr uint32_t announced = 40;
+    std::atomic<uint32_t> refused{0};
+    for (uint32_t number = 0; number < announced; ++number) {
+        const zon_flow_tuple_t tuple = tuple_of(number);
+        zon_fid_t fid = 0;
+        zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &fid, nullptr);
+    }
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < 2; ++thread)
+        crew.add("packets " + std::to_string(thread), [thread, &refused](stress_thread& self) {
+            for (uint32_t number = 0; number < announced; ++number) {
+                self.doing("promote");
+                refused +=
+                    send(connection_packet::udp(thread == 0 ? number : announced - number)).fid ==
+                    0;
+            }
+        });
+    crew.add("deleter", [](stress_thread& self) {
+        for (zon_fid_t fid = 60; fid > 0; --fid) {
+            self.doing("delete");
+            zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+        }
+    });
+    run(crew);
+    EXPECT_GT(refused, 0u) << "no promotion was refused: the test tests nothing";
+}
+
+// ---- super contexts
+// ---------------------------------------------------------------------------------------------------
 
 bool one_of_three_contexts(void* pkt_ctx, uint32_t* context) {
     std::this_thread::yield();
@@ -353,19 +375,22 @@ void count_context(uint32_t context, zon_super_context_types_e, void** fo) {
 
 bool count_member(zon_flow_ptr_t fid) {
     uint32_t context = 0;
-    if (zon_super_context_get_sctxt_handle(fid, ZON_SUPER_CONTEXT_IDENTITY, &context) == zon_error_none) {
+    if (zon_super_context_get_sctxt_handle(fid, ZON_SUPER_CONTEXT_IDENTITY, &context) ==
+        zon_error_none) {
         EXPECT_GE(context, 1u);
         EXPECT_LE(context, 3u);
     }
     return true;
 }
 
-// A flow joins its super contexts however soon it is deleted, and leaves them once: the fixture finds what is left.
+// A flow joins its super contexts however soon it is deleted, and leaves them once: the fixture
+// finds what is left.
 TEST_P(packets_and_deletions, keep_super_contexts_in_step_with_their_flows) {
     constexpr uint32_t rounds = 6000;
     static uint32_t objects[4] = {0, 1, 2, 3};
     objects_deleted = 0;
-    ASSERT_EQ(zon_super_context_client_register(ZON_SUPER_CONTEXT_IDENTITY, one_of_three_contexts), zon_error_none);
+    ASSERT_EQ(zon_super_context_client_register(ZON_SUPER_CONTEXT_IDENTITY, one_of_three_contexts),
+              zon_error_none);
     ASSERT_EQ(zon_super_context_register_delete_cb(client, count_context), zon_error_none);
     stress_crew crew;
     for (uint32_t thread = 0; thread < 2; ++thread)
@@ -381,25 +406,30 @@ TEST_P(packets_and_deletions, keep_super_contexts_in_step_with_their_flows) {
     crew.add("deleter", [](stress_thread& self) {
         for (uint32_t i = 0; i < 2 * rounds; ++i) {
             self.doing("delete");
-            zon_delete_flow_tamonet(1 + self.below(3 * connections), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+            zon_delete_flow_tamonet(1 + self.below(3 * connections),
+                                    ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
         }
     });
     crew.add("walker", [](stress_thread& self) {
         for (uint32_t i = 0; i < rounds / 4; ++i) {
             self.doing("walk the members");
-            zon_super_context_traverse_flows(ZON_SUPER_CONTEXT_IDENTITY, 1 + self.below(3), count_member);
+            zon_super_context_traverse_flows(ZON_SUPER_CONTEXT_IDENTITY, 1 + self.below(3),
+                                             count_member);
         }
     });
     crew.add("client", [this](stress_thread& self) {
         for (uint32_t i = 0; i < rounds; ++i) {
             const zon_fid_t fid = 1 + self.below(3 * connections);
-            // The context of a flow does not change while the flow lives: under its lock it is the object's.
+            // The context of a flow does not change while the flow lives: under its lock it is the
+            // object's.
             const locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, fid);
             uint32_t context = 0;
             self.doing("attach to a super context");
-            if (!flow || zon_super_context_get_sctxt_handle(fid, ZON_SUPER_CONTEXT_IDENTITY, &context) != zon_error_none)
+            if (!flow || zon_super_context_get_sctxt_handle(fid, ZON_SUPER_CONTEXT_IDENTITY,
+                                                            &context) != zon_error_none)
                 continue;
-            EXPECT_EQ(zon_super_context_attach_fo(fid, ZON_SUPER_CONTEXT_IDENTITY, client, &objects[context]),
+            EXPECT_EQ(zon_super_context_attach_fo(fid, ZON_SUPER_CONTEXT_IDENTITY, client,
+                                                  &objects[context]),
                       zon_error_none);
         }
     });
@@ -410,6 +440,7 @@ TEST_P(packets_and_deletions, keep_super_contexts_in_step_with_their_flows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(stress, packets_and_deletions, both_schedules, schedule_name);
+INSTANTIATE_TEST_SUITE_P(stress, refused_promotions, both_schedules, schedule_name);
 INSTANTIATE_TEST_SUITE_P(stress, refused_creations, both_schedules, schedule_name);
 
 }  // namespace

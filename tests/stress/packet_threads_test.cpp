@@ -6,8 +6,9 @@
 #include "support/stress_engine.h"
 #include "zon_flow_table_inline.h"
 
-// The engine asks the host about address translation in the middle of a flow's creation, between the search for the flow
-// and its insertion. There is none here; the tests let other threads in at this point.
+// The engine asks the host about address translation in the middle of a flow's creation, between
+// the search for the flow and its insertion. There is none here; the tests let other threads in at
+// this point.
 static std::atomic<bool> pause_creation{false};
 extern "C" bool zon_ipnat_enabled(void*) {
     if (pause_creation.load(std::memory_order_relaxed))
@@ -52,8 +53,8 @@ void expect_one_flow(const seen_round& round, uint32_t number) {
     for (const seen_packet& packet : round) {
         EXPECT_NE(packet.fid, 0u) << "connection " << number << " has a packet without a flow";
         EXPECT_EQ(packet.fid, round[0].fid) << "connection " << number << " has two flows";
-        EXPECT_TRUE(counts.insert(packet.count).second) << "two packets of connection " << number << " are packet "
-                                                        << packet.count;
+        EXPECT_TRUE(counts.insert(packet.count).second)
+            << "two packets of connection " << number << " are packet " << packet.count;
         EXPECT_LE(packet.count, packet_threads);
         EXPECT_EQ(packet.first, packet.count == 1) << "connection " << number;
         firsts += packet.first;
@@ -82,7 +83,8 @@ TEST_P(packets_on_threads, make_one_flow_of_one_connection) {
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2 * rounds);
 }
 
-// A pre-create callback that pauses widens the time between a packet's search and its flow's insertion.
+// A pre-create callback that pauses widens the time between a packet's search and its flow's
+// insertion.
 bool allow_after_a_pause(void*, zon_client_id_e) {
     std::this_thread::yield();
     return true;
@@ -107,13 +109,13 @@ TEST_P(packets_on_threads, make_one_flow_while_clients_are_asked) {
     EXPECT_EQ(half_flows(), 2 * rounds);
 }
 
-// ---- announced flows -------------------------------------------------------------------------------------------------
+// ---- announced flows
+// -------------------------------------------------------------------------------------------------
 
 struct announced_round {
     seen_round packets{};
     zon_fid_t announced = 0;
 };
-
 
 class packets_and_announcements : public packets_on_threads {
 protected:
@@ -126,7 +128,8 @@ protected:
                 self.meet();
                 self.doing("announce");
                 const zon_flow_tuple_t tuple = tuple_of(number);
-                EXPECT_EQ(zon_pre_flow_add(type, &tuple, 0, &all[number].announced, nullptr), zon_error_none);
+                EXPECT_EQ(zon_pre_flow_add(type, &tuple, 0, &all[number].announced, nullptr),
+                          zon_error_none);
                 self.meet();
             }
         });
@@ -146,13 +149,17 @@ protected:
 
 TEST_P(packets_and_announcements, share_the_flow_of_a_complete_tuple) {
     constexpr uint32_t rounds = 1500;
-    const std::vector<announced_round> all = announce_and_send(ZON_FLOW_TUPLE_TYPE_COMPLETE, rounds);
+    const std::vector<announced_round> all =
+        announce_and_send(ZON_FLOW_TUPLE_TYPE_COMPLETE, rounds);
     for (uint32_t number = 0; number < rounds; ++number) {
         const seen_packet* packets = all[number].packets.data();
-        EXPECT_EQ(packets[0].fid, all[number].announced) << "connection " << number << " has a flow and a pre-flow";
-        EXPECT_EQ(packets[1].fid, all[number].announced) << "connection " << number << " has a flow and a pre-flow";
+        EXPECT_EQ(packets[0].fid, all[number].announced)
+            << "connection " << number << " has a flow and a pre-flow";
+        EXPECT_EQ(packets[1].fid, all[number].announced)
+            << "connection " << number << " has a flow and a pre-flow";
         EXPECT_EQ(packets[0].count + packets[1].count, 3u) << "connection " << number;
-        EXPECT_LE(packets[0].promoted + packets[1].promoted, 1) << "connection " << number << " was promoted twice";
+        EXPECT_LE(packets[0].promoted + packets[1].promoted, 1)
+            << "connection " << number << " was promoted twice";
     }
     EXPECT_EQ(half_flows(), 2 * rounds);
     expect_no_pre_flows();
@@ -169,8 +176,8 @@ TEST_P(packets_and_announcements, promote_once_what_was_announced_in_part) {
             for (uint32_t number = 0; number < rounds; ++number) {
                 self.doing("announce");
                 const zon_flow_tuple_t tuple = tuple_of(number);
-                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &all[number].announced,
-                                           nullptr),
+                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0,
+                                           &all[number].announced, nullptr),
                           zon_error_none);
                 self.meet();
                 self.meet();
@@ -198,7 +205,8 @@ TEST_P(packets_and_announcements, promote_once_what_was_announced_in_part) {
     expect_no_pre_flows();
 }
 
-// Every thread announces and uses connections of its own: what the others take back must not hide what it has announced.
+// Every thread announces and uses connections of its own: what the others take back must not hide
+// what it has announced.
 TEST_P(packets_and_announcements, find_each_live_announcement) {
     constexpr uint32_t rounds = 3000;
     std::atomic<uint32_t> missed{0};
@@ -206,17 +214,20 @@ TEST_P(packets_and_announcements, find_each_live_announcement) {
     for (uint32_t thread = 0; thread < packet_threads; ++thread)
         crew.add("announcer " + std::to_string(thread), [&missed, thread](stress_thread& self) {
             const uint32_t number = thread + 1;
-            const zon_flow_tuple_type_t types[] = {ZON_FLOW_TUPLE_TYPE_COMPLETE, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN};
+            const zon_flow_tuple_type_t types[] = {ZON_FLOW_TUPLE_TYPE_COMPLETE,
+                                                   ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN};
             for (uint32_t round = 0; round < rounds; ++round) {
                 const zon_flow_tuple_t tuple = tuple_of(number);
                 zon_fid_t announced = 0;
                 self.doing("announce");
-                EXPECT_EQ(zon_pre_flow_add(types[self.below(2)], &tuple, 0, &announced, nullptr), zon_error_none);
+                EXPECT_EQ(zon_pre_flow_add(types[self.below(2)], &tuple, 0, &announced, nullptr),
+                          zon_error_none);
                 self.doing("send");
                 const sent_packet sent = send(connection_packet::udp(number));
                 missed += sent.fid != announced || sent.seen.was_promoted == 0;
                 self.doing("delete");
-                EXPECT_TRUE(zon_delete_flow_tamonet(sent.fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+                EXPECT_TRUE(
+                    zon_delete_flow_tamonet(sent.fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
                 self.stumble();
             }
         });
@@ -236,7 +247,8 @@ TEST_P(packets_and_announcements, make_one_announcement_of_one_tuple) {
                 self.meet();
                 self.doing("announce");
                 const zon_flow_tuple_t tuple = tuple_of(number);
-                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fids[number][thread], nullptr),
+                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0,
+                                           &fids[number][thread], nullptr),
                           zon_error_none);
             }
         });
@@ -244,7 +256,8 @@ TEST_P(packets_and_announcements, make_one_announcement_of_one_tuple) {
     for (uint32_t number = 0; number < rounds; ++number)
         EXPECT_EQ(fids[number][0], fids[number][1]) << "tuple " << number << " was announced twice";
     EXPECT_EQ(half_flows(), 2 * rounds);
-    EXPECT_EQ(zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 2 * rounds);
+    EXPECT_EQ(zon_private_get_incomplete_inserts(g_zon->flow_tbl, ZON_IPV4_KEY_PRE_FLOW_COMPLETE),
+              2 * rounds);
 }
 
 INSTANTIATE_TEST_SUITE_P(stress, packets_on_threads, both_schedules, schedule_name);

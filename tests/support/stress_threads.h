@@ -79,7 +79,7 @@ public:
                             std::move(what)});
     }
 
-    void run(schedule how, std::chrono::seconds limit = std::chrono::seconds(60)) {
+    void run(schedule how, std::chrono::seconds limit = std::chrono::seconds(120)) {
         const watchdog watched(limit, [this] { describe(); });
         if (how == schedule::one_thread) {
             for (member& each : members_)

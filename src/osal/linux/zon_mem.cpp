@@ -17,7 +17,6 @@
 
 #include "osal/zon_debug.h"
 #include "vem/vem_mem_chunk.h"
-#include "zon_super_ctx_table.h"
 
 void** zon_private_ipv4_flow_mem_buffer;
 int32_t zon_private_ipv4_flow_mem_buffer_count;
@@ -47,9 +46,9 @@ constexpr chunk_row chunk_rows[] = {
      sizeof(zon_ipv6_half_flow_t), "ZON Data Path IPV6 Half Flow Memory Chunk"},
     {ZON_FLOW_MEM_TYPE, &zon_chunk_mem_t::zon_flow_mem, sizeof(zon_flow_t),
      "ZON Data Path Flow Memory Chunk"},
-    {ZON_SUPER_CTX_MEM_TYPE, &zon_chunk_mem_t::zon_super_ctx_mem, sizeof(zon_super_context_t),
+    {ZON_SUPER_CTX_MEM_TYPE, &zon_chunk_mem_t::zon_super_ctx_mem, zon_super_context_size,
      "ZON Data Path Super Context Memory Chunk"},
-    {ZON_FLOW_LIST_ELEMENT_MEM_TYPE, &zon_chunk_mem_t::zon_flow_list_mem, sizeof(zon_flow_list_t),
+    {ZON_FLOW_LIST_ELEMENT_MEM_TYPE, &zon_chunk_mem_t::zon_flow_list_mem, zon_flow_list_element_size,
      "ZON Data Path Flow List Element Memory Chunk"},
     {ZON_FLOW_FO_MEM_TYPE, &zon_chunk_mem_t::zon_flow_fo_mem, sizeof(zon_flow_fo_t),
      "ZON Data Path Flow FO Memory Chunk"},

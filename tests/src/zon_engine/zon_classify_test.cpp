@@ -481,7 +481,13 @@ TEST_F(classified_packet_DeathTest, with_a_key_type_outside_the_table_stops_the_
     engine_call call(udp4());
     call.key()->key.key_type = ZON_MAX_KEY;
     EXPECT_DEATH(call.run(), "zon_hash_func_ipv6: Assertion `0' failed");
+    // With a hash of the host it gets as far as the announced flows, and no farther than the half flow.
     call.key()->key.hash_valid = 1;
+    EXPECT_DEATH(call.run(), "Assertion `half_flow_key_type <= ZON_IPV6_LAST_KEY' failed");
+    zon_flow_tuple_t tuple{};
+    tuple.src_ip.addr_type = ZON_IP_ADDR_IPV4;
+    zon_fid_t fid = 0;
+    ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_none);
     EXPECT_DEATH(call.run(), "Unknown key type 10");
 }
 

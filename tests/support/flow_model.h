@@ -1,4 +1,4 @@
-// zon_flow_model.h - what the engine is expected to do with a script of packets, stated slowly and plainly.
+// flow_model.h - what the engine is expected to do with a script of packets, stated slowly and plainly.
 //
 // A map of tuples to flows, and a list of deadlines. It knows nothing of hashes, locks, half flows or wheels. TCP is followed
 // without checks of numbers, flags only.
@@ -74,6 +74,12 @@ public:
         uint32_t max_flows, block, tcp_opening_ms, udp_opening_ms, announced_ms;
     };
     explicit flow_model(const settings& chosen) : settings_(chosen) {}
+
+    // The model's clock starts where the engine's stands; the first block of records is there from the start.
+    void start(uint64_t now) {
+        now_ = now;
+        make_block();
+    }
 
     // ---- packets ----
 
@@ -172,13 +178,12 @@ public:
     uint64_t next_certain_moment(uint64_t moment) const {
         for (bool moved = true; moved;) {
             moved = false;
-            for (const auto& [fid, f] : flows_)
-                for (interval due = f.due; due.from <= moment; due = following(due, f.age_ms)) {
-                    if (moment <= due.to) {
-                        moment = due.to + 1;
-                        moved = true;
-                    }
-                }
+            for (const auto& [fid, f] : flows_) {
+                // Nothing is seen of a flow meanwhile: it is renewed once at most.
+                moved = moved || step_out_of(f.due, moment);
+                if (f.seen_since)
+                    moved = moved || step_out_of(due_after(f.due, f.age_ms), moment);
+            }
         }
         return moment;
     }
@@ -198,7 +203,7 @@ public:
                     break;
                 }
                 f.seen_since = false;
-                f.due = following(f.due, f.age_ms);
+                f.due = due_after(f.due, f.age_ms);
             }
         return expired;
     }
@@ -207,11 +212,11 @@ public:
         for (const deletion& told : in_order)
             drop(told.fid);
     }
-    // Flows whose deadline has become vague by many renewals.
+    // Flows whose deadline has become vague by five renewals.
     std::vector<uint32_t> vague() const {
         std::vector<uint32_t> found;
         for (const auto& [fid, f] : flows_)
-            if (f.due.to - f.due.from > 900000)
+            if (f.due.to - f.due.from > 5 * 2 * tick_us)
                 found.push_back(fid);
         return found;
     }
@@ -241,16 +246,24 @@ private:
         const uint64_t us = (ms == 0 ? 1024 : ms) * uint64_t{1000};
         return {start.from + us, start.to + us + 2 * tick_us};
     }
-    static interval following(interval due, uint32_t ms) { return due_after(due, ms); }
+    static bool step_out_of(interval due, uint64_t& moment) {
+        const bool inside = due.from <= moment && moment <= due.to;
+        if (inside)
+            moment = due.to + 1;
+        return inside;
+    }
     void arm(flow& f, uint32_t ms) {
         f.due = due_after({now_, now_}, ms);
         f.seen_since = false;
     }
 
+    void make_block() {
+        for (uint32_t i = 0; i < settings_.block && made_ < settings_.max_flows; ++i)
+            free_.push_back(++made_);
+    }
     flow* make() {
-        if (free_.empty() && made_ < settings_.max_flows)
-            for (uint32_t i = 0; i < settings_.block && made_ < settings_.max_flows; ++i)
-                free_.push_back(++made_);
+        if (free_.empty())
+            make_block();
         if (free_.empty()) {
             ++refused_;
             return nullptr;
@@ -409,14 +422,6 @@ private:
     std::map<connection_tuple, uint32_t> by_tuple_;
     size_t announced_ = 0;
     uint32_t refused_ = 0;
-
-public:
-    // The model's clock starts where the engine's stands; the first block of records is there from the start.
-    void start(uint64_t now) {
-        now_ = now;
-        for (uint32_t i = 0; i < settings_.block && made_ < settings_.max_flows; ++i)
-            free_.push_back(++made_);
-    }
 };
 
 }  // namespace zon_test
