@@ -23,15 +23,17 @@ typedef enum zon_clock_mode_e_ ZON_ENUM_BASE {
 } zon_clock_mode_e;
 
 /* Chooses the clock. Time goes on from the present reading. Set it before zon_timer_tw_init.
- *   35 unknown mode */
+ *   35 unknown mode, or called from a callback of the engine's timers */
 ZON_API zon_error_t zon_clock_set_mode(zon_clock_mode_e mode);
 
 /* The clock's reading. */
 ZON_API uint64_t zon_clock_now_us(void);
 
 /* Turns a manual clock forward and returns when everything due by then has run, each timer at its own time.
- * Must not be called from a callback of the engine nor with a flow locked.
- *   35 the clock is the system's */
+ * Must not be called with a flow locked. With ZON_CLOCK_MANUAL_WAIT a due timer makes this wait for the timer thread;
+ * where that thread has ended and the engine is still set up, the turn never returns.
+ *   35 the clock is the system's, the reading would exceed 2^62, or called from a callback of the engine's timers;
+ *      the clock has not moved */
 ZON_API zon_error_t zon_clock_advance_us(uint64_t by_us);
 
 /* The same to an absolute reading; a reading in the past turns nothing back and is no error. */

@@ -109,7 +109,10 @@ inline bool is_linked(zon_hashset set, zon_hashset_item item) {
 enum class flow_lock_state { held, busy, dying };
 
 // Under a bucket lock a flow lock is only tried for, never awaited.
+// A flow on its way out is passed over without its lock, which the deleting thread keeps.
 inline flow_lock_state try_flow(zon_flow_t* flow) {
+    if (zon_flow_is_dying(flow)) [[unlikely]]
+        return flow_lock_state::dying;
     if (!zon_try_lock_internal(flow->flow_lock)) [[unlikely]]
         return flow_lock_state::busy;
     if (zon_flow_is_dying(flow)) [[unlikely]] {

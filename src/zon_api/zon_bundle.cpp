@@ -112,6 +112,13 @@ private:
     // end of the list.
     locked_flow lock_child(zon_flow_t* child) {
         while (child != nullptr) {
+            // One on its way out is passed over without its lock, which the deleting thread keeps.
+            if (zon_flow_is_dying(child)) {
+                if (!remember(child))
+                    return {};
+                child = next_of(child);
+                continue;
+            }
             locked_flow held = zon_try_lock_internal(child->flow_lock) ? locked_flow::adopt(child)
                                                                        : wait_for(child);
             zon_flow_t* now = still_next(child);

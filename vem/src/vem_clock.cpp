@@ -42,7 +42,7 @@ uint64_t monotonic_us() {
     if (source.load(std::memory_order_acquire) == clock_source::resumed) {
         return monotonic_us() + static_cast<uint64_t>(shift_us.load(std::memory_order_relaxed));
     }
-    return by_hand_us.load(std::memory_order_relaxed);
+    return by_hand_us.load();
 }
 
 clock_source source_of(int mode) {
@@ -56,11 +56,11 @@ clock_source source_of(int mode) {
     }
 }
 
-// Never turns back, also when several threads turn at once.
+// Never turns back, also when several threads turn at once. In one order with the horizon: a start
+// sees the reading, or the turn sees what is started.
 void turn_to(uint64_t reading_us) {
-    uint64_t present = by_hand_us.load(std::memory_order_relaxed);
-    while (present < reading_us &&
-           !by_hand_us.compare_exchange_weak(present, reading_us, std::memory_order_relaxed)) {
+    uint64_t present = by_hand_us.load();
+    while (present < reading_us && !by_hand_us.compare_exchange_weak(present, reading_us)) {
     }
 }
 
@@ -85,24 +85,31 @@ void dispatch_here(std::unique_lock<std::mutex>& lock) {
     }
 }
 
+// Runs what is due on the way, each timer at its own time.
+void run_what_is_due_by(uint64_t target_us, std::unique_lock<std::mutex>& lock) {
+    const bool here = source.load() == clock_source::by_hand_inline;
+    for (;;) {
+        const uint64_t due_us = the_schedule.earliest_due_us();
+        if (due_us > target_us) {
+            return;
+        }
+        turn_to(due_us);
+        here ? dispatch_here(lock) : hand_over(lock);
+    }
+}
+
 // Turns the clock from due time to due time. The caller has the turn.
 void turn_through_due_times(uint64_t target_us) {
-    const bool here = source.load() == clock_source::by_hand_inline;
     std::unique_lock lock(the_schedule.mutex);
     the_schedule.turning = true;
     the_schedule.publish_horizon();
     while (the_schedule.anyone_dispatching()) {
         the_schedule.progress.wait(lock);
     }
-    for (;;) {
-        const uint64_t due_us = the_schedule.earliest_due_us();
-        if (due_us > target_us) {
-            break;
-        }
-        turn_to(due_us);
-        here ? dispatch_here(lock) : hand_over(lock);
-    }
-    turn_to(target_us);
+    do {
+        run_what_is_due_by(target_us, lock);
+        turn_to(target_us);
+    } while (the_schedule.earliest_due_us() <= target_us);  // started during the last step
     the_schedule.turning = false;
     the_schedule.publish_horizon();
 }
@@ -166,11 +173,12 @@ int vem_clock_advance_us(uint64_t by_us) {
 
 int vem_clock_advance_to_us(uint64_t target_us) {
     const clock_source present = source.load(std::memory_order_relaxed);
-    if (present == clock_source::by_hand_inline &&
-        target_us < the_schedule.horizon_us.load(std::memory_order_relaxed) &&
-        target_us <= last_reading) {
+    if (present == clock_source::by_hand_inline && target_us <= last_reading &&
+        the_schedule.nothing_due_by(target_us)) {
         turn_to(target_us);  // nothing becomes due: the usual turn, and a cheap one
-        return 0;
+        if (the_schedule.nothing_due_by(target_us)) {
+            return 0;  // still: no start came in between
+        }
     }
     if (clock_mode() == VEM_CLOCK_SYSTEM) {
         return EPERM;

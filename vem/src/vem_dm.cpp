@@ -120,7 +120,23 @@ bool schedule::anyone_dispatching() const {
 }
 
 void schedule::publish_horizon() {
-    horizon_us.store(turning || anyone_dispatching() ? 0 : earliest_due_us());
+    horizon_us.store(closed);
+    if (turning || anyone_dispatching()) {
+        return;
+    }
+    for (uint64_t expected = closed;
+         !horizon_us.compare_exchange_strong(expected, earliest_due_us()); expected = closed) {
+        horizon_us.store(closed);
+    }
+}
+
+void schedule::lower_horizon(uint64_t due_us) {
+    uint64_t present = horizon_us.load();
+    uint64_t lowered = 0;
+    do {
+        lowered = present == closed ? closed_and_missed
+                                    : std::min(present, std::max(due_us, closed_and_missed));
+    } while (lowered != present && !horizon_us.compare_exchange_weak(present, lowered));
 }
 
 void schedule::wake_all() {
@@ -132,7 +148,6 @@ void schedule::wake_all() {
 
 void due_came_earlier(uint64_t manager, uint64_t due_us) {
     const std::lock_guard lock(the_schedule.mutex);
-    the_schedule.horizon_us.store(std::min(the_schedule.horizon_us.load(), due_us));
     manager_entry* entry = the_schedule.find(manager);
     if (entry != nullptr && due_us < entry->sleeping_until) {
         entry->wake.notify_all();

@@ -4,8 +4,6 @@
 // Locks  one mutex a chunk, innermost.
 #include "vem/vem_mem_chunk.h"
 
-#include <sys/mman.h>
-
 #include <algorithm>
 #include <array>
 #include <cstdlib>
@@ -64,20 +62,13 @@ void allow(void* memory, size_t bytes) {
 #endif
 }
 
-// Large pieces sit on huge pages: with a million records nearly every access would miss the small
-// pages' TLB.
+// Large pieces are whole and aligned for huge pages, should the system give them; none are asked
+// for, so that memory is taken page by page as records are handed out.
 piece_header* obtain_piece(size_t wanted) {
-    const bool large = wanted >= huge_page;
-    const size_t alignment = large ? huge_page : cache_line;
+    const size_t alignment = wanted >= huge_page ? huge_page : cache_line;
     const size_t bytes = rounded_up(wanted, alignment);
     void* memory = std::aligned_alloc(alignment, bytes);
-    if (memory == nullptr) {
-        return nullptr;
-    }
-    if (large) {
-        madvise(memory, bytes, MADV_HUGEPAGE);  // advice only; small pages serve as well
-    }
-    return new (memory) piece_header{nullptr, bytes};
+    return memory == nullptr ? nullptr : new (memory) piece_header{nullptr, bytes};
 }
 
 }  // namespace

@@ -38,10 +38,17 @@ struct schedule {
     bool turning = false;  // the clock is on its way through due times
     std::array<manager_entry, most_managers> managers;
 
-    // The clock may be turned to any reading below this without a look at the wheels.
-    std::atomic<uint64_t> horizon_us{never_due};
-
     static constexpr uint64_t never_due = UINT64_MAX;
+
+    // May the clock be turned to this reading without a look at the wheels? Takes no lock.
+    bool nothing_due_by(uint64_t reading_us) const {
+        const uint64_t horizon = horizon_us.load();
+        return horizon > closed_and_missed && reading_us < horizon;
+    }
+
+    // A wheel's next due time became earlier. The wheel's lock is held, so that whoever starts a
+    // timer on it afterwards relies on the horizon.
+    void lower_horizon(uint64_t due_us);
 
     // The lock is held by the caller of each of these.
     manager_entry* find(uint64_t handle);
@@ -50,6 +57,13 @@ struct schedule {
     bool anyone_dispatching() const;
     void publish_horizon();
     void wake_all();
+
+private:
+    // No due time of an attached wheel is before the horizon. While it is closed, each turn looks.
+    // The second value tells who is about to open it that he may have missed a due time.
+    static constexpr uint64_t closed = 0;
+    static constexpr uint64_t closed_and_missed = 1;
+    std::atomic<uint64_t> horizon_us{never_due};
 };
 
 extern schedule the_schedule;

@@ -61,6 +61,13 @@ public:
         return frame;
     }
     static bool any() { return innermost != nullptr; }
+    static bool any_of(const wheel_entry& entry) {
+        const callback_frame* frame = innermost;
+        while (frame != nullptr && &frame->entry_ != &entry) {
+            frame = frame->outer_;
+        }
+        return frame != nullptr;
+    }
     static bool any_of(uint64_t manager) {
         const callback_frame* frame = innermost;
         while (frame != nullptr && frame->manager_ != manager) {
@@ -147,6 +154,52 @@ bool collect_due(wheel_entry& entry, uint64_t manager, std::unique_lock<std::mut
     return false;
 }
 
+// A wheel that changed managers may still run a callback for the last one: the next callback comes
+// after it. False when that callback is further out on this thread, which would wait for itself.
+bool wait_until_idle(wheel_entry& entry, std::unique_lock<std::mutex>& lock) {
+    if (callback_frame::any_of(entry)) {
+        return false;
+    }
+    while (entry.running != nullptr) {
+        entry.idle.wait(lock);
+    }
+    return true;
+}
+
+// Whom to wake once the entry's lock is given back; no manager when nobody sleeps too long.
+struct wake_up {
+    uint64_t manager = 0;
+    uint64_t due_us = never;
+};
+
+// Arms a timer whose handler is set. The caller holds the entry's lock and read the clock before it
+// had it.
+wake_up arm_locked(wheel_entry& entry, vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
+    if (!entry.wheel->start(timer, now_us, ms)) {
+        return {};
+    }
+    entry.publish_next_due();
+    const uint64_t due_us = entry.next_due_us.load(std::memory_order_relaxed);
+    const uint64_t manager = entry.attached_to.load(std::memory_order_relaxed);
+    if (manager == 0) {
+        return {};
+    }
+    // Either a turn of the clock sees the horizon or its new reading is seen here (the partner is
+    // vem_clock_advance_to_us); the timer then counts from after the turn, which has missed it.
+    the_schedule.lower_horizon(due_us);
+    const uint64_t later_us = vem_clock_now_us();
+    if (later_us >= now_us + uint64_t{ms} * 1000) {
+        entry.wheel->start(timer, later_us, ms);
+    }
+    return {manager, due_us};
+}
+
+void wake_sleepers(const wake_up& whom) {
+    if (whom.manager != 0) {
+        due_came_earlier(whom.manager, whom.due_us);
+    }
+}
+
 // The caller holds the schedule's lock. NULL when all entries are taken.
 wheel_entry* find_free_entry(uint32_t& number) {
     for (number = 1; number <= most_wheels; ++number) {
@@ -186,7 +239,8 @@ bool inside_callback_of(uint64_t manager) {
 
 void run_due_timers(wheel_entry& entry, uint64_t manager) {
     std::unique_lock lock(entry.mutex);
-    if (!collect_due(entry, manager, lock)) {
+    // Idle it stays: only who has the manager's turn starts callbacks of its wheels.
+    if (!collect_due(entry, manager, lock) || !wait_until_idle(entry, lock)) {
         return;
     }
     // Whoever detaches the wheel relies on it that no callback starts from then on.
@@ -234,7 +288,8 @@ int vem_tw_init_wheel(vem_tw_wheel* wheel, uint32_t slots, uint32_t tick_us, uin
         entry->handle.store(handle);
     }
     entries_in_use.store(std::max(wheels_in_use(), number), std::memory_order_release);
-    *wheel = wheel_of_value(handle);
+    // Whoever loads the handle finds its entry in use.
+    std::atomic_ref(*wheel).store(wheel_of_value(handle), std::memory_order_release);
     return 0;
 }
 
@@ -265,7 +320,7 @@ int vem_tw_destroy_wheel(vem_tw_wheel* wheel) {
     }
     const uint64_t handle = value_of_wheel(*wheel);
     const int result = vem_tw_attach_vdm(*wheel, nullptr);
-    *wheel = nullptr;
+    std::atomic_ref(*wheel).store(nullptr, std::memory_order_relaxed);
     if (result != 0) {
         return result;
     }
@@ -295,8 +350,7 @@ int vem_tw_timer_start(vem_tw_wheel wheel, vem_tw_timer* timer, uint32_t ms,
     if (last_entry != nullptr && last_entry != entry) {
         vem_tw_timer_stop(timer);
     }
-    uint64_t manager = 0;
-    uint64_t due_us = never;
+    wake_up whom;
     {
         const uint64_t now_us = vem_clock_now_us();
         const timer_lock lock(*entry);
@@ -306,16 +360,9 @@ int vem_tw_timer_start(vem_tw_wheel wheel, vem_tw_timer* timer, uint32_t ms,
         cancel_if_running(*entry, timer);
         timer->callback = handler;
         timer->context = context;
-        if (!entry->wheel->start(*timer, now_us, ms)) {
-            return 0;
-        }
-        entry->publish_next_due();
-        manager = entry->attached_to.load(std::memory_order_relaxed);
-        due_us = entry->next_due_us.load(std::memory_order_relaxed);
+        whom = arm_locked(*entry, *timer, now_us, ms);
     }
-    if (manager != 0) {
-        due_came_earlier(manager, due_us);
-    }
+    wake_sleepers(whom);
     return 0;
 }
 
@@ -351,13 +398,17 @@ int vem_tw_expiry_retry(vem_tw_timer* timer, uint32_t ms) {
         return EINVAL;
     }
     wheel_entry& entry = frame->entry();
-    const uint64_t now_us = vem_clock_now_us();
-    const timer_lock lock(entry);
-    if (frame->cancelled() || entry.wheel == nullptr) {
-        return ECANCELED;
+    wake_up whom;
+    {
+        const uint64_t now_us = vem_clock_now_us();
+        const timer_lock lock(entry);
+        if (frame->cancelled() || entry.wheel == nullptr) {
+            return ECANCELED;
+        }
+        whom = arm_locked(entry, *timer, now_us, ms);
     }
-    // The dispatching thread publishes the next due time when it is done.
-    entry.wheel->start(*timer, now_us, ms);
+    // Another thread may sleep for the wheel: it may have changed managers while this callback ran.
+    wake_sleepers(whom);
     return 0;
 }
 

@@ -10,6 +10,7 @@
 
 #include "osal/zon_timer.h"
 
+#include <atomic>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -26,8 +27,10 @@ constexpr uint32_t wheel_levels = 3;
 constexpr uint32_t idle_ms_for_zero = 1024;
 constexpr uint32_t retry_ms = 1;
 
-bool has_wheel(const zon_tw_wheel_t* zon_tw) {
-    return zon_tw != nullptr && *zon_tw != nullptr;
+// Read once a start: the wheel may be made or destroyed meanwhile, which stores the handle
+// atomically. Null without a wheel.
+zon_tw_wheel_t present_wheel(zon_tw_wheel_t* zon_tw) {
+    return zon_tw == nullptr ? nullptr : std::atomic_ref(*zon_tw).load(std::memory_order_acquire);
 }
 
 uint32_t armed_ms(uint32_t timervalue) {
@@ -74,8 +77,8 @@ bool zon_timer_tw_init(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm
 
 void zon_timer_tw_destroy(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm,
                           zon_tw_pid_t* vdm_pid) {
-    if (zon_tw != nullptr)
-        vem_tw_attach_vdm(*zon_tw, nullptr);
+    // Detaches the wheel and lets a handler that is running finish with it, unless this is one.
+    vem_tw_quiesce(present_wheel(zon_tw));
     vem_tw_destroy_wheel(zon_tw);
     vem_dm_destroy(zon_timer_vdm);
     // There is no thread to join before the first creation nor after a join; an id of 0 says so.
@@ -97,9 +100,10 @@ void* zon_timer_create_process(void* arg) {
 
 void zon_timer_flow_start(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, uint32_t timervalue,
                           zon_fid_t* fid) {
-    if (timer == nullptr || !has_wheel(zon_tw))
+    zon_tw_wheel_t wheel = present_wheel(zon_tw);
+    if (timer == nullptr || wheel == nullptr)
         return;
-    const int refused = vem_tw_timer_start(*zon_tw, timer, armed_ms(timervalue),
+    const int refused = vem_tw_timer_start(wheel, timer, armed_ms(timervalue),
                                            zon_timer_handle_flow_idle_timeout_full, fid);
     if (refused != 0)
         printf("zon_timer_flow_start: start error: %s, trying to start timer at %d\n",
@@ -110,9 +114,10 @@ void zon_timer_flow_start(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, uint32_
 
 void zon_timer_frag_start(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, uint32_t timervalue,
                           zon_frag_item_* frag_item) {
-    if (timer == nullptr || !has_wheel(zon_tw))
+    zon_tw_wheel_t wheel = present_wheel(zon_tw);
+    if (timer == nullptr || wheel == nullptr)
         return;
-    vem_tw_timer_start(*zon_tw, timer, armed_ms(timervalue),
+    vem_tw_timer_start(wheel, timer, armed_ms(timervalue),
                        zon_timer_handle_frag_flow_idle_timeout_full, frag_item);
     if (!vem_tw_timer_running(timer))
         puts("zon_timer_frag_start: Error: Timer cannot start");

@@ -3,7 +3,8 @@
  * It follows CLOCK_MONOTONIC until somebody asks to turn it by hand. Turned by hand, it stands
  * still between turns; a turn over a long span stops at each due time on the way, so that every
  * callback sees its own due time and a timer that its callback starts again fires at the right
- * moments within the same turn.
+ * moments within the same turn. A start that another thread makes while the clock is being turned
+ * counts as made before or after the turn and is never lost; at the latest the next turn runs it.
  *
  * Threads    any thread. Turns that need callbacks run one after the other.
  * Locks      none is held while a callback runs. Whoever turns the clock holds no lock that a
@@ -35,7 +36,8 @@ int vem_clock_set_mode(int mode);
 
 /* Turns the clock forward and returns when every timer due by then, of all attached wheels, has
  * run. Without such a wheel only the time moves. In the waiting mode a due timer makes this wait
- * for vem_dm_dispatch on another thread, also if that thread has yet to come.
+ * for vem_dm_dispatch on another thread, also if that thread has yet to come; if none comes, the
+ * turn never returns.
  *   EPERM      the mode is VEM_CLOCK_SYSTEM
  *   EDEADLK    called from a timer's callback; the clock has not moved
  *   EOVERFLOW  the reading would exceed 2^62; the clock has not moved

@@ -5,6 +5,10 @@
  * the clock instead.
  *
  * Threads    any thread; one dispatches at a time, a second one waits for its turn.
+ *            A callback may dispatch another manager, and then waits for whoever has that one's
+ *            turn. Callbacks of two managers, on two threads, that dispatch each other's manager
+ *            wait for each other forever. The same goes for a wheel that is attached to another
+ *            manager while its callback runs: there its timers wait for that callback.
  * Locks      none is held while a callback runs, and none is held on return.
  * Ownership  a handle names its manager and is not a pointer: a destroyed manager's handle is
  *            refused, never followed.
@@ -37,6 +41,7 @@ int vem_dm_wait(vem_dm_handle manager);
 /* Runs the callbacks of all timers that are due, on the calling thread. Nothing due is no error.
  *   EINVAL   NULL, or the manager is destroyed
  *   EDEADLK  called from a callback that this manager runs
+ * Inside a callback of a wheel that was meanwhile attached to this manager, that wheel is left out.
  */
 int vem_dm_dispatch(vem_dm_handle manager);
 

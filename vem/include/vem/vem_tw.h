@@ -54,8 +54,8 @@ struct vem_tw_timer_ {
 
 /* Creates a wheel of at least `levels` levels with `slots` slots each (rounded up to a power of
  * two; 1 to 65536) and a tick of tick_us microseconds. Levels are added or left out so that the
- * wheel spans 2^32 - 1 ms. Ticks count from the clock's reading at this moment. The last three
- * arguments are ignored.
+ * wheel spans 2^32 - 1 ms. Ticks count from the clock's reading at this moment. The handle is stored
+ * atomically. The last three arguments are ignored.
  *   EINVAL  wheel is NULL, or slots, tick_us or levels is out of range
  *   ENOMEM  no memory
  *   EAGAIN  the process has as many wheels as it can have (128)
@@ -65,12 +65,14 @@ int vem_tw_init_wheel(vem_tw_wheel* wheel, uint32_t slots, uint32_t tick_us, uin
 
 /* Makes the wheel's timers run where the manager is dispatched; NULL detaches. On a detached wheel
  * timers may be started and stopped, and fire once it is attached again. Does not wait for a
- * callback that is running.
+ * callback that is running; the new manager's thread does, before it runs the wheel's next one.
  *   EINVAL  either one is destroyed, or wheel is NULL
  */
 int vem_tw_attach_vdm(vem_tw_wheel wheel, vem_dm_handle manager);
 
-/* Destroys the wheel and sets the handle to NULL. Timers that run are disarmed without a call of
+/* Destroys the wheel and sets the handle to NULL, by an atomic store: others may load it atomically
+ * meanwhile, and a start with what they loaded is refused. Does not wait for a callback that is
+ * running (vem_tw_quiesce does). Timers that run are disarmed without a call of
  * their callbacks, so that a later stop is harmless; an expiry whose callback is running counts as
  * cancelled.
  *   EINVAL  NULL, or destroyed before

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <semaphore>
 #include <string>
 #include <thread>
 
@@ -204,6 +205,108 @@ TEST_F(timer_wheel, may_be_set_up_again) {
         make_wheel();
         zon_timer_tw_destroy(&wheel, &manager, &thread);
     }
+}
+
+namespace {
+
+// A handler that is running while somebody destroys the wheel.
+struct running_handler {
+    zon_tw_wheel_t* wheel = nullptr;
+    std::binary_semaphore entered{0};
+    bool had_wheel = false;
+    zon_tw_timer_t other{};
+    zon_fid_t no_fid = ZON_NULL_FID;
+
+    zon_tw_wheel_t seen() const {
+        return std::atomic_ref(*wheel).load(std::memory_order_acquire);
+    }
+    static void run(vem_tw_wheel tw, vem_tw_timer*, void* context) {
+        auto* self = static_cast<running_handler*>(context);
+        self->entered.release();
+        while (!vem_tw_is_detached(tw))
+            std::this_thread::yield();
+        for (int turn = 0; turn < 1000 && self->seen() != nullptr; ++turn)
+            std::this_thread::yield();
+        self->had_wheel = self->seen() != nullptr;
+        zon_timer_flow_start(self->wheel, &self->other, 1000, &self->no_fid);
+    }
+};
+
+}  // namespace
+
+TEST_F(timer_wheel, stays_until_the_handler_that_is_running_has_done_with_it) {
+    ASSERT_EQ(zon_clock_set_mode(ZON_CLOCK_SYSTEM), zon_error_none);
+    captured_output output(stdout);
+    make_wheel();
+    running_handler handler;
+    handler.wheel = &wheel;
+    ASSERT_EQ(vem_tw_timer_start(wheel, &timer, 1, running_handler::run, &handler), 0);
+    handler.entered.acquire();
+    zon_timer_tw_destroy(&wheel, &manager, &thread);
+    EXPECT_TRUE(handler.had_wheel);
+    EXPECT_FALSE(zon_timer_running(&handler.other)) << "destruction disarms what was started last";
+    EXPECT_EQ(wheel, nullptr);
+    EXPECT_EQ(output.text(), "");
+}
+
+TEST_F(timer_wheel, may_be_made_and_destroyed_while_packets_start_timers) {
+    captured_output output(stdout);  // starts may be refused for a moment, and say so
+    std::atomic<bool> stop{false};
+    std::thread packets([&] {
+        while (!stop) {
+            zon_timer_flow_start(&wheel, &timer, 1000, &no_fid);
+            zon_timer_stop(&timer);
+        }
+    });
+    for (int round = 0; round < 50; ++round) {
+        make_wheel();
+        std::this_thread::yield();
+        zon_timer_tw_destroy(&wheel, &manager, &thread);
+    }
+    stop = true;
+    packets.join();
+    EXPECT_EQ(wheel, nullptr);
+    EXPECT_FALSE(zon_timer_running(&timer));
+}
+
+TEST_F(timer_wheel, may_be_destroyed_by_its_own_handler) {
+    struct engine_fields {
+        zon_tw_wheel_t* wheel;
+        zon_tw_dm_handle_t* manager;
+    } fields{&wheel, &manager};
+    const auto destroy = [](vem_tw_wheel, vem_tw_timer*, void* context) {
+        const auto* own = static_cast<engine_fields*>(context);
+        zon_timer_tw_destroy(own->wheel, own->manager, nullptr);
+    };
+    for (const zon_clock_mode_e mode : {ZON_CLOCK_MANUAL_INLINE, ZON_CLOCK_MANUAL_WAIT}) {
+        ASSERT_EQ(zon_clock_set_mode(mode), zon_error_none);
+        make_wheel();
+        ASSERT_EQ(vem_tw_timer_start(wheel, &timer, 10, destroy, &fields), 0);
+        advance_ms(10 + two_ticks_ms);
+        EXPECT_EQ(pthread_join(thread, nullptr), 0);
+        EXPECT_EQ(wheel, nullptr);
+        EXPECT_EQ(manager, nullptr);
+    }
+}
+
+TEST_F(timer_wheel, lets_no_handler_turn_or_switch_the_clock) {
+    struct refusals {
+        zon_error_t turn = zon_error_none;
+        zon_error_t turn_to = zon_error_none;
+        zon_error_t mode = zon_error_none;
+    } got;
+    const auto attempt = [](vem_tw_wheel, vem_tw_timer*, void* context) {
+        auto* seen = static_cast<refusals*>(context);
+        seen->turn = zon_clock_advance_us(1);
+        seen->turn_to = zon_clock_advance_to_us(zon_clock_now_us() + 1);
+        seen->mode = zon_clock_set_mode(ZON_CLOCK_SYSTEM);
+    };
+    make_wheel();
+    ASSERT_EQ(vem_tw_timer_start(wheel, &timer, 10, attempt, &got), 0);
+    advance_ms(10 + two_ticks_ms);
+    EXPECT_EQ(got.turn, zon_error_parameter_invalid);
+    EXPECT_EQ(got.turn_to, zon_error_parameter_invalid);
+    EXPECT_EQ(got.mode, zon_error_parameter_invalid);
 }
 
 // Outside a thread of the runtime's own the entry returns and says why.
