@@ -13,4 +13,9 @@ if(ZON_SANITIZE)
   endif()
 endif()
 
+if(ZON_FUZZ)
+  # Everything reports its coverage; only the fuzzers link the driver.
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()
+
 find_package(Threads REQUIRED)
