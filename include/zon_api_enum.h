@@ -15,7 +15,7 @@ extern "C" {
 typedef enum zon_capability_e_ ZON_ENUM_BASE {
     ZON_CAPABILITY_ENABLE_TCP = 1,
     ZON_CAPABILITY_ENABLE_UDP = 2,
-    ZON_CAPABILITY_ENABLE_ICMP = 4,
+    ZON_CAPABILITY_ENABLE_ICMP = 4, /* only counted: no ICMP packet is classified because of it */
     ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS = 8,
     ZON_CAPABILITY_ENABLE_IPV6INIP = 16,
     ZON_CAPABILITY_ENABLE_TEREDO = 32,
@@ -159,7 +159,8 @@ typedef enum zon_key_type_t_ ZON_ENUM_BASE {
     ZON_MAX_KEY = 10
 } zon_key_type_t;
 
-/* The texts of the states and verdicts; "unknown" for a value outside the enumeration. Never null, never freed. */
+/* The texts of the states and verdicts; "unknown" for a value outside the enumeration. Never null,
+ * never freed. */
 ZON_API const char* zon_tcp_state_string(zon_tcp_state_t state);
 ZON_API const char* zon_session_state_string(int state);
 ZON_API const char* zon_l4_retcode_string(int code);

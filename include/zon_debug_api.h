@@ -1,7 +1,9 @@
-/* zon_debug_api.h - what operators look at: reports of flows, dumps and statistics on standard output.
+/* zon_debug_api.h - what operators look at: reports of flows, dumps and statistics on standard
+ * output.
  *
- * Threads    any; a dump runs beside traffic and may be slightly inconsistent. Do not destroy the engine meanwhile:
- *            zon_destroy refuses while a dump runs.
+ * Threads    any; a dump runs beside traffic and may be slightly inconsistent. zon_destroy
+ *            refuses while a dump runs, but that test and the destruction are not one step: do not
+ *            start a dump while the engine is being destroyed.
  */
 #ifndef ZON_DEBUG_API_H
 #define ZON_DEBUG_API_H

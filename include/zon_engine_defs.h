@@ -1,12 +1,17 @@
-/* zon_engine_defs.h - the engine: its records, its life cycle, its configuration and the classification entry.
+/* zon_engine_defs.h - the engine: its records, its life cycle, its configuration and the
+ * classification entry.
  *
- * The records stand here because a host may hold them by value: the indications of a packet, the parse handle, a
- * snapshot of a flow. Fields of the engine instance and of flows are read by hosts only where an operation hands
- * them out; they are written by the engine alone.
+ * The records stand here because a host may hold them by value: the indications of a packet, the
+ * parse handle, a snapshot of a flow. Fields of the engine instance and of flows are read by hosts
+ * only where an operation hands them out; they are written by the engine alone.
  *
- * Threads    zon_init, zon_destroy, zon_restart and the setters run while no packet, timer or client call runs.
+ * Threads    zon_init, zon_destroy, zon_restart and the setters run while no packet, timer or
+ *            client call runs.
+ * Ownership  the engine owns every record that it hands out; handles, keys and indications are the
+ *            host's. What g_zon leads to goes with zon_destroy.
  * Units      milliseconds (_ms), seconds (_sec), bytes.
- * Byte order addresses and ports in keys are in host order; an IPv6 address is four host-order words.
+ * Byte order addresses and ports in keys are in host order; an IPv6 address is four host-order
+ *            words.
  */
 #ifndef ZON_ENGINE_DEFS_H
 #define ZON_ENGINE_DEFS_H
@@ -18,7 +23,7 @@
 extern "C" {
 #endif
 
-/* ---- keys and flows ------------------------------------------------------------------------------------------ */
+/* ---- keys and flows ---- */
 
 /* The common head of every key; key_type tells which of the two full keys follows. */
 typedef struct zon_key_ {
@@ -75,8 +80,9 @@ typedef struct zon_flow_fo_ {
 #define ZON_MAY_ALIAS
 #endif
 
-/* One direction of a flow: the head that both families share. The key continues behind it in storage of the
- * family's size (zon_ipv4_half_flow_t, zon_ipv6_half_flow_t); never copy a half flow by assigning this head. */
+/* One direction of a flow: the head that both families share. The key continues behind it in
+ * storage of the family's size (zon_ipv4_half_flow_t, zon_ipv6_half_flow_t); never copy a half flow
+ * by assigning this head. */
 typedef struct ZON_MAY_ALIAS zon_half_flow_ {
     zon_hashset_hdr hdr;
     zon_flow_t* flow;
@@ -115,8 +121,9 @@ typedef struct zon_tcp_state_info_ {
 typedef struct zon_l4_state_t_ {
     uint8_t sess_state; /* zon_l4_flow_state_e */
     zon_tcp_state_t tcp_state;
-    uint8_t term_flags; /* 1 initiator's FIN, 4 responder's FIN, 8 initiator acknowledged, 2 responder acknowledged */
-    uint8_t pkt_count;  /* UDP packets, modulo 256 */
+    /* 1 the initiator's FIN, 4 the responder's, 2 the responder acknowledged, 8 the initiator */
+    uint8_t term_flags;
+    uint8_t pkt_count; /* UDP packets, modulo 256 */
     zon_tcp_state_info i_info;
     zon_tcp_state_info r_info;
 } zon_l4_state_t;
@@ -150,20 +157,21 @@ struct zon_flow_ {
     zon_super_context_t* super_ctx[4];
 };
 
-/* ---- packets --------------------------------------------------------------------------------------------------- */
+/* ---- packets ---- */
 
 typedef struct zon_l4_port_ {
     uint16_t src_port;
     uint16_t dst_port;
 } zon_l4_port_t;
 
-/* What the engine found in one packet. hash_valid and hash_value are the host's input and never cleared: a host that
- * supplies hashes does so for every packet, the same for both directions, and gives up the matching of pre-flows. */
+/* What the engine found in one packet. hash_valid and hash_value are the host's input and never
+ * cleared: a host that supplies hashes does so for every packet, the same for both directions, and
+ * gives up the matching of pre-flows. */
 typedef struct zon_pkt_indications_ {
-    zon_flow_ptr_t flow;       /* the packet's flow, or 0 */
-    uint64_t l7_flow_bytes;    /* payload bytes of the flow, this packet included */
-    uint32_t flow_pkt_count;   /* packets of the flow, this packet included */
-    uint32_t l4_payload_size;  /* by the headers' length fields; a capture may hold less */
+    zon_flow_ptr_t flow;      /* the packet's flow, or 0 */
+    uint64_t l7_flow_bytes;   /* payload bytes of the flow, this packet included */
+    uint32_t flow_pkt_count;  /* packets of the flow, this packet included */
+    uint32_t l4_payload_size; /* by the headers' length fields; a capture may hold less */
     uint32_t l3_payload_size;
     uint32_t l3_header_size;
     uint32_t bypass_id;
@@ -190,7 +198,8 @@ typedef struct zon_pkt_indications_ {
 typedef struct zon_dp_fe_t_ {
     uint8_t* network_start;
     uint16_t l3_proto; /* zon_l3_protocol_enum */
-    uint8_t* l4_start; /* first byte after the IP header and the extension headers; NULL after ESP */
+    uint8_t*
+        l4_start; /* first byte after the IP header and the extension headers; NULL after ESP */
     uint8_t protocol;
     uint32_t ipv6_srcaddr[4]; /* host-order words */
     uint32_t ipv6_dstaddr[4];
@@ -200,7 +209,7 @@ typedef struct zon_dp_fe_t_ {
     uint16_t ipv6_options_len;
 } zon_dp_fe_t;
 
-/* ---- the engine instance --------------------------------------------------------------------------------------- */
+/* ---- the engine instance ---- */
 
 /* How many clients have each capability enabled. */
 typedef struct zon_capability_counter_ {
@@ -213,16 +222,17 @@ typedef struct zon_capability_counter_ {
     uint32_t zon_engine_client_bypass;
 } zon_capability_counter_t;
 
+/* What the engine was created with, and what its clients have enabled since. */
 typedef struct zon_params_ {
     uint32_t max_flows;
-    uint32_t pre_flow_timer; /* ms; 0 leaves pre-flows with about one second */
-    uint32_t min_init_flows; /* flow records made per step, and at the start */
-    uint32_t max_threads;    /* lock stripes of the tables */
-    uint32_t create_chunk_elements;
-    uint32_t max_mem_buffer_init;
-    uint8_t max_bucket_depth; /* 0 is unlimited */
+    uint32_t pre_flow_timer;        /* ms; 0 leaves pre-flows with about one second */
+    uint32_t min_init_flows;        /* flow records made per step, and at the start */
+    uint32_t max_threads;           /* flow locks and bucket locks; 0 gives one of each */
+    uint32_t create_chunk_elements; /* records by which a memory chunk grows; 0 counts as 1 */
+    uint32_t max_mem_buffer_init;   /* flows whose records (IPv4) are made ready at creation */
+    uint8_t max_bucket_depth;       /* half flows per bucket; 0 is unlimited */
     zon_capability_counter_t capability_counter;
-    zon_capability_e client_enabled_capability[32];
+    zon_capability_e client_enabled_capability[32]; /* by client id, as bits; 0 is unused */
 } zon_params_t;
 
 /* Idle time-outs in milliseconds. */
@@ -270,7 +280,8 @@ struct zon_super_context_table_;
 struct zon_client_info_list_entry_;
 struct zon_client_id_list_entry_;
 
-/* The engine. A host reads params and passes the addresses of the three timer fields to zon_timer_tw_init. */
+/* The engine. A host reads params and passes the addresses of the three timer fields to
+ * zon_timer_tw_init. */
 typedef struct zon_ {
     struct zon_flow_table_* flow_tbl;
     struct zon_fid_table_* fid_table;
@@ -302,51 +313,63 @@ typedef struct zon_flow_memory_usage_ {
 extern ZON_API zon_t* g_zon;
 
 /* What a host passes to zon_init unless it knows better. zon_init itself reads none of them. */
-extern ZON_API uint32_t ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO; /* 1 */
-extern ZON_API uint32_t ZON_DEFAULT_MAX_FLOWS;               /* 5000 */
-extern ZON_API uint32_t ZON_DEFAULT_MIN_INIT_FLOWS;          /* 10 */
-extern ZON_API uint32_t ZON_DEFAULT_FLOW_CHUNK_SIZE;         /* 10 */
-extern ZON_API uint32_t ZON_DEFAULT_MAX_CONCURRENCY;         /* 10 */
+extern ZON_API uint32_t ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO;   /* 1 */
+extern ZON_API uint32_t ZON_DEFAULT_MAX_FLOWS;                 /* 5000 */
+extern ZON_API uint32_t ZON_DEFAULT_MIN_INIT_FLOWS;            /* 10 */
+extern ZON_API uint32_t ZON_DEFAULT_FLOW_CHUNK_SIZE;           /* 10 */
+extern ZON_API uint32_t ZON_DEFAULT_MAX_CONCURRENCY;           /* 10 */
 extern ZON_API uint32_t ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS; /* 16 */
-extern ZON_API uint32_t ZON_DEFAULT_MAX_MEM_BUFFER_INIT;     /* 10 */
-extern ZON_API uint8_t ZON_DEFAULT_MAX_COLLISION_SIZE;       /* 0 */
-extern ZON_API uint32_t ZON_DEFAULT_MIN_AGING;               /* 0 seconds */
+extern ZON_API uint32_t ZON_DEFAULT_MAX_MEM_BUFFER_INIT;       /* 10 */
+extern ZON_API uint8_t ZON_DEFAULT_MAX_COLLISION_SIZE;         /* 0 */
+extern ZON_API uint32_t ZON_DEFAULT_MIN_AGING;                 /* 0 seconds */
 
 /* Switches of the trace, all off at load; a host sets them directly at any time. */
-extern ZON_API bool zon_debug_flag_engine;
-extern ZON_API bool zon_debug_flag_fe;
-extern ZON_API bool zon_debug_flag_l4;
-extern ZON_API bool zon_debug_flag_ager;
-extern ZON_API bool zon_debug_flag_all;
+extern ZON_API bool zon_debug_flag_engine; /* life cycle, making and deletion, fragments, clients */
+extern ZON_API bool zon_debug_flag_fe;     /* parsing, with a dump of IPv6 headers */
+extern ZON_API bool zon_debug_flag_l4;     /* packets that the trackers object to */
+extern ZON_API bool zon_debug_flag_ager;   /* idle time-outs */
+extern ZON_API bool zon_debug_flag_all;    /* all four, without that dump */
 /* The error log for client-facing failures. */
 extern ZON_API bool zon_errlog;
 
-/* ---- life cycle ------------------------------------------------------------------------------------------------- */
+/* ---- life cycle ---- */
 
-/* Creates the engine, destroying an existing one first. A failure leaves what was built so far: call zon_destroy.
- *   18, 19, 20 the old engine is busy; 21, 25, 22, 24, 29, 30 a part could not be created */
-ZON_API zon_error_t zon_init(uint32_t max_flows_supported, uint32_t pre_flow_timer, uint32_t min_init_flows,
-                             uint32_t max_threads, uint8_t max_bucket_depth, uint32_t create_chunk_elements,
+/* Creates the engine, destroying an existing one first. The parameters are those of zon_params_t.
+ *   18, 19, 20                 the old engine is busy and goes on as it was
+ *   26                         the old engine is gone, its memory chunks resisted; no new one was
+ *                              made and g_zon is NULL
+ *   21, 25, 22, 24, 29, 30     a part could not be created; what was built so far stays: call
+ *                              zon_destroy */
+ZON_API zon_error_t zon_init(uint32_t max_flows_supported, uint32_t pre_flow_timer,
+                             uint32_t min_init_flows, uint32_t max_threads,
+                             uint8_t max_bucket_depth, uint32_t create_chunk_elements,
                              uint32_t max_mem_buffer_init);
-/* Deletes every flow (the clients' delete callbacks run), stops the timer thread and frees everything.
- *   18, 19, 20 a table is being walked, nothing was destroyed; 26 the memory chunks resisted */
+/* Deletes every flow (the clients' delete callbacks run), stops the timer thread and frees
+ * everything.
+ * The test for walks and the destruction are not one step: start no dump meanwhile.
+ *   18, 19, 20 a table is being walked, nothing was destroyed
+ *   26         the memory chunks resisted; the engine is gone all the same */
 ZON_API zon_error_t zon_destroy(void);
-/* Destroys and creates again with the same parameters; capabilities stay counted, clients and the timer thread are
- * gone and are set up anew. False without an engine or when a step failed. */
+/* Destroys and creates again with the same parameters; capabilities stay counted, clients and the
+ * timer thread are gone and are set up anew. False without an engine or when a step failed. The
+ * failure may come after the old engine went: zon_is_init tells whether there is one. */
 ZON_API bool zon_restart(void);
 /* zon_error_none while there is an engine, else 15. */
 ZON_API zon_error_t zon_is_init(void);
 /* Turns the per-packet trace of state changes on or off. */
 ZON_API void zon_set_debug(bool val);
 
-/*   9 null pointer, 15 no engine */
+/* The number of flows that the engine was created for.
+ *   9 null pointer, 15 no engine */
 ZON_API zon_error_t zon_config_get_max_flows(uint32_t* max_flows);
 /* Sets ZON_DEFAULT_MAX_FLOWS.
  *   9 zero, 35 below ZON_DEFAULT_MIN_INIT_FLOWS */
 ZON_API zon_error_t zon_config_set_max_flows(uint32_t max_flows);
-/* Flows of IPv4 that fit into so many bytes.
+/* Flows of IPv4 that fit into so many bytes: one is accounted at 392 bytes, its record of 248 and
+ * two half flows of 72.
  *   9 null pointer */
-ZON_API zon_error_t zon_config_calc_max_flows_for_given_memory(uint32_t mem_bytes, uint32_t* num_max_flows);
+ZON_API zon_error_t zon_config_calc_max_flows_for_given_memory(uint32_t mem_bytes,
+                                                               uint32_t* num_max_flows);
 /* Bytes in use by kind of record, modulo 2^32.
  *   9 null pointer, 15 no engine */
 ZON_API zon_error_t zon_config_calc_crnt_memory_usage(zon_flow_memory_usage_t* usage);
@@ -354,10 +377,11 @@ ZON_API zon_error_t zon_config_calc_crnt_memory_usage(zon_flow_memory_usage_t* u
  *   9 null pointer */
 ZON_API zon_error_t zon_set_default_params(zon_params_t* params);
 
-/* ---- timers and aging --------------------------------------------------------------------------------------------- */
+/* ---- timers and aging ---- */
 
 /* Creates the timer wheel, its dispatch manager and the timer thread, on the three fields of g_zon:
- *   zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create)
+ *   zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+ *                     &g_zon->zon_timer_process_create)
  * Without it flows do not age. False when a step failed; a line on standard output says which. */
 ZON_API bool zon_timer_tw_init(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm,
                                zon_tw_pid_t* zon_timer_process_create);
@@ -375,21 +399,25 @@ typedef enum zon_timer_type_ ZON_ENUM_BASE {
 } zon_timer_type;
 ZON_API void zon_timer_set_type(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, zon_timer_type type);
 
-/* Default idle time-out, in milliseconds, of flows that are created from now on. prot is 6 or 17; false otherwise, for
- * a state outside 0 to 6, and without an engine. 0 ms is armed as 1024 ms. */
+/* Default idle time-out, in milliseconds, of flows that are created from now on. prot is 6 or 17;
+ * false otherwise, for a state outside 0 to 6, and without an engine. 0 ms is armed as 1024 ms. */
 ZON_API bool zon_set_default_aging(uint8_t prot, zon_l4_flow_state_e state, uint32_t time);
-/* UDP flows become established on a responder's packet once so many (modulo 256) packets have been counted. */
+/* UDP flows become established on a responder's packet once so many (modulo 256) packets have been
+ * counted. */
 ZON_API void zon_set_open_flow_after_pkts(uint32_t count);
 
-/* ---- classification ------------------------------------------------------------------------------------------------ */
+/* ---- classification ---- */
 
-/* Finds or creates the flow of a parsed packet; the packet entries of zon_pkt_inline.h do the parsing and call this.
- * half_flow_key holds the packet's key in its own direction and is used as scratch: it must have the storage of its
- * family. The indications must have been preset. Returns the flow, or 0 with fif 0:
- *   11 a client forbade the flow; 2 no memory or no room in the table; unchanged for a refused tunnel */
+/* Finds or creates the flow of a parsed packet; the packet entries of zon_pkt_inline.h do the
+ * parsing and call this. half_flow_key holds the packet's key in its own direction and is used as
+ * scratch: it must have the storage of its family. The indications must have been preset. Returns
+ * the flow, or 0 with fif 0:
+ *   11 a client forbade the flow; 2 no memory or no room in the table; unchanged for a refused
+ *      tunnel */
 ZON_API zon_fid_t zon_engine(zon_half_flow_t* half_flow_key, zon_fe_handle fe, void* pkt_ctx,
                              zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
-                             zon_tunnel_type_e tunnel_type, zon_capability_counter_t* capability_counter,
+                             zon_tunnel_type_e tunnel_type,
+                             zon_capability_counter_t* capability_counter,
                              zon_fid_t platform_reported_dft_fid,
                              zon_l4_flow_state_e platform_reported_dft_flow_state,
                              uint32_t platform_reported_flow_packet_number);

@@ -65,8 +65,8 @@ typedef enum zon_errmsg_index_ ZON_ENUM_BASE {
     ZON_ERRMSG_INDEX_MAX = 8
 } zon_errmsg_index_e;
 
-/* The text of a code; "unknown zon error" for any value without one, negative values and zon_error_end included.
- * The text is constant and never freed. */
+/* The text of a code; "unknown zon error" for any value without one, negative values and
+ * zon_error_end included. The text is constant and never freed. */
 ZON_API const char* zon_error_str(zon_error_t err);
 
 #ifdef __cplusplus

@@ -1,12 +1,13 @@
-/* zon_flow.h - finds flows and hands them to clients: lookup, feature objects, pre-flows, queries, bundles, deletion.
+/* zon_flow.h - finds flows and hands them to clients: lookup, feature objects, pre-flows, queries,
+ * bundles, deletion.
  *
  * Threads    any thread, unless a function says otherwise.
- * Locks      flow locks are recursive and shared by several flows. Operations take and release them inside, except
- *            those that say that they return with the flow locked.
+ * Locks      flow locks are recursive and shared by several flows. Operations take and release them
+ *            inside, except those that say that they return with the flow locked.
  * Ownership  the engine owns every flow; feature objects stay their client's.
  * Units      seconds (_sec), bytes; byte order of tuples: zon_flow_tuple.h.
- * Errors     checks run in the order listed; the first failure is returned. An identifier above the engine's capacity
- *            is a programming error and aborts.
+ * Errors     checks run in the order listed; the first failure is returned. An identifier above the
+ *            engine's capacity is a programming error and aborts.
  */
 #ifndef ZON_FLOW_H
 #define ZON_FLOW_H
@@ -22,57 +23,67 @@ extern "C" {
 /* Called for each child of a flow; the result is ignored. */
 typedef bool (*child_flow_traverser_t)(const zon_flow_ptr_t child);
 
-/* ---- lookup ------------------------------------------------------------------------------------------------------ */
+/* ---- lookup ---- */
 
 /* Finds the flow of a tuple, as seen from its source, and locks it.
- *   0   *fid and *flow_lock are set; release with zon_flow_unlock, once. A caller that passes a null flow_lock gets
- *       the flow locked without the means to release it.
+ *   0   *fid and *flow_lock are set; release with zon_flow_unlock, once. A caller that passes a
+ *       null flow_lock gets the flow locked without the means to release it.
  *   15 no engine, 3 tuple type, 10 null tuple, 9 null fid
  *   1   *fid is 0, *flow_lock is NULL */
-ZON_API zon_error_t zon_flow_find_and_lock(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple,
-                                           zon_fid_t* fid, zon_lock_t* flow_lock);
+ZON_API zon_error_t zon_flow_find_and_lock(zon_flow_tuple_type_t tuple_type,
+                                           const zon_flow_tuple_t* flow_tuple, zon_fid_t* fid,
+                                           zon_lock_t* flow_lock);
 /* Releases one level of a flow's lock, on the thread that took it.
  *   9 null lock */
 ZON_API zon_error_t zon_flow_unlock(zon_lock_t flow_lock);
-/* 1 when a complete IPv4 flow of VRF 0 exists, else 0; stores the bucket either way. The tuple's VRF is not read. */
+/* 1 when a complete IPv4 flow of VRF 0 exists, else 0; stores the bucket either way. The tuple's
+ * VRF is not read. */
 ZON_API int zon_flow_lookup_tamonet(zon_flow_tuple_t* flow_tuple, int* hash_bucket);
 /* Releases the lock of a flow record, or of a snapshot of one. */
 ZON_API void zon_unlock_flow_tamonet(void* flow);
 
-/* ---- feature objects ------------------------------------------------------------------------------------------------ */
+/* ---- feature objects ---- */
 
 /* Hangs a client's object on a flow or a direction, over any earlier one of the same client.
  *   15 no engine, 8 cid outside 1 to 31, 17 direction, 9 null fo, 1 no such flow, 2 no memory */
-ZON_API zon_error_t zon_flow_attach_fo(zon_fid_t fid, zon_fo_id_t cid, zon_flow_direction_e dir, void* fo);
-/* Reads it. A direction's list ends in the list of the whole flow, so a client that has no object for the direction
- * may be given its object for the whole flow.
+ZON_API zon_error_t zon_flow_attach_fo(zon_fid_t fid, zon_fo_id_t cid, zon_flow_direction_e dir,
+                                       void* fo);
+/* Reads it. A direction's list ends in the list of the whole flow, so a client that has no object
+ * for the direction may be given its object for the whole flow.
  *   15, 8, 17, 9 as above, 1 no such flow, 7 not attached */
-ZON_API zon_error_t zon_flow_get_fo(const zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir, void** fo);
-/* The same with a copy of the whole flow record in flow_wn, a buffer of sizeof(zon_flow_t). On success the flow stays
- * locked until zon_unlock_flow_tamonet(flow_wn). */
-ZON_API zon_error_t zon_flow_get_fo_by_fid(const zon_flow_ptr_t fid, zon_client_id_e cid, zon_flow_direction_e dir,
-                                           void** fo, void* flow_wn);
+ZON_API zon_error_t zon_flow_get_fo(const zon_fid_t fid, zon_client_id_e cid,
+                                    zon_flow_direction_e dir, void** fo);
+/* The same with a copy of the whole flow record in flow_wn, a buffer of sizeof(zon_flow_t). On
+ * success the flow stays locked until zon_unlock_flow_tamonet(flow_wn). */
+ZON_API zon_error_t zon_flow_get_fo_by_fid(const zon_flow_ptr_t fid, zon_client_id_e cid,
+                                           zon_flow_direction_e dir, void** fo, void* flow_wn);
 /* The same by a full key of a live flow (zon_ipv4_key_t or zon_ipv6_key_t). */
-ZON_API zon_error_t zon_flow_get_fo_by_flow_key(void* key, zon_client_id_e cid, zon_flow_direction_e dir, void** fo,
-                                                void* flow_wn);
+ZON_API zon_error_t zon_flow_get_fo_by_flow_key(void* key, zon_client_id_e cid,
+                                                zon_flow_direction_e dir, void** fo, void* flow_wn);
 /* Takes the object off and gives it back in *fo. Errors as zon_flow_get_fo. */
-ZON_API zon_error_t zon_flow_detach_fo(zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir, void** fo);
+ZON_API zon_error_t zon_flow_detach_fo(zon_fid_t fid, zon_client_id_e cid, zon_flow_direction_e dir,
+                                       void** fo);
 
-/* ---- pre-flows ---------------------------------------------------------------------------------------------------- */
+/* ---- pre-flows ---- */
 
-/* Announces a connection of which part may be unknown; a matching packet turns it into a flow, a child of the parent.
- * When a flow or pre-flow of the tuple exists, that one is returned and nothing is made. An address family other than
- * the two is not an error: *pre_flow_fid stays 0. With flow_lock given the flow is returned locked.
- *   15 no engine, 3 tuple type, 10 null tuple, 9 null pre_flow_fid, 2 no memory, 13 the bucket is full */
-ZON_API zon_error_t zon_pre_flow_add(zon_flow_tuple_type_t tuple_type, const zon_flow_tuple_t* flow_tuple,
-                                     zon_fid_t parent_fid, zon_fid_t* pre_flow_fid, zon_lock_t* flow_lock);
-/* Deletes a pre-flow. For an ordinary flow of the tuple it returns 1 and, kept on purpose, leaves that flow locked.
+/* Announces a connection of which part may be unknown; a matching packet turns it into a flow, a
+ * child of the parent. When a flow or pre-flow of the tuple exists, that one is returned and
+ * nothing is made. An address family other than the two is not an error: *pre_flow_fid stays 0.
+ * With flow_lock given the flow is returned locked.
+ *   15 no engine, 3 tuple type, 10 null tuple, 9 null pre_flow_fid, 2 no memory, 13 the bucket is
+ *      full */
+ZON_API zon_error_t zon_pre_flow_add(zon_flow_tuple_type_t tuple_type,
+                                     const zon_flow_tuple_t* flow_tuple, zon_fid_t parent_fid,
+                                     zon_fid_t* pre_flow_fid, zon_lock_t* flow_lock);
+/* Deletes a pre-flow. For an ordinary flow of the tuple it returns 1 and, kept on purpose, leaves
+ * that flow locked.
  *   15 no engine, 3 tuple type, 10 null tuple, 1 no such pre-flow */
 ZON_API zon_error_t zon_pre_flow_delete_using_flow_tuple(zon_flow_tuple_type_t tuple_type,
                                                          const zon_flow_tuple_t* flow_tuple);
 /* Feature objects of the one direction that the tuple names, on flows and pre-flows alike.
  *   15 no engine, 8 cid outside 1 to 31, 3 tuple type, 10 null tuple, 9 null fo,
- *   5 the client has no delete callback (attach only), 1 no such flow, 7 not attached, 2 no memory */
+ *   5 the client has no delete callback (attach only), 1 no such flow, 7 not attached, 2 no
+ *     memory */
 ZON_API zon_error_t zon_uni_flow_attach_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type,
                                            const zon_flow_tuple_t* flow_tuple, void* fo);
 ZON_API zon_error_t zon_uni_flow_get_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type,
@@ -80,7 +91,7 @@ ZON_API zon_error_t zon_uni_flow_get_fo(zon_client_id_e cid, zon_flow_tuple_type
 ZON_API zon_error_t zon_uni_flow_detach_fo(zon_client_id_e cid, zon_flow_tuple_type_t tuple_type,
                                            const zon_flow_tuple_t* flow_tuple, void** fo);
 
-/* ---- queries and setters -------------------------------------------------------------------------------------------- */
+/* ---- queries and setters ---- */
 
 /*   15 no engine, 9 null state, 1 no such flow; *state is 0 on failure */
 ZON_API zon_error_t zon_flow_get_l4_state(const zon_fid_t fid, zon_l4_flow_state_e* state);
@@ -94,41 +105,48 @@ ZON_API zon_error_t zon_flow_set_application_id(const zon_fid_t fid, uint32_t ap
 ZON_API zon_error_t zon_flow_set_dpi_bypass_id(const zon_fid_t fid, uint32_t appid);
 /* The key of one direction as a tuple.
  *   15 no engine, 10 null tuple, 1 no such flow, 17 not the initiator or the responder */
-ZON_API zon_error_t zon_flow_get_tuple(zon_fid_t fid, zon_flow_direction_e dir, zon_flow_tuple_t* flow_tuple);
-/* What one side will send next and the window that it advertised last; window may be NULL. Any direction other than
- * the initiator's reads the responder's side.
+ZON_API zon_error_t zon_flow_get_tuple(zon_fid_t fid, zon_flow_direction_e dir,
+                                       zon_flow_tuple_t* flow_tuple);
+/* What one side will send next and the window that it advertised last; window may be NULL. Any
+ * direction other than the initiator's reads the responder's side.
  *   15 no engine, 9 null pointer, 17 ZON_DIR_BI, 1 no such flow, 34 not known */
-ZON_API zon_error_t zon_flow_get_next_tcp_seq_nbr(zon_flow_ptr_t fid, zon_flow_direction_e dir, uint32_t* nxt_seq_nbr,
-                                                  uint16_t* window);
+ZON_API zon_error_t zon_flow_get_next_tcp_seq_nbr(zon_flow_ptr_t fid, zon_flow_direction_e dir,
+                                                  uint32_t* nxt_seq_nbr, uint16_t* window);
 
-/* Idle time of one flow, in seconds; the timer starts anew. 0 ages the flow out after about a second.
+/* Idle time of one flow, in seconds; the timer starts anew. 0 ages the flow out after about a
+ * second.
  *   15 no engine, 1 no such flow */
 ZON_API zon_error_t zon_flow_set_aging(zon_fid_t fid, uint32_t time_sec);
 /*   15 no engine, 9 null pointer, 1 no such flow */
 ZON_API zon_error_t zon_flow_get_aging(const zon_fid_t fid, uint32_t* aging_sec);
 
-/* ---- re-keying -------------------------------------------------------------------------------------------------------- */
+/* ---- re-keying ---- */
 
-/* Gives one side of a flow a new key; the responder's tuple is written from the responder's point of view.
- *   15 no engine, 10 null tuple, 1 no such flow, 2 no memory, 13 the bucket is full (that side stays unfindable) */
+/* Gives one side of a flow a new key; the responder's tuple is written from the responder's point
+ * of view.
+ *   15 no engine, 10 null tuple, 1 no such flow, 2 no memory, 13 the bucket is full (that side
+ *      stays unfindable) */
 ZON_API zon_error_t zon_flow_update_initiator(zon_fid_t fid, const zon_flow_tuple_t* flow_tuple);
 ZON_API zon_error_t zon_flow_update_responder(zon_fid_t fid, const zon_flow_tuple_t* flow_tuple);
-/* Moves a flow into another VRF. Always 0; kept on purpose, it leaves one level of the flow's lock with the caller. */
+/* Moves a flow into another VRF. Always 0; kept on purpose, it leaves one level of the flow's lock
+ * with the caller. */
 ZON_API int zon_flow_update_vrf(zon_fid_t fid, uint32_t new_vrf_id);
 
-/* ---- parents and children --------------------------------------------------------------------------------------------- */
+/* ---- parents and children ---- */
 
 /*   15 no engine, 9 null parent, 1 no such child, 4 it has no parent */
 ZON_API zon_error_t zon_flow_get_parent(zon_fid_t child, zon_fid_t* parent);
-/* Calls func for each child, newest first, with the parent and the child locked. Call it with no flow lock of your own.
+/* Calls func for each child, newest first, with the parent and the child locked. Call it with no
+ * flow lock of your own.
  *   15 no engine, 9 null func, 4 no such parent */
 ZON_API zon_error_t zon_flow_traverse_child_flows(zon_fid_t parent, child_flow_traverser_t func);
 
-/* ---- deletion -------------------------------------------------------------------------------------------------------------- */
+/* ---- deletion ---- */
 
-/* Deletes a flow: every client is told. True when the deletion is done or under way on another thread; false for 0 and
- * for an identifier that names no flow. */
-ZON_API bool zon_delete_flow_tamonet(zon_fid_t fid, zon_flow_deletion_reason_e flow_deletion_reason);
+/* Deletes a flow: every client is told. True when the deletion is done or under way on another
+ * thread; false for 0 and for an identifier that names no flow. */
+ZON_API bool zon_delete_flow_tamonet(zon_fid_t fid,
+                                     zon_flow_deletion_reason_e flow_deletion_reason);
 
 #ifdef __cplusplus
 }

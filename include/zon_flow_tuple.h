@@ -1,8 +1,8 @@
 /* zon_flow_tuple.h - how a client describes a connection.
  *
- * Byte order  IPv4 addresses and ports are in host order: 10.0.0.1 is 0x0A000001. The 16 bytes of an IPv6 address
- *             are four 32-bit words in host order as well, so on x86-64 each group of four bytes is reversed:
- *             2001:db8::1 is b8 0d 01 20, eight zero bytes, 01 00 00 00.
+ * Byte order  IPv4 addresses and ports are in host order: 10.0.0.1 is 0x0A000001. The 16 bytes of
+ *             an IPv6 address are four 32-bit words in host order as well, so on x86-64 each group
+ *             of four bytes is reversed: 2001:db8::1 is b8 0d 01 20, eight zero bytes, 01 00 00 00.
  */
 #ifndef ZON_FLOW_TUPLE_H
 #define ZON_FLOW_TUPLE_H

@@ -1,8 +1,9 @@
 /* zon_platform_defs.h - the ground that every other public header stands on.
  *
- * Holds the export mark, the small scalar types, the opaque handles of the platform runtime and the idle-timer
- * record that flows embed. A host needs nothing but the include/ folder: the runtime's own headers declare the
- * same handle types under the same guards, so both may be included together.
+ * Holds the export mark, the small scalar types, the opaque handles of the platform runtime and the
+ * idle-timer record that flows embed. A host needs nothing but the include/ folder: the runtime's
+ * own headers declare the same handle types under the same guards, so both may be included
+ * together.
  */
 #ifndef ZON_PLATFORM_DEFS_H
 #define ZON_PLATFORM_DEFS_H
@@ -19,8 +20,9 @@
 #define ZON_API
 #endif
 
-/* Enumerations are four bytes wide in both languages. In C++ the width is written out, so that a value outside the
- * listed ones, which a C host may pass and which the operations refuse, is still a defined value. */
+/* Enumerations are four bytes wide in both languages. In C++ the width is written out, so that a
+ * value outside the listed ones, which a C host may pass and which the operations refuse, is still
+ * a defined value. */
 #ifdef __cplusplus
 #define ZON_ENUM_BASE : int32_t
 #else

@@ -1,4 +1,5 @@
-// zon_engine_inline.h - what the units of the engine share: half flows, flows by key and by identifier, deletion.
+// zon_engine_inline.h - what the units of the engine share: half flows, flows by key and by
+// identifier, deletion.
 
 #pragma once
 
@@ -8,13 +9,15 @@
 #include "zon_fid_table_inline.h"
 #include "zon_flow_defs.h"
 #include "zon_flow_table_inline.h"
+#include "zon_layout_check.h"
 
-// A buffer of the type's family with an empty feature-object list and nothing else set; null without memory, counted
-// in error_stats. The usage counter counts the attempt, on purpose.
+// A buffer of the type's family with an empty feature-object list and nothing else set; null
+// without memory, counted in error_stats. The usage counter counts the attempt, on purpose.
 zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type);
 void zon_deallocate_half_flow(zon_half_flow_t* half_flow);
 
-// Look up a key; a complete key that finds nothing is tried once more as an announced one. The flow comes back locked.
+// Look up a key; a complete key that finds nothing is tried once more as an announced one. The flow
+// comes back locked.
 zon_half_flow_t* zon_private_flow_lookup_ipv4(const zon_ipv4_key_t* key);
 zon_half_flow_t* zon_private_flow_lookup_ipv6(const zon_ipv6_key_t* key);
 
@@ -32,7 +35,8 @@ void zon_private_stop_timer(zon_flow_t* flow);
 // ---- deletion (zon_api) ----
 
 // Consumes the flow lock. Always true: the deletion is done, or under way elsewhere.
-bool zon_private_delete_locked_flow(zon_flow_t* flow, const zon_flow_deletion_reason_e flow_deletion_reason);
+bool zon_private_delete_locked_flow(zon_flow_t* flow,
+                                    const zon_flow_deletion_reason_e flow_deletion_reason);
 bool zon_private_delete_flow(zon_fid_t fid, zon_flow_deletion_reason_e flow_deletion_reason);
 void zon_private_delete_half_flows(zon_flow_t* flow);
 void zon_private_free_all_fos(zon_flow_t* flow);
@@ -46,8 +50,9 @@ void zon_flow_fo_list_unlink(zon_flow_fo_t** fo_list, const zon_flow_fo_t* recor
 
 // ---- marks in the private bytes of a flow ----
 
-// Set under the flow lock just before a deleted flow's lock is released for its removal: from then on no lookup finds
-// the flow. Read without the lock where two halves are compared under a bucket lock.
+// Set under the flow lock just before a deleted flow's lock is released for its removal: from then
+// on no lookup finds the flow. Read without the lock where two halves are compared under a bucket
+// lock.
 inline bool zon_flow_is_dying(const zon_flow_t* flow) {
     return __atomic_load_n(&flow->private_dying, __ATOMIC_ACQUIRE) != 0;
 }
@@ -55,7 +60,8 @@ inline void zon_flow_set_dying(zon_flow_t* flow, bool dying) {
     __atomic_store_n(&flow->private_dying, static_cast<uint8_t>(dying), __ATOMIC_RELEASE);
 }
 
-// A half flow that a refused promotion or re-keying left outside the flow table, so that deletion does not unlink it.
+// A half flow that a refused promotion or re-keying left outside the flow table, so that deletion
+// does not unlink it.
 inline constexpr uint8_t zon_detached_initiator = 1;
 inline constexpr uint8_t zon_detached_responder = 2;
 
@@ -70,8 +76,11 @@ void zon_private_set_parent(zon_flow_t* flow, zon_flow_t* parent, zon_fid_t pare
 // The parent's identifier, or 0.
 zon_fid_t zon_private_parent_fid(const zon_flow_t* flow);
 
-// Key types in the order in which a packet is tried against announced flows: the most specific wins.
-inline constexpr uint32_t zon_incomplete_keys_ipv4[] = {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, ZON_IPV4_KEY_VRF_STAR,
-                                                        ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV4_KEY_SRC_IP_PORT_ONLY};
-inline constexpr uint32_t zon_incomplete_keys_ipv6[] = {ZON_IPV6_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_VRF_STAR,
-                                                        ZON_IPV6_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_SRC_IP_PORT_ONLY};
+// Key types in the order in which a packet is tried against announced flows: the most specific
+// wins.
+inline constexpr uint32_t zon_incomplete_keys_ipv4[] = {
+    ZON_IPV4_KEY_PRE_FLOW_COMPLETE, ZON_IPV4_KEY_VRF_STAR, ZON_IPV4_KEY_DST_IP_PORT_ONLY,
+    ZON_IPV4_KEY_SRC_IP_PORT_ONLY};
+inline constexpr uint32_t zon_incomplete_keys_ipv6[] = {
+    ZON_IPV6_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_VRF_STAR, ZON_IPV6_KEY_DST_IP_PORT_ONLY,
+    ZON_IPV6_KEY_SRC_IP_PORT_ONLY};

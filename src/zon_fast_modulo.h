@@ -1,7 +1,7 @@
 // zon_fast_modulo.h - remainders by a divisor that is chosen once, as two multiplications.
 //
-// Exact for every 32-bit dividend and divisor (D. Lemire, O. Kaser, N. Kurz, "Faster remainder by direct computation",
-// 2019).
+// Exact for every 32-bit dividend and divisor (D. Lemire, O. Kaser, N. Kurz, "Faster remainder by
+// direct computation", 2019).
 
 #pragma once
 

@@ -1,8 +1,8 @@
 // zon_fid_table.cpp - flow records and their identifiers.
 //
 // Owns   every flow record ever made, and the pool of flow locks.
-// Locks  fid_table_lock; under it flow locks are tried for, never awaited, because clients look up flows while they hold
-//        another one's lock (docs/locking.md).
+// Locks  fid_table_lock; under it flow locks are tried for, never awaited, because clients look up
+//        flows while they hold another one's lock (docs/locking.md).
 
 #include "zon_fid_table.h"
 
@@ -26,15 +26,21 @@ struct fid_table_storage : zon_fid_table_ {
     std::atomic<int> readers = 0;  // how many walks keep in_use set
 };
 
-fid_table_storage* storage_of(zon_fid_table_t* fid_table) { return static_cast<fid_table_storage*>(fid_table); }
+fid_table_storage* storage_of(zon_fid_table_t* fid_table) {
+    return static_cast<fid_table_storage*>(fid_table);
+}
 
 // The flow that this thread is deleting; its own late callbacks still find it.
 thread_local zon_flow_t* flow_in_deletion = nullptr;
 
-bool is_hidden(const zon_flow_t* flow) { return zon_flow_is_dying(flow) && flow != flow_in_deletion; }
+bool is_hidden(const zon_flow_t* flow) {
+    return zon_flow_is_dying(flow) && flow != flow_in_deletion;
+}
 
 // An engine made for no threads at all still has one flow lock.
-uint32_t pool_size_of(uint32_t concurrency_level) { return std::max(1U, concurrency_level); }
+uint32_t pool_size_of(uint32_t concurrency_level) {
+    return std::max(1U, concurrency_level);
+}
 
 void append_to_free_list(zon_fid_table_t* fid_table, zon_flow_t* flow) {
     flow->next_free = nullptr;
@@ -49,19 +55,24 @@ void append_to_free_list(zon_fid_table_t* fid_table, zon_flow_t* flow) {
 void zon_fid_table_add_record(zon_fid_table_t* fid_table, zon_flow_t* flow) {
     std::memset(static_cast<void*>(flow), 0, sizeof *flow);
     flow->fid = fid_table->allocated + 1;
-    zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)", "zon_fid_table_allocate_more");
+    zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)",
+                "zon_fid_table_allocate_more");
     flow->flow_lock = zon_lock_get_pool_lock(
-        fid_table->locks, static_cast<int>(fid_table->allocated % pool_size_of(fid_table->lock_pool_size)));
+        fid_table->locks,
+        static_cast<int>(fid_table->allocated % pool_size_of(fid_table->lock_pool_size)));
     flow->marked_for_delete = true;
     zon_private_link_flow(flow);
     append_to_free_list(fid_table, flow);
     relaxed_add(fid_table->allocated, 1);
 }
 
-// Makes up to one block of records; fewer at the end of the table or of memory. False when memory ran out.
+// Makes up to one block of records; fewer at the end of the table or of memory. False when memory
+// ran out.
 bool zon_fid_table_allocate_more(zon_fid_table_t* fid_table) {
-    for (uint32_t made = 0; made < fid_table->chunk_size && fid_table->allocated < fid_table->capacity; ++made) {
-        auto* flow = static_cast<zon_flow_t*>(zon_private_chunk_malloc(ZON_FLOW_MEM_TYPE, &g_zon->zon_chunk_ptr));
+    for (uint32_t made = 0;
+         made < fid_table->chunk_size && fid_table->allocated < fid_table->capacity; ++made) {
+        auto* flow = static_cast<zon_flow_t*>(
+            zon_private_chunk_malloc(ZON_FLOW_MEM_TYPE, &g_zon->zon_chunk_ptr));
         if (flow == nullptr)
             return false;
         zon_fid_table_add_record(fid_table, flow);
@@ -73,18 +84,20 @@ bool can_make_more(const zon_fid_table_t* fid_table) {
     return fid_table->chunk_size != 0 && fid_table->allocated < fid_table->capacity;
 }
 
-// Takes the first free record whose lock is free, which for a single thread is the head. Waiting for a particular one
-// could wait for a client that holds another flow under the same lock.
+// Takes the first free record whose lock is free, which for a single thread is the head. Waiting
+// for a particular one could wait for a client that holds another flow under the same lock.
 zon_flow_t* take_free_record_locked(zon_fid_table_t* fid_table) {
     zon_flow_t* before = nullptr;
-    for (zon_flow_t* flow = fid_table->free_head; flow != nullptr; before = flow, flow = flow->next_free) {
+    for (zon_flow_t* flow = fid_table->free_head; flow != nullptr;
+         before = flow, flow = flow->next_free) {
         if (!zon_try_lock_internal(flow->flow_lock))
             continue;
         (before != nullptr ? before->next_free : fid_table->free_head) = flow->next_free;
         if (fid_table->free_tail == flow)
             fid_table->free_tail = before;
         flow->marked_for_delete = false;
-        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)", "zon_fid_table_get_new_flow");
+        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)",
+                    "zon_fid_table_get_new_flow");
         return flow;
     }
     return nullptr;
@@ -92,8 +105,12 @@ zon_flow_t* take_free_record_locked(zon_fid_table_t* fid_table) {
 
 }  // namespace
 
-deletion_in_progress::deletion_in_progress(zon_flow_t* flow) : outer_(flow_in_deletion) { flow_in_deletion = flow; }
-deletion_in_progress::~deletion_in_progress() { flow_in_deletion = outer_; }
+deletion_in_progress::deletion_in_progress(zon_flow_t* flow) : outer_(flow_in_deletion) {
+    flow_in_deletion = flow;
+}
+deletion_in_progress::~deletion_in_progress() {
+    flow_in_deletion = outer_;
+}
 
 zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flow_block_alloc_size,
                                     const uint32_t concurrency_level) {
@@ -102,14 +119,17 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
         return nullptr;
     auto* fid_table = new (memory) fid_table_storage{};
     fid_table->capacity = max_flows;
-    fid_table->table = static_cast<zon_flow_t**>(zon_heap_zalloc(std::max(1U, max_flows), sizeof(zon_flow_t*)));
+    fid_table->table =
+        static_cast<zon_flow_t**>(zon_heap_zalloc(std::max(1U, max_flows), sizeof(zon_flow_t*)));
     fid_table->chunk_size = flow_block_alloc_size;
     fid_table->lock_pool_size = concurrency_level;
     fid_table->locks = zon_lock_create_pool(static_cast<int>(pool_size_of(concurrency_level)));
     fid_table->fid_table_lock = zon_lock_allocate();
-    if (fid_table->table == nullptr || fid_table->locks == nullptr || fid_table->fid_table_lock == nullptr) {
+    if (fid_table->table == nullptr || fid_table->locks == nullptr ||
+        fid_table->fid_table_lock == nullptr) {
         if (fid_table->locks != nullptr)
-            zon_lock_destroy_pool(fid_table->locks, static_cast<int>(pool_size_of(concurrency_level)));
+            zon_lock_destroy_pool(fid_table->locks,
+                                  static_cast<int>(pool_size_of(concurrency_level)));
         std::free(fid_table->fid_table_lock);
         std::free(fid_table->table);
         std::free(memory);
@@ -129,7 +149,8 @@ void zon_fid_table_destroy(zon_fid_table_t* fid_table) {
         zon_private_chunk_free_or_trace(ZON_FLOW_MEM_TYPE, flow, &g_zon->zon_chunk_ptr);
     }
     std::free(fid_table->table);
-    zon_lock_destroy_pool(fid_table->locks, static_cast<int>(pool_size_of(fid_table->lock_pool_size)));
+    zon_lock_destroy_pool(fid_table->locks,
+                          static_cast<int>(pool_size_of(fid_table->lock_pool_size)));
     zon_lock_destroy(fid_table->fid_table_lock);
     std::free(fid_table->fid_table_lock);
     storage_of(fid_table)->~fid_table_storage();
@@ -163,13 +184,15 @@ zon_flow_t* zon_fid_table_new_flow_locked(zon_fid_table_t* fid_table) {
     for (;; sched_yield()) {
         held_lock table(fid_table->fid_table_lock);
         if (fid_table->free_head == nullptr &&
-            (!can_make_more(fid_table) || !zon_fid_table_allocate_more(fid_table) || fid_table->free_head == nullptr))
+            (!can_make_more(fid_table) || !zon_fid_table_allocate_more(fid_table) ||
+             fid_table->free_head == nullptr))
             return nullptr;
         zon_flow_t* flow = take_free_record_locked(fid_table);
         if (flow == nullptr)
             continue;
         zon_reset_flow(flow);
-        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, flow->fid)", "zon_fid_table_new_flow");
+        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, flow->fid)",
+                    "zon_fid_table_new_flow");
         fid_table->table[flow->fid - 1] = flow;
         return flow;
     }
@@ -182,7 +205,8 @@ bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid)
     held_lock table(fid_table->fid_table_lock);
     zon_flow_t*& slot = fid_table->table[fid - 1];
     if (slot != nullptr) {
-        // Past its dying mark the record is the deleting thread's alone, and once in the free list this table's.
+        // Past its dying mark the record is the deleting thread's alone, and once in the free list
+        // this table's.
         slot->marked_for_delete = true;
         append_to_free_list(fid_table, slot);
     }
@@ -215,18 +239,21 @@ locked_flow zon_fid_table_lookup(zon_fid_table_t* fid_table, const zon_fid_t fid
             zon_unlock_internal(awaited);
         if (busy == nullptr)
             return found;
-        // The lock outlives the flow: waiting for it with nothing else held is safe, and the slot is read again.
+        // The lock outlives the flow: waiting for it with nothing else held is safe, and the slot
+        // is read again.
         awaited = busy;
         zon_lock_internal(awaited);
     }
 }
 
 zon_error_t zon_fid_table_is_available(zon_fid_table_t* fid_table) {
-    return fid_table == nullptr || relaxed_load(fid_table->in_use) ? zon_error_fid_table_access_failed
-                                                                   : zon_error_none;
+    return fid_table == nullptr || relaxed_load(fid_table->in_use)
+               ? zon_error_fid_table_access_failed
+               : zon_error_none;
 }
 
-void zon_fid_table_iterate_flow(zon_fid_table_t* fid_table, fid_table_iterate_by_flow_cb_t cb, void* user) {
+void zon_fid_table_iterate_flow(zon_fid_table_t* fid_table, fid_table_iterate_by_flow_cb_t cb,
+                                void* user) {
     std::atomic<int>& readers = storage_of(fid_table)->readers;
     uint32_t last;
     {
@@ -239,8 +266,10 @@ void zon_fid_table_iterate_flow(zon_fid_table_t* fid_table, fid_table_iterate_by
     for (zon_fid_t fid = 1; fid <= last; ++fid) {
         sched_yield();
         bool filled = false;
-        if (locked_flow flow = zon_fid_table_lookup(fid_table, fid); flow && !flow->marked_for_delete)
-            filled = zon_debug_flow_populate_report(flow.get(), &report, static_cast<zon_dump_flow_context*>(user));
+        if (locked_flow flow = zon_fid_table_lookup(fid_table, fid);
+            flow && !flow->marked_for_delete)
+            filled = zon_debug_flow_populate_report(flow.get(), &report,
+                                                    static_cast<zon_dump_flow_context*>(user));
         if (filled)
             cb(&report, user);
     }

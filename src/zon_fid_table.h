@@ -1,9 +1,11 @@
 // zon_fid_table.h - owns every flow record and gives each an identifier for life.
 //
-// Records are made in blocks on demand, never returned to memory while the engine runs, and reused first freed first, so
-// that an identifier that somebody kept is unlikely to name another flow soon.
+// Records are made in blocks on demand, never returned to memory while the engine runs, and reused
+// first freed first, so that an identifier that somebody kept is unlikely to name another flow
+// soon.
 //
-// Locks      fid_table_lock guards slots, free list and counters. A flow lock is never awaited under it.
+// Locks      fid_table_lock guards slots, free list and counters. A flow lock is never awaited
+//            under it.
 
 #pragma once
 
@@ -42,8 +44,10 @@ inline zon_flow_t* zon_fid_table_new_flow(zon_fid_table_t* fid_table) {
 // False only for a null table.
 bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid);
 
-// Calls cb with a report of each flow in use, outside all locks. user also is the filter of the reports.
-void zon_fid_table_iterate_flow(zon_fid_table_t* fid_table, fid_table_iterate_by_flow_cb_t cb, void* user);
+// Calls cb with a report of each flow in use, outside all locks. user also is the filter of the
+// reports.
+void zon_fid_table_iterate_flow(zon_fid_table_t* fid_table, fid_table_iterate_by_flow_cb_t cb,
+                                void* user);
 zon_error_t zon_fid_table_is_available(zon_fid_table_t* fid_table);
 
 void zon_reset_flow(zon_flow_t* flow);

@@ -9,12 +9,12 @@ inline bool fid_is_valid(const zon_fid_table_t* fid_table, zon_fid_t fid) {
     return fid != 0 && fid <= fid_table->capacity;
 }
 
-// The flow, locked; empty for 0, for a free identifier and for a flow whose deletion is past its callbacks. An
-// identifier above the capacity stops the program.
+// The flow, locked; empty for 0, for a free identifier and for a flow whose deletion is past its
+// callbacks. An identifier above the capacity stops the program.
 locked_flow zon_fid_table_lookup(zon_fid_table_t* fid_table, const zon_fid_t fid);
 
-// While it lives, fid lookups of this thread still find the flow that the thread itself is deleting: client functions
-// that run late in a deletion may ask about it.
+// While it lives, fid lookups of this thread still find the flow that the thread itself is
+// deleting: client functions that run late in a deletion may ask about it.
 class deletion_in_progress {
 public:
     explicit deletion_in_progress(zon_flow_t* flow);

@@ -8,8 +8,12 @@
 #include "osal/zon_debug.h"
 #include "zon_engine_defs.h"
 
-constexpr bool zon_key_is_ipv4(uint32_t key_type) { return key_type <= ZON_IPV4_LAST_KEY; }
-constexpr bool zon_key_type_is_valid(uint32_t key_type) { return key_type <= ZON_IPV6_LAST_KEY; }
+constexpr bool zon_key_is_ipv4(uint32_t key_type) {
+    return key_type <= ZON_IPV4_LAST_KEY;
+}
+constexpr bool zon_key_type_is_valid(uint32_t key_type) {
+    return key_type <= ZON_IPV6_LAST_KEY;
+}
 // A key that is announced and not yet promoted: everything but the two complete types.
 constexpr bool zon_key_is_preflow(uint32_t key_type) {
     return zon_key_type_is_valid(key_type) && key_type != ZON_IPV4_KEY_COMPLETE &&
@@ -50,15 +54,16 @@ inline const typename family::key* zon_full_key(const zon_half_flow_t* half_flow
     return &reinterpret_cast<const typename family::half_flow*>(half_flow)->key;
 }
 
-inline void zon_set_key_ipv4(zon_ipv4_key_t* key, uint8_t key_type, uint32_t saddr, uint32_t daddr, uint16_t sport,
-                             uint16_t dport, uint8_t proto, uint32_t vrfid) {
+inline void zon_set_key_ipv4(zon_ipv4_key_t* key, uint8_t key_type, uint32_t saddr, uint32_t daddr,
+                             uint16_t sport, uint16_t dport, uint8_t proto, uint32_t vrfid) {
     zon_require(key_type <= ZON_IPV4_LAST_KEY, "(key_type <= ZON_IPV4_LAST_KEY)");
     *key = {key_type, proto, 0, 0, vrfid, saddr, sport, daddr, dport};
 }
 
 // The addresses may be unaligned.
-inline void zon_set_key_ipv6(zon_ipv6_key_t* key, uint8_t key_type, const void* saddr, const void* daddr,
-                             uint16_t sport, uint16_t dport, uint8_t proto, uint32_t vrfid) {
+inline void zon_set_key_ipv6(zon_ipv6_key_t* key, uint8_t key_type, const void* saddr,
+                             const void* daddr, uint16_t sport, uint16_t dport, uint8_t proto,
+                             uint32_t vrfid) {
     zon_require(key_type >= ZON_IPV6_FIRST_KEY && key_type <= ZON_IPV6_LAST_KEY,
                 "(key_type >= ZON_IPV6_FIRST_KEY) && (key_type <= ZON_IPV6_LAST_KEY)");
     key->key_type = key_type;
@@ -72,9 +77,10 @@ inline void zon_set_key_ipv6(zon_ipv6_key_t* key, uint8_t key_type, const void* 
     key->dst_port = dport;
 }
 
-// Turns a key into that of the reverse direction; a source-only key becomes a destination-only one and back. The hash
-// and its validity stay: a host that supplies hashes supplies the same one for both directions. The new destination port
-// keeps only the low 16 bits of the old source port, on purpose. A type outside the table leaves the key alone.
+// Turns a key into that of the reverse direction; a source-only key becomes a destination-only one
+// and back. The hash and its validity stay: a host that supplies hashes supplies the same one for
+// both directions. The new destination port keeps only the low 16 bits of the old source port, on
+// purpose. A type outside the table leaves the key alone.
 void zon_swap_key(zon_key_t* key);
 
 // Copies the whole key, by the family of src.

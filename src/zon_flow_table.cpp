@@ -1,7 +1,9 @@
 // zon_flow_table.cpp - the keyed index of all half flows, and the list of all flow records.
 //
-// Owns   the hash set of half flows and the table-wide lock; half flows and records are the engine's.
-// Locks  flow_table_lock for the list and the walks; bucket locks inside the hash set (docs/locking.md).
+// Owns   the hash set of half flows and the table-wide lock; half flows and records are the
+//        engine's.
+// Locks  flow_table_lock for the list and the walks; bucket locks inside the hash set
+//        (docs/locking.md).
 
 #include "zon_flow_table.h"
 
@@ -27,7 +29,9 @@ struct flow_table_storage : zon_flow_table_ {
     int readers = 0;  // how many threads keep in_use set
 };
 
-flow_table_storage* storage_of(zon_flow_table_t* tbl) { return static_cast<flow_table_storage*>(tbl); }
+flow_table_storage* storage_of(zon_flow_table_t* tbl) {
+    return static_cast<flow_table_storage*>(tbl);
+}
 
 // Keeps in_use set; when two readers overlap the flag falls with the last one.
 class reading {
@@ -48,41 +52,48 @@ private:
     flow_table_storage& tbl_;
 };
 
-bool has_set(const zon_flow_table_t* tbl) { return tbl != nullptr && tbl->table != nullptr; }
+bool has_set(const zon_flow_table_t* tbl) {
+    return tbl != nullptr && tbl->table != nullptr;
+}
 
 constexpr uint32_t preflow_key_types[] = {
-    ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV4_KEY_SRC_IP_PORT_ONLY, ZON_IPV4_KEY_PRE_FLOW_COMPLETE,
-    ZON_IPV4_KEY_VRF_STAR,         ZON_IPV6_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_SRC_IP_PORT_ONLY,
+    ZON_IPV4_KEY_DST_IP_PORT_ONLY,  ZON_IPV4_KEY_SRC_IP_PORT_ONLY, ZON_IPV4_KEY_PRE_FLOW_COMPLETE,
+    ZON_IPV4_KEY_VRF_STAR,          ZON_IPV6_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_SRC_IP_PORT_ONLY,
     ZON_IPV6_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_VRF_STAR};
 
 template <class family>
-zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, uint32_t bucket) {
+zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow,
+                               uint32_t bucket) {
     const typename family::key& wanted = *zon_full_key<family>(half_flow);
-    return static_cast<zon_half_flow_t*>(find_locked(tbl->table, bucket, [&wanted](zon_hashset_item item) {
-        const auto* stored = static_cast<const zon_half_flow_t*>(item);
-        if (key_type_of(stored->key) != family::complete ||
-            !same_complete_key<family>(wanted, *zon_full_key<family>(stored)))
-            return false;
-        // The caller goes on to the counters, the timer mark and the lock of the flow.
-        const char* flow = reinterpret_cast<const char*>(stored->flow);
-        __builtin_prefetch(flow);
-        __builtin_prefetch(flow + 64);
-        __builtin_prefetch(flow + 128);
-        __builtin_prefetch(flow + 192);
-        return true;
-    }));
+    return static_cast<zon_half_flow_t*>(
+        find_locked(tbl->table, bucket, [&wanted](zon_hashset_item item) {
+            const auto* stored = static_cast<const zon_half_flow_t*>(item);
+            if (key_type_of(stored->key) != family::complete ||
+                !same_complete_key<family>(wanted, *zon_full_key<family>(stored)))
+                return false;
+            // The caller goes on to the counters, the timer mark and the lock of the flow.
+            const char* flow = reinterpret_cast<const char*>(stored->flow);
+            __builtin_prefetch(flow);
+            __builtin_prefetch(flow + 64);
+            __builtin_prefetch(flow + 128);
+            __builtin_prefetch(flow + 192);
+            return true;
+        }));
 }
 
-// Whether a stored half flow stands for the connection of a new one: the same key under the same type, or, for a
-// complete key, announced with a complete tuple. A flow in deletion stands for nothing.
+// Whether a stored half flow stands for the connection of a new one: the same key under the same
+// type, or, for a complete key, announced with a complete tuple. A flow in deletion stands for
+// nothing.
 template <class family>
 bool same_connection(const zon_half_flow_t* fresh, const zon_half_flow_t* stored) {
     const uint32_t type = fresh->key.key_type;
     const uint32_t stored_type = key_type_of(stored->key);
     const bool comparable =
-        stored_type == type || (type == family::complete && stored_type == family::pre_flow_complete) ||
+        stored_type == type ||
+        (type == family::complete && stored_type == family::pre_flow_complete) ||
         (type == family::pre_flow_complete && stored_type == family::complete);
-    return comparable && key_matches<family>(*zon_full_key<family>(fresh), *zon_full_key<family>(stored)) &&
+    return comparable &&
+           key_matches<family>(*zon_full_key<family>(fresh), *zon_full_key<family>(stored)) &&
            !zon_flow_is_dying(stored->flow);
 }
 
@@ -110,21 +121,25 @@ bool zon_matcher(void* element1, void* element2, void*) {
             zon_buginf("\nZON Engine: Unknown key type %d", static_cast<int>(type));
         return false;
     }
-    return zon_key_is_ipv4(type)
-               ? key_matches<ipv4_family>(*zon_full_key<ipv4_family>(wanted), *zon_full_key<ipv4_family>(stored))
-               : key_matches<ipv6_family>(*zon_full_key<ipv6_family>(wanted), *zon_full_key<ipv6_family>(stored));
+    return zon_key_is_ipv4(type) ? key_matches<ipv4_family>(*zon_full_key<ipv4_family>(wanted),
+                                                            *zon_full_key<ipv4_family>(stored))
+                                 : key_matches<ipv6_family>(*zon_full_key<ipv6_family>(wanted),
+                                                            *zon_full_key<ipv6_family>(stored));
 }
 
-zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads, uint8_t max_bucket_depth) {
+zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads,
+                                        uint8_t max_bucket_depth) {
     void* memory = zon_heap_zalloc(1, sizeof(flow_table_storage));
     if (memory == nullptr)
         return nullptr;
     auto* tbl = new (memory) flow_table_storage{};
     zon_hash_attr attrs{};
     zon_hash_attr_init(&attrs);
-    zon_hash_attr_sethashtable(&attrs, false, static_cast<int>(max_flows / ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO),
+    zon_hash_attr_sethashtable(&attrs, false,
+                               static_cast<int>(max_flows / ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO),
                                static_cast<int>(max_threads), max_bucket_depth);
-    if (zon_hashset_create(&tbl->table, &attrs, 0, zon_hash_calc, zon_matcher, nullptr) != zon_error_none) {
+    if (zon_hashset_create(&tbl->table, &attrs, 0, zon_hash_calc, zon_matcher, nullptr) !=
+        zon_error_none) {
         std::free(memory);
         return nullptr;
     }
@@ -181,7 +196,8 @@ pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t*
     return result;
 }
 
-pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t* flow, const zon_key_t* key) {
+pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t* flow,
+                                              const zon_key_t* key) {
     zon_half_flow_t* initiator = flow->initiator_flow;
     zon_half_flow_t* responder = flow->responder_flow;
     zon_ipv6_half_flow_t fresh_initiator;
@@ -194,10 +210,12 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
 
     held_lock table(tbl->flow_table_lock);
     const relink_pair move{initiator, wanted_initiator, responder, wanted_responder};
-    const pair_insert_result result = zon_hashset_relink_pair(
-        tbl->table, move, same_connection_any_family, [](zon_hashset_item item, const void* wanted) {
-            zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key, &static_cast<const zon_half_flow_t*>(wanted)->key);
-        });
+    const pair_insert_result result =
+        zon_hashset_relink_pair(tbl->table, move, same_connection_any_family,
+                                [](zon_hashset_item item, const void* wanted) {
+                                    zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
+                                                 &static_cast<const zon_half_flow_t*>(wanted)->key);
+                                });
     if (result == pair_insert_result::already_present)
         return result;
     relaxed_add(tbl->profile_delete, 2);
@@ -210,7 +228,8 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
     return result;
 }
 
-zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, int* bucket) {
+zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
+                                              const zon_half_flow_t* half_flow, int* bucket) {
     if (!has_set(tbl))
         return nullptr;
     const uint32_t b = bucket_of(tbl->table, hash_of_key(half_flow));
@@ -223,9 +242,10 @@ zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl, const zon_h
     case ZON_IPV6_KEY_COMPLETE:
         return find_complete<ipv6_family>(tbl, half_flow, b);
     default:
-        return static_cast<zon_half_flow_t*>(find_locked(tbl->table, b, [half_flow](zon_hashset_item item) {
-            return zon_matcher(const_cast<zon_half_flow_t*>(half_flow), item, nullptr);
-        }));
+        return static_cast<zon_half_flow_t*>(
+            find_locked(tbl->table, b, [half_flow](zon_hashset_item item) {
+                return zon_matcher(const_cast<zon_half_flow_t*>(half_flow), item, nullptr);
+            }));
     }
 }
 
@@ -238,8 +258,8 @@ bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bo
     return true;
 }
 
-bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* half_flow1, zon_half_flow_t* half_flow2,
-                                     bool lock) {
+bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* half_flow1,
+                                     zon_half_flow_t* half_flow2, bool lock) {
     if (!has_set(tbl))
         return false;
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
@@ -265,7 +285,8 @@ void zon_flow_table_iterate_flow(zon_flow_table_t* tbl, zon_flow_callback cb, vo
             return;
 }
 
-void zon_flow_table_iterate_half_flow(zon_flow_table_t* tbl, zon_half_flow_callback cb, void* user) {
+void zon_flow_table_iterate_half_flow(zon_flow_table_t* tbl, zon_half_flow_callback cb,
+                                      void* user) {
     struct adapter {
         zon_half_flow_callback cb;
         void* user;
@@ -291,17 +312,20 @@ zon_error_t zon_flow_table_is_available(zon_flow_table_t* tbl) {
     if (tbl == nullptr)
         return zon_error_flow_table_access_failed;
     held_lock held(tbl->flow_table_lock);
-    return relaxed_load(tbl->in_use) || !zon_hashset_is_available(tbl->table) ? zon_error_flow_table_access_failed
-                                                                               : zon_error_none;
+    return relaxed_load(tbl->in_use) || !zon_hashset_is_available(tbl->table)
+               ? zon_error_flow_table_access_failed
+               : zon_error_none;
 }
 
-void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* used, int32_t* empty, int32_t* occupied,
-                               int32_t* bucket_ave, int32_t* bucket_max, uint32_t* inserts, uint32_t* deletes,
-                               uint32_t* passively_aged, int32_t** distribution, int32_t** preflow_count) {
+void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* used, int32_t* empty,
+                               int32_t* occupied, int32_t* bucket_ave, int32_t* bucket_max,
+                               uint32_t* inserts, uint32_t* deletes, uint32_t* passively_aged,
+                               int32_t** distribution, int32_t** preflow_count) {
     if (!has_set(tbl))
         return;
     const reading shown(*storage_of(tbl));
-    zon_hashset_get_statistics(tbl->table, size, used, empty, occupied, bucket_ave, bucket_max, distribution);
+    zon_hashset_get_statistics(tbl->table, size, used, empty, occupied, bucket_ave, bucket_max,
+                               distribution);
     *inserts = relaxed_load(tbl->profile_insert);
     *deletes = relaxed_load(tbl->profile_delete);
     *passively_aged = relaxed_load(tbl->profile_passively_aged);
@@ -338,13 +362,17 @@ struct removed_fos {
     zon_flow_fo_t* flow = nullptr;
 };
 
-void* fo_of(const zon_flow_fo_t* record) { return record != nullptr ? record->fo : nullptr; }
-
-zon_flow_fo_t* remove_from_half(zon_half_flow_t* half_flow, zon_client_id_e cid) {
-    return half_flow != nullptr ? zon_flow_fo_list_find_and_remove(&half_flow->fo_list, cid) : nullptr;
+void* fo_of(const zon_flow_fo_t* record) {
+    return record != nullptr ? record->fo : nullptr;
 }
 
-// A record may hang in several lists, whose tails are shared: it leaves all of them before it is given back.
+zon_flow_fo_t* remove_from_half(zon_half_flow_t* half_flow, zon_client_id_e cid) {
+    return half_flow != nullptr ? zon_flow_fo_list_find_and_remove(&half_flow->fo_list, cid)
+                                : nullptr;
+}
+
+// A record may hang in several lists, whose tails are shared: it leaves all of them before it is
+// given back.
 void release_record(zon_flow_t* flow, zon_flow_fo_t* record) {
     if (record == nullptr)
         return;
@@ -355,12 +383,14 @@ void release_record(zon_flow_t* flow, zon_flow_fo_t* record) {
     zon_private_chunk_free_or_trace(ZON_FLOW_FO_MEM_TYPE, record, &g_zon->zon_chunk_ptr);
 }
 
-void remove_client_from_flow(zon_flow_t* flow, zon_client_id_e cid, zon_client_fo_delete_cb_t tell) {
+void remove_client_from_flow(zon_flow_t* flow, zon_client_id_e cid,
+                             zon_client_fo_delete_cb_t tell) {
     removed_fos found;
     found.flow = zon_flow_fo_list_find_and_remove(&flow->fo_list, cid);
     found.initiator = remove_from_half(flow->initiator_flow, cid);
     found.responder = remove_from_half(flow->responder_flow, cid);
-    if (fo_of(found.flow) != nullptr || fo_of(found.initiator) != nullptr || fo_of(found.responder) != nullptr)
+    if (fo_of(found.flow) != nullptr || fo_of(found.initiator) != nullptr ||
+        fo_of(found.responder) != nullptr)
         tell(flow->fid, fo_of(found.initiator), fo_of(found.responder), fo_of(found.flow),
              ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED, cid);
     if (found.responder == found.flow || found.responder == found.initiator)
@@ -378,8 +408,8 @@ zon_error_t zon_flow_table_remove_client_fo(zon_flow_table_t*, zon_client_id_e c
     const zon_client_fo_delete_cb_t tell = zon_private_get_delete_cb(cid);
     if (tell == nullptr)
         return zon_error_client_delete_cb_not_registered;
-    // Records are numbered in the order of the list of all records, and each is taken under its own lock: packets may
-    // attach and delete meanwhile.
+    // Records are numbered in the order of the list of all records, and each is taken under its own
+    // lock: packets may attach and delete meanwhile.
     zon_fid_table_t* fid_table = g_zon->fid_table;
     // An engine that could not be built whole has no flows.
     const uint32_t made = fid_table != nullptr ? relaxed_load(fid_table->allocated) : 0;

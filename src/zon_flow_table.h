@@ -1,10 +1,11 @@
 // zon_flow_table.h - the keyed index of all half flows, and the list of all flow records.
 //
-// Every flow is indexed twice, once per direction, so that a packet of either finds it. The hash leaves out VRF and
-// protocol: flows that differ only in those share a bucket and are told apart by the matcher.
+// Every flow is indexed twice, once per direction, so that a packet of either finds it. The hash
+// leaves out VRF and protocol: flows that differ only in those share a bucket and are told apart by
+// the matcher.
 //
-// Locks      flow_table_lock guards the list of records and the walks; the packet path takes it only when it makes new
-//            records or promotes a pre-flow with unknown parts.
+// Locks      flow_table_lock guards the list of records and the walks; the packet path takes it
+//            only when it makes new records or promotes a pre-flow with unknown parts.
 
 #pragma once
 
@@ -36,32 +37,38 @@ using zon_flow_table_t = zon_flow_table_;
 
 static_assert(sizeof(zon_flow_table_t) == 96);
 
-zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads, uint8_t max_bucket_depth);
+zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads,
+                                        uint8_t max_bucket_depth);
 void zon_flow_table_destroy(zon_flow_table_t* tbl);
 
 // The caller holds the flow's lock before and after. False when the bucket is full.
 bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow);
 bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, int bucket);
 
-// Links both halves of a new flow in one step unless a flow of the initiator's key is there; bucket is the initiator's, as a
-// failed lookup reported. After second_refused neither is linked.
+// Links both halves of a new flow in one step unless a flow of the initiator's key is there; bucket
+// is the initiator's, as a failed lookup reported. After second_refused neither is linked.
 pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow, int bucket);
 
-// Gives both halves of a flow that was announced with unknown parts the keys of a packet and moves them to their new
-// buckets in one step: the initiator takes the packet's key, the responder its reverse. The key's type is the complete one.
-// When a flow of the new keys is there, nothing changes. When a bucket is full, both halves stay outside the table.
-pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t* flow, const zon_key_t* key);
+// Gives both halves of a flow that was announced with unknown parts the keys of a packet and moves
+// them to their new buckets in one step: the initiator takes the packet's key, the responder its
+// reverse. The key's type is the complete one. When a flow of the new keys is there, nothing
+// changes. When a bucket is full, both halves stay outside the table.
+pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t* flow,
+                                              const zon_key_t* key);
 
-// The half flow of a key, its flow locked; null without one. The key's bucket goes to *bucket in either case.
-zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, int* bucket);
-inline zon_half_flow_t* zon_flow_table_lookup(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, int* bucket) {
+// The half flow of a key, its flow locked; null without one. The key's bucket goes to *bucket in
+// either case.
+zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
+                                              const zon_half_flow_t* half_flow, int* bucket);
+inline zon_half_flow_t* zon_flow_table_lookup(zon_flow_table_t* tbl,
+                                              const zon_half_flow_t* half_flow, int* bucket) {
     return zon_flow_table_lookup_locked(tbl, half_flow, bucket);
 }
 
 // lock tells whether flow_table_lock is taken; the bucket locks always are.
 bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bool lock);
-bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* half_flow1, zon_half_flow_t* half_flow2,
-                                     bool lock);
+bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* half_flow1,
+                                     zon_half_flow_t* half_flow2, bool lock);
 
 void zon_flow_table_link(zon_flow_table_t* tbl, zon_flow_t* flow);
 
@@ -72,9 +79,10 @@ void zon_flow_table_iterate_half_flow(zon_flow_table_t* tbl, zon_half_flow_callb
 
 uint32_t zon_flow_table_num_elements(zon_flow_table_t* tbl);
 zon_error_t zon_flow_table_is_available(zon_flow_table_t* tbl);
-void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* used, int32_t* empty, int32_t* occupied,
-                               int32_t* bucket_ave, int32_t* bucket_max, uint32_t* inserts, uint32_t* deletes,
-                               uint32_t* passively_aged, int32_t** distribution, int32_t** preflow_count);
+void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* used, int32_t* empty,
+                               int32_t* occupied, int32_t* bucket_ave, int32_t* bucket_max,
+                               uint32_t* inserts, uint32_t* deletes, uint32_t* passively_aged,
+                               int32_t** distribution, int32_t** preflow_count);
 void zon_flow_table_statistics_clear(zon_flow_table_t* tbl);
 zon_error_t zon_flow_table_remove_client_fo(zon_flow_table_t* tbl, zon_client_id_e cid);
 

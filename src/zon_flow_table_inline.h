@@ -24,18 +24,22 @@ inline uint32_t* zon_private_tunnel_counter(zon_flow_table_t* tbl, zon_tunnel_ty
         return nullptr;
     }
 }
-inline void zon_private_increment_active_tunnel_flows(zon_flow_table_t* tbl, zon_tunnel_type_e tunnel_type) {
+inline void zon_private_increment_active_tunnel_flows(zon_flow_table_t* tbl,
+                                                      zon_tunnel_type_e tunnel_type) {
     if (uint32_t* counter = zon_private_tunnel_counter(tbl, tunnel_type))
         relaxed_add(*counter, 1);
 }
-inline void zon_private_decrement_active_tunnel_flows(zon_flow_table_t* tbl, zon_tunnel_type_e tunnel_type) {
+inline void zon_private_decrement_active_tunnel_flows(zon_flow_table_t* tbl,
+                                                      zon_tunnel_type_e tunnel_type) {
     if (uint32_t* counter = zon_private_tunnel_counter(tbl, tunnel_type))
         relaxed_add(*counter, -1);
 }
-inline uint32_t zon_private_get_active_tunnel_flows_count(zon_flow_table_t* tbl, zon_tunnel_type_e tunnel_type) {
+inline uint32_t zon_private_get_active_tunnel_flows_count(zon_flow_table_t* tbl,
+                                                          zon_tunnel_type_e tunnel_type) {
     const uint32_t* counter = zon_private_tunnel_counter(tbl, tunnel_type);
     return counter != nullptr ? relaxed_load(*counter) : 0;
 }
-inline bool zon_private_has_active_tunnel_flows(zon_flow_table_t* tbl, zon_tunnel_type_e tunnel_type) {
+inline bool zon_private_has_active_tunnel_flows(zon_flow_table_t* tbl,
+                                                zon_tunnel_type_e tunnel_type) {
     return zon_private_get_active_tunnel_flows_count(tbl, tunnel_type) > 0;
 }

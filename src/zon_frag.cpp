@@ -2,7 +2,8 @@
 //
 // Owns   the 512 entries and their free list.
 // Locks  one lock for every operation, taken last: inside it only the timer wheel's. Never held
-// across a callback. Knows nothing of flows beyond their identifier.
+//        across a callback.
+// Knows nothing of flows beyond their identifier.
 
 #include "zon_frag.h"
 

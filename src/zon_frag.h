@@ -4,8 +4,8 @@
 // neither grows nor evicts: a datagram too many is simply not tracked.
 //
 // Threads    any; every operation runs under one lock of the table, which is taken after all others
-// but the wheel's. Byte order addresses as the caller hands them in; host-order words on the packet
-// path.
+//            but the wheel's.
+// Byte order addresses as the caller hands them in; host-order words on the packet path.
 
 #pragma once
 

@@ -1,7 +1,8 @@
 // zon_hashset.cpp - the chained hash set of half flows.
 //
 // Owns   the bucket array, the counts per bucket and the bucket locks; never the items.
-// Locks  bucket locks only; flow locks are handed over, never awaited under a bucket lock (docs/locking.md).
+// Locks  bucket locks only; flow locks are handed over, never awaited under a bucket lock
+//        (docs/locking.md).
 // Knows nothing of keys.
 
 #include "zon_hashset.h"
@@ -19,10 +20,11 @@
 namespace {
 
 constexpr std::array<int32_t, 38> hash_array_primes = {
-    13,       29,       59,       107,      263,      599,      1361,     3037,     6719,    19219,
-    54941,    120721,   156941,   204047,   265271,   344857,   448321,   582821,   757693,  985003,
-    1280519,  1664681,  2164111,  2813353,  3657361,  4754591,  6180989,  8035301,  10445899, 13579681,
-    17653589, 22949669, 29834603, 38784989, 50420551, 65546729, 85210757, 0};
+    13,       29,       59,       107,      263,      599,      1361,     3037,
+    6719,     19219,    54941,    120721,   156941,   204047,   265271,   344857,
+    448321,   582821,   757693,   985003,   1280519,  1664681,  2164111,  2813353,
+    3657361,  4754591,  6180989,  8035301,  10445899, 13579681, 17653589, 22949669,
+    29834603, 38784989, 50420551, 65546729, 85210757, 0};
 static_assert(std::is_sorted(hash_array_primes.begin(), hash_array_primes.end() - 1));
 
 constexpr int smallest_table = hash_array_primes.front();
@@ -72,8 +74,8 @@ bool insert_into(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     return linked;
 }
 
-// Nothing for an item that is known to be outside the set. The bucket's lock is held: the link back is rewritten when the
-// neighbours come and go.
+// Nothing for an item that is known to be outside the set. The bucket's lock is held: the link back
+// is rewritten when the neighbours come and go.
 void remove_from(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     if (!is_linked(set, item))
         return;
@@ -81,7 +83,8 @@ void remove_from(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     relaxed_add(set->used, -1);
 }
 
-bool bucket_holds_same(zon_hashset set, uint32_t bucket, const void* item, zon_hashset_same same, void* context) {
+bool bucket_holds_same(zon_hashset set, uint32_t bucket, const void* item, zon_hashset_same same,
+                       void* context) {
     for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr; header = header->next)
         if (same(item, item_of(set, header), context))
             return true;
@@ -98,22 +101,24 @@ void zon_hash_attr_init(zon_hash_attr* attrs) {
     attrs->concurrency_level = 1;
 }
 
-void zon_hash_attr_sethashtable(zon_hash_attr* attrs, bool resizable, int size, int concurrency_level,
-                                uint8_t max_bucket_depth) {
+void zon_hash_attr_sethashtable(zon_hash_attr* attrs, bool resizable, int size,
+                                int concurrency_level, uint8_t max_bucket_depth) {
     if (attrs == nullptr)
         return;
     attrs->concurrency_level = concurrency_level;
     attrs->hashtable_fixed_size = !resizable;
     attrs->max_bucket_depth = max_bucket_depth;
-    // The closing 0 leaves a request that no prime covers with the size that the attributes had, on purpose.
+    // The closing 0 leaves a request that no prime covers with the size that the attributes had, on
+    // purpose.
     const auto end = hash_array_primes.end() - 1;
     const auto prime = std::lower_bound(hash_array_primes.begin(), end, size);
     if (prime != end)
         attrs->hashtable_size = *prime;
 }
 
-zon_error_t zon_hashset_create(zon_hashset* hashset_handle, zon_hash_attr* attrs, int header_data_offset,
-                               zon_hash_calculator calc, zon_hash_matcher matcher, void* ctx) {
+zon_error_t zon_hashset_create(zon_hashset* hashset_handle, zon_hash_attr* attrs,
+                               int header_data_offset, zon_hash_calculator calc,
+                               zon_hash_matcher matcher, void* ctx) {
     void* memory = zon_heap_zalloc(1, sizeof(hashset_storage));
     if (memory == nullptr)
         return zon_error_memory;
@@ -168,7 +173,8 @@ zon_hashset_item zon_hashset_get(zon_hashset set, zon_hashset_item item_key, int
 }
 
 pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item item1, int bucket1,
-                                           zon_hashset_item item2, zon_hashset_same same, void* same_context) {
+                                           zon_hashset_item item2, zon_hashset_same same,
+                                           void* same_context) {
     const auto b1 = static_cast<uint32_t>(bucket1);
     const uint32_t b2 = bucket_of(set, set->hash_function(item2, set->calc_context));
     {
@@ -188,8 +194,8 @@ pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item ite
     return pair_insert_result::linked;
 }
 
-pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& move, zon_hashset_same same,
-                                           zon_hashset_rewrite rewrite) {
+pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& move,
+                                           zon_hashset_same same, zon_hashset_rewrite rewrite) {
     const auto bucket_for = [set](const void* item) {
         return bucket_of(set, set->hash_function(const_cast<void*>(item), set->calc_context));
     };
@@ -236,20 +242,23 @@ void zon_hashset_remove_full(zon_hashset set, zon_hashset_item item1, zon_hashse
 void zon_hashset_iterate(zon_hashset set, zon_hashset_iteration_handler handler, void* ctx) {
     iteration running(set);
     for (int bucket = 0; bucket < set->array_size; ++bucket)
-        for (zon_hashset_hdr *header = set->array[bucket], *next; header != nullptr; header = next) {
+        for (zon_hashset_hdr *header = set->array[bucket], *next; header != nullptr;
+             header = next) {
             next = header->next;
             handler(set, item_of(set, header), ctx);
         }
 }
 
-int zon_hashset_size(zon_hashset set) { return relaxed_load(set->used); }
+int zon_hashset_size(zon_hashset set) {
+    return relaxed_load(set->used);
+}
 
 bool zon_hashset_is_available(zon_hashset set) {
     return set != nullptr && relaxed_load(set->iterating) == 0;
 }
 
-void zon_hashset_get_statistics(zon_hashset set, int* size, int* used, int* empty, int* occupied, int* bucket_ave,
-                                int* bucket_max, int** distribution) {
+void zon_hashset_get_statistics(zon_hashset set, int* size, int* used, int* empty, int* occupied,
+                                int* bucket_ave, int* bucket_max, int** distribution) {
     *size = set->array_size;
     *used = zon_hashset_size(set);
     *empty = *occupied = *bucket_ave = *bucket_max = 0;
@@ -265,7 +274,8 @@ void zon_hashset_get_statistics(zon_hashset set, int* size, int* used, int* empt
         int depth = 0;
         {
             held_bucket held(set, static_cast<uint32_t>(bucket));
-            for (const zon_hashset_hdr* header = set->array[bucket]; header != nullptr; header = header->next)
+            for (const zon_hashset_hdr* header = set->array[bucket]; header != nullptr;
+                 header = header->next)
                 ++depth;
         }
         ++*(depth > 0 ? occupied : empty);

@@ -1,4 +1,5 @@
-// zon_hashset_internal.h - buckets and the hand-over of flow locks, shared by the operations of the hash set.
+// zon_hashset_internal.h - buckets and the hand-over of flow locks, shared by the operations of the
+// hash set.
 
 #pragma once
 
@@ -17,9 +18,13 @@ struct hashset_storage : zon_hashset_ {
     fast_modulo stripe_of_bucket;
 };
 
-inline hashset_storage* storage_of(zon_hashset set) { return static_cast<hashset_storage*>(set); }
+inline hashset_storage* storage_of(zon_hashset set) {
+    return static_cast<hashset_storage*>(set);
+}
 
-inline uint32_t bucket_of(zon_hashset set, unsigned int hash) { return storage_of(set)->bucket_of_hash(hash); }
+inline uint32_t bucket_of(zon_hashset set, unsigned int hash) {
+    return storage_of(set)->bucket_of_hash(hash);
+}
 inline int stripe_of(zon_hashset set, uint32_t bucket) {
     return static_cast<int>(storage_of(set)->stripe_of_bucket(bucket));
 }
@@ -30,20 +35,23 @@ inline zon_hashset_hdr* header_of(zon_hashset set, zon_hashset_item item) {
 inline zon_hashset_item item_of(zon_hashset set, zon_hashset_hdr* header) {
     return reinterpret_cast<char*>(header) - set->header_offset;
 }
-inline zon_flow_t* flow_of(zon_hashset_item item) { return static_cast<zon_half_flow_t*>(item)->flow; }
+inline zon_flow_t* flow_of(zon_hashset_item item) {
+    return static_cast<zon_half_flow_t*>(item)->flow;
+}
 
 // The lock of one bucket, held.
 class [[nodiscard]] held_bucket {
 public:
     held_bucket(zon_hashset set, uint32_t bucket) : held_bucket(set, stripe_of(set, bucket)) {}
-    held_bucket(zon_hashset set, int stripe) : lock_(zon_lock_get_pool_lock(set->bucket_locks, stripe)) {}
+    held_bucket(zon_hashset set, int stripe)
+        : lock_(zon_lock_get_pool_lock(set->bucket_locks, stripe)) {}
 
 private:
     held_lock lock_;
 };
 
-// The locks of several buckets, held; taken in the order of the stripes, so that two threads never wait for each other.
-// Buckets of one stripe take its recursive lock several times.
+// The locks of several buckets, held; taken in the order of the stripes, so that two threads never
+// wait for each other. Buckets of one stripe take its recursive lock several times.
 template <size_t count>
 class [[nodiscard]] held_buckets {
 public:
@@ -70,13 +78,18 @@ inline bool bucket_is_full(zon_hashset set, uint32_t bucket) {
     return set->max_bucket_depth != 0 && set->items_in_bucket[bucket] >= set->max_bucket_depth;
 }
 
-// The links of a chain are stored as atomic words: lookups glance at a bucket's head before they have its lock.
-inline void set_link(zon_hashset_hdr*& link, zon_hashset_hdr* to) { __atomic_store_n(&link, to, __ATOMIC_RELAXED); }
+// The links of a chain are stored as atomic words: lookups glance at a bucket's head before they
+// have its lock.
+inline void set_link(zon_hashset_hdr*& link, zon_hashset_hdr* to) {
+    __atomic_store_n(&link, to, __ATOMIC_RELAXED);
+}
 
-// Starts loading what a lookup in this bucket will touch. The head may change at once, and may even lead to a half flow that
-// has been given back: that memory stays mapped, and nothing but its address is used.
+// Starts loading what a lookup in this bucket will touch. The head may change at once, and may even
+// lead to a half flow that has been given back: that memory stays mapped, and nothing but its
+// address is used.
 inline void prefetch_bucket(zon_hashset set, uint32_t bucket) {
-    const auto first = reinterpret_cast<uintptr_t>(__atomic_load_n(&set->array[bucket], __ATOMIC_RELAXED));
+    const auto first =
+        reinterpret_cast<uintptr_t>(__atomic_load_n(&set->array[bucket], __ATOMIC_RELAXED));
     __builtin_prefetch(reinterpret_cast<const void*>(first));
     __builtin_prefetch(reinterpret_cast<const void*>(first + 64));
 }
@@ -122,17 +135,20 @@ inline flow_lock_state try_flow(zon_flow_t* flow) {
     return flow_lock_state::held;
 }
 
-// Finds the newest item that matches and returns it with its flow locked, or null. When the flow's lock is busy, the
-// bucket is let go, the lock awaited with nothing else held, and the bucket searched anew: the lock is kept if the search
-// leads to it again. Locks outlive their flows, so waiting on one is safe whatever becomes of the flow.
+// Finds the newest item that matches and returns it with its flow locked, or null. When the flow's
+// lock is busy, the bucket is let go, the lock awaited with nothing else held, and the bucket
+// searched anew: the lock is kept if the search leads to it again. Locks outlive their flows, so
+// waiting on one is safe whatever becomes of the flow.
 template <class matches>
 zon_hashset_item find_locked(zon_hashset set, uint32_t bucket, matches match) {
-    const zon_lock_t bucket_lock = zon_lock_get_pool_lock(set->bucket_locks, stripe_of(set, bucket));
+    const zon_lock_t bucket_lock =
+        zon_lock_get_pool_lock(set->bucket_locks, stripe_of(set, bucket));
     zon_lock_t awaited = nullptr;
     for (;;) {
         zon_lock_t busy = nullptr;
         zon_lock_internal(bucket_lock);
-        for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr; header = header->next) {
+        for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr;
+             header = header->next) {
             const zon_hashset_item item = item_of(set, header);
             if (!match(item))
                 continue;

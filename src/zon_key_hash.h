@@ -7,12 +7,13 @@
 #include "zon_flow_defs.h"
 #include "zon_key_hash_funcs_inline.h"
 
-// Hashes the words that are known in a key of this type. Address and port stand side by side in the key, source before
-// destination, so every choice is one run of words.
+// Hashes the words that are known in a key of this type. Address and port stand side by side in the
+// key, source before destination, so every choice is one run of words.
 template <class family>
 inline uint32_t hash_of_key(const typename family::key& key) {
     constexpr size_t endpoint = family::address_words + 1;
-    const auto* words = reinterpret_cast<const uint32_t*>(&key) + sizeof(zon_key_t) / sizeof(uint32_t);
+    const auto* words =
+        reinterpret_cast<const uint32_t*>(&key) + sizeof(zon_key_t) / sizeof(uint32_t);
     switch (key.key_type) {
     case family::complete:
     case family::pre_flow_complete:
@@ -37,7 +38,9 @@ inline uint32_t hash_of_key(const zon_half_flow_t* half_flow) {
                : hash_of_key<ipv6_family>(*zon_full_key<ipv6_family>(half_flow));
 }
 
-inline bool same_address(uint32_t a, uint32_t b) { return a == b; }
+inline bool same_address(uint32_t a, uint32_t b) {
+    return a == b;
+}
 inline bool same_address(const uint32_t (&a)[4], const uint32_t (&b)[4]) {
     return ((a[0] ^ b[0]) | (a[1] ^ b[1]) | (a[2] ^ b[2]) | (a[3] ^ b[3])) == 0;
 }
@@ -51,9 +54,11 @@ inline bool same_destination(const key& a, const key& b) {
     return a.dst_port == b.dst_port && same_address(a.dst_ip, b.dst_ip);
 }
 
-// Words of stored keys that change in place (the type at a promotion, the VRF at a move) are stored and loaded as
-// atomic words: a lookup meanwhile sees the old or the new one.
-inline uint32_t key_type_of(const zon_key_t& key) { return relaxed_load(key.key_type); }
+// Words of stored keys that change in place (the type at a promotion, the VRF at a move) are stored
+// and loaded as atomic words: a lookup meanwhile sees the old or the new one.
+inline uint32_t key_type_of(const zon_key_t& key) {
+    return relaxed_load(key.key_type);
+}
 
 // Whether two keys of one complete type are equal; the path of nearly every packet.
 template <class family>

@@ -1,4 +1,5 @@
-// zon_key_hash_funcs_inline.h - Bob Jenkins's lookup3 hashword (2006, public domain algorithm) over 32-bit words.
+// zon_key_hash_funcs_inline.h - Bob Jenkins's lookup3 hashword (2006, public domain algorithm) over
+// 32-bit words.
 
 #pragma once
 

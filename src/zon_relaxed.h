@@ -1,7 +1,7 @@
 // zon_relaxed.h - relaxed atomic access to plain words.
 //
-// Statistics, configuration words and switches are plain fields of records whose layout hosts know. Several threads
-// touch them without a lock; none of them orders anything.
+// Statistics, configuration words and switches are plain fields of records whose layout hosts know.
+// Several threads touch them without a lock; none of them orders anything.
 
 #pragma once
 
@@ -15,7 +15,9 @@ inline void relaxed_store(word& at, decltype(at + 0) value) {
     __atomic_store_n(&at, static_cast<word>(value), __ATOMIC_RELAXED);
 }
 
-inline void relaxed_store(bool& at, bool value) { __atomic_store_n(&at, value, __ATOMIC_RELAXED); }
+inline void relaxed_store(bool& at, bool value) {
+    __atomic_store_n(&at, value, __ATOMIC_RELAXED);
+}
 
 // The new value.
 template <class word>

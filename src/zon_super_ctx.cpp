@@ -3,8 +3,8 @@
 //
 // Owns   the super contexts and their lists of member flows.
 // Locks  one private lock around table, reference counts, member lists and feature-object slots,
-// taken after a flow's
-//        lock. Clients' functions are called before it is taken or after it is released.
+//        taken after a flow's lock. Clients' functions are called before it is taken or after it is
+//        released.
 // Knows nothing of packets: what groups them is the clients' lookup functions.
 
 #include "zon_super_ctx.h"
@@ -57,8 +57,7 @@ zon_super_context_t* find(zon_super_context_table_t* table, uint32_t context,
     return zon_super_context_table_lookup(table, &key);
 }
 
-// ---- joining
-// -----------------------------------------------------------------------------------------------------
+// ---- joining ----
 
 // Under the lock. A record from the chunk holds arbitrary content: the slots must not look
 // attached.
@@ -103,8 +102,7 @@ zon_super_context_t* join(zon_super_context_table_t* table, uint32_t context,
     return super_ctx;
 }
 
-// ---- leaving
-// -----------------------------------------------------------------------------------------------------
+// ---- leaving ----
 
 void free_element(zon_flow_list_t* element) {
     zon_private_chunk_free_or_trace(ZON_FLOW_LIST_ELEMENT_MEM_TYPE, element,
@@ -145,8 +143,7 @@ void tell_clients(const zon_super_context_table_t* table, const zon_super_contex
     }
 }
 
-// ---- walking
-// -----------------------------------------------------------------------------------------------------
+// ---- walking ----
 
 // The members of a super context at one moment, newest first.
 class member_copy {
@@ -193,8 +190,7 @@ private:
     uint64_t taken_at_ = 0;
 };
 
-// ---- the clients' functions and slots
-// ---------------------------------------------------------------------------
+// ---- the clients' functions and slots ----
 
 zon_error_t set_lookup_function(zon_super_context_types_e type,
                                 zon_super_context_lookup_callback lookup_func) {
@@ -246,8 +242,7 @@ zon_error_t with_slot(zon_flow_ptr_t flow, zon_super_context_types_e type, zon_c
 
 }  // namespace
 
-// ---- the engine's side
-// -------------------------------------------------------------------------------------------
+// ---- the engine's side ----
 
 void zon_super_context_process_fif(zon_flow_t* flow, void* pkt_ctx) {
     zon_super_context_table_t* table = the_table();
@@ -292,8 +287,7 @@ void zon_super_context_free(zon_super_context_t* super_ctx) {
         relaxed_add(g_zon->memory_usage_stats.super_context_alloc_count, -1);
 }
 
-// ---- the clients' side
-// -------------------------------------------------------------------------------------------
+// ---- the clients' side ----
 
 zon_error_t zon_super_context_client_register(zon_super_context_types_e type,
                                               zon_super_context_lookup_callback lookup_func) {

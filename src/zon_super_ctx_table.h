@@ -1,7 +1,8 @@
 // zon_super_ctx_table.h - the super contexts by value and type, and the engine's side of them.
 //
-// Locks      one private lock guards the table, the reference counts, the member lists and the feature-object slots. It
-//            is taken after a flow's lock and never held across a client's function.
+// Locks      one private lock guards the table, the reference counts, the member lists and the
+//            feature-object slots. It is taken after a flow's lock and never held across a client's
+//            function.
 
 #pragma once
 
@@ -36,15 +37,19 @@ struct zon_super_context_table_ {
 using zon_super_context_table_t = zon_super_context_table_;
 
 static_assert(sizeof(zon_flow_list_t) == zon_flow_list_element_size);
-static_assert(sizeof(zon_super_context_t) == zon_super_context_size && sizeof(zon_super_context_t) == 18 * sizeof(zon_flow_list_t));
+static_assert(sizeof(zon_super_context_t) == zon_super_context_size &&
+              sizeof(zon_super_context_t) == 18 * sizeof(zon_flow_list_t));
 static_assert(sizeof(zon_super_context_table_t) == 304);
 
 // max_size buckets, at least 100; null without memory.
 zon_super_context_table_t* zon_super_context_table_create(uint32_t max_size);
 void zon_super_context_table_destroy(zon_super_context_table_t* table);
-uint32_t zon_super_context_hash(const zon_super_context_table_t* table, const zon_super_context_t* super_ctx);
-bool zon_super_context_table_insert(zon_super_context_table_t* table, zon_super_context_t* super_ctx);
-bool zon_super_context_table_remove(zon_super_context_table_t* table, zon_super_context_t* super_ctx);
+uint32_t zon_super_context_hash(const zon_super_context_table_t* table,
+                                const zon_super_context_t* super_ctx);
+bool zon_super_context_table_insert(zon_super_context_table_t* table,
+                                    zon_super_context_t* super_ctx);
+bool zon_super_context_table_remove(zon_super_context_table_t* table,
+                                    zon_super_context_t* super_ctx);
 // super_ctx is a key record with context and type set.
 zon_super_context_t* zon_super_context_table_lookup(zon_super_context_table_t* table,
                                                     const zon_super_context_t* super_ctx);

@@ -11,10 +11,13 @@
 zon_l4_retcode zon_dp_l4_engine_tcp(const zon_fe_handle zon_fe, zon_l4_state_t* l4_info,
                                     bool process_tcp_state_checks);
 
-// Payload bytes of a TCP packet by its length fields, modulo 2^16; 0 when it is neither IPv4 nor IPv6.
+// Payload bytes of a TCP packet by its length fields, modulo 2^16; 0 when it is neither IPv4 nor
+// IPv6.
 uint32_t zon_token_tcp_datalen(zon_fe_handle fe);
 
-// Judge the sequence and the acknowledgement number of a segment and move the two sides' records on.
-zon_l4_retcode valid_tcp_seq(zon_fe_handle fe, zon_tcp_state_info* snd_info, const zon_tcp_state_info* rcv_info,
-                             bool receiver_got_fin);
-bool valid_tcp_ack(zon_fe_handle fe, zon_tcp_state_info* snd_info, const zon_tcp_state_info* rcv_info);
+// Judge the sequence and the acknowledgement number of a segment and move the two sides' records
+// on.
+zon_l4_retcode valid_tcp_seq(zon_fe_handle fe, zon_tcp_state_info* snd_info,
+                             const zon_tcp_state_info* rcv_info, bool receiver_got_fin);
+bool valid_tcp_ack(zon_fe_handle fe, zon_tcp_state_info* snd_info,
+                   const zon_tcp_state_info* rcv_info);

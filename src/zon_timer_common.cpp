@@ -1,8 +1,10 @@
-// zon_timer_common.cpp - the ager: what happens when the idle timer of a flow or a fragment entry fires.
+// zon_timer_common.cpp - the ager: what happens when the idle timer of a flow or a fragment entry
+// fires.
 //
 // Owns   nothing.
-// Locks  fid_table_lock, under which the flow's lock is tried for: the timer thread never waits for a client that keeps a
-//        flow locked, the expiry comes again instead. Deletion consumes the flow's lock.
+// Locks  fid_table_lock, under which the flow's lock is tried for: the timer thread never waits for
+//        a client that keeps a flow locked, the expiry comes again instead. Deletion consumes the
+//        flow's lock.
 
 #include <cstdio>
 
@@ -20,13 +22,14 @@ struct idle_flow {
     locked_flow flow;
 };
 
-// The timer is embedded in the record: while the slot is empty under the table's lock nobody can take the record for a new
-// flow, so the stop cannot hit a new flow's timer.
+// The timer is embedded in the record: while the slot is empty under the table's lock nobody can
+// take the record for a new flow, so the stop cannot hit a new flow's timer.
 idle_flow find_idle_flow(zon_fid_table_t* fid_table, zon_fid_t fid, vem_tw_timer* timer) {
     held_lock table(fid_table->fid_table_lock);
     zon_flow_t* flow = nullptr;
     if (fid != 0) {
-        zon_require(fid_is_valid(fid_table, fid), "fid_is_valid(fid_table, fid)", "zon_fid_table_lookup");
+        zon_require(fid_is_valid(fid_table, fid), "fid_is_valid(fid_table, fid)",
+                    "zon_fid_table_lookup");
         flow = fid_table->table[fid - 1];
     }
     if (flow != nullptr && !zon_flow_is_dying(flow)) {

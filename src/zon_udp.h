@@ -1,4 +1,5 @@
-// zon_udp.h - session state of UDP flows: opening at the initiator's first packet, established at a reply.
+// zon_udp.h - session state of UDP flows: opening at the initiator's first packet, established at a
+// reply.
 
 #pragma once
 

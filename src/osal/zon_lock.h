@@ -1,6 +1,7 @@
 // zon_lock.h - recursive locks and rows of them.
 //
-// A thread may take a lock that it holds and must release it as often. The engine tests no result of locking.
+// A thread may take a lock that it holds and must release it as often. The engine tests no result
+// of locking.
 
 #pragma once
 
@@ -8,8 +9,8 @@
 
 #include "zon_engine_defs.h"
 
-// Memory for one lock, zero-filled; null without memory. zon_lock_init makes it a lock, free() releases it after
-// zon_lock_destroy.
+// Memory for one lock, zero-filled; null without memory. zon_lock_init makes it a lock, free()
+// releases it after zon_lock_destroy.
 zon_lock_t zon_lock_allocate();
 void zon_lock_init(zon_lock_t lock);
 void zon_lock_destroy(zon_lock_t lock);

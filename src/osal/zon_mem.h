@@ -1,7 +1,8 @@
-// zon_mem.h - the six chunks that every per-flow record comes from, and the stacks of ready records before three of them.
+// zon_mem.h - the six chunks that every per-flow record comes from, and the stacks of ready records
+// before three of them.
 //
-// Threads    zon_private_chunk_malloc and zon_private_chunk_free may run on any thread, each kind under a short lock of
-//            its own; creation and destruction run on one control thread.
+// Threads    zon_private_chunk_malloc and zon_private_chunk_free may run on any thread, each kind
+//            under a short lock of its own; creation and destruction run on one control thread.
 
 #pragma once
 
@@ -32,7 +33,8 @@ extern void** zon_private_flow_mem_buffer;
 extern int32_t zon_private_flow_mem_buffer_count;
 extern int32_t zon_private_flow_mem_buffer_count_init;
 
-bool zon_mem_chunk_create(uint32_t max_mem_buffer_init, zon_chunk_mem_t* chunk_ptr, uint32_t create_chunk_elements);
+bool zon_mem_chunk_create(uint32_t max_mem_buffer_init, zon_chunk_mem_t* chunk_ptr,
+                          uint32_t create_chunk_elements);
 bool zon_mem_chunk_destroy(zon_chunk_mem_t* chunk_ptr);
 
 // Straight to and from the chunk of the type.
@@ -45,7 +47,8 @@ bool zon_private_chunk_free(zon_memory_type mem_type, void* data, void* chunk_pt
 
 // Gives an element back and traces a refusal; the element is lost then.
 void zon_private_chunk_free_or_trace(zon_memory_type mem_type, void* data, void* chunk_ptr,
-                                     const char* file = __builtin_FILE(), int line = __builtin_LINE());
+                                     const char* file = __builtin_FILE(),
+                                     int line = __builtin_LINE());
 
 // Zero-filled memory from the general heap, for tables and arrays; released with free().
 void* zon_heap_zalloc(size_t count, size_t size);

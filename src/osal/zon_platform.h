@@ -1,5 +1,5 @@
-// zon_platform.h - hooks of the platform that the engine itself calls; the ones that hosts replace are public
-// (platform/linux/zon_pd_pkt_inline.h).
+// zon_platform.h - hooks of the platform that the engine itself calls; the ones that hosts replace
+// are public (platform/linux/zon_pd_pkt_inline.h).
 
 #pragma once
 

@@ -2,9 +2,8 @@
 //
 // Owns   the three links of all flows.
 // Locks  one private lock, taken last, guards every link: forming and breaking links never takes a
-// second flow's lock. The
-//        traversal holds the parent and one child, and never waits for one of them while it holds
-//        the other.
+//        second flow's lock. The traversal holds the parent and one child, and never waits for one
+//        of them while it holds the other.
 
 #include <algorithm>
 #include <mutex>

@@ -1,9 +1,9 @@
 // zon_delete.cpp - the one way in which a flow dies.
 //
 // Owns   the order of the steps: clients, counters, flow table, timer, bundle, tunnels, super
-// contexts, identifier. Locks  entered with the flow locked, left with that level released. The
-// clients' callbacks run under the flow lock; the
-//        flow table is left without it, because buckets come before flows.
+//        contexts, identifier.
+// Locks  entered with the flow locked, left with that level released. The clients' callbacks run
+//        under the flow lock; the flow table is left without it, because buckets come before flows.
 
 #include "osal/zon_debug.h"
 #include "osal/zon_mem.h"

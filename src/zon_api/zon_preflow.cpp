@@ -2,7 +2,7 @@
 // tuple names.
 //
 // Locks  lookups by tuple hand over the flow's lock; it is let go before return, except where a
-// function says otherwise.
+//        function says otherwise.
 
 #include "osal/zon_debug.h"
 #include "zon_api_internal.h"

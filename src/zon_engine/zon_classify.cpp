@@ -1,8 +1,9 @@
-// zon_classify.cpp - the way of a parsed packet: its flow is found or made, brought up to date and reported.
+// zon_classify.cpp - the way of a parsed packet: its flow is found or made, brought up to date and
+// reported.
 //
 // Owns   nothing.
-// Locks  the flow's lock, from the lookup or the creation until the indications are filled; no client's pre-create
-//        callback runs under it.
+// Locks  the flow's lock, from the lookup or the creation until the indications are filled; no
+//        client's pre-create callback runs under it.
 
 #include <sched.h>
 
@@ -17,7 +18,8 @@
 namespace {
 
 bool clients_allow(packet_in_engine& packet) {
-    for (const auto* client = zon_first_client(g_zon); client != nullptr; client = zon_next_client(client)) {
+    for (const auto* client = zon_first_client(g_zon); client != nullptr;
+         client = zon_next_client(client)) {
         const zon_client_pre_flow_create_cb_t allows = zon_callback_of(client->pre_create_cb);
         if (allows == nullptr || allows(packet.context, client->id))
             continue;
@@ -52,14 +54,16 @@ attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
         // A packet of the same connection on another thread was faster.
         packet.indications->fif = 0;
         sched_yield();
-        if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
+        if (zon_half_flow_t* half =
+                zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
             return locked_flow::adopt(half->flow);
     }
 }
 
 locked_flow find_or_make(packet_in_engine& packet) {
     int bucket = 0;
-    if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket)) [[likely]]
+    if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
+        [[likely]]
         return locked_flow::adopt(half->flow);
     return find_or_make_after_miss(packet, bucket);
 }
@@ -76,16 +80,18 @@ void account_payload(zon_flow_t* flow, zon_pkt_indications_t* seen) {
 
 // The steps that both modes end with.
 template <class last_step>
-zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t packet_number, last_step trace) {
-    if (packet.fe->protocol == ZON_TCP_PROT && relaxed_load(packet.capabilities->zon_engine_client_bypass) != 0)
-        [[unlikely]]
+zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t packet_number,
+                 last_step trace) {
+    if (packet.fe->protocol == ZON_TCP_PROT &&
+        relaxed_load(packet.capabilities->zon_engine_client_bypass) != 0) [[unlikely]]
         run_bypass_callbacks(flow.get(), packet.indications);
     account_aging(flow.get(), packet);
     report_last_packet(flow.get(), packet);
     fill_indications(flow.get(), packet, packet_number);
     trace();
     const zon_fid_t fid = flow->fid;
-    // Under the lock that is held anyway: nobody deletes the flow before it has joined its super contexts.
+    // Under the lock that is held anyway: nobody deletes the flow before it has joined its super
+    // contexts.
     if (packet.indications->fif != 0) [[unlikely]]
         zon_super_context_process_fif(flow.get(), packet.context);
     return fid;
@@ -99,23 +105,27 @@ zon_fid_t classify(packet_in_engine& packet) {
     ++flow->packet_number;
     packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe);
     state_trace trace(flow.get());
-    packet.indications->l4_error = zon_l4_engine(packet.fe, &flow->l4state,
-                                                 relaxed_load(packet.capabilities->zon_engine_tcp_state_checks) != 0);
+    packet.indications->l4_error =
+        zon_l4_engine(packet.fe, &flow->l4state,
+                      relaxed_load(packet.capabilities->zon_engine_tcp_state_checks) != 0);
     if (packet.indications->l4_error != ZON_L4_NOERR) [[unlikely]]
         trace_l4_error(flow.get(), packet.indications->l4_error);
     packet.indications->l4_payload_size = payload_size_of(packet.fe);
     account_payload(flow.get(), packet.indications);
     const uint32_t packet_number = flow->packet_number;
-    return finish(std::move(flow), packet, packet_number, [&] { trace.print_if_changed(packet.fe); });
+    return finish(std::move(flow), packet, packet_number,
+                  [&] { trace.print_if_changed(packet.fe); });
 }
 
 // A report repeats the number of its packet: its payload is counted once.
-void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen, uint32_t reported_number) {
+void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
+                              uint32_t reported_number) {
     if (seen->l4_payload_size == 0)
         return;
     if (reported_number != flow->packet_number)
         flow->num_l7_bytes += seen->l4_payload_size;
-    if (flow->first_payload_seen_on_pkt_num == 0 || flow->first_payload_seen_on_pkt_num == reported_number)
+    if (flow->first_payload_seen_on_pkt_num == 0 ||
+        flow->first_payload_seen_on_pkt_num == reported_number)
         seen->first_payload = 1;
 }
 
@@ -138,12 +148,15 @@ zon_fid_t synchronise(packet_in_engine& packet, zon_fid_t fid, zon_l4_flow_state
 }  // namespace
 
 zon_fid_t zon_engine(zon_half_flow_t* half_flow_key, zon_fe_handle fe, void* pkt_ctx,
-                     zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error, zon_tunnel_type_e tunnel_type,
-                     zon_capability_counter_t* capability_counter, zon_fid_t platform_reported_dft_fid,
+                     zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
+                     zon_tunnel_type_e tunnel_type, zon_capability_counter_t* capability_counter,
+                     zon_fid_t platform_reported_dft_fid,
                      zon_l4_flow_state_e platform_reported_dft_flow_state,
                      uint32_t platform_reported_flow_packet_number) {
-    packet_in_engine packet{half_flow_key, static_cast<zon_dp_fe_t*>(fe), pkt_ctx, pkt_indications, zon_error,
-                            tunnel_type,   capability_counter};
+    packet_in_engine packet{half_flow_key,     static_cast<zon_dp_fe_t*>(fe),
+                            pkt_ctx,           pkt_indications,
+                            zon_error,         tunnel_type,
+                            capability_counter};
     if (platform_reported_dft_fid != 0) [[unlikely]]
         return synchronise(packet, platform_reported_dft_fid, platform_reported_dft_flow_state,
                            platform_reported_flow_packet_number);

@@ -2,9 +2,9 @@
 // they enable.
 //
 // Owns   the entries of the clients and of the free ids, unregistered entries included until the
-// engine goes. Locks  one private mutex around every change, taken last; no client function runs
-// under it. The packet path and
-//        deletion walk without it.
+//        engine goes.
+// Locks  one private mutex around every change, taken last; no client function runs under it. The
+//        packet path and deletion walk without it.
 // Knows nothing of what clients keep on flows.
 
 #include "zon_engine/zon_clients.h"
@@ -124,8 +124,7 @@ zon_error_t unregister_callback(callback client_entry::*slot, zon_client_id_e id
 
 }  // namespace
 
-// ---- the lists
-// ---------------------------------------------------------------------------------------------------
+// ---- the lists ----
 
 void zon_build_free_client_ids(zon_t* engine) {
     const std::lock_guard hold(clients_mutex);
@@ -154,8 +153,7 @@ void zon_free_clients(zon_t* engine) {
     }
 }
 
-// ---- registration
-// ------------------------------------------------------------------------------------------------
+// ---- registration ----
 
 zon_error_t zon_client_feature_register(zon_client_id_e* cid) {
     if (g_zon == nullptr)
@@ -200,8 +198,7 @@ zon_error_t zon_unreg_client_fo(zon_client_id_e cid) {
     return zon_flow_table_remove_client_fo(g_zon->flow_tbl, cid);
 }
 
-// ---- callbacks
-// ---------------------------------------------------------------------------------------------------
+// ---- callbacks ----
 
 zon_error_t zon_client_register_delete_cb(zon_client_id_e id, zon_client_fo_delete_cb_t cb) {
     static constexpr const char* label = "zon_client_register_delete_cb, id:";
@@ -275,8 +272,7 @@ zon_client_fo_delete_cb_t zon_private_get_delete_cb(zon_client_id_e id) {
     return client == nullptr ? nullptr : __atomic_load_n(&client->fo_del_cb, __ATOMIC_ACQUIRE);
 }
 
-// ---- capabilities
-// ------------------------------------------------------------------------------------------------
+// ---- capabilities ----
 
 // Bit i of a set of capabilities is counted by row i.
 static constexpr uint32_t zon_capability_counter_t::*capability_counters[] = {

@@ -1,8 +1,8 @@
 // zon_clients.h - the registered clients, as the packet path and deletion walk them.
 //
-// Threads    the packet path and deletion walk the list without a lock while a client may register or unregister: links
-//            and callbacks are read once, atomically, and an entry that leaves the list keeps its link and its memory
-//            until zon_destroy.
+// Threads    the packet path and deletion walk the list without a lock while a client may register
+//            or unregister: links and callbacks are read once, atomically, and an entry that leaves
+//            the list keeps its link and its memory until zon_destroy.
 
 #pragma once
 
@@ -33,7 +33,8 @@ static_assert(sizeof(zon_client_info_list_entry_) == 56 && sizeof(zon_client_id_
 
 inline constexpr zon_client_id_e zon_last_client_id = 31;
 
-// The newest client, and the one registered before a given one. Acquire loads: an entry is complete when it is seen.
+// The newest client, and the one registered before a given one. Acquire loads: an entry is complete
+// when it is seen.
 inline zon_client_info_list_entry_* zon_first_client(const zon_t* engine) {
     return __atomic_load_n(&engine->clients, __ATOMIC_ACQUIRE);
 }

@@ -14,7 +14,8 @@ namespace {
 constexpr uint32_t accounted_flow_size = sizeof(zon_flow_t) + 2 * sizeof(zon_ipv4_half_flow_t);
 
 // A super context is accounted as so many list elements.
-constexpr uint32_t list_elements_per_super_context = sizeof(zon_super_context_t) / sizeof(zon_flow_list_t);
+constexpr uint32_t list_elements_per_super_context =
+    sizeof(zon_super_context_t) / sizeof(zon_flow_list_t);
 
 }  // namespace
 
@@ -36,7 +37,8 @@ zon_error_t zon_config_set_max_flows(uint32_t max_flows) {
     return zon_error_none;
 }
 
-zon_error_t zon_config_calc_max_flows_for_given_memory(uint32_t mem_bytes, uint32_t* num_max_flows) {
+zon_error_t zon_config_calc_max_flows_for_given_memory(uint32_t mem_bytes,
+                                                       uint32_t* num_max_flows) {
     if (num_max_flows == nullptr)
         return zon_error_parameter_is_null;
     *num_max_flows = mem_bytes / accounted_flow_size;
@@ -49,9 +51,12 @@ zon_error_t zon_config_calc_crnt_memory_usage(zon_flow_memory_usage_t* usage) {
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
     const memory_usage_stats_t& held = g_zon->memory_usage_stats;
-    const uint32_t flows = g_zon->fid_table != nullptr ? relaxed_load(g_zon->fid_table->allocated) : 0;
-    usage->bytes_used_for_ipv4_half_flows = relaxed_load(held.ipv4_half_flow_alloc_count) * ipv4_half_flow_buf_size;
-    usage->bytes_used_for_ipv6_half_flows = relaxed_load(held.ipv6_half_flow_alloc_count) * ipv6_half_flow_buf_size;
+    const uint32_t flows =
+        g_zon->fid_table != nullptr ? relaxed_load(g_zon->fid_table->allocated) : 0;
+    usage->bytes_used_for_ipv4_half_flows =
+        relaxed_load(held.ipv4_half_flow_alloc_count) * ipv4_half_flow_buf_size;
+    usage->bytes_used_for_ipv6_half_flows =
+        relaxed_load(held.ipv6_half_flow_alloc_count) * ipv6_half_flow_buf_size;
     usage->bytes_used_for_flows = flows * static_cast<uint32_t>(sizeof(zon_flow_t));
     usage->bytes_used_for_flow_aggregation =
         (relaxed_load(held.super_context_alloc_count) * list_elements_per_super_context +
@@ -73,11 +78,14 @@ zon_error_t zon_set_default_params(zon_params_t* params) {
     return zon_error_none;
 }
 
-zon_tw_wheel_t* zon_get_tw_internal() { return &g_zon->zon_tw; }
+zon_tw_wheel_t* zon_get_tw_internal() {
+    return &g_zon->zon_tw;
+}
 
 bool zon_set_default_aging(uint8_t prot, zon_l4_flow_state_e state, uint32_t time) {
-    if ((prot != ZON_TCP_PROT && prot != ZON_UDP_PROT) || state < ZON_L4_ENUM_START || state >= ZON_L4_ENUM_END)
+    if ((prot != ZON_TCP_PROT && prot != ZON_UDP_PROT) || state < ZON_L4_ENUM_START ||
+        state >= ZON_L4_ENUM_END)
         return false;
-    return g_zon != nullptr && zon_set_default_aging_internal(static_cast<zon_l4_protocol_e>(prot), state, time,
-                                                              &g_zon->timer_defaults);
+    return g_zon != nullptr && zon_set_default_aging_internal(static_cast<zon_l4_protocol_e>(prot),
+                                                              state, time, &g_zon->timer_defaults);
 }

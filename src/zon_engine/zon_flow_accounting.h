@@ -1,4 +1,5 @@
-// zon_flow_accounting.h - what happens to a flow, found or made, with each of its packets. The flow is locked.
+// zon_flow_accounting.h - what happens to a flow, found or made, with each of its packets. The flow
+// is locked.
 
 #pragma once
 
@@ -12,19 +13,23 @@
 
 inline constexpr uint32_t udp_header_size = 8;
 
-inline uint32_t tcp_header_size(const uint8_t* tcp) { return (tcp[12] >> 4) * 4U; }
-inline uint32_t ipv4_header_size(const uint8_t* ip) { return (ip[0] & 0x0FU) * 4U; }
+inline uint32_t tcp_header_size(const uint8_t* tcp) {
+    return (tcp[12] >> 4) * 4U;
+}
+inline uint32_t ipv4_header_size(const uint8_t* ip) {
+    return (ip[0] & 0x0FU) * 4U;
+}
 
 // The packet runs from the initiator to the responder when its source is the initiator's.
 inline bool runs_from_initiator(const zon_flow_t* flow, const zon_dp_fe_t* fe) {
     const zon_half_flow_t* initiator = flow->initiator_flow;
-    zon_require(initiator->key.key_type <= ZON_IPV6_LAST_KEY, "flow->initiator_flow->key.key_type <= ZON_IPV6_LAST_KEY",
-                "zon_engine");
+    zon_require(initiator->key.key_type <= ZON_IPV6_LAST_KEY,
+                "flow->initiator_flow->key.key_type <= ZON_IPV6_LAST_KEY", "zon_engine");
     if (zon_key_is_ipv4(initiator->key.key_type))
         return load_be32(fe->network_start + 12) == zon_full_key<ipv4_family>(initiator)->src_ip;
     const uint32_t(&source)[4] = zon_full_key<ipv6_family>(initiator)->src_ip;
-    return ((fe->ipv6_srcaddr[0] ^ source[0]) | (fe->ipv6_srcaddr[1] ^ source[1]) | (fe->ipv6_srcaddr[2] ^ source[2]) |
-            (fe->ipv6_srcaddr[3] ^ source[3])) == 0;
+    return ((fe->ipv6_srcaddr[0] ^ source[0]) | (fe->ipv6_srcaddr[1] ^ source[1]) |
+            (fe->ipv6_srcaddr[2] ^ source[2]) | (fe->ipv6_srcaddr[3] ^ source[3])) == 0;
 }
 
 // Payload bytes by the length fields of the headers, modulo 2^16.
@@ -47,18 +52,19 @@ inline uint32_t payload_size_of(const zon_dp_fe_t* fe) {
 }
 
 inline void run_bypass_callbacks(zon_flow_t* flow, const zon_pkt_indications_t* seen) {
-    for (const auto* client = zon_first_client(g_zon); client != nullptr; client = zon_next_client(client))
+    for (const auto* client = zon_first_client(g_zon); client != nullptr;
+         client = zon_next_client(client))
         if (const zon_client_bypass_cb_t bypass = zon_callback_of(client->bypass_cb))
-            bypass(seen->l4_payload_size, seen->fif != 0, seen->was_promoted != 0, seen->first_payload != 0,
-                   &flow->bypass_id);
+            bypass(seen->l4_payload_size, seen->fif != 0, seen->was_promoted != 0,
+                   seen->first_payload != 0, &flow->bypass_id);
 }
 
 // The idle time is chosen once, by the state after the first packet.
 inline void start_aging(zon_flow_t* flow, uint8_t protocol) {
     if (flow->age_ms == 0)
-        flow->age_ms = zon_timer_get_default_value_internal(static_cast<zon_l4_protocol_e>(protocol),
-                                                            static_cast<zon_l4_flow_state_e>(flow->l4state.sess_state),
-                                                            &g_zon->timer_defaults);
+        flow->age_ms = zon_timer_get_default_value_internal(
+            static_cast<zon_l4_protocol_e>(protocol),
+            static_cast<zon_l4_flow_state_e>(flow->l4state.sess_state), &g_zon->timer_defaults);
     zon_timer_flow_start(&g_zon->zon_tw, &flow->timer, flow->age_ms, &flow->fid);
     flow->should_reset_timer = false;
 }
@@ -80,7 +86,8 @@ inline void report_last_packet(const zon_flow_t* flow, const packet_in_engine& p
     }
 }
 
-inline void fill_indications(const zon_flow_t* flow, const packet_in_engine& packet, uint32_t packet_number) {
+inline void fill_indications(const zon_flow_t* flow, const packet_in_engine& packet,
+                             uint32_t packet_number) {
     zon_pkt_indications_t* seen = packet.indications;
     const zon_dp_fe_t* fe = packet.fe;
     seen->flow = flow->fid;
@@ -90,7 +97,8 @@ inline void fill_indications(const zon_flow_t* flow, const packet_in_engine& pac
     if (fe->protocol == ZON_TCP_PROT || fe->protocol == ZON_UDP_PROT) [[likely]] {
         seen->l4_port = {load_be16(fe->l4_start), load_be16(fe->l4_start + 2)};
         seen->l7_start =
-            fe->l4_start + (fe->protocol == ZON_TCP_PROT ? tcp_header_size(fe->l4_start) : udp_header_size);
+            fe->l4_start +
+            (fe->protocol == ZON_TCP_PROT ? tcp_header_size(fe->l4_start) : udp_header_size);
     } else {
         seen->l4_port = {0, 0};
         seen->l7_start = nullptr;

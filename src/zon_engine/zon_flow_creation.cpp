@@ -1,6 +1,7 @@
 // zon_flow_creation.cpp - gives a packet of an unknown connection a flow.
 //
-// Owns   nothing; a flow that cannot be completed goes back where it came from, unlocked and unseen.
+// Owns   nothing; a flow that cannot be completed goes back where it came from, unlocked and
+//        unseen.
 // Locks  the new flow's lock, held from the moment the record is taken until the packet is done.
 
 #include <algorithm>
@@ -29,7 +30,8 @@ bool tunnel_is_enabled(const packet_in_engine& packet) {
 [[gnu::cold]] attempted_flow refuse_tunnel(packet_in_engine& packet) {
     if (zon_tracing_engine())
         zon_buginf(
-            "\nZON Engine: Tunneled flow cannot be created because the stripping for the specified tunnel type is not "
+            "\nZON Engine: Tunneled flow cannot be created because the stripping for the specified "
+            "tunnel type is not "
             "enabled");
     packet.indications->fif = 0;
     return {attempt::refused, {}};
@@ -43,7 +45,8 @@ bool tunnel_is_enabled(const packet_in_engine& packet) {
     return {attempt::refused, {}};
 }
 
-// Before a packet is refused for want of memory: another thread may have made the packet's flow with the last of it.
+// Before a packet is refused for want of memory: another thread may have made the packet's flow
+// with the last of it.
 attempted_flow made_meanwhile(packet_in_engine& packet) {
     zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, nullptr);
     if (half == nullptr)
@@ -52,8 +55,8 @@ attempted_flow made_meanwhile(packet_in_engine& packet) {
     return {attempt::done, locked_flow::adopt(half->flow)};
 }
 
-// Gives back a flow that nobody has seen in the flow table. A stale identifier may still lead to it: it is hidden before
-// its lock is let go.
+// Gives back a flow that nobody has seen in the flow table. A stale identifier may still lead to
+// it: it is hidden before its lock is let go.
 [[gnu::cold]] void abandon(locked_flow flow) {
     zon_half_flow_t* initiator = flow->initiator_flow;
     zon_half_flow_t* responder = flow->responder_flow;
@@ -68,8 +71,8 @@ attempted_flow made_meanwhile(packet_in_engine& packet) {
     zon_private_deallocate_flow(record);
 }
 
-// Shows the key to a host's NAT, so that the responder's side is stored under the translated addresses. The key holds
-// ports in words, the hook takes 16-bit ones.
+// Shows the key to a host's NAT, so that the responder's side is stored under the translated
+// addresses. The key holds ports in words, the hook takes 16-bit ones.
 void translate_addresses(packet_in_engine& packet) {
     if (!zon_key_is_ipv4(packet.key->key.key_type) || !zon_ipnat_enabled(packet.context))
         return;
@@ -110,7 +113,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     flow->age_ms = 0;
     zon_timer_set_type(&g_zon->zon_tw, &flow->timer, ZON_TIMER_FLOW_IDLE);
 
-    const auto key_type = static_cast<uint8_t>(std::min<uint32_t>(packet.key->key.key_type, UINT8_MAX));
+    const auto key_type =
+        static_cast<uint8_t>(std::min<uint32_t>(packet.key->key.key_type, UINT8_MAX));
     flow->initiator_flow = zon_allocate_half_flow(key_type);
     if (flow->initiator_flow != nullptr) {
         zon_copy_key_to_half_flow(flow->initiator_flow, &packet.key->key);
@@ -118,7 +122,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     }
     if (flow->responder_flow == nullptr) {
         abandon(std::move(flow));
-        return refuse_for_memory(packet, "\nZON Engine: Could not allocate memory for the half flow");
+        return refuse_for_memory(packet,
+                                 "\nZON Engine: Could not allocate memory for the half flow");
     }
     translate_addresses(packet);
     zon_copy_key_to_half_flow(flow->responder_flow, &packet.key->key);

@@ -42,7 +42,8 @@ zon_half_flow_t* lookup_complete_or_announced(const typename family::key* key) {
 zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type) {
     zon_require(half_flow_key_type <= ZON_IPV6_LAST_KEY, "half_flow_key_type <= ZON_IPV6_LAST_KEY");
     const half_flow_kind kind = kind_of(half_flow_key_type);
-    auto* half_flow = static_cast<zon_half_flow_t*>(zon_private_chunk_malloc(kind.memory, &g_zon->zon_chunk_ptr));
+    auto* half_flow =
+        static_cast<zon_half_flow_t*>(zon_private_chunk_malloc(kind.memory, &g_zon->zon_chunk_ptr));
     // Counts the attempt: after a failure the figure stays one too high, and monitors know it so.
     relaxed_add(g_zon->memory_usage_stats.*kind.usage, 1);
     if (half_flow == nullptr) [[unlikely]] {
@@ -54,7 +55,8 @@ zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type) {
 }
 
 void zon_deallocate_half_flow(zon_half_flow_t* half_flow) {
-    zon_require(zon_key_type_is_valid(half_flow->key.key_type), "half_flow->key.key_type <= ZON_IPV6_LAST_KEY");
+    zon_require(zon_key_type_is_valid(half_flow->key.key_type),
+                "half_flow->key.key_type <= ZON_IPV6_LAST_KEY");
     const half_flow_kind kind = kind_of(half_flow->key.key_type);
     zon_private_chunk_free_or_trace(kind.memory, half_flow, &g_zon->zon_chunk_ptr);
     relaxed_add(g_zon->memory_usage_stats.*kind.usage, -1);
@@ -68,17 +70,25 @@ zon_half_flow_t* zon_private_flow_lookup_ipv6(const zon_ipv6_key_t* key) {
     return lookup_complete_or_announced<ipv6_family>(key);
 }
 
-zon_flow_t* zon_get_flow(zon_fid_t fid) { return zon_fid_table_lookup(g_zon->fid_table, fid).hand_over(); }
+zon_flow_t* zon_get_flow(zon_fid_t fid) {
+    return zon_fid_table_lookup(g_zon->fid_table, fid).hand_over();
+}
 
-bool zon_private_add_half_flow(zon_half_flow_t* half_flow) { return zon_flow_table_insert(g_zon->flow_tbl, half_flow); }
+bool zon_private_add_half_flow(zon_half_flow_t* half_flow) {
+    return zon_flow_table_insert(g_zon->flow_tbl, half_flow);
+}
 
 bool zon_private_remove_half_flow(zon_half_flow_t* half_flow) {
     return zon_flow_table_delete(g_zon->flow_tbl, half_flow, false);
 }
 
-void zon_private_link_flow(zon_flow_t* flow) { zon_flow_table_link(g_zon->flow_tbl, flow); }
+void zon_private_link_flow(zon_flow_t* flow) {
+    zon_flow_table_link(g_zon->flow_tbl, flow);
+}
 
-void zon_private_deallocate_flow(zon_flow_t* flow) { zon_fid_table_recycle_flow(g_zon->fid_table, flow->fid); }
+void zon_private_deallocate_flow(zon_flow_t* flow) {
+    zon_fid_table_recycle_flow(g_zon->fid_table, flow->fid);
+}
 
 void zon_inst_mark_flow_for_delete(zon_flow_t* flow) {
     if (flow == nullptr)
@@ -87,4 +97,6 @@ void zon_inst_mark_flow_for_delete(zon_flow_t* flow) {
     flow->marked_for_delete = true;
 }
 
-void zon_private_stop_timer(zon_flow_t* flow) { zon_timer_stop(&flow->timer); }
+void zon_private_stop_timer(zon_flow_t* flow) {
+    zon_timer_stop(&flow->timer);
+}

@@ -1,7 +1,8 @@
 // zon_lifecycle.cpp - creates, destroys and re-creates the engine.
 //
 // Owns   g_zon and, through it, every table, chunk and record.
-// Locks  none of its own: hosts call these while nothing else runs. Deletion takes each flow's lock.
+// Locks  none of its own: hosts call these while nothing else runs. Deletion takes each flow's
+//        lock.
 
 #include <cstdlib>
 #include <iterator>
@@ -28,9 +29,11 @@ void trace_engine(const char* text) {
 // A half-built engine lacks some of its tables; those count as available.
 zon_error_t tables_are_available(const zon_t* engine) {
     if (engine->flow_tbl != nullptr)
-        if (const zon_error_t busy = zon_flow_table_is_available(engine->flow_tbl); busy != zon_error_none)
+        if (const zon_error_t busy = zon_flow_table_is_available(engine->flow_tbl);
+            busy != zon_error_none)
             return busy;
-    return engine->fid_table != nullptr ? zon_fid_table_is_available(engine->fid_table) : zon_error_none;
+    return engine->fid_table != nullptr ? zon_fid_table_is_available(engine->fid_table)
+                                        : zon_error_none;
 }
 
 bool stop_timer(zon_flow_t* flow, void*) {
@@ -38,8 +41,8 @@ bool stop_timer(zon_flow_t* flow, void*) {
     return true;
 }
 
-// The list of records only grows and no record is freed before the tables are: it is walked without the table's lock, so
-// that callbacks which make records meanwhile do not wait for this walk.
+// The list of records only grows and no record is freed before the tables are: it is walked without
+// the table's lock, so that callbacks which make records meanwhile do not wait for this walk.
 void delete_every_flow(zon_flow_table_t* flow_tbl) {
     for (zon_flow_t* flow = flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow) {
         zon_lock_internal(flow->flow_lock);
@@ -85,13 +88,16 @@ void destroy_side_tables(zon_t* engine) {
 
 zon_error_t build_tables(zon_t* engine) {
     const zon_params_t& params = engine->params;
-    if (!zon_mem_chunk_create(params.max_mem_buffer_init, &engine->zon_chunk_ptr, params.create_chunk_elements))
+    if (!zon_mem_chunk_create(params.max_mem_buffer_init, &engine->zon_chunk_ptr,
+                              params.create_chunk_elements))
         return zon_error_memory_chunk_creation_failed;
     engine->memory_chunk_created = true;
-    engine->flow_tbl = zon_flow_table_create(params.max_flows, params.max_threads, params.max_bucket_depth);
+    engine->flow_tbl =
+        zon_flow_table_create(params.max_flows, params.max_threads, params.max_bucket_depth);
     if (engine->flow_tbl == nullptr)
         return zon_error_flow_table_creation_failed;
-    engine->fid_table = zon_fid_table_init(params.max_flows, params.min_init_flows, params.max_threads);
+    engine->fid_table =
+        zon_fid_table_init(params.max_flows, params.min_init_flows, params.max_threads);
     if (engine->fid_table == nullptr)
         return zon_error_fid_table_creation_failed;
     zon_timer_set_initial_default(&engine->timer_defaults);
@@ -101,7 +107,8 @@ zon_error_t build_tables(zon_t* engine) {
     if (engine->frag_table == nullptr)
         return zon_error_frag_table_creation_failed;
     engine->super_ctx_table = zon_super_context_table_create(params.max_flows / 10);
-    return engine->super_ctx_table != nullptr ? zon_error_none : zon_error_sctx_table_creation_failed;
+    return engine->super_ctx_table != nullptr ? zon_error_none
+                                              : zon_error_sctx_table_creation_failed;
 }
 
 }  // namespace
@@ -124,7 +131,8 @@ zon_error_t zon_init(uint32_t max_flows_supported, uint32_t pre_flow_timer, uint
     params.create_chunk_elements = create_chunk_elements;
     params.max_mem_buffer_init = max_mem_buffer_init;
 
-    // A failure leaves the engine half built, on purpose: the host destroys it or initialises again.
+    // A failure leaves the engine half built, on purpose: the host destroys it or initialises
+    // again.
     if (const zon_error_t failed = build_tables(g_zon); failed != zon_error_none)
         return failed;
     zon_build_free_client_ids(g_zon);
@@ -167,10 +175,12 @@ bool zon_restart() {
     }
     const bool initialised =
         zon_init(params.max_flows, params.pre_flow_timer, params.min_init_flows, params.max_threads,
-                 params.max_bucket_depth, params.create_chunk_elements, params.max_mem_buffer_init) == zon_error_none;
+                 params.max_bucket_depth, params.create_chunk_elements,
+                 params.max_mem_buffer_init) == zon_error_none;
     if (!initialised)
         trace_engine("\nZON Engine: ZON initialization failed\n");
-    // Capabilities stay in force although their clients are gone; hosts rely on it across a restart.
+    // Capabilities stay in force although their clients are gone; hosts rely on it across a
+    // restart.
     if (g_zon != nullptr) {
         g_zon->params.capability_counter = params.capability_counter;
         for (size_t id = 0; id < std::size(params.client_enabled_capability); ++id)
@@ -179,4 +189,6 @@ bool zon_restart() {
     return initialised;
 }
 
-zon_error_t zon_is_init() { return g_zon != nullptr ? zon_error_none : zon_error_engine_not_init; }
+zon_error_t zon_is_init() {
+    return g_zon != nullptr ? zon_error_none : zon_error_engine_not_init;
+}

@@ -1,8 +1,7 @@
 // zon_preflow_insert.cpp - makes an announced flow.
 //
 // Locks  the parent is looked at and let go at once; the new flow stays locked from its making to
-// the end, so that nobody
-//        sees it half made. No other flow's lock is held meanwhile.
+//        the end, so that nobody sees it half made. No other flow's lock is held meanwhile.
 
 #include "osal/zon_debug.h"
 #include "osal/zon_errlog.h"

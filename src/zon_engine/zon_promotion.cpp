@@ -13,15 +13,16 @@
 namespace {
 
 std::span<const uint32_t> announced_types_for(uint32_t key_type) {
-    return zon_key_is_ipv4(key_type) ? std::span(zon_incomplete_keys_ipv4) : std::span(zon_incomplete_keys_ipv6);
+    return zon_key_is_ipv4(key_type) ? std::span(zon_incomplete_keys_ipv4)
+                                     : std::span(zon_incomplete_keys_ipv6);
 }
 
 uint32_t complete_type_for(uint32_t key_type) {
     return zon_key_is_ipv4(key_type) ? ZON_IPV4_KEY_COMPLETE : ZON_IPV6_KEY_COMPLETE;
 }
 
-// The half flow of the most specific announcement that the packet answers to, its flow locked. The scratch key keeps the
-// type that matched.
+// The half flow of the most specific announcement that the packet answers to, its flow locked. The
+// scratch key keeps the type that matched.
 zon_half_flow_t* find_announced_locked(zon_half_flow_t* key) {
     for (const uint32_t type : announced_types_for(key->key.key_type)) {
         if (zon_private_get_incomplete_inserts(g_zon->flow_tbl, type) == 0)
@@ -36,8 +37,10 @@ zon_half_flow_t* find_announced_locked(zon_half_flow_t* key) {
 // The side that the packet came from becomes the initiator; what is noted of a side goes with it.
 void exchange_sides(zon_flow_t* flow) {
     std::swap(flow->initiator_flow, flow->responder_flow);
-    constexpr uint8_t initiator_marks = zon_detached_initiator | zon_given_back_mark(ZON_DIR_INITIATOR);
-    constexpr uint8_t responder_marks = zon_detached_responder | zon_given_back_mark(ZON_DIR_RESPONDER);
+    constexpr uint8_t initiator_marks =
+        zon_detached_initiator | zon_given_back_mark(ZON_DIR_INITIATOR);
+    constexpr uint8_t responder_marks =
+        zon_detached_responder | zon_given_back_mark(ZON_DIR_RESPONDER);
     static_assert(responder_marks == initiator_marks << 1);
     const uint8_t marks = flow->private_detached;
     flow->private_detached =
@@ -69,7 +72,8 @@ void complete_in_place(zon_flow_t* flow, uint32_t complete) {
     count_out(announced);
 }
 
-// Part of the tuple was unknown: both half flows take their keys from the packet and move to new buckets.
+// Part of the tuple was unknown: both half flows take their keys from the packet and move to new
+// buckets.
 pair_insert_result rekey_from_packet(zon_flow_t* flow, zon_half_flow_t* key) {
     const key_types announced = types_of(flow);
     const pair_insert_result result = zon_flow_table_relink_flow(g_zon->flow_tbl, flow, &key->key);
@@ -83,8 +87,8 @@ pair_insert_result rekey_from_packet(zon_flow_t* flow, zon_half_flow_t* key) {
 [[gnu::cold]] attempted_flow refuse_promotion(packet_in_engine& packet, locked_flow flow) {
     flow->private_detached = zon_detached_initiator | zon_detached_responder;
     // The text is kept as hosts know it, although it reports a failure.
-    zon_log_error_message(ZON_ERRMSG_CLIENT_API, "Flow could now be promoted", "zon_flow_lookup, fid:",
-                          static_cast<int>(flow->fid));
+    zon_log_error_message(ZON_ERRMSG_CLIENT_API, "Flow could now be promoted",
+                          "zon_flow_lookup, fid:", static_cast<int>(flow->fid));
     packet.indications->fif = 0;
     return {attempt::refused, {}};
 }

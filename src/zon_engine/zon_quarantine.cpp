@@ -1,8 +1,7 @@
 // zon_quarantine.cpp - half flows that were given up while the flow table still links them.
 //
 // Owns   the quarantined buffers, and one stand-in flow that they all belong to. The stand-in is
-// dying for ever, so that
-//        lookups pass over its half flows.
+//        dying for ever, so that lookups pass over its half flows.
 // Locks  one private lock for the list; the stand-in has a flow lock like any flow.
 
 #include "zon_engine/zon_quarantine.h"

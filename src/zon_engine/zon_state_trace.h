@@ -18,8 +18,8 @@ public:
         : flow_(flow), session_(flow->l4state.sess_state), tcp_(flow->l4state.tcp_state) {}
 
     void print_if_changed(const zon_dp_fe_t* fe) const {
-        if (relaxed_load(zon_debug) && (tcp_ != flow_->l4state.tcp_state || session_ != flow_->l4state.sess_state))
-            [[unlikely]]
+        if (relaxed_load(zon_debug) && (tcp_ != flow_->l4state.tcp_state ||
+                                        session_ != flow_->l4state.sess_state)) [[unlikely]]
             trace_state_change(flow_, fe);
     }
 

@@ -280,23 +280,25 @@ TEST_P(aging_on_threads, a_fresh_fragment_entry_outlives_the_expiry_of_the_one_b
     constexpr uint32_t datagrams = 40;
     constexpr uint64_t turn_us = (zon_frag_idle_ms + 100) * 1000;
     std::atomic<uint32_t> lost{0};
+    std::atomic<uint32_t> turns{0};
     stress_crew crew;
-    crew.add("clock", [](stress_thread& self) {
+    crew.add("clock", [&turns](stress_thread& self) {
         for (uint32_t round = 0; round < rounds; ++round) {
             self.meet();
             self.doing("turn the clock");
             zon_clock_advance_us(turn_us);
+            ++turns;
             self.meet();
         }
     });
-    crew.add("packets", [&lost](stress_thread& self) {
+    crew.add("packets", [&lost, &turns](stress_thread& self) {
         zon_frag_table_t* table = g_zon->frag_table;
         for (uint32_t round = 0; round < rounds; ++round) {
             for (uint32_t ident = 0; ident < datagrams; ++ident)
                 zon_frag_flow_insert_ipv4(table, ident, 0, 17, 1, 2, 7);
             self.meet();
             self.doing("replace entries");
-            for (uint32_t i = 0; i < 8 * datagrams; ++i) {
+            for (uint32_t i = 0; i < 2 * datagrams || turns <= round; ++i) {
                 const uint32_t ident = i % datagrams;
                 zon_frag_flow_delete_ipv4(table, ident, 0, 17, 1, 2);
                 const uint64_t inserted_us = zon_clock_now_us();
@@ -310,6 +312,41 @@ TEST_P(aging_on_threads, a_fresh_fragment_entry_outlives_the_expiry_of_the_one_b
     });
     run(crew);
     EXPECT_EQ(lost, 0u) << "fresh entries were removed by the timers of earlier ones";
+}
+
+// A fragment whose flow has gone takes its entry away, unless the entry has become another flow's meanwhile.
+TEST_P(aging_on_threads, a_stray_fragment_leaves_the_entry_of_a_new_flow) {
+    constexpr uint32_t rounds = 4000;
+    uint32_t lost = 0;
+    stress_crew crew;
+    crew.add("stray", [&lost](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            self.doing("make and delete a flow");
+            const zon_fid_t gone = send(connection_packet::first_fragment(1, 7)).fid;
+            EXPECT_TRUE(zon_delete_flow_tamonet(gone, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+            self.meet();
+            self.doing("send a stray fragment");
+            send(connection_packet::middle_fragment(1, 7));
+            self.meet();
+            self.doing("send a fragment of the new flow");
+            if (self.is_alone())
+                send(connection_packet::first_fragment(1, 7));
+            const zon_fid_t fid = send(connection_packet::middle_fragment(1, 7)).fid;
+            lost += fid == 0;
+            zon_delete_flow_tamonet(send(connection_packet::udp(1)).fid,
+                                    ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+        }
+    });
+    crew.add("new flow", [](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            self.meet();
+            self.doing("send a first fragment");
+            EXPECT_NE(send(connection_packet::first_fragment(1, 7)).fid, 0u);
+            self.meet();
+        }
+    });
+    run(crew);
+    EXPECT_EQ(lost, 0u) << "entries of new flows were taken away";
 }
 
 TEST_P(aging_on_threads, leaves_no_fragment_entry_behind) {

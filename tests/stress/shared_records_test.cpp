@@ -146,9 +146,9 @@ void ignore_deletion(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reas
 
 TEST_P(shared_by_threads, clients_come_and_go_while_packets_are_shown_to_them) {
     constexpr uint32_t rounds = 10000;
-    const auto capabilities = static_cast<zon_capability_e>(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS |
-                                                            ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS |
-                                                            ZON_CAPABILITY_ENABLE_ICMP);
+    constexpr auto capabilities = static_cast<zon_capability_e>(
+        ZON_CAPABILITY_ENABLE_CLIENT_BYPASS | ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS |
+        ZON_CAPABILITY_ENABLE_ICMP);
     stress_crew crew;
     for (uint32_t thread = 0; thread < 2; ++thread)
         crew.add("packets " + std::to_string(thread), [thread](stress_thread& self) {
@@ -162,7 +162,7 @@ TEST_P(shared_by_threads, clients_come_and_go_while_packets_are_shown_to_them) {
             }
         });
     for (uint32_t thread = 0; thread < 2; ++thread)
-        crew.add("client " + std::to_string(thread), [capabilities](stress_thread& self) {
+        crew.add("client " + std::to_string(thread), [](stress_thread& self) {
             for (uint32_t i = 0; i < rounds; ++i) {
                 zon_client_id_e id = 0;
                 self.doing("register");

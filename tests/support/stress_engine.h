@@ -32,10 +32,17 @@ public:
             packet_builder::ipv4(0u, 0u).tcp(1, 1).flags(tcp_ack).payload(1).build();
         return {pattern, connection, back};
     }
-    // The first packet of a fragmented datagram, or the last.
+    // The first packet of a fragmented datagram, one in the middle, or the last.
     static connection_packet first_fragment(uint32_t connection, uint16_t ident) {
         static const bytes pattern =
             packet_builder::ipv4(0u, 0u).udp(1, 1).payload(8).fragment(0, true, 0).build();
+        connection_packet packet{pattern, connection, false};
+        put16(packet.content, 4, ident);
+        return packet;
+    }
+    static connection_packet middle_fragment(uint32_t connection, uint16_t ident) {
+        static const bytes pattern =
+            packet_builder::ipv4(0u, 0u).protocol(17).payload(8).fragment(16, true, 0).build();
         connection_packet packet{pattern, connection, false};
         put16(packet.content, 4, ident);
         return packet;

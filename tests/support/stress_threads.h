@@ -52,6 +52,7 @@ public:
             barrier_->arrive_and_wait();
         }
     }
+    bool is_alone() const { return barrier_ == nullptr; }
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
     // Lets others in now and then, so that a single core also meets the odd interleaving.
     void stumble() {

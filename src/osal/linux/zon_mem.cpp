@@ -1,9 +1,9 @@
 // zon_mem.cpp - the six memory chunks, and the stacks of ready records before three of them.
 //
 // Owns   the stacks: three arrays and the records that are on them.
-// Locks  one mutex per memory type around its stack, innermost and never held across a call of the
-// runtime; chunks
-//        lock themselves.
+// Locks  one mutex per memory type around its stack; taking a record off and putting one on call
+//        nothing under it. Only creation and destruction call the runtime with it held. Chunks lock
+//        themselves.
 // Knows the sizes of the records, not their content.
 
 #include "osal/zon_mem.h"
@@ -48,8 +48,8 @@ constexpr chunk_row chunk_rows[] = {
      "ZON Data Path Flow Memory Chunk"},
     {ZON_SUPER_CTX_MEM_TYPE, &zon_chunk_mem_t::zon_super_ctx_mem, zon_super_context_size,
      "ZON Data Path Super Context Memory Chunk"},
-    {ZON_FLOW_LIST_ELEMENT_MEM_TYPE, &zon_chunk_mem_t::zon_flow_list_mem, zon_flow_list_element_size,
-     "ZON Data Path Flow List Element Memory Chunk"},
+    {ZON_FLOW_LIST_ELEMENT_MEM_TYPE, &zon_chunk_mem_t::zon_flow_list_mem,
+     zon_flow_list_element_size, "ZON Data Path Flow List Element Memory Chunk"},
     {ZON_FLOW_FO_MEM_TYPE, &zon_chunk_mem_t::zon_flow_fo_mem, sizeof(zon_flow_fo_t),
      "ZON Data Path Flow FO Memory Chunk"},
 };
