@@ -150,7 +150,8 @@ struct zon_flow_ {
     uint8_t should_reset_timer : 1;
     uint8_t private_dying;    /* the engine's own: the flow is past the point of no return */
     uint8_t private_detached; /* the engine's own: half flows that are outside the flow table */
-    uint8_t private_reserved[5];
+    uint8_t private_mirrored; /* the engine's own: each side's key is the reverse of the other's */
+    uint8_t private_reserved[4];
     zon_flow_fo_t* fo_list;
     uint32_t bypass_id;
     zon_tunnel_type_e tunnel_type;

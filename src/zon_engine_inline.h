@@ -56,6 +56,10 @@ void zon_flow_fo_list_unlink(zon_flow_fo_t** fo_list, const zon_flow_fo_t* recor
 inline bool zon_flow_is_dying(const zon_flow_t* flow) {
     return __atomic_load_n(&flow->private_dying, __ATOMIC_ACQUIRE) != 0;
 }
+// The caller holds the flow's lock.
+inline bool zon_flow_has_half(const zon_flow_t* flow, const zon_half_flow_t* half) {
+    return flow->initiator_flow == half || flow->responder_flow == half;
+}
 inline void zon_flow_set_dying(zon_flow_t* flow, bool dying) {
     __atomic_store_n(&flow->private_dying, static_cast<uint8_t>(dying), __ATOMIC_RELEASE);
 }

@@ -52,9 +52,24 @@ void print_address(const uint32_t (&words)[4]) {
         zon_buginf("\nZON FE: next header: 0x%x\n", fe->protocol);
 }
 
+// Steps over the header of type current_prot at ptr, without a word.
+uint8_t* step_over(uint8_t* ptr, uint8_t current_prot, uint8_t* next_prot, zon_dp_fe_t* fe) {
+    if (current_prot == encrypted_payload) {
+        fe->protocol = no_next_header;
+        *next_prot = no_next_header;
+        return nullptr;
+    }
+    if (current_prot == fragment_header)
+        fe->ipv6_frag_hdr = ptr;
+    fe->protocol = ptr[0];
+    *next_prot = ptr[0];
+    return ptr + extension_size(ptr, current_prot);
+}
+
 // A trusted chain is followed wherever it leads: any number of headers, and the last fragment
 // header counts. A captured one has to make sense.
-fe_extent walk_extension_headers(zon_dp_fe_t* fe, size_t limit) {
+fe_extent walk_extension_headers(zon_dp_fe_t* fe, size_t limit, fe_lines lines) {
+    const auto next_header = lines == fe_lines::shown ? zon_ipv6_get_next_header : step_over;
     const bool trusted = limit == zon_no_end;
     uint8_t* const ip = fe->network_start;
     uint8_t* at = ip + ipv6_header_size;
@@ -72,14 +87,14 @@ fe_extent walk_extension_headers(zon_dp_fe_t* fe, size_t limit) {
                 if (fe->ipv6_frag_hdr != nullptr)
                     return fe_extent::broken;
                 if (is_later_fragment(at) && zon_is_ipv6_extension(at[0])) {
-                    at = zon_ipv6_get_next_header(at, type, &type, fe);
+                    at = next_header(at, type, &type, fe);
                     fe->l4_start = at;
                     fe->ipv6_options_len = static_cast<uint16_t>(at - (ip + ipv6_header_size));
                     return fe_extent::hidden;
                 }
             }
         }
-        at = zon_ipv6_get_next_header(at, type, &type, fe);
+        at = next_header(at, type, &type, fe);
         if (at == nullptr)
             return fe_extent::complete;
     }
@@ -88,42 +103,34 @@ fe_extent walk_extension_headers(zon_dp_fe_t* fe, size_t limit) {
     return fe_extent::complete;
 }
 
-fe_extent extract_ipv6(uint8_t* ip, size_t limit, zon_dp_fe_t* fe) {
+fe_extent extract_ipv6(uint8_t* ip, size_t limit, zon_dp_fe_t* fe, fe_lines lines) {
     if (limit < ipv6_header_size)
         return fe_extent::broken;
     zon_dp_fe_extract_ipv6_header(ip, fe);
-    if (relaxed_load(zon_debug_flag_fe)) [[unlikely]]
+    if (lines == fe_lines::shown && relaxed_load(zon_debug_flag_fe)) [[unlikely]]
         dump_ipv6_header(fe);
-    return walk_extension_headers(fe, limit);
+    return walk_extension_headers(fe, limit, lines);
 }
 
 }  // namespace
 
 uint8_t* zon_ipv6_get_next_header(uint8_t* ptr, uint8_t current_prot, uint8_t* next_prot,
                                   zon_dp_fe_t* fe) {
-    if (current_prot == encrypted_payload) {
-        fe->protocol = no_next_header;
-        *next_prot = no_next_header;
-        return nullptr;
-    }
-    const unsigned size = extension_size(ptr, current_prot);
-    if (current_prot == fragment_header)
-        fe->ipv6_frag_hdr = ptr;
-    fe->protocol = ptr[0];
-    *next_prot = ptr[0];
-    if (zon_tracing_fe()) [[unlikely]]
+    uint8_t* next = step_over(ptr, current_prot, next_prot, fe);
+    if (next != nullptr && zon_tracing_fe()) [[unlikely]]
         zon_buginf(
             "\nZON FE: zon_ipv6_get_next_header: Get next header, new proto %d (0x%x), header len "
             "= %d\n",
-            ptr[0], static_cast<unsigned>(ptr[0]), static_cast<int>(size));
-    return ptr + size;
+            ptr[0], static_cast<unsigned>(ptr[0]), static_cast<int>(next - ptr));
+    return next;
 }
 
 void zon_dp_fe_extract_fields_ipv6(void* iphdr, zon_dp_fe_t* fe) {
-    extract_ipv6(static_cast<uint8_t*>(iphdr), zon_no_end, fe);
+    extract_ipv6(static_cast<uint8_t*>(iphdr), zon_no_end, fe, fe_lines::shown);
 }
 
-fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t* fe) {
+fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t* fe,
+                                       fe_lines lines) {
     fe->l3_proto = ZON_L3_OTHER;
     fe->tunneled_flow_type = ZON_TUNNEL_TYPE_NONE;
     if (limit < 1)
@@ -135,7 +142,7 @@ fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t
         zon_dp_fe_extract_fields_ipv4(iphdr, fe);
         return fe_extent::complete;
     case 6:
-        return extract_ipv6(iphdr, limit, fe);
+        return extract_ipv6(iphdr, limit, fe, lines);
     default:
         return fe_extent::complete;
     }

@@ -29,10 +29,15 @@ enum class fe_extent {
     hidden     // a later fragment whose data would have to be read as further headers
 };
 
+// Whether the FE component may trace what is found; a first look at a packet that is parsed again
+// later is silent, so that its lines are printed once.
+enum class fe_lines { shown, silent };
+
 // Fills fe from the packet at iphdr, of which limit bytes may be read. Fields of the other family
 // are not written, nor is i2r_flag. For an unknown version only l3_proto and tunneled_flow_type
 // are. After a broken chain l4_start is null.
-fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t* fe);
+fe_extent zon_fe_extract_fields_within(uint8_t* iphdr, size_t limit, zon_dp_fe_t* fe,
+                                       fe_lines lines = fe_lines::shown);
 
 constexpr bool zon_is_ipv6_extension(uint8_t next_header) {
     switch (next_header) {

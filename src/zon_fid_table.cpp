@@ -172,6 +172,7 @@ void zon_reset_flow(zon_flow_t* flow) {
     flow->marked_for_delete = false;
     flow->should_reset_timer = false;
     flow->private_detached = 0;
+    flow->private_mirrored = 0;
     flow->fo_list = nullptr;
     flow->bypass_id = 0;
     flow->tunnel_type = ZON_TUNNEL_TYPE_NONE;

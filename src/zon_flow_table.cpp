@@ -62,23 +62,53 @@ constexpr uint32_t preflow_key_types[] = {
     ZON_IPV6_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_VRF_STAR};
 
 template <class family>
-zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow,
+bool has_complete_key(const zon_half_flow_t* stored, const typename family::key& wanted) {
+    return key_type_of(stored->key) == family::complete &&
+           same_complete_key<family>(wanted, *zon_full_key<family>(stored));
+}
+
+// Both lines of a half flow and all of its flow: the caller goes on to the counters, the timer mark
+// and the lock.
+void prefetch_flow(const bucket_front::entry& found) {
+    for (const size_t line : {0, 64})
+        __builtin_prefetch(reinterpret_cast<const char*>(found.half) + line);
+    for (const size_t line : {0, 64, 128, 192})
+        __builtin_prefetch(reinterpret_cast<const char*>(found.flow) + line);
+}
+
+// The way of nearly every packet: the front of the bucket names a half flow and its flow, both are
+// loaded at once, and only the flow's lock is taken. Half flows are rewritten, linked and unlinked
+// under their flow's lock: what holds once that is taken stays so. Null decides nothing.
+template <class family>
+zon_half_flow_t* find_at_front(zon_hashset set, const typename family::key& wanted, uint32_t hash,
                                uint32_t bucket) {
+    const bucket_front& front = front_of(set, bucket);
+    const bucket_front::entry found = front.find(bucket_front::tag_of(hash));
+    if (found.half == nullptr || found.flow == nullptr)
+        return nullptr;
+    prefetch_flow(found);
+    if (zon_flow_is_dying(found.flow)) [[unlikely]]
+        return nullptr;
+    zon_lock_internal(found.flow->flow_lock);
+    if (front.still_has(found) && zon_flow_has_half(found.flow, found.half) &&
+        !zon_flow_is_dying(found.flow) && has_complete_key<family>(found.half, wanted)) [[likely]]
+        return found.half;
+    zon_unlock_internal(found.flow->flow_lock);
+    return nullptr;
+}
+
+template <class family>
+zon_half_flow_t* find_complete(zon_hashset set, const zon_half_flow_t* half_flow, int* bucket) {
     const typename family::key& wanted = *zon_full_key<family>(half_flow);
-    return static_cast<zon_half_flow_t*>(
-        find_locked(tbl->table, bucket, [&wanted](zon_hashset_item item) {
-            const auto* stored = static_cast<const zon_half_flow_t*>(item);
-            if (key_type_of(stored->key) != family::complete ||
-                !same_complete_key<family>(wanted, *zon_full_key<family>(stored)))
-                return false;
-            // The caller goes on to the counters, the timer mark and the lock of the flow.
-            const char* flow = reinterpret_cast<const char*>(stored->flow);
-            __builtin_prefetch(flow);
-            __builtin_prefetch(flow + 64);
-            __builtin_prefetch(flow + 128);
-            __builtin_prefetch(flow + 192);
-            return true;
-        }));
+    const uint32_t hash = hash_of_complete_key<family>(wanted);
+    const uint32_t b = bucket_of(set, hash);
+    if (bucket != nullptr)
+        *bucket = static_cast<int>(b);
+    if (zon_half_flow_t* found = find_at_front<family>(set, wanted, hash, b)) [[likely]]
+        return found;
+    return static_cast<zon_half_flow_t*>(find_locked(set, b, [&wanted](zon_hashset_item item) {
+        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
+    }));
 }
 
 // Whether a stored half flow stands for the connection of a new one: the same key under the same
@@ -232,20 +262,14 @@ zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow, int* bucket) {
     if (!has_set(tbl))
         return nullptr;
-    const uint32_t b = bucket_of(tbl->table, hash_of_key(half_flow));
-    prefetch_bucket(tbl->table, b);
-    if (bucket != nullptr)
-        *bucket = static_cast<int>(b);
     switch (half_flow->key.key_type) {
     case ZON_IPV4_KEY_COMPLETE:
-        return find_complete<ipv4_family>(tbl, half_flow, b);
+        return find_complete<ipv4_family>(tbl->table, half_flow, bucket);
     case ZON_IPV6_KEY_COMPLETE:
-        return find_complete<ipv6_family>(tbl, half_flow, b);
+        return find_complete<ipv6_family>(tbl->table, half_flow, bucket);
     default:
         return static_cast<zon_half_flow_t*>(
-            find_locked(tbl->table, b, [half_flow](zon_hashset_item item) {
-                return zon_matcher(const_cast<zon_half_flow_t*>(half_flow), item, nullptr);
-            }));
+            zon_hashset_get(tbl->table, const_cast<zon_half_flow_t*>(half_flow), bucket));
     }
 }
 

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <memory>
 #include <new>
 
 #include <sched.h>
@@ -29,11 +30,24 @@ static_assert(std::is_sorted(hash_array_primes.begin(), hash_array_primes.end() 
 
 constexpr int smallest_table = hash_array_primes.front();
 
+// Lines that nobody writes cost no memory: the heap hands out untouched pages.
+bool build_fronts(hashset_storage* set, size_t count) {
+    set->memory_of_fronts = zon_heap_zalloc(count + 1, sizeof(bucket_front));
+    if (set->memory_of_fronts == nullptr)
+        return false;
+    void* aligned = set->memory_of_fronts;
+    size_t room = (count + 1) * sizeof(bucket_front);
+    set->fronts = static_cast<bucket_front*>(
+        std::align(sizeof(bucket_front), count * sizeof(bucket_front), aligned, room));
+    return true;
+}
+
 bool build_array(zon_hashset set, int buckets) {
     const auto count = static_cast<size_t>(buckets);
     set->array = static_cast<zon_hashset_hdr**>(zon_heap_zalloc(count, sizeof(zon_hashset_hdr*)));
     set->items_in_bucket = static_cast<uint8_t*>(zon_heap_zalloc(count, 1));
-    if (set->array == nullptr || set->items_in_bucket == nullptr)
+    if (set->array == nullptr || set->items_in_bucket == nullptr ||
+        !build_fronts(storage_of(set), count))
         return false;
     set->array_size = buckets;
     set->resize_threshold_down = buckets / 5;
@@ -44,6 +58,7 @@ bool build_array(zon_hashset set, int buckets) {
 void free_parts(zon_hashset set) {
     std::free(set->array);
     std::free(set->items_in_bucket);
+    std::free(storage_of(set)->memory_of_fronts);
     std::free(storage_of(set));
 }
 

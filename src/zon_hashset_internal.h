@@ -7,6 +7,7 @@
 #include <array>
 #include <utility>
 
+#include "zon_bucket_front.h"
 #include "zon_engine_inline.h"
 #include "zon_fast_modulo.h"
 #include "zon_hashset.h"
@@ -16,6 +17,8 @@
 struct hashset_storage : zon_hashset_ {
     fast_modulo bucket_of_hash;
     fast_modulo stripe_of_bucket;
+    bucket_front* fronts;  // one a bucket, on lines of their own
+    void* memory_of_fronts;
 };
 
 inline hashset_storage* storage_of(zon_hashset set) {
@@ -78,20 +81,25 @@ inline bool bucket_is_full(zon_hashset set, uint32_t bucket) {
     return set->max_bucket_depth != 0 && set->items_in_bucket[bucket] >= set->max_bucket_depth;
 }
 
-// The links of a chain are stored as atomic words: lookups glance at a bucket's head before they
-// have its lock.
-inline void set_link(zon_hashset_hdr*& link, zon_hashset_hdr* to) {
-    __atomic_store_n(&link, to, __ATOMIC_RELAXED);
+inline bucket_front& front_of(zon_hashset set, uint32_t bucket) {
+    return storage_of(set)->fronts[bucket];
+}
+inline uint16_t tag_of(zon_hashset set, zon_hashset_item item) {
+    return bucket_front::tag_of(set->hash_function(item, set->calc_context));
 }
 
-// Starts loading what a lookup in this bucket will touch. The head may change at once, and may even
-// lead to a half flow that has been given back: that memory stays mapped, and nothing but its
-// address is used.
-inline void prefetch_bucket(zon_hashset set, uint32_t bucket) {
-    const auto first =
-        reinterpret_cast<uintptr_t>(__atomic_load_n(&set->array[bucket], __ATOMIC_RELAXED));
-    __builtin_prefetch(reinterpret_cast<const void*>(first));
-    __builtin_prefetch(reinterpret_cast<const void*>(first + 64));
+// An item left the front: the first of the chain that had no room there moves up.
+inline void refill_front(zon_hashset set, uint32_t bucket) {
+    bucket_front& front = front_of(set, bucket);
+    const zon_half_flow_t* oldest = front.oldest();
+    zon_hashset_hdr* header = set->array[bucket];
+    for (bool behind = oldest == nullptr; header != nullptr; header = header->next) {
+        const zon_hashset_item item = item_of(set, header);
+        if (behind)
+            return front.append(tag_of(set, item), static_cast<zon_half_flow_t*>(item),
+                                flow_of(item));
+        behind = item == oldest;
+    }
 }
 
 // Links an item at the head of its bucket, whose lock is held.
@@ -102,17 +110,23 @@ inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket
     if (*head != nullptr)
         (*head)->pointer_to_us = &header->next;
     header->pointer_to_us = head;
-    set_link(*head, header);
+    *head = header;
     ++set->items_in_bucket[bucket];
+    front_of(set, bucket)
+        .push(tag_of(set, item), static_cast<zon_half_flow_t*>(item), flow_of(item));
 }
 
-// Unlinks an item from its bucket, whose lock is held.
+// Unlinks an item from its bucket, whose lock is held, and so is that of the item's flow.
 inline void unlink(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     zon_hashset_hdr* header = header_of(set, item);
     if (header->next != nullptr)
         header->next->pointer_to_us = header->pointer_to_us;
-    set_link(*header->pointer_to_us, header->next);
+    *header->pointer_to_us = header->next;
     --set->items_in_bucket[bucket];
+    bucket_front& front = front_of(set, bucket);
+    front.remove(static_cast<zon_half_flow_t*>(item));
+    if (set->items_in_bucket[bucket] >= bucket_front::size && front.has_room_at_end())
+        refill_front(set, bucket);
 }
 
 inline bool is_linked(zon_hashset set, zon_hashset_item item) {

@@ -10,10 +10,13 @@
 // Hashes the words that are known in a key of this type. Address and port stand side by side in the
 // key, source before destination, so every choice is one run of words.
 template <class family>
+inline const uint32_t* known_words(const typename family::key& key) {
+    return reinterpret_cast<const uint32_t*>(&key) + sizeof(zon_key_t) / sizeof(uint32_t);
+}
+template <class family>
 inline uint32_t hash_of_key(const typename family::key& key) {
     constexpr size_t endpoint = family::address_words + 1;
-    const auto* words =
-        reinterpret_cast<const uint32_t*>(&key) + sizeof(zon_key_t) / sizeof(uint32_t);
+    const uint32_t* words = known_words<family>(key);
     switch (key.key_type) {
     case family::complete:
     case family::pre_flow_complete:
@@ -27,6 +30,14 @@ inline uint32_t hash_of_key(const typename family::key& key) {
         zon_require(false, "0", "zon_hash_func_ipv6");
         return 0;
     }
+}
+
+// The same for a key that is known to be complete, without a choice on the way.
+template <class family>
+[[gnu::always_inline]] inline uint32_t hash_of_complete_key(const typename family::key& key) {
+    if (key.hash_valid == 1) [[unlikely]]
+        return key.hash_value;
+    return jenkins_hashword_2006(known_words<family>(key), 2 * (family::address_words + 1));
 }
 
 inline uint32_t hash_of_key(const zon_half_flow_t* half_flow) {

@@ -35,7 +35,8 @@ struct state {
 }  // namespace lookup3
 
 // The hash of length words with initial value 0.
-constexpr uint32_t jenkins_hashword_2006(const uint32_t* k, size_t length) {
+[[gnu::always_inline]] inline constexpr uint32_t jenkins_hashword_2006(const uint32_t* k,
+                                                                       size_t length) {
     const uint32_t start = 0xdeadbeefU + (static_cast<uint32_t>(length) << 2);
     lookup3::state s{start, start, start};
     for (; length > 3; length -= 3, k += 3) {

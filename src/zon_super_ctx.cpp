@@ -23,9 +23,10 @@
 namespace {
 
 std::mutex super_ctx_mutex;
-// Members that left any super context so far: while it stands still, a walker's copy of a member
-// list is up to date.
-uint64_t departures;
+// Counts up at every making of a super context and at every departure from one. The moments are
+// unlike among all super contexts: while that of its own stands still, a walker's copy of a member
+// list is up to date, and one made anew under the same value is told apart.
+uint32_t last_change;
 
 bool valid_type(zon_super_context_types_e type) {
     return static_cast<uint32_t>(type) < ZON_SUPER_CONTEXT_MAX;
@@ -71,6 +72,7 @@ zon_super_context_t* create(zon_super_context_table_t* table, uint32_t context,
     memset(made, 0, sizeof *made);
     made->context = context;
     made->type = type;
+    made->changed_at = ++last_change;
     if (zon_super_context_table_insert(table, made))
         return made;
     zon_super_context_free(made);
@@ -123,7 +125,7 @@ zon_flow_list_t** find_member(zon_super_context_t* super_ctx, zon_fid_t fid) {
 // alone.
 bool leave(zon_super_context_table_t* table, zon_super_context_t* super_ctx, zon_fid_t fid) {
     const std::lock_guard hold(super_ctx_mutex);
-    ++departures;
+    super_ctx->changed_at = ++last_change;
     zon_flow_list_t** link = find_member(super_ctx, fid);
     if (zon_flow_list_t* element = *link; element != nullptr) {
         *link = element->next;
@@ -166,28 +168,28 @@ public:
             return zon_error_memory;
         for (const zon_flow_list_t* at = super_ctx->flow_list_head; at != nullptr; at = at->next)
             fids_[count_++] = at->flow;
-        taken_at_ = departures;
+        taken_at_ = super_ctx->changed_at;
         return zon_error_none;
     }
 
     const zon_fid_t* begin() const { return fids_; }
     const zon_fid_t* end() const { return fids_ + count_; }
 
-    // Searches only when some flow left since the copy. A walk whose function deletes the flow that
-    // it is given finds the next one at the head of the list.
+    // Searches only when some member left since the copy. A walk whose function deletes the flow
+    // that it is given finds the next one at the head of the list.
     bool still_member(zon_super_context_table_t* table, uint32_t context,
                       zon_super_context_types_e type, zon_fid_t fid) const {
         const std::lock_guard hold(super_ctx_mutex);
-        if (departures == taken_at_)
-            return true;
         zon_super_context_t* super_ctx = find(table, context, type);
-        return super_ctx != nullptr && *find_member(super_ctx, fid) != nullptr;
+        if (super_ctx == nullptr)
+            return false;
+        return super_ctx->changed_at == taken_at_ || *find_member(super_ctx, fid) != nullptr;
     }
 
 private:
     zon_fid_t* fids_ = nullptr;
     size_t count_ = 0;
-    uint64_t taken_at_ = 0;
+    uint32_t taken_at_ = 0;
 };
 
 // ---- the clients' functions and slots ----

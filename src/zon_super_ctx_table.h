@@ -22,6 +22,7 @@ struct zon_super_context_ {
     uint32_t context;
     int refcount;
     zon_super_context_types_e type;
+    uint32_t changed_at;  // the moment of its making or of its last departure
     void* fo[32];
     zon_super_context_t* next;
     zon_flow_list_t* flow_list_head;

@@ -118,6 +118,7 @@ zon_error_t update_side(const reporter& report, const zon_flow_tuple_t* flow_tup
     }
     zon_any_key_t key;
     zon_build_key(&key, static_cast<zon_key_type_t>(half->key.key_type), flow_tuple);
+    flow->private_mirrored = 0;
     const bool linked = move_half_flow(half, key, is_new);
     flow->private_detached &= static_cast<uint8_t>(~zon_detached_mark(report.side));
     if (linked)

@@ -51,14 +51,16 @@ packet_check check_later_fragment(uint8_t protocol, size_t room) {
     return room < read ? packet_check::unreadable_fragment : packet_check::sound;
 }
 
-// A packet inside IP protocol 41. What is not IPv6 is not looked into.
+// A packet inside IP protocol 41. What is not IPv6 is not looked into. The look is a silent one: a
+// packet that is classified is parsed again, and a host that reads the trace expects its lines once.
 packet_check check_inner(uint8_t* inner, size_t room) {
     if (room < 1)
         return packet_check::refused;
     if (inner[0] >> 4 != 6)
         return packet_check::sound;
     zon_dp_fe_t fe{};
-    return require(zon_check_captured_ipv6(inner, room, fe) != packet_check::refused);
+    return require(zon_check_captured_ipv6(inner, room, fe, fe_lines::silent) !=
+                   packet_check::refused);
 }
 
 packet_check check_ipv4(uint8_t* ip, size_t available, zon_dp_fe_t& fe) {
@@ -95,12 +97,13 @@ packet_check check_ipv4(uint8_t* ip, size_t available, zon_dp_fe_t& fe) {
 
 }  // namespace
 
-packet_check zon_check_captured_ipv6(uint8_t* ip, size_t available, zon_dp_fe_t& fe) {
+packet_check zon_check_captured_ipv6(uint8_t* ip, size_t available, zon_dp_fe_t& fe,
+                                     fe_lines lines) {
     if (available < ipv6_size)
         return packet_check::refused;
     const size_t payload = load_be16(ip + 4);
     const size_t limit = std::min(available, ipv6_size + payload);
-    const fe_extent extent = zon_fe_extract_fields_within(ip, limit, &fe);
+    const fe_extent extent = zon_fe_extract_fields_within(ip, limit, &fe, lines);
     const bool is_jumbogram = payload == 0 && ip[6] != no_next_header;
     if (extent == fe_extent::broken || is_jumbogram)
         return packet_check::refused;

@@ -10,6 +10,7 @@
 #include <cstdint>
 
 #include "zon_engine_defs.h"
+#include "zon_fe_ondemand.h"
 
 enum class packet_check {
     sound,
@@ -23,4 +24,5 @@ enum class packet_check {
 packet_check zon_check_captured_packet(uint8_t* ip, size_t available, zon_dp_fe_t& fe);
 
 // The same for a packet of IP version 6, outer or inner.
-packet_check zon_check_captured_ipv6(uint8_t* ip, size_t available, zon_dp_fe_t& fe);
+packet_check zon_check_captured_ipv6(uint8_t* ip, size_t available, zon_dp_fe_t& fe,
+                                     fe_lines lines = fe_lines::shown);

@@ -63,8 +63,10 @@ attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
 locked_flow find_or_make(packet_in_engine& packet) {
     int bucket = 0;
     if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
-        [[likely]]
+        [[likely]] {
+        packet.found = half;
         return locked_flow::adopt(half->flow);
+    }
     return find_or_make_after_miss(packet, bucket);
 }
 
@@ -76,6 +78,18 @@ void account_payload(zon_flow_t* flow, zon_pkt_indications_t* seen) {
         seen->first_payload = 1;
         flow->first_payload_seen_on_pkt_num = flow->packet_number;
     }
+}
+
+// A report repeats the number of its packet: its payload is counted once.
+void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
+                              uint32_t reported_number) {
+    if (seen->l4_payload_size == 0)
+        return;
+    if (reported_number != flow->packet_number)
+        flow->num_l7_bytes += seen->l4_payload_size;
+    if (flow->first_payload_seen_on_pkt_num == 0 ||
+        flow->first_payload_seen_on_pkt_num == reported_number)
+        seen->first_payload = 1;
 }
 
 // The steps that both modes end with.
@@ -97,13 +111,15 @@ zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t pack
     return fid;
 }
 
-zon_fid_t classify(packet_in_engine& packet) {
+}  // namespace
+
+zon_fid_t zon_classify_packet(packet_in_engine& packet) {
     locked_flow flow = find_or_make(packet);
     if (!flow) [[unlikely]]
         return 0;
 
     ++flow->packet_number;
-    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe);
+    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe, packet.found);
     state_trace trace(flow.get());
     packet.indications->l4_error =
         zon_l4_engine(packet.fe, &flow->l4state,
@@ -117,35 +133,21 @@ zon_fid_t classify(packet_in_engine& packet) {
                   [&] { trace.print_if_changed(packet.fe); });
 }
 
-// A report repeats the number of its packet: its payload is counted once.
-void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
-                              uint32_t reported_number) {
-    if (seen->l4_payload_size == 0)
-        return;
-    if (reported_number != flow->packet_number)
-        flow->num_l7_bytes += seen->l4_payload_size;
-    if (flow->first_payload_seen_on_pkt_num == 0 ||
-        flow->first_payload_seen_on_pkt_num == reported_number)
-        seen->first_payload = 1;
-}
-
-zon_fid_t synchronise(packet_in_engine& packet, zon_fid_t fid, zon_l4_flow_state_e reported_state,
-                      uint32_t reported_number) {
+zon_fid_t zon_synchronise_packet(packet_in_engine& packet, zon_fid_t fid,
+                                 zon_l4_flow_state_e reported_state, uint32_t reported_number) {
     locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, fid);
     // A function that a deletion calls late still finds its flow, but no half flows.
     if (!flow || flow->initiator_flow == nullptr)
         return 0;
     if (reported_number == 1)
         packet.indications->fif = 1;
-    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe);
+    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe, nullptr);
     flow->l4state.sess_state = static_cast<uint8_t>(reported_state);
     packet.indications->l4_payload_size = payload_size_of(packet.fe);
     account_reported_payload(flow.get(), packet.indications, reported_number);
     flow->packet_number = reported_number;
     return finish(std::move(flow), packet, reported_number, [] {});
 }
-
-}  // namespace
 
 zon_fid_t zon_engine(zon_half_flow_t* half_flow_key, zon_fe_handle fe, void* pkt_ctx,
                      zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
@@ -158,7 +160,8 @@ zon_fid_t zon_engine(zon_half_flow_t* half_flow_key, zon_fe_handle fe, void* pkt
                             zon_error,         tunnel_type,
                             capability_counter};
     if (platform_reported_dft_fid != 0) [[unlikely]]
-        return synchronise(packet, platform_reported_dft_fid, platform_reported_dft_flow_state,
-                           platform_reported_flow_packet_number);
-    return classify(packet);
+        return zon_synchronise_packet(packet, platform_reported_dft_fid,
+                                      platform_reported_dft_flow_state,
+                                      platform_reported_flow_packet_number);
+    return zon_classify_packet(packet);
 }

@@ -8,6 +8,7 @@
 #include "zon_bytes.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_engine/zon_packet.h"
+#include "zon_key_hash.h"
 #include "zon_l4.h"
 #include "zon_timer_common.h"
 
@@ -20,16 +21,29 @@ inline uint32_t ipv4_header_size(const uint8_t* ip) {
     return (ip[0] & 0x0FU) * 4U;
 }
 
-// The packet runs from the initiator to the responder when its source is the initiator's.
-inline bool runs_from_initiator(const zon_flow_t* flow, const zon_dp_fe_t* fe) {
-    const zon_half_flow_t* initiator = flow->initiator_flow;
-    zon_require(initiator->key.key_type <= ZON_IPV6_LAST_KEY,
+template <class family>
+inline bool is_source_of(const zon_dp_fe_t* fe, const typename family::address& address) {
+    if constexpr (family::address_words == 1)
+        return load_be32(fe->network_start + 12) == address;
+    else
+        return same_address(fe->ipv6_srcaddr, address);
+}
+
+// The packet runs from the initiator to the responder when its source is the initiator's address.
+// The half flow that led here, if one did, is in the cache and the other one likely not: where the
+// sides mirror each other, the address is read from the one that was found.
+inline bool runs_from_initiator(const zon_flow_t* flow, const zon_dp_fe_t* fe,
+                                const zon_half_flow_t* found) {
+    const bool by_responder = flow->private_mirrored != 0 && found == flow->responder_flow;
+    const zon_half_flow_t* side = by_responder ? found : flow->initiator_flow;
+    zon_require(side->key.key_type <= ZON_IPV6_LAST_KEY,
                 "flow->initiator_flow->key.key_type <= ZON_IPV6_LAST_KEY", "zon_engine");
-    if (zon_key_is_ipv4(initiator->key.key_type))
-        return load_be32(fe->network_start + 12) == zon_full_key<ipv4_family>(initiator)->src_ip;
-    const uint32_t(&source)[4] = zon_full_key<ipv6_family>(initiator)->src_ip;
-    return ((fe->ipv6_srcaddr[0] ^ source[0]) | (fe->ipv6_srcaddr[1] ^ source[1]) |
-            (fe->ipv6_srcaddr[2] ^ source[2]) | (fe->ipv6_srcaddr[3] ^ source[3])) == 0;
+    if (zon_key_is_ipv4(side->key.key_type)) {
+        const zon_ipv4_key_t& key = *zon_full_key<ipv4_family>(side);
+        return is_source_of<ipv4_family>(fe, by_responder ? key.dst_ip : key.src_ip);
+    }
+    const zon_ipv6_key_t& key = *zon_full_key<ipv6_family>(side);
+    return is_source_of<ipv6_family>(fe, by_responder ? key.dst_ip : key.src_ip);
 }
 
 // Payload bytes by the length fields of the headers, modulo 2^16.

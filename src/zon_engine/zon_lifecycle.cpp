@@ -21,6 +21,10 @@ namespace {
 
 constexpr uint32_t frag_table_buckets = 256;
 
+// How often destruction goes through the flows while clients answer their end with new ones. A
+// client that never stops making flows does not keep its host here.
+constexpr int max_deletion_walks = 8;
+
 void trace_engine(const char* text) {
     if (zon_tracing_engine())
         zon_buginf("%s", text);
@@ -42,11 +46,21 @@ bool stop_timer(zon_flow_t* flow, void*) {
 }
 
 // The list of records only grows and no record is freed before the tables are: it is walked without
-// the table's lock, so that callbacks which make records meanwhile do not wait for this walk.
-void delete_every_flow(zon_flow_table_t* flow_tbl) {
+// the table's lock, so that callbacks which make records meanwhile do not wait for this walk. True
+// when there was a flow to delete.
+bool delete_flows_in_use(zon_flow_table_t* flow_tbl) {
+    bool any = false;
     for (zon_flow_t* flow = flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow) {
         zon_lock_internal(flow->flow_lock);
+        any = any || !flow->marked_for_delete;
         zon_private_delete_locked_flow(flow, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED);
+    }
+    return any;
+}
+
+// A callback may make a flow in a record that the walk has passed: its clients are told, too.
+void delete_every_flow(zon_flow_table_t* flow_tbl) {
+    for (int walk = 0; walk < max_deletion_walks && delete_flows_in_use(flow_tbl); ++walk) {
     }
 }
 

@@ -13,7 +13,16 @@ struct packet_in_engine {
     zon_error_t* error;
     zon_tunnel_type_e tunnel;
     const zon_capability_counter_t* capabilities;
+    const zon_half_flow_t* found = nullptr;  // what the lookup led to; null for a flow just made
 };
+
+// Finds or makes the packet's flow, brings it up to date and fills the indications; 0 when the
+// packet gets no flow.
+zon_fid_t zon_classify_packet(packet_in_engine& packet);
+
+// The same for a packet whose flow, state and number the platform reports.
+zon_fid_t zon_synchronise_packet(packet_in_engine& packet, zon_fid_t fid,
+                                 zon_l4_flow_state_e reported_state, uint32_t reported_number);
 
 // What became of an attempt to give a packet a flow.
 enum class attempt {

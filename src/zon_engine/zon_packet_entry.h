@@ -6,6 +6,7 @@
 #include <cstddef>
 #include <cstring>
 
+#include "zon_engine/zon_packet.h"
 #include "zon_engine_defs.h"
 #include "zon_engine_inline.h"
 #include "zon_fe_inline.h"
@@ -133,7 +134,15 @@ private:
 
 inline zon_fid_t run_engine(const arriving_packet& arriving, zon_half_flow_t* key, zon_dp_fe_t& fe,
                             zon_tunnel_type_e tunnel) {
-    return zon_engine(key, &fe, arriving.context, arriving.indications, arriving.error, tunnel,
-                      &arriving.engine->params.capability_counter, arriving.reported_fid,
-                      arriving.reported_state, arriving.reported_number);
+    packet_in_engine packet{key,
+                            &fe,
+                            arriving.context,
+                            arriving.indications,
+                            arriving.error,
+                            tunnel,
+                            &arriving.engine->params.capability_counter};
+    if (arriving.reported_fid != 0) [[unlikely]]
+        return zon_synchronise_packet(packet, arriving.reported_fid, arriving.reported_state,
+                                      arriving.reported_number);
+    return zon_classify_packet(packet);
 }

@@ -4,6 +4,8 @@
 #include <utility>
 
 #include "osal/zon_lock.h"
+#include "osal/zon_timer.h"
+#include "support/deletion_halfway.h"
 #include "support/stress_engine.h"
 #include "vem/vem_tw.h"
 #include "zon_fid_table.h"
@@ -101,6 +103,7 @@ TEST_F(stale_expiry, leaves_the_next_flow_of_the_record_alone) {
 
 // The handler finds nothing, just when the record is taken for another flow.
 TEST_F(stale_expiry, leaves_the_timer_of_the_next_flow_running) {
+    const lock_stumbles behind_locks;
     for (uint32_t round = 0; round < 300; ++round) {
         const zon_fid_t fid = idle_flow();
         expiry_on_its_way expiry(fid, idle_us);
@@ -143,6 +146,42 @@ TEST_F(stale_expiry, ages_an_idle_flow_when_nobody_interferes) {
     expiry.arrive();
     EXPECT_EQ(aged_flows, 1u);
     EXPECT_EQ(g_zon->flow_tbl->profile_passively_aged, 1u);
+}
+
+// The same for an entry of a datagram: the item is taken for another one between the dispatch and
+// the handler.
+zon_frag_item_t* expiring_item;
+void replace_entry_then_handle(vem_tw_wheel wheel, vem_tw_timer* timer, void* context) {
+    std::thread([] {
+        zon_frag_table_t* table = g_zon->frag_table;
+        EXPECT_EQ(zon_frag_flow_delete_ipv4(table, 1, 0, 17, 1, 2), 7u);
+        EXPECT_EQ(zon_frag_flow_insert_ipv4(table, 2, 0, 17, 1, 2, 9), 9u);
+        EXPECT_EQ(table->list_head, expiring_item) << "the new entry has an item of its own";
+    }).join();
+    zon_timer_handle_frag_flow_idle_timeout_full(wheel, timer, context);
+}
+
+TEST_F(stale_expiry, leaves_the_next_entry_of_a_fragment_item_alone) {
+    zon_frag_table_t* table = g_zon->frag_table;
+    ASSERT_EQ(zon_frag_flow_insert_ipv4(table, 1, 0, 17, 1, 2, 7), 7u);
+    expiring_item = table->list_head;
+    ASSERT_EQ(vem_tw_timer_start(*zon_get_tw_internal(), &expiring_item->timer, 1000,
+                                 replace_entry_then_handle, expiring_item),
+              0);
+    ASSERT_EQ(zon_clock_advance_us(2 * sec_us), zon_error_none);
+    EXPECT_EQ(zon_frag_flow_lookup_ipv4(table, 2, 0, 17, 1, 2), 9u)
+        << "a new entry was aged out by the timer of the one before it";
+    EXPECT_TRUE(vem_tw_timer_running(&expiring_item->timer)) << "the new entry will never age";
+    ASSERT_EQ(zon_clock_advance_us(zon_frag_idle_ms * 1000 + sec_us), zon_error_none);
+    EXPECT_EQ(zon_frag_entry_count(table), 0u);
+}
+
+TEST_F(stale_expiry, of_a_flow_in_deletion_does_not_come_again) {
+    const zon_fid_t fid = idle_flow();
+    const deletion_halfway deletion(fid);
+    ASSERT_EQ(zon_clock_advance_us(idle_us), zon_error_none);
+    EXPECT_FALSE(vem_tw_timer_running(&deletion.flow()->timer));
+    EXPECT_EQ(aged_flows, 0u);
 }
 
 // ---- locks that stay held

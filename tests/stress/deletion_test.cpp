@@ -3,6 +3,7 @@
 #include <memory>
 
 #include "support/deletion_halfway.h"
+#include "support/lock_level.h"
 #include "support/stress_engine.h"
 #include "zon_fid_table_inline.h"
 #include "zon_super_ctx.h"
@@ -93,6 +94,15 @@ TEST_F(flow_in_deletion, is_not_promoted) {
     EXPECT_EQ(send(connection_packet::udp(1)).fid, sent.fid);
     EXPECT_EQ(half_flows(), 2u);
     expect_no_pre_flows();
+}
+
+// Other flows share the lock: a deletion that let go of it could wait for a client's flow, with the
+// timer thread waiting in it.
+TEST_F(flow_in_deletion, keeps_its_lock) {
+    const zon_fid_t fid = send(connection_packet::udp(1)).fid;
+    const deletion_halfway deletion(fid);
+    for (int looks = 0; looks < 50; ++looks)
+        ASSERT_FALSE(is_free_for_others(deletion.flow()->flow_lock));
 }
 
 uint32_t reported_flows;

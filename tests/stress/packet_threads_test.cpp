@@ -236,6 +236,56 @@ TEST_P(packets_and_announcements, find_each_live_announcement) {
     expect_no_pre_flows();
 }
 
+// Whether any flow is announced at all is asked for every packet of an unknown connection: what is
+// counted in stays seen while others count in and out.
+TEST_P(packets_and_announcements, are_looked_for_as_long_as_one_is_counted) {
+    constexpr uint32_t rounds = 40000;
+    std::atomic<uint32_t> unseen{0};
+    stress_crew crew;
+    for (uint32_t thread = 0; thread < packet_threads; ++thread)
+        crew.add("counter " + std::to_string(thread), [&unseen, thread](stress_thread& self) {
+            constexpr uint32_t types[] = {ZON_IPV4_KEY_PRE_FLOW_COMPLETE,
+                                          ZON_IPV4_KEY_SRC_IP_PORT_ONLY,
+                                          ZON_IPV6_KEY_PRE_FLOW_COMPLETE};
+            zon_flow_table_t* table = g_zon->flow_tbl;
+            for (uint32_t i = 0; i < rounds; ++i) {
+                self.doing("count in");
+                zon_private_increment_incomplete_inserts(table, types[thread]);
+                self.stumble();
+                unseen += !zon_private_has_incomplete_inserts(table);
+                self.doing("count out");
+                zon_private_decrement_incomplete_inserts(table, types[thread]);
+                self.stumble();
+            }
+        });
+    run(crew);
+    EXPECT_EQ(unseen, 0u) << "announced flows are not looked for";
+    expect_no_pre_flows();
+}
+
+// A client that is asked before a flow is made gives another flow the packet's tuple: the announced
+// one, which was known in part only, must not get it, too.
+zon_fid_t flow_to_rekey;
+bool rekey_and_allow(void*, zon_client_id_e) {
+    const zon_flow_tuple_t tuple = tuple_of(1);
+    EXPECT_EQ(zon_flow_update_initiator(flow_to_rekey, &tuple), zon_error_none);
+    return true;
+}
+
+TEST_F(contended_engine, promotes_no_flow_to_a_tuple_that_another_flow_was_given) {
+    const zon_flow_tuple_t tuple = tuple_of(1);
+    zon_fid_t announced = 0;
+    ASSERT_EQ(
+        zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0, &announced, nullptr),
+        zon_error_none);
+    flow_to_rekey = send(connection_packet::udp(2)).fid;
+    ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, rekey_and_allow), zon_error_none);
+    const sent_packet sent = send(connection_packet::udp(1));
+    EXPECT_EQ(sent.fid, flow_to_rekey);
+    EXPECT_EQ(sent.seen.was_promoted, 0);
+    EXPECT_TRUE(zon_private_has_incomplete_inserts(g_zon->flow_tbl)) << "it is announced still";
+}
+
 // Two clients announce the same tuple: one announcement.
 TEST_P(packets_and_announcements, make_one_announcement_of_one_tuple) {
     constexpr uint32_t rounds = 1500;

@@ -4,7 +4,9 @@
 #include <atomic>
 #include <vector>
 
+#include "osal/zon_lock.h"
 #include "osal/zon_mem.h"
+#include "support/parked_thread.h"
 #include "support/stress_engine.h"
 #include "zon_fid_table.h"
 #include "zon_frag.h"
@@ -132,6 +134,27 @@ TEST_F(contended_engine, is_not_destroyed_while_one_of_two_dumps_still_runs) {
     dump_may_end = true;
     slow.join();
     EXPECT_EQ(zon_fid_table_is_available(g_zon->fid_table), zon_error_none);
+}
+
+// The walk of the first reader stands at a bucket's lock, which the second one can take.
+TEST_F(contended_engine, is_in_use_while_one_of_two_readers_of_statistics_still_reads) {
+    const watchdog watched(std::chrono::seconds(120), [] {});
+    const auto read = [] {
+        int32_t size, used, empty, occupied, average, most;
+        uint32_t inserts, deletes, aged;
+        zon_flow_table_statistics(g_zon->flow_tbl, &size, &used, &empty, &occupied, &average, &most,
+                                  &inserts, &deletes, &aged, nullptr, nullptr);
+    };
+    const zon_lock_t bucket = zon_lock_get_pool_lock(g_zon->flow_tbl->table->bucket_locks, 0);
+    zon_lock_internal(bucket);
+    parked_thread reader(read);
+    reader.wait_until_parked();
+    read();
+    EXPECT_TRUE(relaxed_load(g_zon->flow_tbl->in_use));
+    EXPECT_EQ(zon_destroy(), zon_error_flow_table_access_failed);
+    zon_unlock_internal(bucket);
+    reader.finish();
+    EXPECT_EQ(zon_flow_table_is_available(g_zon->flow_tbl), zon_error_none);
 }
 
 // ---- clients and switches

@@ -6,8 +6,9 @@
 //   } }); crew.add("deleter", ...); crew.run(GetParam());
 //
 // Every body ends by itself after a number of operations. On one thread the bodies run one after
-// the other: that tests the test. Together they start at a barrier, and whoever hangs is named by
-// the watchdog.
+// the other: that tests the test. Together they start at a barrier, are interrupted anywhere
+// (interruptions.h) and where they let go of a lock (lock_stumbles.h), and whoever hangs is named
+// by the watchdog.
 
 #pragma once
 
@@ -23,6 +24,8 @@
 #include <thread>
 #include <vector>
 
+#include "support/interruptions.h"
+#include "support/lock_stumbles.h"
 #include "support/watchdog.h"
 
 namespace zon_test {
@@ -102,11 +105,13 @@ private:
     }
 
     void run_together() {
+        const lock_stumbles behind_locks;
         std::barrier<> barrier(static_cast<std::ptrdiff_t>(members_.size()));
         std::vector<std::thread> threads;
         for (member& each : members_) {
             each.self->barrier_ = &barrier;
-            threads.emplace_back([&each, &barrier] {
+            threads.emplace_back([&each, &barrier, seed = each.self->below(UINT32_MAX)] {
+                const interruptions everywhere(seed);
                 barrier.arrive_and_wait();
                 work(each);
             });

@@ -227,7 +227,7 @@ private:
     static int wait_until_other_than(const std::atomic<int>& number, int last) {
         int now = last;
         for (uint32_t look = 1; (now = number.load()) == last; ++look) {
-            if (look % 4096 == 0) {
+            if (look > 4096 && look % 64 == 0) {
                 sched_yield();
             }
         }
