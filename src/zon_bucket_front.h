@@ -10,10 +10,12 @@
 
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
 
 #include "zon_engine_defs.h"
 
@@ -63,10 +65,12 @@ public:
             if (half_of(at.word()) == half)
                 return at.set(0, nullptr);
     }
-    // Behind the oldest entry there may be room for the items that follow it in the chain.
-    bool has_room_at_end() const {
-        return slots_[size - 1].word() == 0;
+    size_t entries() const {
+        return static_cast<size_t>(std::count_if(std::begin(slots_), std::end(slots_),
+                                                 [](const slot& at) { return at.word() != 0; }));
     }
+    // Behind the oldest entry there may be room for the items that follow it in the chain.
+    bool has_room_at_end() const { return slots_[size - 1].word() == 0; }
     const zon_half_flow_t* oldest() const {
         return used() != 0 ? half_of(slots_[used() - 1].word()) : nullptr;
     }
@@ -94,9 +98,7 @@ private:
     static uint64_t word_of(uint16_t tag, zon_half_flow_t* half) {
         return uint64_t{tag} << tag_shift | reinterpret_cast<uintptr_t>(half);
     }
-    static bool has_tag(uint64_t word, uint16_t tag) {
-        return word >> tag_shift == tag;
-    }
+    static bool has_tag(uint64_t word, uint16_t tag) { return word >> tag_shift == tag; }
     static zon_half_flow_t* half_of(uint64_t word) {
         return reinterpret_cast<zon_half_flow_t*>(word & ((uint64_t{1} << tag_shift) - 1));
     }

@@ -88,17 +88,17 @@ inline uint16_t tag_of(zon_hashset set, zon_hashset_item item) {
     return bucket_front::tag_of(set->hash_function(item, set->calc_context));
 }
 
-// An item left the front: the first of the chain that had no room there moves up.
+// An item left: those of the chain that had no room at the front move up behind its oldest.
 inline void refill_front(zon_hashset set, uint32_t bucket) {
     bucket_front& front = front_of(set, bucket);
     const zon_half_flow_t* oldest = front.oldest();
-    zon_hashset_hdr* header = set->array[bucket];
-    for (bool behind = oldest == nullptr; header != nullptr; header = header->next) {
+    bool behind = oldest == nullptr;
+    for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr && front.has_room_at_end();
+         header = header->next) {
         const zon_hashset_item item = item_of(set, header);
         if (behind)
-            return front.append(tag_of(set, item), static_cast<zon_half_flow_t*>(item),
-                                flow_of(item));
-        behind = item == oldest;
+            front.append(tag_of(set, item), static_cast<zon_half_flow_t*>(item), flow_of(item));
+        behind = behind || item == oldest;
     }
 }
 
@@ -125,7 +125,7 @@ inline void unlink(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     --set->items_in_bucket[bucket];
     bucket_front& front = front_of(set, bucket);
     front.remove(static_cast<zon_half_flow_t*>(item));
-    if (set->items_in_bucket[bucket] >= bucket_front::size && front.has_room_at_end())
+    if (front.has_room_at_end() && front.entries() < set->items_in_bucket[bucket])
         refill_front(set, bucket);
 }
 

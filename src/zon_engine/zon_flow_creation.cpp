@@ -124,6 +124,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     }
     if (flow->responder_flow == nullptr) {
         abandon(std::move(flow));
+        if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
+            return other;
         return refuse_for_memory(packet,
                                  "\nZON Engine: Could not allocate memory for the half flow");
     }
