@@ -283,6 +283,7 @@ TEST(vem_clock_and_starts, a_turn_runs_what_its_own_thread_started_beside_other_
             vem_dm_handle manager = nullptr;
             vem_dm_create(&manager, "short-lived", 0);
             vem_dm_destroy(&manager);
+            sched_yield();
         }
     });
     for (int round = 0; round < rounds; ++round) {
