@@ -54,11 +54,11 @@ zon_fid_t announce(uint32_t connection, zon_fid_t parent) {
 
 class families : public stress_engine {
 protected:
-    families() { parameters.max_flows = 12000; }
+    families() { parameters.max_flows = 45000; }
 };
 
 TEST_P(families, lose_no_child_that_is_promoted) {
-    constexpr uint32_t children = 5000;
+    constexpr uint32_t children = 20000;
     constexpr uint32_t threads = 2;
     const zon_fid_t parent = send(connection_packet::udp(0)).fid;
     for (uint32_t child = 1; child <= threads * children; ++child)
@@ -82,7 +82,7 @@ TEST_P(families, lose_no_child_that_is_promoted) {
 // A deletion looks for its flow in the whole list, while others take their neighbours out. Neither
 // the first child goes, with which its siblings would drop off, nor the last one.
 TEST_P(families, lose_no_child_when_others_are_deleted) {
-    constexpr uint32_t rounds = 25;
+    constexpr uint32_t rounds = 160;
     constexpr uint32_t children = 400;
     constexpr uint32_t threads = 2;
     const zon_fid_t parent = send(connection_packet::udp(0)).fid;
@@ -143,48 +143,69 @@ protected:
             }
         });
     }
-    static void add_walker(stress_crew& crew, uint32_t rounds) {
-        crew.add("walker", [rounds](stress_thread& self) {
+    static void add_walker(stress_crew& crew, uint32_t rounds, bool checked) {
+        crew.add("walker", [rounds, checked](stress_thread& self) {
             for (uint32_t i = 0; i < rounds; ++i) {
                 self.doing("walk over the children");
-                std::vector<zon_fid_t> found = children_of(1 + self.below(24), true);
+                std::vector<zon_fid_t> found = children_of(1 + self.below(24), checked);
                 std::sort(found.begin(), found.end());
-                EXPECT_EQ(std::unique(found.begin(), found.end()), found.end())
-                    << "a child was visited twice";
+                if (checked) {
+                    EXPECT_EQ(std::unique(found.begin(), found.end()), found.end())
+                        << "a child was visited twice";
+                }
                 self.doing("ask for a parent");
                 zon_fid_t parent = 0;
                 zon_flow_get_parent(1 + self.below(24), &parent);
             }
         });
     }
+    static void add_deleter(stress_crew& crew, uint32_t rounds, zon_fid_t first) {
+        crew.add("deleter", [rounds, first](stress_thread& self) {
+            for (uint32_t i = 0; i < rounds; ++i) {
+                self.doing("delete");
+                zon_delete_flow_tamonet(first + self.below(25 - first),
+                                        ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+                self.stumble();
+            }
+        });
+    }
+    static void add_dump(stress_crew& crew, uint32_t rounds) {
+        crew.add("dump", [rounds](stress_thread& self) {
+            zon_dump_flow_context filter{};
+            filter.print_active = true;
+            for (uint32_t i = 0; i < rounds; ++i) {
+                self.doing("dump");
+                zon_fid_table_iterate_flow(
+                    g_zon->fid_table, [](zon_flow_report_t*, void*) {}, &filter);
+            }
+        });
+    }
+    void live(zon_fid_t first_to_die, bool checked) {
+        constexpr uint32_t rounds = 6000;
+        stress_crew crew;
+        add_parents_and_children(crew, 0, rounds);
+        add_parents_and_children(crew, 1, rounds);
+        add_walker(crew, rounds / 2, checked);
+        add_walker(crew, rounds / 2, checked);
+        add_deleter(crew, rounds, first_to_die);
+        add_dump(crew, rounds / 20);
+        run(crew);
+        delete_all_flows();
+        expect_no_pre_flows();
+    }
 };
 
+TEST_P(small_families, are_walked_over_while_children_come_and_go) {
+    for (uint32_t parent = 0; parent < parents; ++parent)
+        ASSERT_EQ(send(connection_packet::udp(parent)).fid, 1 + parent);
+    live(1 + parents, true);
+}
+
+// A record that was a parent may serve a child, and have the children that were announced for its
+// last flow: such a flow stays on the list of its own parent when it goes. Nothing is said here
+// about whose children are visited.
 TEST_P(small_families, are_walked_over_while_they_change) {
-    constexpr uint32_t rounds = 6000;
-    stress_crew crew;
-    add_parents_and_children(crew, 0, rounds);
-    add_parents_and_children(crew, 1, rounds);
-    add_walker(crew, rounds / 2);
-    add_walker(crew, rounds / 2);
-    crew.add("deleter", [](stress_thread& self) {
-        for (uint32_t i = 0; i < rounds; ++i) {
-            self.doing("delete");
-            zon_delete_flow_tamonet(1 + self.below(24), ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
-            self.stumble();
-        }
-    });
-    crew.add("dump", [](stress_thread& self) {
-        zon_dump_flow_context filter{};
-        filter.print_active = true;
-        for (uint32_t i = 0; i < rounds / 20; ++i) {
-            self.doing("dump");
-            zon_fid_table_iterate_flow(
-                g_zon->fid_table, [](zon_flow_report_t*, void*) {}, &filter);
-        }
-    });
-    run(crew);
-    delete_all_flows();
-    expect_no_pre_flows();
+    live(1, false);
 }
 
 // ---- relatives that go

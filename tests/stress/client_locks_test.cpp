@@ -230,6 +230,43 @@ TEST_F(a_held_flow, stops_no_flow_under_another_lock) {
     waiting.join();
 }
 
+// The only free record lies under the lock that a client keeps: whoever announces a child waits for
+// it, and the parent can be asked about meanwhile.
+class one_free_record : public contended_engine {
+protected:
+    one_free_record() { parameters.max_flows = 4; }
+};
+
+TEST_F(one_free_record, is_waited_for_without_the_parent) {
+    const watchdog watched(std::chrono::seconds(120), [] {});
+    for (uint32_t number = 1; number <= 4; ++number)
+        ASSERT_EQ(send(connection_packet::udp(number)).fid, number);
+    ASSERT_EQ(g_zon->fid_table->table[1]->flow_lock, g_zon->fid_table->table[3]->flow_lock);
+    ASSERT_TRUE(zon_delete_flow_tamonet(4, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+    const zon_flow_tuple_t kept = tuple_of(2);
+    zon_fid_t fid = 0;
+    zon_lock_t lock = nullptr;
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &kept, &fid, &lock),
+              zon_error_none);
+    zon_fid_t announced = 0;
+    std::atomic<bool> started{false};
+    std::thread announcer([&announced, &started] {
+        const zon_flow_tuple_t child = tuple_of(10);
+        started = true;
+        EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &child, 1, &announced, nullptr),
+                  zon_error_none);
+    });
+    wait_until([&started] { return started.load(); });
+    for (uint32_t i = 0; i < 200; ++i) {
+        std::this_thread::yield();
+        uint32_t count = 0;
+        EXPECT_EQ(zon_flow_get_packet_count(1, &count), zon_error_none);
+    }
+    EXPECT_EQ(zon_flow_unlock(lock), zon_error_none);
+    announcer.join();
+    EXPECT_EQ(announced, 4u);
+}
+
 INSTANTIATE_TEST_SUITE_P(stress, one_flow_lock, both_schedules, schedule_name);
 INSTANTIATE_TEST_SUITE_P(stress, two_flow_locks, both_schedules, schedule_name);
 

@@ -2,6 +2,8 @@
 // switches.
 #include <array>
 #include <atomic>
+#include <set>
+#include <utility>
 #include <vector>
 
 #include "osal/zon_lock.h"
@@ -11,6 +13,7 @@
 #include "zon_fid_table.h"
 #include "zon_frag.h"
 #include "zon_relaxed.h"
+#include "zon_super_ctx.h"
 
 namespace zon_test {
 namespace {
@@ -50,6 +53,14 @@ TEST_P(shared_by_threads, no_record_has_two_owners) {
         });
     run(crew);
     EXPECT_EQ(trampled, 0u) << "records were handed out twice";
+    // All are back, and the ready ones are taken first and given back first.
+    ASSERT_EQ(zon_private_ipv4_flow_mem_buffer_count, zon_private_ipv4_flow_mem_buffer_count_init);
+    std::set<void*> ready;
+    for (int32_t slot = 0; slot < zon_private_ipv4_flow_mem_buffer_count; ++slot) {
+        void* record = zon_private_ipv4_flow_mem_buffer[slot];
+        EXPECT_NE(record, nullptr) << "a ready record was lost";
+        EXPECT_TRUE(ready.insert(record).second) << "a record is ready twice";
+    }
 }
 
 // ---- counters
@@ -206,6 +217,61 @@ TEST_P(shared_by_threads, clients_come_and_go_while_packets_are_shown_to_them) {
     EXPECT_EQ(counted.zon_engine_tcp_state_checks, 0u);
     EXPECT_EQ(counted.zon_engine_flow_icmp, 0u);
     EXPECT_EQ(counted.zon_engine_flow_tcp, 1u);
+}
+
+// What a client prepares before it registers a function is there when the function is called. Each
+// function has data of its own, which is written once.
+constexpr size_t function_count = 64;
+std::array<size_t, function_count> prepared_for_packets;
+std::array<size_t, function_count> prepared_for_contexts;
+
+template <size_t number>
+bool allow_when_prepared(void*, zon_client_id_e) {
+    EXPECT_EQ(prepared_for_packets[number], number + 1);
+    return true;
+}
+template <size_t number>
+bool one_context_when_prepared(void*, uint32_t* context) {
+    EXPECT_EQ(prepared_for_contexts[number], number + 1);
+    *context = 1;
+    return true;
+}
+
+struct client_functions {
+    std::array<zon_client_pre_flow_create_cb_t, function_count> allow;
+    std::array<zon_super_context_lookup_callback, function_count> context;
+};
+template <size_t... numbers>
+constexpr client_functions make_functions(std::index_sequence<numbers...>) {
+    return {{allow_when_prepared<numbers>...}, {one_context_when_prepared<numbers>...}};
+}
+
+TEST_P(shared_by_threads, client_functions_find_what_was_prepared_for_them) {
+    constexpr uint32_t rounds = 5000;
+    static constexpr client_functions functions =
+        make_functions(std::make_index_sequence<function_count>());
+    stress_crew crew;
+    crew.add("client", [this](stress_thread& self) {
+        for (size_t number = 0; number < function_count; ++number) {
+            self.doing("register");
+            prepared_for_packets[number] = number + 1;
+            EXPECT_EQ(zon_client_register_pre_flow_create_cb(client, functions.allow[number]),
+                      zon_error_none);
+            prepared_for_contexts[number] = number + 1;
+            EXPECT_EQ(zon_super_context_client_register(ZON_SUPER_CONTEXT_IDENTITY,
+                                                        functions.context[number]),
+                      zon_error_none);
+            std::this_thread::yield();
+        }
+    });
+    crew.add("packets", [](stress_thread& self) {
+        for (uint32_t i = 0; i < rounds; ++i) {
+            self.doing("send");
+            const zon_fid_t fid = send(connection_packet::udp(1)).fid;
+            EXPECT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+        }
+    });
+    run(crew);
 }
 
 zon_client_id_e leaving_client;
@@ -390,6 +456,29 @@ TEST_P(shared_by_threads, feature_objects_stay_with_their_flow) {
             }
         });
     run(crew);
+}
+
+// A client's object on a direction is followed by the one on the whole flow: both leave both lists,
+// or the next owner of the records finds them on this flow.
+TEST_F(contended_engine, takes_an_unregistering_client_s_objects_off_all_lists) {
+    static int objects[4];
+    zon_client_id_e leaving = 0;
+    ASSERT_EQ(zon_client_feature_register(&leaving), zon_error_none);
+    ASSERT_EQ(zon_client_register_delete_cb(leaving, ignore_deletion), zon_error_none);
+    const zon_fid_t first = send(connection_packet::udp(1)).fid;
+    const zon_fid_t second = send(connection_packet::udp(2)).fid;
+    ASSERT_EQ(zon_flow_attach_fo(first, leaving, ZON_DIR_BI, &objects[0]), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(first, leaving, ZON_DIR_INITIATOR, &objects[1]), zon_error_none);
+    ASSERT_EQ(zon_unreg_client_fo(leaving), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(second, client, ZON_DIR_BI, &objects[2]), zon_error_none);
+    ASSERT_EQ(zon_flow_attach_fo(second, client, ZON_DIR_INITIATOR, &objects[3]), zon_error_none);
+    for (const zon_flow_direction_e direction :
+         {ZON_DIR_BI, ZON_DIR_INITIATOR, ZON_DIR_RESPONDER}) {
+        void* found = nullptr;
+        EXPECT_EQ(zon_flow_get_fo(first, client, direction, &found),
+                  zon_error_feature_object_not_attached);
+        EXPECT_EQ(found, nullptr) << "another flow's object";
+    }
 }
 
 // ---- fragments
