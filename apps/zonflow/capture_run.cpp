@@ -20,7 +20,9 @@ void complain(const std::string& path, const std::string& problem) {
 class capture_run {
 public:
     capture_run(const options& options, link_layer link, flow_output& output)
-        : vlan_key_(options.vlan_key), link_(link), output_(output), engine_(options.engine) {}
+        : vlan_key_(options.vlan_key),
+          by_source_(options.engine.by_source),
+          link_(link), output_(output), engine_(options.engine) {}
 
     // Returns false when the file is damaged; what came before the damage has been handled.
     bool read_all(capture_reader& reader) {
@@ -41,6 +43,9 @@ public:
     void finish() {
         engine_.finish();
         write_ended_flows();
+        if (by_source_) {
+            output_.groups(engine_.groups());
+        }
         output_.summary(summary_);
     }
 
@@ -87,6 +92,7 @@ private:
     }
 
     bool vlan_key_;
+    bool by_source_;
     link_layer link_;
     flow_output& output_;
     engine_host engine_;

@@ -22,7 +22,28 @@ std::unique_ptr<flow_output> make_output(const options& options, output_stream& 
     return std::make_unique<table_output>(out, options.files.size() > 1);
 }
 
+void trace(trace_part part) {
+    switch (part) {
+    case trace_part::engine:
+        zon_debug_flag_engine = true;
+        return;
+    case trace_part::fe:
+        zon_debug_flag_fe = true;
+        return;
+    case trace_part::l4:
+        zon_debug_flag_l4 = true;
+        return;
+    case trace_part::ager:
+        zon_debug_flag_ager = true;
+        return;
+    case trace_part::all:
+        zon_debug_flag_all = true;
+        return;
+    }
+}
+
 exit_code run_all(const options& options) {
+    std::for_each(options.trace.begin(), options.trace.end(), trace);
     output_stream out(stdout);
     const auto output = make_output(options, out);
     exit_code worst = exit_code::done;

@@ -6,6 +6,8 @@
 #include <iostream>
 #include <map>
 
+#include "flows/bypass_rule.h"
+
 namespace zonflow {
 
 namespace {
@@ -13,6 +15,12 @@ namespace {
 // An idle time is handed to the engine in milliseconds of 32 bits.
 constexpr uint32_t longest_idle_sec = UINT32_MAX / 1000;
 constexpr uint32_t most_flows = 16'000'000;
+
+const std::map<std::string, trace_part> trace_parts{{"engine", trace_part::engine},
+                                                    {"fe", trace_part::fe},
+                                                    {"l4", trace_part::l4},
+                                                    {"ager", trace_part::ager},
+                                                    {"all", trace_part::all}};
 
 constexpr const char* what_it_does =
     "Prints the flows of network captures: who talked to whom, how much, and how it ended.\n"
@@ -24,6 +32,8 @@ constexpr const char* examples =
     "      a table of the flows in web.pcap\n"
     "  zonflow -o json monday.pcapng tuesday.pcapng\n"
     "      the same for programs: a JSON object a line for each flow, then a summary of each file\n"
+    "  zonflow --by source --veto 10.0.0.0/8 --veto 2001:db8::/32 web.pcap\n"
+    "      who began how many flows, leaving out those with two networks\n"
     "\nExit codes:\n"
     "  0  done\n"
     "  1  a capture is damaged; everything before the damage has been reported\n"
@@ -31,6 +41,14 @@ constexpr const char* examples =
     "  3  a file cannot be opened or is no capture that can be read\n"
     "  4  the output could not be written\n"
     "With several files the highest code counts.";
+
+std::vector<std::string> names_of(const std::map<std::string, trace_part>& parts) {
+    std::vector<std::string> names;
+    for (const auto& [name, part] : parts) {
+        names.push_back(name);
+    }
+    return names;
+}
 
 void add_options(CLI::App& app, options& result) {
     app.add_option("FILE", result.files, "Captures, read one after another")
@@ -43,6 +61,49 @@ void add_options(CLI::App& app, options& result) {
         ->option_text("FORMAT [table]");
     app.add_flag("--vlan-key", result.vlan_key,
                  "Keep the flows of different outer VLANs apart (the VLAN becomes the VRF)");
+    app.add_option_function<std::string>(
+           "--by", [&result](const std::string&) { result.engine.by_source = true; },
+           "Add flows up as well, under the address of their initiator")
+        ->check(CLI::IsMember({"source"}))
+        ->option_text("source");
+    app.add_option_function<std::vector<std::string>>(
+           "--trace",
+           [&result](const std::vector<std::string>& names) {
+               for (const std::string& name : names) {
+                   result.trace.push_back(trace_parts.at(name));
+               }
+           },
+           "Tell on standard error what parts of the engine do: engine, fe, l4, ager, all")
+        ->check(CLI::IsMember(names_of(trace_parts)))
+        ->delimiter(',')
+        ->allow_extra_args(false)
+        ->option_text("PART[,PART...]");
+}
+
+// CLI11's own networks are of IPv4 only.
+std::string problem_of_network(const std::string& text) {
+    return network_of_text(text) ? "" : text + " is no network such as 10.0.0.0/8 or 2001:db8::/32";
+}
+
+void add_flow_choices(CLI::App& app, engine_settings& engine) {
+    app.add_option_function<std::vector<std::string>>(
+           "--veto",
+           [&engine](const std::vector<std::string>& texts) {
+               for (const std::string& text : texts) {
+                   engine.vetoes.push_back(network_of_text(text).value());
+               }
+           },
+           "Refuse flows with an address of this network; may be given several times")
+        ->check(CLI::Validator(problem_of_network, ""))
+        ->allow_extra_args(false)
+        ->option_text("CIDR");
+    app.add_option("--bypass-after", engine.bypass_after_bytes,
+                   "Mark TCP flows as bypassed from so much payload on")
+        ->check(CLI::Range(uint32_t{1}, most_bypass_after_bytes))
+        ->option_text("BYTES");
+    app.add_flag_callback(
+        "--no-helpers", [&engine] { engine.helpers = false; },
+        "Do not read FTP and SIP for the connections that they announce");
 }
 
 void add_number(CLI::App& app, const char* name, uint32_t& value, const CLI::Range& range,
@@ -65,6 +126,9 @@ void add_engine_options(CLI::App& app, engine_settings& engine) {
                "Idle time of answered UDP flows");
     add_number(app, "--idle-closing", engine.idle_closing_sec, idle_times, "SECONDS",
                "Idle time of TCP flows that are closing");
+    const CLI::Range waiting_times(uint32_t{1}, longest_idle_sec);
+    add_number(app, "--idle-announced", engine.idle_announced_sec, waiting_times, "SECONDS",
+               "How long an announced connection is awaited");
     app.add_flag("--tcp-checks", engine.tcp_checks,
                  "Let the engine check TCP sequence and acknowledgement numbers");
     app.add_flag_callback(
@@ -91,6 +155,7 @@ std::variant<options, exit_code> parse_options(int argc, char** argv) {
     app.get_formatter()->column_width(32);
     add_options(app, result);
     add_engine_options(app, result.engine);
+    add_flow_choices(app, result.engine);
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {

@@ -13,10 +13,14 @@ namespace zonflow {
 
 enum class output_format { table, json };
 
+// What of the engine can be traced.
+enum class trace_part { engine, fe, l4, ager, all };
+
 struct options {
     std::vector<std::string> files;
     output_format format = output_format::table;
     bool vlan_key = false;  // the outer VLAN is the VRF
+    std::vector<trace_part> trace;
     engine_settings engine;
 };
 

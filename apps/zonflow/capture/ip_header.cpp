@@ -24,9 +24,11 @@ ip_header read_ipv4(bytes packet) {
     if (packet.size() < 20) {
         return header;
     }
+    header.version = 4;
     header.total_length = big_endian_16(packet, 2);
     header.later_fragment = (big_endian_16(packet, 6) & 0x1fff) != 0;
     std::copy_n(packet.begin() + 12, 4, header.source.begin());
+    std::copy_n(packet.begin() + 16, 4, header.destination.begin());
     return header;
 }
 
@@ -60,9 +62,11 @@ ip_header read_ipv6(bytes packet) {
     if (packet.size() < 40) {
         return header;
     }
+    header.version = 6;
     header.total_length = 40u + big_endian_16(packet, 4);
     header.later_fragment = has_later_fragment_header(packet[6], packet.subspan(40));
     std::copy_n(packet.begin() + 8, 16, header.source.begin());
+    std::copy_n(packet.begin() + 24, 16, header.destination.begin());
     return header;
 }
 

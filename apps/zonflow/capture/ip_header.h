@@ -12,8 +12,10 @@ namespace zonflow {
 using ip_address = std::array<uint8_t, 16>;
 
 struct ip_header {
+    int version = 0;            // 4, 6, or 0 for neither and for a header that is cut off
     uint32_t total_length = 0;  // bytes of the packet by its length field
     ip_address source{};
+    ip_address destination{};
     bool later_fragment = false;  // a fragment other than the first of its datagram
 };
 

@@ -5,6 +5,9 @@
 #include <algorithm>
 #include <utility>
 
+#include "flows/bypass_rule.h"
+#include "flows/packet_context.h"
+
 namespace zonflow {
 
 namespace {
@@ -41,11 +44,17 @@ uint8_t tcp_flags_of(const zon_pkt_indications_t& indications, std::span<const u
 
 }  // namespace
 
-engine_host::engine_host(const engine_settings& settings) : settings_(settings) {
+engine_host::engine_host(const engine_settings& settings)
+    : settings_(settings), vetoes_(settings.vetoes) {
     current_host = this;
     try {
         start_engine();
         become_client();
+        enable_options();
+        start_helpers();
+    } catch (const announcer_error& error) {
+        finish();
+        throw engine_error(error.what());
     } catch (...) {
         finish();
         throw;
@@ -62,8 +71,9 @@ engine_host::~engine_host() {
 void engine_host::start_engine() {
     check(zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE), "cannot set the clock");
     running_ = true;  // an engine that was built in part is to be destroyed as well
-    check(zon_init(settings_.max_flows, 0, std::min(flows_made_per_step, settings_.max_flows),
-                   lock_stripes, 0, chunk_elements, chunk_elements),
+    check(zon_init(settings_.max_flows, settings_.idle_announced_sec * 1000,
+                   std::min(flows_made_per_step, settings_.max_flows), lock_stripes, 0,
+                   chunk_elements, chunk_elements),
           "cannot start the engine");
     if (!zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
                            &g_zon->zon_timer_process_create)) {
@@ -91,6 +101,29 @@ void engine_host::enable(zon_capability_e capability) {
     check(zon_client_enable_engine_capability(client_, capability), "cannot enable a capability");
 }
 
+// Each of these is one more thing that the same client asks of the engine.
+void engine_host::enable_options() {
+    if (!settings_.vetoes.empty()) {
+        check(vetoes_.register_with(client_), "cannot register for new flows");
+    }
+    if (settings_.by_source) {
+        check(groups_.register_with(client_), "cannot register for the groups of flows");
+    }
+    if (settings_.bypass_after_bytes != 0) {
+        check(zon_client_register_bypass_cb(client_, choose_bypass),
+              "cannot register for the bypass");
+        enable(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
+    }
+}
+
+// Clients of their own.
+void engine_host::start_helpers() {
+    if (settings_.helpers) {
+        ftp_.emplace();
+        sip_.emplace();
+    }
+}
+
 // The engine picks a flow's first idle time from these, by the session state after its first
 // packet.
 void engine_host::set_default_idle_times() const {
@@ -104,22 +137,28 @@ void engine_host::set_default_idle_times() const {
 packet_outcome engine_host::handle(std::span<const uint8_t> ip_packet, uint32_t vrf,
                                    uint64_t time_us) {
     turn_clock(time_us);
+    if (settings_.helpers) {
+        ftp_->before_packet();
+        sip_->before_packet();
+    }
     const ip_header header = read_ip_header(ip_packet);
     if (header.later_fragment && !settings_.fragments) {
         return {packet_fate::refused, "fragments_off"};
     }
-    zon_pkt_ctx_t context{};
-    zon_pkt_indications_t& indications = context.pkt_indications;
+    zon_pkt_ctx_t seen{};
+    zon_pkt_indications_t& indications = seen.pkt_indications;
+    packet_context context{ip_packet, &indications, &vetoes_, &groups_};
     zon_error_t error = zon_error_none;
     // The entry takes a pointer to bytes that may be written and writes none of them.
     const zon_fid_t fid = zon_handle_captured_packet(const_cast<uint8_t*>(ip_packet.data()),
                                                      static_cast<uint32_t>(ip_packet.size()), vrf,
-                                                     nullptr, &indications, &error);
+                                                     &context, &indications, &error);
     if (fid == ZON_NULL_FID) {
         return why_refused(indications, error, header.later_fragment);
     }
     account(fid, indications, ip_packet, header, time_us);
-    zon_cleanup_packet(&context);  // a flow whose last packet this was leaves within about a second
+    show_to_helpers(fid, indications, ip_packet);
+    zon_cleanup_packet(&seen);  // a flow whose last packet this was leaves within about a second
     return {packet_fate::classified, {}};
 }
 
@@ -136,10 +175,23 @@ void engine_host::turn_clock(uint64_t time_us) {
     }
 }
 
+void engine_host::show_to_helpers(zon_fid_t fid, const zon_pkt_indications_t& indications,
+                                  std::span<const uint8_t> ip_packet) {
+    if (!settings_.helpers) {
+        return;
+    }
+    const seen_packet packet{fid, indications, captured_payload(indications, ip_packet)};
+    ftp_->after_packet(packet);
+    sip_->after_packet(packet);
+}
+
 packet_outcome engine_host::why_refused(const zon_pkt_indications_t& indications, zon_error_t error,
                                         bool later_fragment) const {
     if (error == zon_error_parameter_invalid) {
         return {packet_fate::malformed, {}};
+    }
+    if (error == zon_error_client_pre_create_prevented) {
+        return {packet_fate::refused, "vetoed"};
     }
     if (error != zon_error_none) {
         return {packet_fate::refused, as_word(zon_error_str(error))};
@@ -185,10 +237,17 @@ void engine_host::account(zon_fid_t fid, const zon_pkt_indications_t& indication
     record->session_state = snapshot.l4state.sess_state;
     record->tcp_state = snapshot.l4state.tcp_state;
     record->tunnel = snapshot.tunnel_type;
+    if (settings_.bypass_after_bytes != 0) {
+        record->bypass_id = bypass_id_of(snapshot.bypass_id);
+    }
     const uint8_t state_now = record->session_state;
     const uint8_t protocol = record->tuple.l4_protocol;
     zon_unlock_flow_tamonet(&snapshot);
 
+    if (settings_.by_source) {
+        check(groups_.add_packet(fid, packet.ip_bytes, packet.payload_bytes),
+              "cannot find the group of a flow");
+    }
     // The engine chose the idle time after the first packet and keeps it, whatever becomes of the
     // session.
     if (!first_packet && state_now != state_before) {
@@ -221,6 +280,9 @@ void engine_host::attach_new_record(zon_fid_t fid) {
     check(zon_flow_attach_fo(fid, client_, ZON_DIR_BI, record.get()), "cannot attach a record");
     record.release();  // comes back through flow_goes_away
     ++flows_seen_;
+    if (settings_.by_source) {
+        check(groups_.add_flow(fid), "cannot find the group of a flow");
+    }
 }
 
 // Nothing for a closed session: zon_cleanup_packet sees it off.
@@ -234,6 +296,14 @@ std::optional<uint32_t> engine_host::idle_time_sec(uint8_t protocol, uint8_t ses
         return settings_.idle_closing_sec;
     default:
         return protocol == ZON_TCP_PROT ? settings_.idle_tcp_sec : settings_.idle_udp_sec;
+    }
+}
+
+// Runs for every TCP packet, with its flow locked.
+void engine_host::choose_bypass(uint32_t payload_size, bool, bool, bool, uint32_t* bypass_bits) {
+    if (current_host != nullptr) {
+        *bypass_bits = bypass_bits_after(*bypass_bits, payload_size,
+                                         current_host->settings_.bypass_after_bytes);
     }
 }
 

@@ -14,8 +14,13 @@
 #include <span>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 #include "flows/flow_record.h"
+#include "flows/source_groups.h"
+#include "flows/veto_list.h"
+#include "helpers/ftp/ftp_helper.h"
+#include "helpers/sip/sip_helper.h"
 #include "zon.h"
 
 namespace zonflow {
@@ -26,9 +31,14 @@ struct engine_settings {
     uint32_t idle_tcp_sec = 300;
     uint32_t idle_udp_sec = 60;
     uint32_t idle_closing_sec = 5;
+    uint32_t idle_announced_sec = 180;  // 0 would be the engine's own choice
     bool tcp_checks = false;
     bool tunnels = true;
     bool fragments = true;
+    bool helpers = true;
+    bool by_source = false;
+    std::vector<network> vetoes;
+    uint32_t bypass_after_bytes = 0;  // 0: no flow is bypassed
 };
 
 struct engine_error : std::runtime_error {
@@ -61,12 +71,19 @@ public:
 
     uint64_t flows_seen() const { return flows_seen_; }
 
+    // Empty unless flows are added up by source.
+    std::vector<source_group> groups() const { return groups_.ranked(); }
+
 private:
     void start_engine();
     void become_client();
     void enable(zon_capability_e capability);
+    void enable_options();
+    void start_helpers();
     void set_default_idle_times() const;
     void turn_clock(uint64_t time_us);
+    void show_to_helpers(zon_fid_t fid, const zon_pkt_indications_t& indications,
+                         std::span<const uint8_t> ip_packet);
     packet_outcome why_refused(const zon_pkt_indications_t& indications, zon_error_t error,
                                bool later_fragment) const;
     void account(zon_fid_t fid, const zon_pkt_indications_t& indications,
@@ -78,8 +95,14 @@ private:
     static void flow_goes_away(zon_flow_ptr_t flow, void* initiator_fo, void* responder_fo,
                                void* flow_fo, zon_flow_deletion_reason_e reason,
                                zon_client_id_e client);
+    static void choose_bypass(uint32_t payload_size, bool fif, bool was_promoted,
+                              bool first_payload, uint32_t* bypass_bits);
 
     engine_settings settings_;
+    veto_list vetoes_;
+    source_groups groups_;
+    std::optional<ftp_helper> ftp_;
+    std::optional<sip_helper> sip_;
     bool running_ = false;
     zon_client_id_e client_ = 0;
     bool clock_started_ = false;

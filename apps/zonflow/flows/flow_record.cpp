@@ -44,6 +44,10 @@ std::string address_text(const zon_ip_addr_t& address, int ip_version) {
     return text;
 }
 
+std::string address_text(const zon_ip_addr_t& address) {
+    return address_text(address, address.addr_type == ZON_IP_ADDR_IPV6 ? 6 : 4);
+}
+
 const char* end_reason_name(zon_flow_deletion_reason_e reason) {
     switch (reason) {
     case ZON_FLOW_CLOSE_REASON_END_OF_FLOW:

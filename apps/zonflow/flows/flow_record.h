@@ -9,6 +9,7 @@
 #define ZONFLOW_FLOW_RECORD_H
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "capture/ip_header.h"
@@ -38,6 +39,7 @@ struct flow_record {
     zon_tunnel_type_e tunnel = ZON_TUNNEL_TYPE_NONE;
     zon_fid_t parent = 0;
     bool promoted = false;
+    std::optional<uint32_t> bypass_id;  // 0 until the flow is bypassed; none when none ever is
     zon_flow_deletion_reason_e end_reason = ZON_FLOW_CLOSE_REASON_END_OF_FLOW;
 
     ip_address
@@ -62,6 +64,8 @@ void add_packet(flow_record& record, const packet_facts& packet);
 int ip_version(const flow_record& record);
 // "192.0.2.1" or "2001:db8::1".
 std::string address_text(const zon_ip_addr_t& address, int ip_version);
+// The same for an address that says its own family; those of a tuple leave that to its source.
+std::string address_text(const zon_ip_addr_t& address);
 
 // The name of a deletion reason and of a tunnel type, in lower case; "unknown" for any other value.
 const char* end_reason_name(zon_flow_deletion_reason_e reason);

@@ -44,7 +44,24 @@ void json_output::flow(const flow_record& record) {
         .number("parent", record.parent)
         .boolean("promoted", record.promoted)
         .text("end_reason", end_reason_name(record.end_reason));
+    if (record.bypass_id) {
+        object.number("bypass_id", *record.bypass_id);
+    }
     out_.write(object.str() + "\n");
+}
+
+void json_output::groups(const std::vector<source_group>& groups) {
+    for (const source_group& group : groups) {
+        json_object object;
+        object.text("type", "group")
+            .text("by", "source")
+            .text("address", address_text(group.address))
+            .number("flows", group.flows)
+            .number("packets", group.packets)
+            .number("ip_bytes", group.ip_bytes)
+            .number("payload_bytes", group.payload_bytes);
+        out_.write(object.str() + "\n");
+    }
 }
 
 void json_output::summary(const capture_summary& summary) {

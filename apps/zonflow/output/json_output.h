@@ -12,6 +12,7 @@ public:
     explicit json_output(output_stream& out) : out_(out) {}
     void begin(const std::string& file_name) override;
     void flow(const flow_record& record) override;
+    void groups(const std::vector<source_group>& groups) override;
     void summary(const capture_summary& summary) override;
 
 private:

@@ -15,6 +15,7 @@ constexpr int columns_beside_addresses = 37;  // of the other columns and the ga
 constexpr int flags_columns = 14;             // of the flags and their gap
 constexpr int columns_with_flags = 100;       // from this width on there is room for them
 constexpr int widest_addresses = 95;          // two IPv6 endpoints and a gap
+constexpr size_t widest_address = 39;         // one of IPv6, without a port
 
 std::string protocol_text(uint8_t protocol) {
     switch (protocol) {
@@ -150,6 +151,9 @@ void table_output::flow(const flow_record& record) {
     const std::string to = endpoint_text(record.tuple.dst_ip, record.tuple.dst_port, version);
     const size_t half = (address_columns_ - 1) / 2;
     std::string protocol = protocol_text(record.tuple.l4_protocol);
+    if (record.bypass_id.value_or(0) != 0) {
+        protocol += "*";
+    }
     std::string addresses = padded(from, half) + " " + to;
     if (from.size() > half || to.size() > half) {
         out_.write(padded(protocol, 4) + " " + from + "\n");
@@ -163,6 +167,20 @@ void table_output::flow(const flow_record& record) {
     row(protocol, addresses, short_number(record.packets()),
         short_number(record.initiator.ip_bytes + record.responder.ip_bytes), flags_text(record),
         state_text(record), end_text(record.end_reason));
+}
+
+void table_output::groups(const std::vector<source_group>& groups) {
+    group_row("SOURCE", "FLOWS", "PKTS", "BYTES");
+    for (const source_group& group : groups) {
+        group_row(address_text(group.address), short_number(group.flows),
+                  short_number(group.packets), short_number(group.ip_bytes));
+    }
+}
+
+void table_output::group_row(const std::string& address, const std::string& flows,
+                             const std::string& packets, const std::string& bytes) {
+    out_.write(padded(address, widest_address) + " " + right_aligned(flows, 6) + " " +
+               right_aligned(packets, 6) + " " + right_aligned(bytes, 6) + "\n");
 }
 
 void table_output::summary(const capture_summary& summary) {

@@ -15,10 +15,11 @@ std::string short_number(uint64_t value);
 
 class table_output : public flow_output {
 public:
-    // With several files each table is headed by its file's name.
+    // With several files each table is headed by its file's name. A bypassed flow is marked: "TCP*".
     table_output(output_stream& out, bool several_files);
     void begin(const std::string& file_name) override;
     void flow(const flow_record& record) override;
+    void groups(const std::vector<source_group>& groups) override;
     void summary(const capture_summary& summary) override;
 
 private:
@@ -26,6 +27,8 @@ private:
     void row(const std::string& protocol, const std::string& addresses, const std::string& packets,
              const std::string& bytes, const std::string& flags, const std::string& state,
              const std::string& end);
+    void group_row(const std::string& address, const std::string& flows,
+                   const std::string& packets, const std::string& bytes);
 
     output_stream& out_;
     bool several_files_;
