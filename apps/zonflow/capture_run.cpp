@@ -22,7 +22,9 @@ public:
     capture_run(const options& options, link_layer link, flow_output& output)
         : vlan_key_(options.vlan_key),
           by_source_(options.engine.by_source),
-          link_(link), output_(output), engine_(options.engine) {}
+          link_(link),
+          output_(output),
+          engine_(options.engine) {}
 
     // Returns false when the file is damaged; what came before the damage has been handled.
     bool read_all(capture_reader& reader) {

@@ -130,8 +130,7 @@ void announcer::withdraw(const zon_flow_tuple_t& tuple) {
 
 void announcer::free_orphans() {
     while (orphans_ != nullptr) {
-        const std::unique_ptr<control_state> orphan(
-            std::exchange(orphans_, orphans_->next_orphan));
+        const std::unique_ptr<control_state> orphan(std::exchange(orphans_, orphans_->next_orphan));
     }
 }
 

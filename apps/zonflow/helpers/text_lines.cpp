@@ -73,10 +73,9 @@ std::optional<uint16_t> port_number(std::string_view text) {
 }
 
 bool take_word(std::string_view& text, std::string_view word) {
-    const bool found =
-        text.size() >= word.size() &&
-        std::equal(word.begin(), word.end(), text.begin(),
-                   [](char one, char other) { return lower(one) == lower(other); });
+    const bool found = text.size() >= word.size() &&
+                       std::equal(word.begin(), word.end(), text.begin(),
+                                  [](char one, char other) { return lower(one) == lower(other); });
     if (found) {
         text.remove_prefix(word.size());
     }

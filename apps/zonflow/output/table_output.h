@@ -27,8 +27,8 @@ private:
     void row(const std::string& protocol, const std::string& addresses, const std::string& packets,
              const std::string& bytes, const std::string& flags, const std::string& state,
              const std::string& end);
-    void group_row(const std::string& address, const std::string& flows,
-                   const std::string& packets, const std::string& bytes);
+    void group_row(const std::string& address, const std::string& flows, const std::string& packets,
+                   const std::string& bytes);
 
     output_stream& out_;
     bool several_files_;

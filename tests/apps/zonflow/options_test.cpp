@@ -19,9 +19,11 @@ TEST(zonflow_options, help_lists_every_option_and_ends_with_0) {
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_EQ(run.err, "");
     for (const char* option :
-         {"--vlan-key", "--output", "--max-flows", "--idle-opening", "--idle-tcp", "--idle-udp",
-          "--idle-closing", "--tcp-checks", "--no-tunnels", "--no-fragments", "--help", "--version",
-          "Examples:", "Exit codes:"}) {
+         {"--vlan-key",   "--output",       "--max-flows",    "--idle-opening",
+          "--idle-tcp",   "--idle-udp",     "--idle-closing", "--idle-announced",
+          "--tcp-checks", "--no-tunnels",   "--no-fragments", "--by",
+          "--veto",       "--bypass-after", "--no-helpers",   "--trace",
+          "--help",       "--version",      "Examples:",      "Exit codes:"}) {
         EXPECT_TRUE(contains(run.out, option)) << option;
     }
 }
@@ -41,21 +43,40 @@ TEST_P(wrong_command_line, ends_with_2_and_says_so_on_standard_error) {
     EXPECT_TRUE(contains(run.err, "zonflow: "));
 }
 
-INSTANTIATE_TEST_SUITE_P(zonflow_options, wrong_command_line,
-                         testing::Values("", "--bogus x.pcap", "-o xml x.pcap",
-                                         "--max-flows 0 x.pcap", "--max-flows many x.pcap",
-                                         "--idle-tcp -1 x.pcap", "--idle-udp 4294968 x.pcap",
-                                         "--idle-opening"));
+INSTANTIATE_TEST_SUITE_P(
+    zonflow_options, wrong_command_line,
+    testing::Values("", "--bogus x.pcap", "-o xml x.pcap", "--max-flows 0 x.pcap",
+                    "--max-flows many x.pcap", "--idle-tcp -1 x.pcap", "--idle-udp 4294968 x.pcap",
+                    "--idle-opening", "--idle-announced 0 x.pcap", "--by host x.pcap",
+                    "--veto 10.0.0.0/33 x.pcap", "--veto 2001:db8::/129 x.pcap",
+                    "--veto example x.pcap", "--veto 10.0.0.0/8 --veto 10/8 x.pcap",
+                    "--bypass-after 0 x.pcap", "--bypass-after -1 x.pcap",
+                    "--bypass-after 2147483648 x.pcap", "--trace tcp x.pcap", "--trace 3 x.pcap"));
 
 TEST(zonflow_options, accepts_every_option_together) {
     const temporary_file capture(small_capture);
     const json_result run = run_json(
         "--vlan-key --max-flows 10 --idle-opening 1 --idle-tcp 2 --idle-udp 3 --idle-closing 4 "
         "--tcp-checks "
-        "--no-tunnels --no-fragments " +
+        "--no-tunnels --no-fragments --idle-announced 5 --by source --veto 192.0.2.0/24 "
+        "--veto 2001:db8::/32 --bypass-after 100 --no-helpers --trace engine,l4 --trace ager " +
         capture.path());
     EXPECT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(run.flows.size(), 1u);
+}
+
+TEST(zonflow_trace, goes_to_standard_error_and_leaves_the_output_as_it_is) {
+    const temporary_file capture(small_capture);
+    const program_result quiet = run_zonflow("-o json " + capture.path());
+    EXPECT_EQ(quiet.err, "");
+    for (const char* parts : {"engine", "all", "l4,engine"}) {
+        const program_result traced =
+            run_zonflow(std::string("-o json --trace ") + parts + " " + capture.path());
+        EXPECT_EQ(traced.exit_code, 0);
+        EXPECT_EQ(traced.out, quiet.out);
+        EXPECT_TRUE(contains(traced.err, "ZON Engine: zon_destroy")) << traced.err;
+    }
+    EXPECT_FALSE(contains(run_zonflow("--trace ager " + capture.path()).err, "ZON Engine"));
 }
 
 TEST(zonflow_exit_codes, are_0_with_nothing_on_standard_error_for_a_whole_capture) {

@@ -58,9 +58,8 @@ bool is_one_host(const zon_ip_addr_t& address) {
         return address.u.v4_addr >> 24 != 0 && address.u.v4_addr >> 28 < 14;
     }
     // Each group of four bytes is reversed: byte 3 is the first of the address.
-    const bool unspecified =
-        std::all_of(std::begin(address.u.v6_addr), std::end(address.u.v6_addr),
-                    [](uint8_t byte) { return byte == 0; });
+    const bool unspecified = std::all_of(std::begin(address.u.v6_addr), std::end(address.u.v6_addr),
+                                         [](uint8_t byte) { return byte == 0; });
     return !unspecified && address.u.v6_addr[3] != 0xff;
 }
 

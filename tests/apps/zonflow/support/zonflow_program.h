@@ -88,13 +88,18 @@ struct json_result {
     std::string err;
     std::vector<std::string> flows;
     std::vector<std::string> summaries;
+    std::vector<std::string> groups;
 };
 
 inline json_result run_json(const std::string& arguments) {
     const program_result run = run_zonflow("-o json " + arguments);
-    json_result result{run.exit_code, run.err, {}, {}};
+    json_result result{run.exit_code, run.err, {}, {}, {}};
     for (const std::string& line : lines_of(run.out)) {
-        (json_field(line, "type") == "flow" ? result.flows : result.summaries).push_back(line);
+        const std::string type = json_field(line, "type");
+        (type == "flow"    ? result.flows
+         : type == "group" ? result.groups
+                           : result.summaries)
+            .push_back(line);
     }
     return result;
 }
