@@ -13,5 +13,6 @@
 #include "zon_pkt_inline.h"
 #include "zon_platform_defs.h"
 #include "zon_super_ctx.h"
+#include "zon_test_packets.h"
 
 #endif

@@ -16,7 +16,6 @@
 
 #include "osal/zon_debug.h"
 #include "osal/zon_mem.h"
-#include "zon_engine_debug.h"
 #include "zon_engine_inline.h"
 #include "zon_fid_table_inline.h"
 

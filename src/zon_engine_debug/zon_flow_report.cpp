@@ -1,8 +1,8 @@
-// zon_engine_debug.cpp - snapshots of flows for dumps, and the filter that dumps apply.
+// zon_flow_report.cpp - snapshots of flows for dumps, and the filter that dumps apply.
 //
-// Locks  the caller holds the flow; the bundle's lock is taken inside for the parent.
-
-#include "zon_engine_debug.h"
+// Owns   nothing.
+// Locks  the caller holds the flow; the bundle's lock is taken inside for the parent. A walk takes
+//        the flows' locks itself and calls back outside all of them.
 
 #include <algorithm>
 #include <cstdio>
@@ -10,6 +10,7 @@
 #include <iterator>
 
 #include "zon_api/zon_api_internal.h"
+#include "zon_debug_api.h"
 #include "zon_engine_inline.h"
 
 namespace {
@@ -44,12 +45,12 @@ bool side_has_objects(const zon_flow_t* flow, zon_flow_direction_e dir) {
 
 bool zon_flow_compare_ip_and_port(uint8_t ip_type, uint32_t* ipaddr, uint16_t port,
                                   zon_key_t* key) {
-    if (ipaddr == nullptr)
+    if (ipaddr == nullptr || key == nullptr)
         return false;
-    if (ip_type == zon_filter_ipv4)
+    if (ip_type == L3_ADDR_IPV4)
         return key->key_type <= ZON_IPV4_LAST_KEY &&
                has_end(*reinterpret_cast<zon_ipv4_key_t*>(key), ipaddr, port);
-    if (ip_type == zon_filter_ipv6)
+    if (ip_type == L3_ADDR_IPV6)
         return key->key_type >= ZON_IPV4_LAST_KEY && key->key_type <= ZON_IPV6_LAST_KEY &&
                has_end(*reinterpret_cast<zon_ipv6_key_t*>(key), ipaddr, port);
     return false;
@@ -57,6 +58,8 @@ bool zon_flow_compare_ip_and_port(uint8_t ip_type, uint32_t* ipaddr, uint16_t po
 
 bool zon_debug_flow_populate_report(zon_flow_t* flow, zon_flow_report_t* report,
                                     zon_dump_flow_context* ctx) {
+    if (flow == nullptr || report == nullptr)
+        return false;
     // The filter looks at copies: they have room for either family.
     zon_report_key_t initiator = key_of_side(flow, ZON_DIR_INITIATOR);
     zon_report_key_t responder = key_of_side(flow, ZON_DIR_RESPONDER);
@@ -85,4 +88,9 @@ bool zon_debug_flow_populate_report(zon_flow_t* flow, zon_flow_report_t* report,
     report->initiator_key = initiator;
     report->responder_key = responder;
     return true;
+}
+
+void zon_test_fid_table_iterate_flow(fid_table_iterate_by_flow_cb_t cb, void* user) {
+    if (cb != nullptr && g_zon != nullptr && g_zon->fid_table != nullptr)
+        zon_fid_table_iterate_flow(g_zon->fid_table, cb, user);
 }

@@ -1,6 +1,4 @@
-// zon_engine_debug_test.cpp - snapshots of flows, and the filter that dumps apply.
-
-#include "zon_engine_debug.h"
+// zon_flow_report_test.cpp - snapshots of flows, and the filter that dumps apply.
 
 #include "src/zon_api/api_fixture.h"
 
@@ -65,7 +63,7 @@ TEST_F(flow_report, is_refused_by_a_filter_that_neither_side_passes) {
     const zon_fid_t fid = udp_flow(1000);
     uint32_t address = host_b;
     zon_dump_flow_context context{};
-    context.ip_type = zon_filter_ipv4;
+    context.ip_type = L3_ADDR_IPV4;
     context.ipaddr = &address;
     context.port = 53;
     zon_flow_report_t report{};
@@ -98,7 +96,7 @@ TEST_P(address_filter, passes_either_end_of_its_family) {
     const uint32_t* dst = row.wanted_destination ? wanted : other;
     const uint16_t port = row.right_port ? 80 : 81;
     zon_report_key_t key{};
-    if (row.ip_type == zon_filter_ipv6) {
+    if (row.ip_type == L3_ADDR_IPV6) {
         zon_set_key_ipv6(&key.ipv6, ZON_IPV6_KEY_COMPLETE, src, dst, 80, 80, 6, 0);
         key.key.key_type = row.key_type;
     } else {
