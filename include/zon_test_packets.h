@@ -73,11 +73,13 @@ ZON_API void zon_fe_test_cleanup(zon_fe_handle fe);
  *   11 as zon_engine
  * After a success *zon_error may be as it was: set it to 0 before. */
 
-ZON_API zon_fid_t zon_test_handle_tcp_packet_fields(
-    uint32_t saddr, uint32_t daddr, uint16_t sport, uint16_t dport, uint32_t vrfid,
-    uint32_t seq_num, uint32_t ack_num, bool syn, bool ack, bool rst, bool fin,
-    uint32_t payload_size, void* pkt_ctx, zon_pkt_indications_t* pkt_indications,
-    zon_error_t* zon_error);
+ZON_API zon_fid_t zon_test_handle_tcp_packet_fields(uint32_t saddr, uint32_t daddr, uint16_t sport,
+                                                    uint16_t dport, uint32_t vrfid,
+                                                    uint32_t seq_num, uint32_t ack_num, bool syn,
+                                                    bool ack, bool rst, bool fin,
+                                                    uint32_t payload_size, void* pkt_ctx,
+                                                    zon_pkt_indications_t* pkt_indications,
+                                                    zon_error_t* zon_error);
 /* A UDP packet of payload_size 0 to 7 counts as one with 65528 to 65535 bytes of payload; a flow of
  * another protocol has ports 0. */
 ZON_API zon_fid_t zon_test_handle_packet_fields(uint32_t saddr, uint32_t daddr, uint16_t sport,

@@ -88,7 +88,8 @@ zon_fid_t handle(const test_call& call, builder build, const char* ending = "") 
     if (g_zon == nullptr)
         return fail(call, zon_error_engine_not_init);
     zon_chunk_mem_t* chunks = &g_zon->zon_chunk_ptr;
-    auto* key = static_cast<zon_half_flow_t*>(zon_private_chunk_malloc(memory_of<family>(), chunks));
+    auto* key =
+        static_cast<zon_half_flow_t*>(zon_private_chunk_malloc(memory_of<family>(), chunks));
     if (key == nullptr)
         return fail(call, zon_error_memory);
     const zon_fid_t fid = build_and_run<family>(call, key, build);

@@ -1,6 +1,7 @@
 // zon_flow_report_test.cpp - snapshots of flows, and the filter that dumps apply.
 
 #include "src/zon_api/api_fixture.h"
+#include "support/flow_reader.h"
 
 using namespace zon_test;
 
@@ -74,6 +75,86 @@ TEST_F(flow_report, is_refused_by_a_filter_that_neither_side_passes) {
     EXPECT_FALSE(fill(fid, &report, &context));
     EXPECT_EQ(report.fid, 77u);
     EXPECT_EQ(lines.text(), "are we dumping here? \nare we dumping here? \n");
+}
+
+TEST_F(flow_report, is_refused_without_a_flow_or_a_place) {
+    zon_flow_report_t report{};
+    EXPECT_FALSE(zon_debug_flow_populate_report(nullptr, &report, nullptr));
+    const zon_fid_t fid = udp_flow(1000);
+    const locked_flow flow = locked_flow::adopt(zon_get_flow(fid));
+    EXPECT_FALSE(zon_debug_flow_populate_report(flow.get(), nullptr, nullptr));
+}
+
+TEST_F(flow_report, tells_of_a_mark_and_leaves_what_it_does_not_fill) {
+    const zon_fid_t fid = udp_flow(1000);
+    zon_flow_report_t report{};
+    report.is_dropped = 1;
+    record_of(fid)->marked_for_delete = true;
+    {
+        const locked_flow flow = locked_flow::adopt(zon_get_flow(fid));
+        ASSERT_TRUE(zon_debug_flow_populate_report(flow.get(), &report, nullptr));
+    }
+    record_of(fid)->marked_for_delete = false;
+    EXPECT_EQ(report.marked_for_delete, 1);
+    EXPECT_EQ(report.is_dropped, 1);
+    EXPECT_EQ(report.parent_fid, 0u);
+}
+
+TEST_F(flow_report, holds_an_announced_key_of_each_side_by_its_own_type) {
+    const zon_fid_t fid =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, tuple6("2001:db8::1", 1, "2001:db8::2", 2));
+    zon_flow_report_t report{};
+    ASSERT_TRUE(fill(fid, &report));
+    EXPECT_EQ(report.initiator_key.key.key_type, uint32_t{ZON_IPV6_KEY_SRC_IP_PORT_ONLY});
+    EXPECT_EQ(report.responder_key.key.key_type, uint32_t{ZON_IPV6_KEY_DST_IP_PORT_ONLY});
+    EXPECT_EQ(report.initiator_key.ipv6.src_ip[3], report.responder_key.ipv6.dst_ip[3]);
+}
+
+// A host's record that begins with the filter.
+struct collecting_context {
+    zon_dump_flow_context filter;
+    std::vector<zon_fid_t> fids;
+    bool locks_were_free = true;
+};
+void collect(zon_flow_report_t* report, void* user) {
+    auto& context = *static_cast<collecting_context*>(user);
+    context.fids.push_back(report->fid);
+    context.locks_were_free = context.locks_were_free && no_lock_is_held();
+}
+
+TEST_F(flow_report, reaches_any_callback_outside_all_locks) {
+    const zon_fid_t first = udp_flow(1000);
+    const zon_fid_t second = udp_flow(1001);
+    collecting_context context{};
+    zon_test_fid_table_iterate_flow(collect, &context);
+    EXPECT_EQ(context.fids, (std::vector<zon_fid_t>{first, second}));
+    EXPECT_TRUE(context.locks_were_free);
+    zon_test_fid_table_iterate_flow(nullptr, nullptr);
+    EXPECT_FALSE(g_zon->fid_table->in_use);
+}
+
+TEST_F(flow_report, reaches_a_callback_when_the_filter_at_the_head_of_its_context_lets_it) {
+    udp_flow(1000);
+    const zon_fid_t second = udp_flow(1001);
+    uint32_t address = host_a;
+    collecting_context context{};
+    context.filter.ip_type = L3_ADDR_IPV4;
+    context.filter.ipaddr = &address;
+    context.filter.port = 1001;
+    captured_output lines(stdout);
+    zon_test_fid_table_iterate_flow(collect, &context);
+    EXPECT_EQ(context.fids, std::vector<zon_fid_t>{second});
+}
+
+TEST_F(flow_report, may_be_the_last_of_a_flow_that_its_callback_deletes) {
+    udp_flow(1000);
+    udp_flow(1001);
+    zon_test_fid_table_iterate_flow(
+        [](zon_flow_report_t* report, void*) {
+            zon_delete_flow_tamonet(report->fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+        },
+        nullptr);
+    EXPECT_EQ(elements(), 0u);
 }
 
 struct filter_case {
