@@ -32,17 +32,18 @@ static void use_handlers(void) {
     zon_pkt_indications_t seen;
     zon_error_t error = zon_error_none;
     memset(&seen, 0, sizeof seen);
-    zon_fid_t tcp4 = zon_test_handle_tcp_packet_fields(a, b, 1000, 80, 0, 1, 0, true, false, false, false, 0, NULL, &seen,
-                                                       &error);
+    zon_fid_t tcp4 = zon_test_handle_tcp_packet_fields(a, b, 1000, 80, 0, 1, 0, true, false, false,
+                                                       false, 0, NULL, &seen, &error);
     check(tcp4 != 0 && seen.fif == 1, "a SYN makes a flow");
-    zon_fid_t back = zon_test_handle_tcp_packet_fields(b, a, 80, 1000, 0, 9, 2, true, true, false, false, 0, NULL, &seen,
-                                                       &error);
+    zon_fid_t back = zon_test_handle_tcp_packet_fields(b, a, 80, 1000, 0, 9, 2, true, true, false,
+                                                       false, 0, NULL, &seen, &error);
     check(back == tcp4 && seen.is_initiator == 0, "the answer belongs to it");
     zon_fid_t udp4 = zon_test_handle_packet_fields(a, b, 1000, 53, 17, 0, 100, NULL, &seen, &error);
     check(udp4 != 0 && seen.l4_payload_size == 92, "a UDP length of 100 is 92 bytes of payload");
-    zon_fid_t tcp6 = zon_test_handle_ipv6_tcp_packet_fields(a6, b6, 1000, 80, 0, 1, 0, true, false, false, false, 0, NULL,
-                                                            &seen, &error);
-    zon_fid_t udp6 = zon_test_handle_ipv6_packet_fields(a6, b6, 1000, 53, 17, 0, 100, NULL, &seen, &error);
+    zon_fid_t tcp6 = zon_test_handle_ipv6_tcp_packet_fields(a6, b6, 1000, 80, 0, 1, 0, true, false,
+                                                            false, false, 0, NULL, &seen, &error);
+    zon_fid_t udp6 =
+        zon_test_handle_ipv6_packet_fields(a6, b6, 1000, 53, 17, 0, 100, NULL, &seen, &error);
     check(tcp6 != 0 && udp6 != 0 && tcp6 != udp6, "IPv6 packets make flows of their own");
     check(error == zon_error_none, "no error was reported");
 }
@@ -52,7 +53,8 @@ static void use_builders(void) {
     zon_dp_fe_t fe;
     memset(&fe, 0, sizeof fe);
     zon_fe_test_fill_tcp_packet_fields(1, 2, 3, 4, 5, 6, true, false, false, false, 0, &fe);
-    check(fe.network_start != NULL && zon_token_tcp_flags_syn(&fe) && zon_srcport(&fe) == 3, "a SYN is built");
+    check(fe.network_start != NULL && zon_token_tcp_flags_syn(&fe) && zon_srcport(&fe) == 3,
+          "a SYN is built");
     zon_fe_test_cleanup(&fe);
     zon_fe_test_fill_packet_fields(1, 2, 3, 4, 17, 20, &fe);
     check(zon_ipv4_dstip(&fe) == 2 && zon_token_udp_datalen(&fe) == 12, "a UDP packet is built");
@@ -68,7 +70,8 @@ static void use_builders(void) {
 static void read_figures(void) {
     int32_t size = 0, used = 0, sum = 0, *distribution = NULL, *preflows = NULL;
     zon_debug_flow_table_stats(&size, &used, NULL, NULL, NULL, NULL, &distribution, &preflows);
-    check(used == 8 && distribution != NULL && preflows != NULL, "four flows have eight half flows");
+    check(used == 8 && distribution != NULL && preflows != NULL,
+          "four flows have eight half flows");
     for (int32_t bucket = 0; distribution != NULL && bucket < size; ++bucket)
         sum += distribution[bucket];
     check(sum == used, "the buckets hold them all");
@@ -84,7 +87,8 @@ static void read_figures(void) {
     counted.filter.ipaddr = &server;
     counted.filter.port = 53;
     zon_test_fid_table_iterate_flow(count, &counted);
-    check(counted.flows == 1 && counted.last.initiator_key.ipv4.dst_port == 53, "the filter leaves one");
+    check(counted.flows == 1 && counted.last.initiator_key.ipv4.dst_port == 53,
+          "the filter leaves one");
     check(zon_flow_compare_ip_and_port(L3_ADDR_IPV4, &server, 53, &counted.last.responder_key.key),
           "its responder has the address, too");
 }

@@ -123,8 +123,9 @@ TEST(flow_line, holds_ipv6_keys) {
 }
 
 TEST(flow_line, has_empty_columns_for_keys_announced_complete) {
-    for (const uint32_t type : {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_PRE_FLOW_COMPLETE}) {
-        zon_flow_report_t report = report_of(type);
+    for (const zon_key_type_t type :
+         {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, ZON_IPV6_KEY_PRE_FLOW_COMPLETE}) {
+        zon_flow_report_t report = report_of(static_cast<uint32_t>(type));
         EXPECT_EQ(printed([&] { zon_debug_flow_print_report(&report, nullptr); }),
                   "    42      3    5   \n");
     }
