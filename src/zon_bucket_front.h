@@ -33,12 +33,11 @@ public:
     // The newest entry of the tag, or one without a half flow. The two pointers of an entry that is
     // being replaced may belong to two items.
     entry find(uint16_t tag) const {
-        // Without a branch for each slot: which one it will be, nobody can predict.
-        const auto hit = [this, tag](unsigned i) {
-            return static_cast<unsigned>(has_tag(slots_[i].word(), tag)) << i;
-        };
-        static_assert(size == 4);
-        const unsigned hits = hit(0) | hit(1) | hit(2) | hit(3);
+        // Without a branch for each slot: which one it will be, nobody can predict. One statement for
+        // each, because they have to be read in this order.
+        unsigned hits = 0;
+        for (unsigned i = 0; i < size; ++i)
+            hits |= static_cast<unsigned>(has_tag(slots_[i].word(), tag)) << i;
         if (hits == 0)
             return {};
         const auto at = static_cast<unsigned>(std::countr_zero(hits));

@@ -25,6 +25,7 @@ zon_half_flow_t* zon_private_flow_lookup_ipv6(const zon_ipv6_key_t* key);
 zon_flow_t* zon_get_flow(zon_fid_t fid);
 
 bool zon_private_add_half_flow(zon_half_flow_t* half_flow);
+// The caller holds the flow's lock.
 bool zon_private_remove_half_flow(zon_half_flow_t* half_flow);
 void zon_private_link_flow(zon_flow_t* flow);
 void zon_private_deallocate_flow(zon_flow_t* flow);
@@ -38,6 +39,7 @@ void zon_private_stop_timer(zon_flow_t* flow);
 bool zon_private_delete_locked_flow(zon_flow_t* flow,
                                     const zon_flow_deletion_reason_e flow_deletion_reason);
 bool zon_private_delete_flow(zon_fid_t fid, zon_flow_deletion_reason_e flow_deletion_reason);
+// The caller holds the flow's lock.
 void zon_private_delete_half_flows(zon_flow_t* flow);
 void zon_private_free_all_fos(zon_flow_t* flow);
 void zon_private_debug_delete_flow(zon_flow_t* flow);
@@ -50,9 +52,8 @@ void zon_flow_fo_list_unlink(zon_flow_fo_t** fo_list, const zon_flow_fo_t* recor
 
 // ---- marks in the private bytes of a flow ----
 
-// Set under the flow lock just before a deleted flow's lock is released for its removal: from then
-// on no lookup finds the flow. Read without the lock where two halves are compared under a bucket
-// lock.
+// Set under the flow lock, which the deletion keeps to its end, before the half flows leave the
+// table: from then on no lookup finds the flow. Also read without the lock.
 inline bool zon_flow_is_dying(const zon_flow_t* flow) {
     return __atomic_load_n(&flow->private_dying, __ATOMIC_ACQUIRE) != 0;
 }

@@ -70,9 +70,9 @@ bool has_complete_key(const zon_half_flow_t* stored, const typename family::key&
 // Both lines of a half flow and all of its flow: the caller goes on to the counters, the timer mark
 // and the lock.
 void prefetch_flow(const bucket_front::entry& found) {
-    for (const size_t line : {0, 64})
+    for (const size_t line : {0U, 64U})
         __builtin_prefetch(reinterpret_cast<const char*>(found.half) + line);
-    for (const size_t line : {0, 64, 128, 192})
+    for (const size_t line : {0U, 64U, 128U, 192U})
         __builtin_prefetch(reinterpret_cast<const char*>(found.flow) + line);
 }
 
@@ -89,7 +89,10 @@ zon_half_flow_t* find_at_front(zon_hashset set, const typename family::key& want
     prefetch_flow(found);
     if (zon_flow_is_dying(found.flow)) [[unlikely]]
         return nullptr;
-    zon_lock_internal(found.flow->flow_lock);
+    // Only tried for: the tag alone has led here, perhaps to a flow of another connection, and whoever
+    // asks may hold a flow that its owner waits for.
+    if (!zon_try_lock_internal(found.flow->flow_lock)) [[unlikely]]
+        return nullptr;
     if (front.still_has(found) && zon_flow_has_half(found.flow, found.half) &&
         !zon_flow_is_dying(found.flow) && has_complete_key<family>(found.half, wanted)) [[likely]]
         return found.half;
@@ -111,27 +114,58 @@ zon_half_flow_t* find_complete(zon_hashset set, const zon_half_flow_t* half_flow
     }));
 }
 
-// Whether a stored half flow stands for the connection of a new one: the same key under the same
-// type, or, for a complete key, announced with a complete tuple. A flow in deletion stands for
-// nothing.
-template <class family>
-bool same_connection(const zon_half_flow_t* fresh, const zon_half_flow_t* stored) {
-    const uint32_t type = fresh->key.key_type;
-    const uint32_t stored_type = key_type_of(stored->key);
+enum class vrf_star_keys { count, do_not_count };
+
+// The keys of one type are compared as far as they are known. A complete key is also a connection
+// that was announced, with its VRF or without; one that is being announced may already be there.
+template <class family, vrf_star_keys vrf_stars>
+bool key_of_same_connection(const typename family::key& fresh, const typename family::key& stored) {
+    const uint32_t type = fresh.key_type;
+    const uint32_t stored_type = relaxed_load(stored.key_type);
+    if (type == family::complete && stored_type == family::vrf_star)
+        return vrf_stars == vrf_star_keys::count && same_in_any_vrf(fresh, stored);
     const bool comparable =
         stored_type == type ||
         (type == family::complete && stored_type == family::pre_flow_complete) ||
         (type == family::pre_flow_complete && stored_type == family::complete);
-    return comparable &&
-           key_matches<family>(*zon_full_key<family>(fresh), *zon_full_key<family>(stored)) &&
-           !zon_flow_is_dying(stored->flow);
+    return comparable && key_matches<family>(fresh, stored);
 }
 
-bool same_connection_any_family(const void* fresh_item, const void* stored_item, void*) {
+// Lookups pass over announced types that nobody counts; a connection that they do not find is not
+// there.
+bool is_looked_for(zon_flow_table_t* tbl, const zon_half_flow_t* stored) {
+    const uint32_t type = key_type_of(stored->key);
+    return !zon_key_is_preflow(type) || zon_private_get_incomplete_inserts(tbl, type) != 0;
+}
+
+// Whether a stored half flow stands for the connection of a new one. Neither a flow in deletion nor
+// the moved flow itself does.
+template <class family, vrf_star_keys vrf_stars>
+bool same_connection(zon_flow_table_t* tbl, const zon_half_flow_t* fresh,
+                     const zon_half_flow_t* stored) {
+    return key_of_same_connection<family, vrf_stars>(*zon_full_key<family>(fresh),
+                                                     *zon_full_key<family>(stored)) &&
+           stored->flow != fresh->flow && !zon_flow_is_dying(stored->flow) &&
+           (zon_key_is_preflow(fresh->key.key_type) || is_looked_for(tbl, stored));
+}
+
+template <vrf_star_keys vrf_stars>
+bool same_connection_any_family(const void* fresh_item, const void* stored_item, void* table) {
+    auto* tbl = static_cast<zon_flow_table_t*>(table);
     const auto* fresh = static_cast<const zon_half_flow_t*>(fresh_item);
     const auto* stored = static_cast<const zon_half_flow_t*>(stored_item);
-    return zon_key_is_ipv4(fresh->key.key_type) ? same_connection<ipv4_family>(fresh, stored)
-                                                : same_connection<ipv6_family>(fresh, stored);
+    return zon_key_is_ipv4(fresh->key.key_type)
+               ? same_connection<ipv4_family, vrf_stars>(tbl, fresh, stored)
+               : same_connection<ipv6_family, vrf_stars>(tbl, fresh, stored);
+}
+
+// A flow that was announced without its VRF gives way to no other one of that kind: clients can
+// re-key two of them to one tuple.
+zon_hashset_same same_connection_for(const zon_flow_t* announced) {
+    const uint32_t type = announced->initiator_flow->key.key_type;
+    return type == ZON_IPV4_KEY_VRF_STAR || type == ZON_IPV6_KEY_VRF_STAR
+               ? same_connection_any_family<vrf_star_keys::do_not_count>
+               : same_connection_any_family<vrf_star_keys::count>;
 }
 
 }  // namespace
@@ -215,7 +249,7 @@ bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_f
 pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow, int bucket) {
     const pair_insert_result result =
         zon_hashset_insert_pair(tbl->table, flow->initiator_flow, bucket, flow->responder_flow,
-                                same_connection_any_family, nullptr);
+                                same_connection_any_family<vrf_star_keys::count>, tbl);
     if (result == pair_insert_result::linked) {
         relaxed_add(tbl->profile_insert, 2);
     } else if (result == pair_insert_result::second_refused) {
@@ -237,11 +271,12 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
     zon_copy_key_to_half_flow(wanted_initiator, key);
     zon_copy_key_to_half_flow(wanted_responder, key);
     zon_swap_key(&wanted_responder->key);
+    wanted_initiator->flow = wanted_responder->flow = flow;
 
     held_lock table(tbl->flow_table_lock);
-    const relink_pair move{initiator, wanted_initiator, responder, wanted_responder};
+    const relink_pair move{initiator, wanted_initiator, responder, wanted_responder, tbl};
     const pair_insert_result result =
-        zon_hashset_relink_pair(tbl->table, move, same_connection_any_family,
+        zon_hashset_relink_pair(tbl->table, move, same_connection_for(flow),
                                 [](zon_hashset_item item, const void* wanted) {
                                     zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
                                                  &static_cast<const zon_half_flow_t*>(wanted)->key);
@@ -296,7 +331,7 @@ void zon_flow_table_link(zon_flow_table_t* tbl, zon_flow_t* flow) {
     held_lock held(tbl->flow_table_lock);
     flow->next_flow = nullptr;
     if (tbl->flow_tail != nullptr)
-        tbl->flow_tail->next_flow = flow;
+        relaxed_store(tbl->flow_tail->next_flow, flow);
     else
         tbl->flow_head = flow;
     tbl->flow_tail = flow;

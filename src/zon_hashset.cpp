@@ -219,7 +219,7 @@ pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& m
     const uint32_t new1 = bucket_for(move.wanted1);
     const uint32_t new2 = bucket_for(move.wanted2);
     held_buckets<4> held(set, {old1, old2, new1, new2});
-    if (bucket_holds_same(set, new1, move.wanted1, same, nullptr))
+    if (bucket_holds_same(set, new1, move.wanted1, same, move.same_context))
         return pair_insert_result::already_present;
     remove_from(set, move.item1, old1);
     remove_from(set, move.item2, old2);

@@ -93,6 +93,7 @@ struct relink_pair {
     const void* wanted1;
     zon_hashset_item item2;
     const void* wanted2;
+    void* same_context = nullptr;
 };
 using zon_hashset_rewrite = void (*)(zon_hashset_item item, const void* wanted);
 
@@ -102,6 +103,7 @@ using zon_hashset_rewrite = void (*)(zon_hashset_item item, const void* wanted);
 pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& move,
                                            zon_hashset_same same, zon_hashset_rewrite rewrite);
 
+// Takes no bucket's lock: nothing is inserted or removed meanwhile.
 void zon_hashset_iterate(zon_hashset set, zon_hashset_iteration_handler handler, void* ctx);
 int zon_hashset_size(zon_hashset set);
 bool zon_hashset_is_available(zon_hashset set);

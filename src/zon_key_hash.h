@@ -7,6 +7,12 @@
 #include "zon_flow_defs.h"
 #include "zon_key_hash_funcs_inline.h"
 
+// Words of stored keys that change in place (the type at a promotion, the VRF at a move) are stored
+// and loaded as atomic words: a lookup meanwhile sees the old or the new one.
+inline uint32_t key_type_of(const zon_key_t& key) {
+    return relaxed_load(key.key_type);
+}
+
 // Hashes the words that are known in a key of this type. Address and port stand side by side in the
 // key, source before destination, so every choice is one run of words.
 template <class family>
@@ -17,7 +23,7 @@ template <class family>
 inline uint32_t hash_of_key(const typename family::key& key) {
     constexpr size_t endpoint = family::address_words + 1;
     const uint32_t* words = known_words<family>(key);
-    switch (key.key_type) {
+    switch (relaxed_load(key.key_type)) {
     case family::complete:
     case family::pre_flow_complete:
     case family::vrf_star:
@@ -44,7 +50,7 @@ inline uint32_t hash_of_key(const zon_half_flow_t* half_flow) {
     // A hash that the host supplied is taken as it is.
     if (half_flow->key.hash_valid == 1)
         return half_flow->key.hash_value;
-    return zon_key_is_ipv4(half_flow->key.key_type)
+    return zon_key_is_ipv4(key_type_of(half_flow->key))
                ? hash_of_key<ipv4_family>(*zon_full_key<ipv4_family>(half_flow))
                : hash_of_key<ipv6_family>(*zon_full_key<ipv6_family>(half_flow));
 }
@@ -65,17 +71,16 @@ inline bool same_destination(const key& a, const key& b) {
     return a.dst_port == b.dst_port && same_address(a.dst_ip, b.dst_ip);
 }
 
-// Words of stored keys that change in place (the type at a promotion, the VRF at a move) are stored
-// and loaded as atomic words: a lookup meanwhile sees the old or the new one.
-inline uint32_t key_type_of(const zon_key_t& key) {
-    return relaxed_load(key.key_type);
-}
-
 // Whether two keys of one complete type are equal; the path of nearly every packet.
 template <class family>
 inline bool same_complete_key(const typename family::key& a, const typename family::key& b) {
     return same_source(a, b) && same_destination(a, b) && a.l4_protocol == b.l4_protocol &&
            relaxed_load(a.vrf_id) == relaxed_load(b.vrf_id);
+}
+
+template <class key>
+inline bool same_in_any_vrf(const key& a, const key& b) {
+    return same_source(a, b) && same_destination(a, b) && a.l4_protocol == b.l4_protocol;
 }
 
 // Whether a stored key answers to a wanted one of the same type: unknown parts match anything.
@@ -90,8 +95,7 @@ inline bool key_matches(const typename family::key& wanted, const typename famil
     case family::src_only:
         return same_source(wanted, stored);
     case family::vrf_star:
-        return same_source(wanted, stored) && same_destination(wanted, stored) &&
-               wanted.l4_protocol == stored.l4_protocol;
+        return same_in_any_vrf(wanted, stored);
     default:
         return false;
     }

@@ -19,6 +19,10 @@ void zon_timer_frag_start(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, uint32_
 void zon_timer_stop(zon_tw_timer_t* timer);
 bool zon_timer_running(const zon_tw_timer_t* timer);
 
+// Copies the timer as it stands, although its neighbours on the wheel come and go. The copy is never
+// started or stopped.
+void zon_timer_copy(const zon_tw_timer_t* timer, zon_tw_timer_t* copy);
+
 // Inside a handler: has the timer been started or stopped since this expiry was taken off the
 // wheel?
 bool zon_timer_expiry_cancelled(const zon_tw_timer_t* timer);

@@ -39,7 +39,7 @@ void set_link(zon_flow_t*& link, zon_flow_t* to) {
     __atomic_store_n(&link, to, __ATOMIC_RELAXED);
 }
 
-void orphan_children(zon_flow_t* parent) {
+void zon_unbind_parent_flows(zon_flow_t* parent) {
     zon_flow_t* child = first_child(parent);
     set_link(parent->bundle_child, nullptr);
     for (bounded_walk walk; child != nullptr && walk.step();) {
@@ -50,7 +50,7 @@ void orphan_children(zon_flow_t* parent) {
     }
 }
 
-void leave_parent(zon_flow_t* flow, zon_flow_t* parent) {
+void zon_unbind_child_flow(zon_flow_t* flow, zon_flow_t* parent) {
     set_link(flow->bundle_parent, nullptr);
     zon_flow_t* before = nullptr;
     bounded_walk walk;
@@ -79,9 +79,7 @@ public:
         : parent_(std::move(parent)), visit_(visit) {}
 
     void run() {
-        bounded_walk walk;
-        zon_flow_t* child = next_of(nullptr);
-        while (child != nullptr && walk.step()) {
+        for (zon_flow_t* child = next_of(nullptr); child != nullptr;) {
             const locked_flow held = lock_child(child);
             if (!held)
                 return;
@@ -89,8 +87,8 @@ public:
                 visit_(held->fid);
             // Read after the visit: a visitor that deletes the child, or the parent, ends the walk.
             child = next_of(held.get());
-            if (child != nullptr && !remember(held.get()))
-                return;
+            if (child != nullptr)
+                remember(held.get());
         }
     }
 
@@ -100,11 +98,12 @@ private:
         return child != nullptr ? sibling_of(child) : first_child(parent_.get());
     }
 
-    bool remember(const zon_flow_t* child) try {
+    // Without memory the walk knows its last child alone: where that leaves the list while the walk
+    // waits, children may be visited again.
+    void remember(const zon_flow_t* child) try {
+        last_ = child;
         visited_.push_back(child);
-        return true;
     } catch (const std::bad_alloc&) {
-        return false;
     }
 
     // Locks the wanted child, or the one that stands in its place once it is locked; empty at the
@@ -113,8 +112,9 @@ private:
         while (child != nullptr) {
             // One on its way out is passed over without its lock, which the deleting thread keeps.
             if (zon_flow_is_dying(child)) {
-                if (!remember(child))
+                if (!steps_.step())
                     return {};
+                remember(child);
                 child = next_of(child);
                 continue;
             }
@@ -122,7 +122,7 @@ private:
                                                                        : wait_for(child);
             zon_flow_t* now = still_next(child);
             if (now == child)
-                return held;
+                return steps_.step() ? std::move(held) : locked_flow{};
             child = now;
         }
         return {};
@@ -152,7 +152,7 @@ private:
         if (zon_flow_is_dying(parent_.get()))
             return nullptr;
         const zon_flow_t* leads_here =
-            visited_.empty() ? first_child(parent_.get()) : sibling_of(visited_.back());
+            last_ == nullptr ? first_child(parent_.get()) : sibling_of(last_);
         return leads_here == child ? child : first_unvisited();
     }
 
@@ -171,6 +171,8 @@ private:
 
     locked_flow parent_;
     child_flow_traverser_t visit_;
+    bounded_walk steps_;
+    const zon_flow_t* last_ = nullptr;
     std::vector<const zon_flow_t*> visited_;
 };
 
@@ -188,9 +190,9 @@ void zon_private_unbind(zon_flow_t* flow) {
     const std::lock_guard guard(links);
     // A flow that is both a parent and a child stays on its own parent's list, on purpose.
     if (first_child(flow) != nullptr)
-        orphan_children(flow);
+        zon_unbind_parent_flows(flow);
     else if (zon_flow_t* parent = relaxed_load(flow->bundle_parent))
-        leave_parent(flow, parent);
+        zon_unbind_child_flow(flow, parent);
 }
 
 void zon_private_set_parent(zon_flow_t* flow, zon_flow_t* parent, zon_fid_t parent_fid) {

@@ -2,8 +2,8 @@
 //
 // Owns   the order of the steps: clients, counters, flow table, timer, bundle, tunnels, super
 //        contexts, identifier.
-// Locks  entered with the flow locked, left with that level released. The clients' callbacks run
-//        under the flow lock; the flow table is left without it, because buckets come before flows.
+// Locks  entered with the flow locked, left with that level released. Everything runs under the
+//        flow lock: lookups without a bucket's lock rest on it.
 
 #include "osal/zon_debug.h"
 #include "osal/zon_mem.h"
@@ -75,7 +75,6 @@ void discard_half_flow(const zon_flow_t* flow, zon_half_flow_t* half) {
     zon_deallocate_half_flow(half);
 }
 
-// The flow's lock is not held, but nobody else finds a dying flow.
 void remove_half_flows(zon_flow_t* flow) {
     zon_half_flow_t* initiator = zon_half_flow_of(flow, ZON_DIR_INITIATOR);
     zon_half_flow_t* responder = zon_half_flow_of(flow, ZON_DIR_RESPONDER);

@@ -8,6 +8,7 @@
 
 #include "osal/zon_debug.h"
 #include "osal/zon_mem.h"
+#include "osal/zon_timer.h"
 #include "zon_api_internal.h"
 
 namespace {
@@ -108,14 +109,17 @@ void copy_fields(const zon_flow_t* flow, void* to, member zon_flow_t::*first, si
     std::memcpy(static_cast<char*>(to) + offset, from, end - offset);
 }
 
-// Copies a locked flow. What other locks guard is either copied under them or, as it means nothing
-// outside the engine, left empty: the timer's links and those of the lists of all records.
+// Copies a locked flow. What other locks guard is copied under them; a flow in use is on no list of
+// free ones.
 void take_snapshot(const zon_flow_t* flow, void* to) {
+    auto* snapshot = static_cast<zon_flow_t*>(to);
     std::memset(to, 0, sizeof *flow);
     copy_fields(flow, to, &zon_flow_t::initiator_flow, offsetof(zon_flow_t, next_free));
     copy_fields(flow, to, &zon_flow_t::fid, offsetof(zon_flow_t, timer));
     copy_fields(flow, to, &zon_flow_t::flow_lock, sizeof *flow);
-    zon_private_copy_links(flow, static_cast<zon_flow_t*>(to));
+    snapshot->next_flow = relaxed_load(flow->next_flow);
+    zon_timer_copy(&flow->timer, &snapshot->timer);
+    zon_private_copy_links(flow, snapshot);
 }
 
 zon_error_t get_with_snapshot(locked_flow flow, zon_client_id_e cid, zon_flow_direction_e dir,

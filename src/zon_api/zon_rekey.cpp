@@ -45,10 +45,23 @@ zon_half_flow_t*& slot_of(zon_flow_t* flow, zon_flow_direction_e side) {
     return side == ZON_DIR_INITIATOR ? flow->initiator_flow : flow->responder_flow;
 }
 
-// A half flow for a side that lacks one, outside the table, of the family's complete type.
-zon_half_flow_t* make_side(zon_flow_t* flow, zon_flow_direction_e side, zon_ip_addr_e family) {
+// A half flow keeps its type. A new one is complete and of the family that the flow has: a tuple of
+// another one meets the assertion of the key builder, and no flow ever mixes families.
+zon_key_type_t type_of_side(const zon_flow_t* flow, zon_flow_direction_e side,
+                            zon_ip_addr_e tuple_family) {
+    if (const zon_half_flow_t* half = zon_half_flow_of(flow, side))
+        return static_cast<zon_key_type_t>(half->key.key_type);
+    bool is_ipv4 = tuple_family == ZON_IP_ADDR_IPV4;
+    for (const zon_half_flow_t* named : {flow->initiator_flow, flow->responder_flow})
+        if (named != nullptr)
+            is_ipv4 = zon_key_is_ipv4(named->key.key_type);
+    return is_ipv4 ? ZON_IPV4_KEY_COMPLETE : ZON_IPV6_KEY_COMPLETE;
+}
+
+// A half flow for a side that lacks one, outside the table.
+zon_half_flow_t* make_side(zon_flow_t* flow, zon_flow_direction_e side, zon_key_type_t type) {
     zon_any_key_t key{};
-    key.head.key_type = family == ZON_IP_ADDR_IPV4 ? ZON_IPV4_KEY_COMPLETE : ZON_IPV6_KEY_COMPLETE;
+    key.head.key_type = type;
     zon_half_flow_t* half = zon_allocate_half_flow(static_cast<uint8_t>(key.head.key_type));
     if (half == nullptr)
         return nullptr;
@@ -101,23 +114,25 @@ zon_error_t update_side(const reporter& report, const zon_flow_tuple_t* flow_tup
     if (flow_tuple == nullptr)
         return zon_error_flow_tuple_is_null;
     locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, report.fid);
-    if (!flow)
+    // What runs inside a deletion still finds its flow, but no side of it.
+    if (!flow || zon_flow_is_dying(flow.get()))
         return report.not_found();
     const zon_ip_addr_e family = flow_tuple->src_ip.addr_type;
     if (family != ZON_IP_ADDR_IPV4 && family != ZON_IP_ADDR_IPV6)
         return zon_error_none;
 
+    const zon_key_type_t type = type_of_side(flow.get(), report.side, family);
+    zon_any_key_t key;
+    zon_build_key(&key, type, flow_tuple);
     zon_half_flow_t* half = zon_half_flow_of(flow.get(), report.side);
     const bool is_new = half == nullptr;
     if (is_new) {
-        half = make_side(flow.get(), report.side, family);
+        half = make_side(flow.get(), report.side, type);
         if (half == nullptr) {
             flow.release();
             return report.no_memory(family);
         }
     }
-    zon_any_key_t key;
-    zon_build_key(&key, static_cast<zon_key_type_t>(half->key.key_type), flow_tuple);
     flow->private_mirrored = 0;
     const bool linked = move_half_flow(half, key, is_new);
     flow->private_detached &= static_cast<uint8_t>(~zon_detached_mark(report.side));

@@ -66,8 +66,8 @@ void count_out(const key_types& types) {
 // The whole tuple was announced: the half flows stay where they are and only change their types.
 void complete_in_place(zon_flow_t* flow, uint32_t complete) {
     const key_types announced = types_of(flow);
-    relaxed_store(flow->initiator_flow->key.key_type, complete);
-    relaxed_store(flow->responder_flow->key.key_type, complete);
+    for (zon_half_flow_t* half : {flow->initiator_flow, flow->responder_flow})
+        relaxed_store(half->key.key_type, complete);
     // Last, so that no packet misses both the announced and the complete key.
     count_out(announced);
 }

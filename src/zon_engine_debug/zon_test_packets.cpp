@@ -85,7 +85,7 @@ zon_fid_t build_and_run(const test_call& call, zon_half_flow_t* key, builder bui
 // counters, and goes back the same way. The ending belongs to the text of a record that got lost.
 template <class family, class builder>
 zon_fid_t handle(const test_call& call, builder build, const char* ending = "") {
-    if (g_zon == nullptr)
+    if (g_zon == nullptr || g_zon->fid_table == nullptr || g_zon->flow_tbl == nullptr)
         return fail(call, zon_error_engine_not_init);
     zon_chunk_mem_t* chunks = &g_zon->zon_chunk_ptr;
     auto* key =

@@ -357,6 +357,7 @@ TEST_F(flow_table_dump, keeps_the_engine_until_its_flows_are_printed) {
         zon_debug_flow_table_dump(&out);
         EXPECT_NE(output.text().find("106,"), std::string::npos);
     }
+    EXPECT_EQ(marks.front(), '1') << "the statistics belong to the dump";
     // The buckets come last, on the dump's own figures.
     const size_t let_go = marks.find('0');
     ASSERT_NE(let_go, std::string::npos);

@@ -219,7 +219,7 @@ TEST_F(flow_table, finds_a_key_that_was_stored_under_a_supplied_hash_by_that_has
 }
 
 TEST_F(flow_table, answers_a_destination_only_key_of_any_protocol_and_vrf) {
-    for (const uint32_t type : {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_DST_IP_PORT_ONLY}) {
+    for (const zon_key_type_t type : {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_DST_IP_PORT_ONLY}) {
         key_fields announced;
         announced.type = type;
         flow_record& made = put(announced);
@@ -348,12 +348,15 @@ struct presence_row {
     uint32_t present;
     uint32_t fresh;
     bool same;
+    bool counted = true;
 };
 class flow_presence : public flow_insert, public ::testing::WithParamInterface<presence_row> {};
 
-TEST_P(flow_presence, is_judged_by_key_and_by_complete_against_announced_complete) {
+TEST_P(flow_presence, is_judged_by_key_and_by_complete_against_announced) {
     key_fields fields;
     fields.type = GetParam().present;
+    if (GetParam().counted)
+        zon_private_increment_incomplete_inserts(table, fields.type);
     ASSERT_EQ(insert(make(fields)), pair_insert_result::linked);
     fields.type = GetParam().fresh;
     EXPECT_EQ(insert(make(fields)),
@@ -365,12 +368,16 @@ TEST_P(flow_presence, is_judged_by_key_and_by_complete_against_announced_complet
 INSTANTIATE_TEST_SUITE_P(
     rows, flow_presence,
     ::testing::Values(presence_row{0, 0, true}, presence_row{3, 0, true}, presence_row{0, 3, true},
-                      presence_row{3, 3, true}, presence_row{4, 4, true}, presence_row{4, 0, false},
+                      presence_row{3, 3, true}, presence_row{4, 4, true}, presence_row{4, 0, true},
                       presence_row{0, 4, false}, presence_row{5, 5, true}, presence_row{8, 5, true},
-                      presence_row{5, 8, true}, presence_row{9, 5, false}, presence_row{9, 9, true},
-                      presence_row{1, 1, true}, presence_row{2, 2, true}),
+                      presence_row{5, 8, true}, presence_row{9, 5, true}, presence_row{9, 9, true},
+                      presence_row{5, 9, false}, presence_row{1, 0, false}, presence_row{2, 0, false},
+                      presence_row{1, 1, true}, presence_row{2, 2, true},
+                      presence_row{3, 0, false, false}, presence_row{4, 0, false, false},
+                      presence_row{8, 5, false, false}, presence_row{9, 5, false, false}),
     [](const auto& row) {
-        return std::string(key_type_name(row.param.fresh)) + "_beside_" + key_type_name(row.param.present);
+        return std::string(key_type_name(row.param.fresh)) + "_beside_" +
+               (row.param.counted ? "" : "uncounted_") + key_type_name(row.param.present);
     });
 
 TEST_F(flow_insert, passes_over_a_flow_in_deletion) {

@@ -153,8 +153,7 @@ TEST_P(one_flow_lock, holder_moves_flows_to_other_keys) {
     run(crew);
 }
 
-// ---- two clients, two locks
-// --------------------------------------------------------------------------------------------
+// ---- two clients, two locks -------------------------------------------------------------------
 
 class two_flow_locks : public stress_engine {
 protected:

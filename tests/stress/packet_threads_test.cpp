@@ -109,8 +109,7 @@ TEST_P(packets_on_threads, make_one_flow_while_clients_are_asked) {
     EXPECT_EQ(half_flows(), 2 * rounds);
 }
 
-// ---- announced flows
-// -------------------------------------------------------------------------------------------------
+// ---- announced flows --------------------------------------------------------------------------
 
 struct announced_round {
     seen_round packets{};
@@ -315,8 +314,59 @@ TEST_P(packets_and_announcements, make_one_announcement_of_one_tuple) {
               2 * rounds);
 }
 
+// A dozen buckets: whenever an item leaves its bucket, its neighbours move up at the front.
+class crowded_buckets : public stress_engine {
+protected:
+    crowded_buckets() {
+        ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO = 1000;
+        parameters.max_flows = 1000;
+    }
+    ~crowded_buckets() override { ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO = 1; }
+};
+
+TEST_P(crowded_buckets, promote_while_neighbours_leave) {
+    constexpr uint32_t rounds = 100;
+    constexpr uint32_t connections = 30;
+    const auto announce_promote_delete = [](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            std::array<zon_fid_t, connections> announced{};
+            self.doing("announce");
+            for (uint32_t number = 0; number < connections; ++number) {
+                const zon_flow_tuple_t tuple = tuple_of(number);
+                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0,
+                                           &announced[number], nullptr),
+                          zon_error_none);
+            }
+            self.doing("promote and delete");
+            for (uint32_t number = 0; number < connections; ++number) {
+                const sent_packet sent = send(connection_packet::udp(number));
+                EXPECT_EQ(sent.fid, announced[number]);
+                EXPECT_EQ(sent.seen.was_promoted, 1);
+            }
+            for (const zon_fid_t fid : announced)
+                EXPECT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+        }
+    };
+    const auto create_delete = [](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            std::array<zon_fid_t, connections> fids{};
+            self.doing("create and delete");
+            for (uint32_t number = 0; number < connections; ++number)
+                EXPECT_NE(fids[number] = send(connection_packet::udp(1000 + number)).fid, 0u);
+            for (const zon_fid_t fid : fids)
+                EXPECT_TRUE(zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+        }
+    };
+    stress_crew crew;
+    crew.add("promoted", announce_promote_delete);
+    crew.add("neighbours", create_delete);
+    run(crew);
+    EXPECT_EQ(half_flows(), 0u);
+}
+
 INSTANTIATE_TEST_SUITE_P(stress, packets_on_threads, both_schedules, schedule_name);
 INSTANTIATE_TEST_SUITE_P(stress, packets_and_announcements, both_schedules, schedule_name);
+INSTANTIATE_TEST_SUITE_P(stress, crowded_buckets, both_schedules, schedule_name);
 
 }  // namespace
 }  // namespace zon_test

@@ -387,6 +387,19 @@ bool vem_tw_timer_running(const vem_tw_timer* timer) {
     return timer != nullptr && timer_word::load(*timer).armed();
 }
 
+void vem_tw_timer_copy(const vem_tw_timer* timer, vem_tw_timer* copy) {
+    if (timer == nullptr || copy == nullptr) {
+        return;
+    }
+    wheel_entry* entry = entry_of(timer_word::load(*timer));
+    if (entry == nullptr) {
+        *copy = *timer;
+        return;
+    }
+    const timer_lock lock(*entry);
+    *copy = *timer;
+}
+
 bool vem_tw_expiry_cancelled(const vem_tw_timer* timer) {
     const callback_frame* frame = timer == nullptr ? nullptr : callback_frame::of_timer(timer);
     return frame != nullptr && frame->cancelled();

@@ -127,6 +127,10 @@ void zon_timer_stop(zon_tw_timer_t* timer) {
     vem_tw_timer_stop(timer);
 }
 
+void zon_timer_copy(const zon_tw_timer_t* timer, zon_tw_timer_t* copy) {
+    vem_tw_timer_copy(timer, copy);
+}
+
 bool zon_timer_running(const zon_tw_timer_t* timer) {
     return vem_tw_timer_running(timer);
 }

@@ -201,6 +201,35 @@ TEST_F(bundles, that_form_a_circle_are_walked_no_further_than_the_table_is_long)
     EXPECT_EQ(parent_of(a), 0u);
 }
 
+// The circle is formed as hosts can form it: a deleted child that had children of its own stays
+// listed, its record comes back as another child, and then both of the circle's members go.
+class bundles_in_a_small_table : public bundles {
+protected:
+    bundles_in_a_small_table() {
+        parameters.max_flows = 6;
+        parameters.min_init_flows = 6;
+    }
+};
+
+TEST_F(bundles_in_a_small_table, that_form_a_circle_of_dead_records_are_left) {
+    const zon_fid_t first = child_of(parent, 1001);
+    const zon_fid_t second = child_of(parent, 1002);
+    child_of(first, 2001);
+    const zon_fid_t others[] = {udp_flow(3000), udp_flow(3001)};
+    zon_delete_flow_tamonet(first, requested);
+    const zon_fid_t again = child_of(parent, 1003);
+    ASSERT_EQ(again, first) << "the record came back";
+    for (const zon_fid_t other : others)
+        zon_delete_flow_tamonet(other, requested);
+    child_of(again, 2002);
+    child_of(second, 2003);
+    EXPECT_EQ(children_of(parent).size(), g_zon->fid_table->allocated);
+    zon_delete_flow_tamonet(again, requested);
+    zon_delete_flow_tamonet(second, requested);
+    EXPECT_EQ(children_of(parent), fids({}));
+    EXPECT_FALSE(is_locked(record_of(parent)));
+}
+
 // ---- threads ----
 
 class bundles_of_separate_locks : public bundles {

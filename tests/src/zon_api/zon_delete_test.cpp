@@ -233,6 +233,16 @@ TEST_F(late_in_a_deletion, the_deleting_thread_still_finds_the_flow_but_no_side_
     });
 }
 
+TEST_F(late_in_a_deletion, no_side_is_given_to_the_flow) {
+    delete_while(udp_flow(1000), [] {
+        const zon_flow_tuple_t tuple = tuple4(host_b, 7000, host_a, 8000);
+        EXPECT_EQ(zon_flow_update_initiator(fid_, &tuple), zon_error_flow_not_found);
+        EXPECT_EQ(zon_flow_update_responder(fid_, &tuple), zon_error_flow_not_found);
+    });
+    EXPECT_EQ(elements(), 0u);
+    EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u);
+}
+
 TEST_F(late_in_a_deletion, other_threads_do_not_find_the_flow) {
     delete_while(udp_flow(1000), [] {
         std::thread([] {

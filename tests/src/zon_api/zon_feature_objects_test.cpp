@@ -2,6 +2,7 @@
 // lines that misses print.
 
 #include "api_fixture.h"
+#include "osal/zon_timer.h"
 #include "zon_api/zon_api_internal.h"
 
 using namespace zon_test;
@@ -250,6 +251,21 @@ TEST_F(feature_objects, got_with_a_snapshot_leave_the_flow_locked_until_it_is_un
     EXPECT_TRUE(is_locked(record_of(fid)));
     zon_unlock_flow_tamonet(&snapshot);
     EXPECT_FALSE(is_locked(record_of(fid)));
+}
+
+TEST_F(feature_objects, got_with_a_snapshot_come_with_every_byte_of_the_record) {
+    attach(client_a, ZON_DIR_BI, &objects[0]);
+    child_of(fid, 1001);
+    ASSERT_EQ(zon_flow_set_application_id(fid, 44), zon_error_none);
+    zon_flow_t snapshot;
+    std::memset(static_cast<void*>(&snapshot), 0xEE, sizeof snapshot);
+    void* fo = nullptr;
+    EXPECT_EQ(zon_flow_get_fo_by_fid(fid, client_a, ZON_DIR_BI, &fo, &snapshot), zon_error_none);
+    EXPECT_EQ(std::memcmp(&snapshot, record_of(fid), sizeof snapshot), 0);
+    EXPECT_TRUE(zon_timer_running(&snapshot.timer));
+    EXPECT_NE(snapshot.bundle_child, nullptr);
+    EXPECT_NE(snapshot.next_flow, nullptr);
+    zon_unlock_flow_tamonet(&snapshot);
 }
 
 TEST_F(feature_objects, missed_with_a_snapshot_leave_the_flow_unlocked_and_the_snapshot_taken) {

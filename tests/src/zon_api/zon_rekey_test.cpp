@@ -139,16 +139,21 @@ TEST_P(every_update, makes_a_missing_side_of_the_complete_type) {
 
 TEST_P(every_update, without_memory_for_a_missing_side_reports_ipv4_alone) {
     usage_may_drift = true;
+    const zon_fid_t fid6 = handle(udp6_packet(1000, 53)).fid;
     zon_half_flow_t* half = std::exchange(slot(), nullptr);
+    zon_flow_t* flow6 = record_of(fid6);
+    zon_half_flow_t*& slot6 =
+        GetParam().dir == ZON_DIR_INITIATOR ? flow6->initiator_flow : flow6->responder_flow;
+    zon_half_flow_t* half6 = std::exchange(slot6, nullptr);
     zon_chunk_mem_t& chunks = g_zon->zon_chunk_ptr;
     const vem_chunk_type ipv4 = std::exchange(chunks.zon_ipv4_half_flow_mem, nullptr);
     const vem_chunk_type ipv6 = std::exchange(chunks.zon_ipv6_half_flow_mem, nullptr);
     const int32_t ready = std::exchange(zon_private_ipv4_flow_mem_buffer_count, 0);
     zon_errlog = zon_debug_flag_engine = true;
     const std::string text = traced([&] { EXPECT_EQ(update(new_key), zon_error_memory); });
-    const std::string text6 = traced([&] {
-        EXPECT_EQ(update(tuple6("2001:db8::a", 7000, "2001:db8::b", 8000)), zon_error_memory);
-    });
+    const zon_flow_tuple_t key6 = tuple6("2001:db8::a", 7000, "2001:db8::b", 8000);
+    const std::string text6 =
+        traced([&] { EXPECT_EQ(GetParam().update(fid6, &key6), zon_error_memory); });
     zon_errlog = zon_debug_flag_engine = false;
     const std::string expected = GetParam().dir == ZON_DIR_INITIATOR
                                      ? "ZON_MSG_INDEX: 0. Could not allocate memory for half flow  "
@@ -161,6 +166,7 @@ TEST_P(every_update, without_memory_for_a_missing_side_reports_ipv4_alone) {
     chunks.zon_ipv6_half_flow_mem = ipv6;
     zon_private_ipv4_flow_mem_buffer_count = ready;
     slot() = half;
+    slot6 = half6;
 }
 
 // ---- full buckets ----

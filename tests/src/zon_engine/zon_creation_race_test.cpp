@@ -88,6 +88,41 @@ TEST_F(overtaken_packet, finds_a_flow_that_a_reply_made_meanwhile) {
     expect_one_flow(from_client().reversed(), false);
 }
 
+// ---- announcements ----
+
+class overtaken_by_an_announcement
+    : public overtaken_packet,
+      public ::testing::WithParamInterface<zon_flow_tuple_type_t> {};
+
+TEST_P(overtaken_by_an_announcement, promotes_it) {
+    zon_flow_tuple_t tuple{};
+    tuple.src_ip.addr_type = tuple.dst_ip.addr_type = ZON_IP_ADDR_IPV4;
+    tuple.src_ip.u.v4_addr = ipv4_address("10.0.0.1").value;
+    tuple.dst_ip.u.v4_addr = ipv4_address("198.51.100.7").value;
+    tuple.src_port = 1000;
+    tuple.dst_port = 53;
+    tuple.l4_protocol = 17;
+    zon_fid_t announced = 0;
+    meanwhile = [&] {
+        EXPECT_EQ(zon_pre_flow_add(GetParam(), &tuple, 0, &announced, nullptr), zon_error_none);
+    };
+    engine_call call(from_client());
+    EXPECT_EQ(call.run(), announced);
+    EXPECT_NE(announced, 0U);
+    EXPECT_EQ(call.seen.was_promoted, 1);
+    expect_key_of_packet(call);
+    EXPECT_EQ(flows_in_use(), 1U);
+    expect_sound_tables();
+}
+
+INSTANTIATE_TEST_SUITE_P(of_all_four_words, overtaken_by_an_announcement,
+                         ::testing::Values(ZON_FLOW_TUPLE_TYPE_COMPLETE,
+                                           ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN),
+                         [](const auto& row) {
+                             return row.param == ZON_FLOW_TUPLE_TYPE_COMPLETE ? "complete"
+                                                                              : "any_vrf";
+                         });
+
 // ---- the last free place ----
 
 class overtaken_in_a_full_table : public overtaken_packet {

@@ -60,6 +60,32 @@ TEST_F(flow_report, holds_ipv6_keys_whole) {
     EXPECT_EQ(report.responder_key.ipv6.dst_port, 1000u);
 }
 
+TEST_F(flow_report, counts_packets_on_from_the_first_payload) {
+    const zon_fid_t fid = udp_flow(1000);
+    ASSERT_EQ(udp_flow(1000), fid);
+    zon_flow_report_t report{};
+    ASSERT_TRUE(fill(fid, &report));
+    EXPECT_EQ(report.packet_number, 2u);
+    EXPECT_EQ(report.first_payload_seen_on_pkt_num, 1u);
+}
+
+TEST_F(flow_report, knows_the_responder_by_its_own_key) {
+    const zon_fid_t fid = udp_flow(1000);
+    const zon_flow_tuple_t moved = tuple4(0x0A0000FE, 8000, host_a, 1000);
+    ASSERT_EQ(zon_flow_update_responder(fid, &moved), zon_error_none);
+    uint32_t address = 0x0A0000FE;
+    zon_dump_flow_context context{};
+    context.ip_type = L3_ADDR_IPV4;
+    context.ipaddr = &address;
+    context.port = 8000;
+    zon_flow_report_t report{};
+    captured_output lines(stdout);
+    ASSERT_TRUE(fill(fid, &report, &context));
+    EXPECT_EQ(report.responder_key.ipv4.src_ip, 0x0A0000FEu);
+    EXPECT_EQ(report.responder_key.ipv4.src_port, 8000u);
+    EXPECT_EQ(report.initiator_key.ipv4.dst_ip, host_b);
+}
+
 TEST_F(flow_report, is_refused_by_a_filter_that_neither_side_passes) {
     const zon_fid_t fid = udp_flow(1000);
     uint32_t address = host_b;

@@ -226,8 +226,7 @@ TEST_P(every_handler, works_without_a_place_for_answers) {
 }
 
 TEST_P(every_handler, leaves_the_error_of_a_first_packet_to_the_engine) {
-    handled result = packet(syn());
-    EXPECT_TRUE(result.error == untouched || result.error == zon_error_none);
+    EXPECT_EQ(packet(syn()).error, zon_error_none);
 }
 
 TEST_P(every_handler, turns_an_announced_flow_into_a_real_one) {
@@ -358,8 +357,7 @@ TEST_P(kit_memory, that_cannot_be_given_back_is_reported) {
     EXPECT_EQ(text.substr(number + line.size()), GetParam() == handler::ipv4 ? "!\n" : "");
 }
 
-TEST(packet_kit_without_an_engine, reports_that_there_is_none) {
-    ASSERT_EQ(g_zon, nullptr);
+void expect_refusal_of_every_kind() {
     for (const handler which :
          {handler::ipv4_tcp, handler::ipv4, handler::ipv6_tcp, handler::ipv6}) {
         const handled result = hand_in(which, kit_packet{});
@@ -367,6 +365,28 @@ TEST(packet_kit_without_an_engine, reports_that_there_is_none) {
         EXPECT_EQ(result.error, zon_error_engine_not_init);
         EXPECT_EQ(result.seen.packet_seen, 0xEE);
         EXPECT_EQ(call(which, kit_packet{}, nullptr, nullptr), 0u);
+    }
+}
+
+TEST(packet_kit_without_an_engine, reports_that_there_is_none) {
+    ASSERT_EQ(g_zon, nullptr);
+    expect_refusal_of_every_kind();
+}
+
+TEST(packet_kit_on_half_an_engine, reports_that_there_is_none) {
+    for (const zon_error_t missing :
+         {zon_error_flow_table_creation_failed, zon_error_fid_table_creation_failed}) {
+        zon_error_t failed = zon_error_none;
+        for (int request = 1; failed != missing && request < 20; ++request) {
+            if (g_zon != nullptr) {
+                ASSERT_EQ(zon_destroy(), zon_error_none);
+            }
+            const failing_table_memory failing(request);
+            failed = zon_init(100, 0, 10, 4, 0, 16, 10);
+        }
+        ASSERT_EQ(failed, missing);
+        expect_refusal_of_every_kind();
+        ASSERT_EQ(zon_destroy(), zon_error_none);
     }
 }
 

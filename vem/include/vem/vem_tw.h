@@ -95,6 +95,11 @@ int vem_tw_timer_stop(vem_tw_timer* timer);
 /* Is the timer armed? An expired timer counts as armed until its callback is called. */
 bool vem_tw_timer_running(const vem_tw_timer* timer);
 
+/* Copies the timer's fields as one moment shows them, whatever other threads do with the wheel. The
+ * caller sees to it that the timer is neither started nor stopped meanwhile. The copy is a picture:
+ * it is on no wheel and must not be started or stopped. Nothing happens when one is NULL. */
+void vem_tw_timer_copy(const vem_tw_timer* timer, vem_tw_timer* copy);
+
 /* Asked inside the timer's own callback: was it started or stopped after this expiry was taken off
  * the wheel? A callback asks once it holds its owner's lock, and leaves the owner alone if so.
  * False outside the callback. */
