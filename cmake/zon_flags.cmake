@@ -1,9 +1,13 @@
 # Warnings, sanitizers and the paths that compiled files remember, for every target of the project.
 
-add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Werror -fno-math-errno)
+add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -fno-math-errno)
+if(PROJECT_IS_TOP_LEVEL)
+  # Not in a host's build: its compiler may know warnings that ours does not.
+  add_compile_options(-Werror)
+endif()
 add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wconversion>)
 # Invariant texts name their source file: from the project's root on.
-add_compile_options(-ffile-prefix-map=${CMAKE_SOURCE_DIR}/=)
+add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
 if(ZON_SANITIZE)
   add_compile_options(-fsanitize=${ZON_SANITIZE} -fno-omit-frame-pointer -g)

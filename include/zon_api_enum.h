@@ -167,6 +167,11 @@ ZON_API const char* zon_l4_retcode_string(int code);
 
 #ifdef __cplusplus
 }
+
+/* Several capabilities in one call, in C++ as in C. */
+extern "C++" constexpr zon_capability_e operator|(zon_capability_e one, zon_capability_e other) {
+    return static_cast<zon_capability_e>(static_cast<int32_t>(one) | static_cast<int32_t>(other));
+}
 #endif
 
 #endif

@@ -17,23 +17,35 @@ extern "C" {
 #endif
 
 /* Big-endian words at any address. */
-static inline uint16_t GETSHORT(const void* at) {
+static inline uint16_t zon_be16_at(const void* at) {
     const uint8_t* bytes = (const uint8_t*)at;
     return (uint16_t)((bytes[0] << 8) | bytes[1]);
 }
-static inline uint32_t GETLONG(const void* at) {
+static inline uint32_t zon_be32_at(const void* at) {
     const uint8_t* bytes = (const uint8_t*)at;
     return ((uint32_t)bytes[0] << 24) | ((uint32_t)bytes[1] << 16) | ((uint32_t)bytes[2] << 8) |
            bytes[3];
 }
+
+/* The same under their short names. <arpa/nameser.h> and <resolv.h> have macros of these names that
+ * mean something else: a host that includes one of them has those, whichever comes first. */
+#ifndef GETSHORT
+static inline uint16_t GETSHORT(const void* at) {
+    return zon_be16_at(at);
+}
+#endif
+#ifndef GETLONG
+static inline uint32_t GETLONG(const void* at) {
+    return zon_be32_at(at);
+}
+#endif
 
 /* Bytes of storage that a parse handle needs. */
 static inline size_t zon_fe_size(void) {
     return sizeof(zon_dp_fe_t);
 }
 
-/* ---- network layer
- * --------------------------------------------------------------------------------------------- */
+/* ---- network layer ---- */
 
 /* IPv4: total length without the header, modulo 2^16 (RFC 791 3.1). IPv6: the payload length field,
  * extension headers included (RFC 8200 3). 0 for neither. */
@@ -41,20 +53,20 @@ static inline uint32_t zon_token_ip_l3_payload_size(const zon_fe_handle fe) {
     const zon_dp_fe_t* parsed = (const zon_dp_fe_t*)fe;
     switch (parsed->l3_proto) {
     case ZON_L3_IPV4:
-        return (uint16_t)(GETSHORT(parsed->network_start + 2) -
+        return (uint16_t)(zon_be16_at(parsed->network_start + 2) -
                           (parsed->network_start[0] & 15) * 4);
     case ZON_L3_IPV6:
-        return GETSHORT(parsed->network_start + 4);
+        return zon_be16_at(parsed->network_start + 4);
     default:
         return 0;
     }
 }
 
 static inline uint32_t zon_ipv4_srcip(const zon_fe_handle fe) {
-    return GETLONG(((const zon_dp_fe_t*)fe)->network_start + 12);
+    return zon_be32_at(((const zon_dp_fe_t*)fe)->network_start + 12);
 }
 static inline uint32_t zon_ipv4_dstip(const zon_fe_handle fe) {
-    return GETLONG(((const zon_dp_fe_t*)fe)->network_start + 16);
+    return zon_be32_at(((const zon_dp_fe_t*)fe)->network_start + 16);
 }
 
 /* The four host-order words of an address, inside the handle. */
@@ -71,9 +83,7 @@ static inline uint8_t zon_token_pack_dir_i2r(const zon_fe_handle fe) {
     return ((const zon_dp_fe_t*)fe)->i2r_flag;
 }
 
-/* ---- fragments
- * -------------------------------------------------------------------------------------------------
- */
+/* ---- fragments ---- */
 
 /* Where a packet stands in its datagram, by its fragment offset (in any unit) and its
  * more-fragments bit. */
@@ -84,7 +94,7 @@ static inline zon_ip_frag_e zon_ip_frag_logic(uint16_t frag_offset, uint16_t mor
 }
 
 static inline zon_ip_frag_e zon_ipv4_frag_type(const zon_fe_handle fe) {
-    const uint16_t word = GETSHORT(((const zon_dp_fe_t*)fe)->network_start + 6);
+    const uint16_t word = zon_be16_at(((const zon_dp_fe_t*)fe)->network_start + 6);
     return zon_ip_frag_logic((uint16_t)(word & 0x1FFF), (uint16_t)(word & 0x2000));
 }
 static inline bool zon_ipv4_is_frag(const zon_fe_handle fe) {
@@ -98,26 +108,25 @@ static inline zon_ip_frag_e zon_ipv6_frag_type(const zon_fe_handle fe) {
     const uint8_t* header = ((const zon_dp_fe_t*)fe)->ipv6_frag_hdr;
     if (header == NULL)
         return zon_ip_frag_none;
-    return zon_ip_frag_logic((uint16_t)(GETSHORT(header + 2) & 0xFFF8), (uint16_t)(header[3] & 1));
+    return zon_ip_frag_logic((uint16_t)(zon_be16_at(header + 2) & 0xFFF8), (uint16_t)(header[3] & 1));
 }
 
 static inline uint16_t zon_ipv4_frag_id(const zon_fe_handle fe) {
-    return GETSHORT(((const zon_dp_fe_t*)fe)->network_start + 4);
+    return zon_be16_at(((const zon_dp_fe_t*)fe)->network_start + 4);
 }
 /* Only for a packet with a fragment header. */
 static inline uint32_t zon_ipv6_frag_id(const zon_fe_handle fe) {
-    return GETLONG(((const zon_dp_fe_t*)fe)->ipv6_frag_hdr + 4);
+    return zon_be32_at(((const zon_dp_fe_t*)fe)->ipv6_frag_hdr + 4);
 }
 
-/* ---- transport layer
- * ------------------------------------------------------------------------------------------- */
+/* ---- transport layer ---- */
 
 /* Ports of a TCP or UDP packet. */
 static inline uint16_t zon_srcport(const zon_fe_handle fe) {
-    return GETSHORT(((const zon_dp_fe_t*)fe)->l4_start);
+    return zon_be16_at(((const zon_dp_fe_t*)fe)->l4_start);
 }
 static inline uint16_t zon_dstport(const zon_fe_handle fe) {
-    return GETSHORT(((const zon_dp_fe_t*)fe)->l4_start + 2);
+    return zon_be16_at(((const zon_dp_fe_t*)fe)->l4_start + 2);
 }
 
 /* First byte behind the TCP or UDP header; NULL for another protocol. */
@@ -135,18 +144,32 @@ static inline uint8_t* zon_token_l4_payload_start(const zon_fe_handle fe) {
 
 /* The length field without the header, modulo 2^16 (RFC 768). */
 static inline uint32_t zon_token_udp_datalen(const zon_fe_handle fe) {
-    return (uint16_t)(GETSHORT(((const zon_dp_fe_t*)fe)->l4_start + 4) - 8);
+    return (uint16_t)(zon_be16_at(((const zon_dp_fe_t*)fe)->l4_start + 4) - 8);
+}
+
+/* TCP payload by the length fields, modulo 2^16; 0 when the packet is neither IPv4 nor IPv6. */
+static inline uint32_t zon_token_tcp_datalen(const zon_fe_handle fe) {
+    const zon_dp_fe_t* parsed = (const zon_dp_fe_t*)fe;
+    const uint32_t tcp_header = (parsed->l4_start[12] >> 4) * 4u;
+    switch (parsed->l3_proto) {
+    case ZON_L3_IPV4:
+        return (uint16_t)(zon_token_ip_l3_payload_size(fe) - tcp_header);
+    case ZON_L3_IPV6:
+        return (uint16_t)(zon_token_ip_l3_payload_size(fe) - parsed->ipv6_options_len - tcp_header);
+    default:
+        return 0;
+    }
 }
 
 /* RFC 9293 3.1. */
 static inline uint32_t zon_token_tcp_seq(const zon_fe_handle fe) {
-    return GETLONG(((const zon_dp_fe_t*)fe)->l4_start + 4);
+    return zon_be32_at(((const zon_dp_fe_t*)fe)->l4_start + 4);
 }
 static inline uint32_t zon_token_tcp_acknum(const zon_fe_handle fe) {
-    return GETLONG(((const zon_dp_fe_t*)fe)->l4_start + 8);
+    return zon_be32_at(((const zon_dp_fe_t*)fe)->l4_start + 8);
 }
 static inline uint16_t zon_token_tcp_window(const zon_fe_handle fe) {
-    return GETSHORT(((const zon_dp_fe_t*)fe)->l4_start + 14);
+    return zon_be16_at(((const zon_dp_fe_t*)fe)->l4_start + 14);
 }
 static inline bool zon_token_tcp_flags_fin(const zon_fe_handle fe) {
     return (((const zon_dp_fe_t*)fe)->l4_start[13] & 0x01) != 0;

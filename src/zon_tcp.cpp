@@ -41,21 +41,6 @@ constexpr bool after(uint32_t a, uint32_t b) {
     return distance(a, b) > 0;
 }
 
-// Bytes that the IP header's length fields leave for the payload, modulo 2^16.
-uint32_t payload_length(const zon_dp_fe_t& fe) {
-    const uint32_t tcp_header = (fe.l4_start[12] >> 4) * 4u;
-    switch (fe.l3_proto) {
-    case ZON_L3_IPV4:
-        return static_cast<uint16_t>(load_be16(fe.network_start + 2) -
-                                     (fe.network_start[0] & 0x0fu) * 4 - tcp_header);
-    case ZON_L3_IPV6:
-        return static_cast<uint16_t>(load_be16(fe.network_start + 4) - fe.ipv6_options_len -
-                                     tcp_header);
-    default:
-        return 0;
-    }
-}
-
 // One packet of a connection. Only direction and flags are read at once: without checks most
 // packets need no more.
 struct segment {
@@ -70,7 +55,8 @@ struct segment {
     uint32_t seq() const { return load_be32(fe.l4_start + 4); }
     uint32_t ack() const { return load_be32(fe.l4_start + 8); }
     uint32_t window() const { return load_be16(fe.l4_start + 14); }
-    uint32_t payload() const { return payload_length(fe); }
+    // The accessor only reads; its handle type is C's and has no const.
+    uint32_t payload() const { return zon_token_tcp_datalen(const_cast<zon_dp_fe_t*>(&fe)); }
     // Sequence numbers that SYN and FIN take up; one, even when both are set.
     uint32_t control() const { return has(flag_syn | flag_fin) ? 1 : 0; }
 
@@ -417,10 +403,6 @@ const zon_dp_fe_t& packet_of(zon_fe_handle fe) {
 }
 
 }  // namespace
-
-uint32_t zon_token_tcp_datalen(zon_fe_handle fe) {
-    return payload_length(packet_of(fe));
-}
 
 zon_l4_retcode valid_tcp_seq(zon_fe_handle fe, zon_tcp_state_info* snd_info,
                              const zon_tcp_state_info* rcv_info, bool receiver_got_fin) {

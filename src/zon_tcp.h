@@ -6,14 +6,10 @@
 
 #include <cstdint>
 
-#include "zon_engine_defs.h"
+#include "zon_fe_inline.h"
 
 zon_l4_retcode zon_dp_l4_engine_tcp(const zon_fe_handle zon_fe, zon_l4_state_t* l4_info,
                                     bool process_tcp_state_checks);
-
-// Payload bytes of a TCP packet by its length fields, modulo 2^16; 0 when it is neither IPv4 nor
-// IPv6.
-uint32_t zon_token_tcp_datalen(zon_fe_handle fe);
 
 // Judge the sequence and the acknowledgement number of a segment and move the two sides' records
 // on.

@@ -162,6 +162,8 @@ zon_error_t zon_client_feature_register(zon_client_id_e* cid) {
     free_id_entry* free_id = g_zon->free_client_ids;
     if (free_id == nullptr)
         return zon_error_memory;
+    if (cid == nullptr)
+        return zon_error_parameter_is_null;
     const zon_client_id_e id = free_id->id;
     client_entry* client = new_client(id);
     if (client == nullptr)

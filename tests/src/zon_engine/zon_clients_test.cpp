@@ -89,6 +89,12 @@ TEST_F(client_ids, run_out_after_31_clients) {
     EXPECT_EQ(listed_clients().size(), 31u);
 }
 
+TEST_F(client_ids, are_not_used_up_by_a_caller_without_a_place_for_one) {
+    EXPECT_EQ(zon_client_feature_register(nullptr), zon_error_parameter_is_null);
+    EXPECT_TRUE(listed_clients().empty());
+    EXPECT_EQ(register_one(), 31u);
+}
+
 TEST_F(client_ids, are_all_free_in_a_new_engine) {
     std::vector<zon_client_id_e> expected;
     for (zon_client_id_e id = 31; id >= 1; --id)
