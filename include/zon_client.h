@@ -21,8 +21,10 @@ extern "C" {
 
 /* A flow is going away. Called for every client that registered one, with the feature objects that
  * the client had attached to the initiator's direction, the responder's direction and the flow as a
- * whole (each may be NULL). Runs with the flow locked; it must not delete the same flow nor wait
- * for another flow's lock. */
+ * whole (each may be NULL). Runs with the flow locked; it may query that flow, but must neither
+ * delete it nor wait for another flow's lock. Every operation on another flow waits for its lock, a
+ * lookup included, and two threads that each hold a flow and wait for the other's stand still for
+ * ever. */
 typedef void (*zon_client_fo_delete_cb_t)(zon_flow_ptr_t flow, void* initiator_fo,
                                           void* responder_fo, void* flow_fo,
                                           zon_flow_deletion_reason_e reason, zon_client_id_e cid);
@@ -31,12 +33,13 @@ typedef void (*zon_client_fo_delete_cb_t)(zon_flow_ptr_t flow, void* initiator_f
 typedef bool (*zon_client_pre_flow_create_cb_t)(void* pkt_ctx, zon_client_id_e cid);
 
 /* A TCP packet of a flow; may rewrite the flow's bypass id. Called only while
- * ZON_CAPABILITY_ENABLE_CLIENT_BYPASS is in force, with the flow locked. */
+ * ZON_CAPABILITY_ENABLE_CLIENT_BYPASS is in force, with the flow locked: it must not wait for
+ * another flow's lock either. */
 typedef void (*zon_client_bypass_cb_t)(uint32_t l4_payload_size, bool fif, bool was_promoted,
                                        bool first_payload, uint32_t* bypass_id);
 
 /* Takes the highest free id and writes it to *cid.
- *   15 no engine, 2 no free id or no memory */
+ *   15 no engine, 2 no free id, 9 null cid, 2 no memory */
 ZON_API zon_error_t zon_client_feature_register(zon_client_id_e* cid);
 
 /* Gives an id back. Feature objects, capabilities and super-context callbacks of the client stay:

@@ -7,7 +7,8 @@
  * Locks      every call returns with no lock taken; flows are locked one at a time, inside. Only
  *            zon_debug_flow_populate_report wants its flow locked by the caller.
  * Ownership  what a host passes stays its own; reports hold copies.
- * Errors     none: without an engine the operations do nothing and write nothing.
+ * Errors     none: without an engine dumps, statistics and walks do nothing and write nothing. What
+ *            works on a record of the host's own (reports, keys, the comparison) needs no engine.
  * Units      milliseconds (_ms), bytes; addresses and ports in host order, as keys hold them.
  */
 #ifndef ZON_DEBUG_API_H

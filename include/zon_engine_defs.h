@@ -7,6 +7,8 @@
  *
  * Threads    zon_init, zon_destroy, zon_restart and the setters run while no packet, timer or
  *            client call runs.
+ * Locks      no call returns with a lock held. zon_destroy runs clients' functions with the flow
+ *            locked that they are told of, as any deletion does.
  * Ownership  the engine owns every record that it hands out; handles, keys and indications are the
  *            host's. What g_zon leads to goes with zon_destroy.
  * Units      milliseconds (_ms), seconds (_sec), bytes.
@@ -180,9 +182,11 @@ typedef struct zon_pkt_indications_ {
     uint32_t hash_value; /* in */
     zon_l4_port_t l4_port;
     uint16_t l3_protocol; /* ZON_L3_IPV4, ZON_L3_IPV6 or 0 */
-    uint8_t is_initiator; /* the packet runs from the initiator to the responder */
-    uint8_t fif;          /* first packet in the flow */
-    uint8_t lif;          /* last packet in the flow: its session is closed */
+    /* The packet runs from the initiator to the responder: its source is the initiator's address.
+     * Ports do not decide, on purpose: in a flow with one address at both ends, all packets do. */
+    uint8_t is_initiator;
+    uint8_t fif; /* first packet in the flow */
+    uint8_t lif; /* last packet in the flow: its session is closed */
     uint8_t first_payload;
     uint8_t was_promoted;
     uint8_t packet_seen;
@@ -199,8 +203,7 @@ typedef struct zon_pkt_indications_ {
 typedef struct zon_dp_fe_t_ {
     uint8_t* network_start;
     uint16_t l3_proto; /* zon_l3_protocol_enum */
-    uint8_t*
-        l4_start; /* first byte after the IP header and the extension headers; NULL after ESP */
+    uint8_t* l4_start; /* behind the IP header and the extension headers; NULL after ESP */
     uint8_t protocol;
     uint32_t ipv6_srcaddr[4]; /* host-order words */
     uint32_t ipv6_dstaddr[4];
@@ -226,7 +229,7 @@ typedef struct zon_capability_counter_ {
 /* What the engine was created with, and what its clients have enabled since. */
 typedef struct zon_params_ {
     uint32_t max_flows;
-    uint32_t pre_flow_timer;        /* ms; 0 leaves pre-flows with about one second */
+    uint32_t pre_flow_timer;        /* ms that pre-flows are awaited; 0: about a second */
     uint32_t min_init_flows;        /* flow records made per step, and at the start */
     uint32_t max_threads;           /* flow locks and bucket locks; 0 gives one of each */
     uint32_t create_chunk_elements; /* records by which a memory chunk grows; 0 counts as 1 */
@@ -236,14 +239,15 @@ typedef struct zon_params_ {
     zon_capability_e client_enabled_capability[32]; /* by client id, as bits; 0 is unused */
 } zon_params_t;
 
-/* Idle time-outs in milliseconds. */
+/* Idle time-outs in milliseconds by the state of a session, with what zon_init sets them to. Flows
+ * of other protocols than TCP and UDP have 30000. */
 typedef struct zon_timer_defaults_ {
-    uint32_t tcp_opening;
-    uint32_t tcp_estab;
-    uint32_t tcp_closing;
-    uint32_t udp_opening;
-    uint32_t udp_estab;
-    uint32_t pre_flow_default;
+    uint32_t tcp_opening;      /* 5000: closed, opening */
+    uint32_t tcp_estab;        /* 30000: uni- or bi-established */
+    uint32_t tcp_closing;      /* 5000 */
+    uint32_t udp_opening;      /* 5000: closed, opening */
+    uint32_t udp_estab;        /* 30000: all others */
+    uint32_t pre_flow_default; /* the pre_flow_timer of zon_init */
 } zon_timer_defaults_t;
 
 typedef struct error_stats_ {
@@ -383,13 +387,15 @@ ZON_API zon_error_t zon_set_default_params(zon_params_t* params);
 /* Creates the timer wheel, its dispatch manager and the timer thread, on the three fields of g_zon:
  *   zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
  *                     &g_zon->zon_timer_process_create)
- * Without it flows do not age. False when a step failed; a line on standard output says which. */
+ * Call it after zon_init, once: there are no such fields before, and to name them then is an error
+ * of the host's that nothing catches. Without it flows do not age. False when a step failed; a line
+ * on standard output says which. */
 ZON_API bool zon_timer_tw_init(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm,
                                zon_tw_pid_t* zon_timer_process_create);
 /* Undoes it; joins the thread when vdm_pid is given. zon_destroy does this itself. */
 ZON_API void zon_timer_tw_destroy(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm,
                                   zon_tw_pid_t* vdm_pid);
-/* The address of the engine's wheel; needs an engine. */
+/* The address of the engine's wheel. Not before zon_init: without an engine it is none. */
 ZON_API zon_tw_wheel_t* zon_get_tw_internal(void);
 /* A hook for platforms that tell kinds of timers apart; does nothing here. */
 typedef enum zon_timer_type_ ZON_ENUM_BASE {
@@ -401,7 +407,10 @@ typedef enum zon_timer_type_ ZON_ENUM_BASE {
 ZON_API void zon_timer_set_type(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, zon_timer_type type);
 
 /* Default idle time-out, in milliseconds, of flows that are created from now on. prot is 6 or 17;
- * false otherwise, for a state outside 0 to 6, and without an engine. 0 ms is armed as 1024 ms. */
+ * false otherwise, for a state outside 0 to 6, and without an engine. 0 ms is armed as 1024 ms.
+ * A flow takes its time-out once, by its state after its first packet, and keeps it: a TCP flow
+ * that begins with a SYN has that of an opening one until the host gives it another with
+ * zon_flow_set_aging. A flow ends after one to two time-outs without a packet; see there. */
 ZON_API bool zon_set_default_aging(uint8_t prot, zon_l4_flow_state_e state, uint32_t time);
 /* UDP flows become established on a responder's packet once so many (modulo 256) packets have been
  * counted. */
@@ -414,7 +423,7 @@ ZON_API void zon_set_open_flow_after_pkts(uint32_t count);
  * scratch: it must have the storage of its family. The indications must have been preset. Returns
  * the flow, or 0 with fif 0:
  *   11 a client forbade the flow; 2 no memory or no room in the table; unchanged for a refused
- *      tunnel */
+ *      tunnel and when the table had no room for an announced flow */
 ZON_API zon_fid_t zon_engine(zon_half_flow_t* half_flow_key, zon_fe_handle fe, void* pkt_ctx,
                              zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
                              zon_tunnel_type_e tunnel_type,

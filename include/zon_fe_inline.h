@@ -108,7 +108,8 @@ static inline zon_ip_frag_e zon_ipv6_frag_type(const zon_fe_handle fe) {
     const uint8_t* header = ((const zon_dp_fe_t*)fe)->ipv6_frag_hdr;
     if (header == NULL)
         return zon_ip_frag_none;
-    return zon_ip_frag_logic((uint16_t)(zon_be16_at(header + 2) & 0xFFF8), (uint16_t)(header[3] & 1));
+    return zon_ip_frag_logic((uint16_t)(zon_be16_at(header + 2) & 0xFFF8),
+                             (uint16_t)(header[3] & 1));
 }
 
 static inline uint16_t zon_ipv4_frag_id(const zon_fe_handle fe) {

@@ -2,8 +2,11 @@
  * bundles, deletion.
  *
  * Threads    any thread, unless a function says otherwise.
- * Locks      flow locks are recursive and shared by several flows. Operations take and release them
- *            inside, except those that say that they return with the flow locked.
+ * Locks      flow locks are recursive and shared by several flows. Operations take and release
+ *            them inside, except those that say that they return with the flow locked. Every
+ *            operation on a flow waits for its lock, a lookup included: with one flow locked, wait
+ *            for another only where no other thread does so too; two that each hold a flow and wait
+ *            for the other's stand still for ever.
  * Ownership  the engine owns every flow; feature objects stay their client's.
  * Units      seconds (_sec), bytes; byte order of tuples: zon_flow_tuple.h.
  * Errors     checks run in the order listed; the first failure is returned. An identifier above the
@@ -67,9 +70,10 @@ ZON_API zon_error_t zon_flow_detach_fo(zon_fid_t fid, zon_client_id_e cid, zon_f
 /* ---- pre-flows ---- */
 
 /* Announces a connection of which part may be unknown; a matching packet turns it into a flow, a
- * child of the parent. When a flow or pre-flow of the tuple exists, that one is returned and
- * nothing is made. An address family other than the two is not an error: *pre_flow_fid stays 0.
- * With flow_lock given the flow is returned locked.
+ * child of the parent. It is awaited for the pre_flow_timer of zon_init, with 0 for about a second.
+ * When a flow or pre-flow of the tuple exists, that one is returned and nothing is made. Neither a
+ * parent that does not exist is an error (the flow has none then, as with 0) nor an address family
+ * other than the two (*pre_flow_fid stays 0). With flow_lock given the flow is returned locked.
  *   15 no engine, 3 tuple type, 10 null tuple, 9 null pre_flow_fid, 2 no memory, 13 the bucket is
  *      full */
 ZON_API zon_error_t zon_pre_flow_add(zon_flow_tuple_type_t tuple_type,
@@ -113,7 +117,9 @@ ZON_API zon_error_t zon_flow_get_tuple(zon_fid_t fid, zon_flow_direction_e dir,
 ZON_API zon_error_t zon_flow_get_next_tcp_seq_nbr(zon_flow_ptr_t fid, zon_flow_direction_e dir,
                                                   uint32_t* nxt_seq_nbr, uint16_t* window);
 
-/* Idle time of one flow, in seconds; the timer starts anew. 0 ages the flow out after about a
+/* Idle time of one flow, in seconds; the timer starts anew. Packets do not touch the timer: one
+ * that fires after a packet came starts anew. So a flow ends at least time_sec and at most twice
+ * that after its last packet. Packets of a closed session do not count. 0 stands for about a
  * second.
  *   15 no engine, 1 no such flow */
 ZON_API zon_error_t zon_flow_set_aging(zon_fid_t fid, uint32_t time_sec);

@@ -22,7 +22,8 @@ extern "C" {
 #endif
 
 /* Returns true and writes *context when the packet belongs to a super context of the type. Runs on
- * the packet thread, with the new flow locked. */
+ * the packet thread, with the new flow locked: it must not wait for another flow's lock. The value
+ * 0 groups flows like any other, but zon_super_context_traverse_flows refuses it: use others. */
 typedef bool (*zon_super_context_lookup_callback)(void* pkt_ctx, uint32_t* context);
 /* The super context lost its last flow; fo is the pointer that the client had stored. Runs while
  * that flow is deleted, with the flow locked. */

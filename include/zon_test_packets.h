@@ -71,7 +71,8 @@ ZON_API void zon_fe_test_cleanup(zon_fe_handle fe);
  *   15 no engine
  *   2  no memory for the packet or its key, the indications are as they were; or as zon_engine
  *   11 as zon_engine
- * After a success *zon_error may be as it was: set it to 0 before. */
+ *   unchanged when the table had no room for an announced flow
+ * After a success, too, *zon_error may be as it was: set it to 0 before. */
 
 ZON_API zon_fid_t zon_test_handle_tcp_packet_fields(uint32_t saddr, uint32_t daddr, uint16_t sport,
                                                     uint16_t dport, uint32_t vrfid,
@@ -80,8 +81,9 @@ ZON_API zon_fid_t zon_test_handle_tcp_packet_fields(uint32_t saddr, uint32_t dad
                                                     uint32_t payload_size, void* pkt_ctx,
                                                     zon_pkt_indications_t* pkt_indications,
                                                     zon_error_t* zon_error);
-/* A UDP packet of payload_size 0 to 7 counts as one with 65528 to 65535 bytes of payload; a flow of
- * another protocol has ports 0. */
+/* A UDP packet of payload_size 0 to 7 counts as one with 65528 to 65535 bytes of payload, an IPv6
+ * packet of proto 6 and payload_size 0 to 19 as one with 65516 to 65535; an IPv4 packet that is
+ * neither TCP nor UDP has an l3_payload_size of 65516. A flow of such a protocol has ports 0. */
 ZON_API zon_fid_t zon_test_handle_packet_fields(uint32_t saddr, uint32_t daddr, uint16_t sport,
                                                 uint16_t dport, uint8_t proto, uint32_t vrfid,
                                                 uint32_t payload_size, void* pkt_ctx,
