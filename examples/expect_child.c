@@ -1,7 +1,8 @@
 /* expect_child.c - announces a connection that another one has just agreed on, and finds it again as that one's child
  * when its first packet comes.
  *
- * Build:  cc -Iinclude examples/expect_child.c -lzon
+ * Build:  cc examples/expect_child.c $(pkg-config --cflags --libs zon) -o expect_child
+ *         (README.md, "Embedding", has the installation and what a folder of one's own needs)
  */
 #include <stdio.h>
 #include <string.h>
@@ -30,10 +31,12 @@ static zon_fid_t send_syn(uint16_t client_port, uint16_t server_port, zon_pkt_in
 
 int main(void) {
     zon_client_id_e me;
-    if (zon_init(ZON_DEFAULT_MAX_FLOWS, 0, ZON_DEFAULT_MIN_INIT_FLOWS, ZON_DEFAULT_MAX_CONCURRENCY,
-                 ZON_DEFAULT_MAX_COLLISION_SIZE, ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
+    if (zon_init(ZON_DEFAULT_MAX_FLOWS, /* pre_flow_timer, ms */ 30000, ZON_DEFAULT_MIN_INIT_FLOWS,
+                 ZON_DEFAULT_MAX_CONCURRENCY, ZON_DEFAULT_MAX_COLLISION_SIZE,
+                 ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
                  ZON_DEFAULT_MAX_MEM_BUFFER_INIT) != zon_error_none ||
-        !zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create) ||
+        !zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                           &g_zon->zon_timer_process_create) ||
         zon_client_feature_register(&me) != zon_error_none)
         return 1;
     zon_client_enable_engine_capability(me, ZON_CAPABILITY_ENABLE_TCP);
@@ -49,7 +52,8 @@ int main(void) {
     expected.dst_port = 50000;
     expected.l4_protocol = 6;
     zon_fid_t announced = 0;
-    if (zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, &expected, control, &announced, NULL) != zon_error_none)
+    if (zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, &expected, control, &announced,
+                         NULL) != zon_error_none)
         return 1;
 
     zon_fid_t data = send_syn(40001, 50000, &seen);
