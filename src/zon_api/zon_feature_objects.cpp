@@ -203,6 +203,8 @@ zon_error_t zon_flow_attach_fo(zon_fid_t fid, zon_fo_id_t cid, zon_flow_directio
         // Kept on purpose: a direction's list is cut to the new record followed by the list of the
         // whole flow. Clients find their object for the whole flow through it, and lose earlier
         // ones of the direction.
+        if (dir != ZON_DIR_BI)
+            zon_flow_fo_release_side(flow.get(), zon_half_flow_of(flow.get(), dir));
         record->next = flow->fo_list;
         *list = record;
     }

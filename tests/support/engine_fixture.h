@@ -1,5 +1,6 @@
 // engine_fixture.h - a fresh engine for each test: its clock is turned by hand, a client has
-// enabled capabilities, and at the end every flow is deleted and nothing may be left.
+// enabled capabilities, and at the end every flow is deleted and nothing may be left: no flow, no
+// half flow in the table, and no record of a half flow, feature object or super context in use.
 //
 // A fixture of a test derives from engine_fixture and changes what it needs before SetUp, in its
 // constructor:
@@ -15,7 +16,9 @@
 
 #include <cstdint>
 
+#include "support/flow_reader.h"
 #include "support/packet_builder.h"
+#include "support/record_census.h"
 #include "zon.h"
 #include "zon_flow_table.h"
 
@@ -74,6 +77,8 @@ protected:
         delete_all_flows();
         EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u)
             << "half flows are left in the flow table";
+        EXPECT_EQ(flows_in_use(), 0u) << "flows are left";
+        EXPECT_EQ(records_in_use::of(g_zon->zon_chunk_ptr), lost_on_purpose) << "records leaked";
         if (!usage_may_drift) {
             EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u)
                 << "IPv4 half flows leaked";
@@ -134,6 +139,8 @@ protected:
     zon_client_id_e client = 0;
     // For tests that fail an allocation on purpose: the usage counters count the attempt.
     bool usage_may_drift = false;
+    // For tests that keep a record from its way back.
+    records_in_use lost_on_purpose;
 };
 
 }  // namespace zon_test

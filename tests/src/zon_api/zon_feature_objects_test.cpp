@@ -187,9 +187,26 @@ TEST_F(feature_objects, attached_to_a_direction_may_overwrite_the_one_of_the_who
 
 TEST_F(feature_objects, of_a_direction_fall_off_when_a_second_client_attaches_there) {
     attach(client_a, ZON_DIR_RESPONDER, &objects[0]);
+    const zon_flow_fo_t* fallen = record_of(fid)->responder_flow->fo_list;
     attach(client_b, ZON_DIR_RESPONDER, &objects[1]);
     EXPECT_EQ(get(fid, client_a, ZON_DIR_RESPONDER), nullptr);
     EXPECT_EQ(get(fid, client_b, ZON_DIR_RESPONDER), &objects[1]);
+    EXPECT_EQ(times_handed_out(fallen), 1) << "nobody leads to its record any more";
+}
+
+TEST_F(feature_objects, that_fall_off_a_direction_leave_those_of_the_whole_flow_where_they_are) {
+    attach(client_a, ZON_DIR_BI, &objects[0]);
+    attach(client_b, ZON_DIR_INITIATOR, &objects[1]);
+    attach(2, ZON_DIR_BI, &objects[2]);
+    attach(3, ZON_DIR_INITIATOR, &objects[3]);
+    EXPECT_EQ(get(fid, client_b, ZON_DIR_INITIATOR), nullptr);
+    for (const zon_flow_direction_e dir : {ZON_DIR_BI, ZON_DIR_INITIATOR}) {
+        EXPECT_EQ(get(fid, client_a, dir), &objects[0]);
+        EXPECT_EQ(get(fid, 2, dir), &objects[2]);
+    }
+    EXPECT_EQ(length(record_of(fid)->fo_list), 2);
+    EXPECT_EQ(length(record_of(fid)->initiator_flow->fo_list), 3);
+    EXPECT_EQ(records_in_use::of(g_zon->zon_chunk_ptr).feature_objects, 3);
 }
 
 TEST_F(feature_objects, of_several_clients_are_kept_apart) {
