@@ -425,6 +425,9 @@ TEST_F(feature_objects, of_no_flow_are_traced_by_a_detach_from_an_empty_slot_alo
     EXPECT_EQ(
         traced([&] { zon_flow_get_fo_by_fid(fid + 1, client_a, ZON_DIR_BI, &fo, &snapshot); }), "");
     EXPECT_EQ(traced([&] { zon_flow_attach_fo(fid + 1, client_a, ZON_DIR_BI, &fo); }), "");
+    EXPECT_EQ(traced([&] { zon_flow_get_fo(0, client_a, ZON_DIR_BI, &fo); }), "");
+    EXPECT_EQ(traced([&] { zon_flow_get_fo_by_fid(0, client_a, ZON_DIR_BI, &fo, &snapshot); }), "");
+    EXPECT_EQ(traced([&] { zon_flow_attach_fo(0, client_a, ZON_DIR_BI, &fo); }), "");
 }
 
 TEST_F(feature_objects, are_not_traced_while_the_switches_are_off) {

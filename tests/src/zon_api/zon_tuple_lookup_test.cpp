@@ -1,6 +1,10 @@
 // zon_tuple_lookup_test.cpp - flows found by tuple, and the lock that comes with them.
 
+#include <array>
+
 #include "api_fixture.h"
+#include "support/flow_reader.h"
+#include "support/lock_level.h"
 #include "zon_api/zon_api_internal.h"
 
 using namespace zon_test;
@@ -104,10 +108,35 @@ TEST_F(tuple_lookup, finds_ipv6_flows) {
 }
 
 TEST_F(tuple_lookup, of_a_complete_tuple_finds_an_announced_flow_unless_there_is_an_ordinary_one) {
-    const zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
-    const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple);
-    EXPECT_EQ(find(tuple), announced);
-    EXPECT_EQ(find(reversed(tuple)), announced);
+    const std::array tuples{tuple4(host_a, 1000, host_b, 53),
+                            tuple6("2001:db8::1", 1000, "2001:db8::2", 53)};
+    const std::array others{udp_packet(2000, 53), udp6_packet(2000, 53)};
+    for (size_t family = 0; family < tuples.size(); ++family) {
+        const zon_flow_tuple_t& tuple = tuples[family];
+        const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple);
+        EXPECT_EQ(find(tuple), announced);
+        EXPECT_EQ(find(reversed(tuple)), announced);
+        // An ordinary flow that is given the announced key hides the announcement while it lives.
+        const zon_fid_t ordinary = handle(others[family]).fid;
+        ASSERT_EQ(zon_flow_update_initiator(ordinary, &tuple), zon_error_none);
+        EXPECT_EQ(find(tuple), ordinary);
+        ASSERT_TRUE(zon_delete_flow_tamonet(ordinary, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+        EXPECT_EQ(find(tuple), announced);
+    }
+}
+
+// What the operations on tuples go through themselves.
+TEST_F(tuple_lookup, inside_the_engine_locks_what_it_finds_and_takes_the_key_type_as_it_is_given) {
+    const zon_fid_t ordinary = udp_flow(1000);
+    zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
+    const zon_half_flow_t* half = zon_find_half_flow_using_tuple(ZON_IPV4_KEY_COMPLETE, &tuple);
+    ASSERT_EQ(half, record_of(ordinary)->initiator_flow);
+    EXPECT_EQ(levels_held(half->flow->flow_lock), 1);
+    zon_unlock_internal(half->flow->flow_lock);
+    EXPECT_EQ(zon_find_half_flow_using_tuple(ZON_IPV4_KEY_VRF_STAR, &tuple), nullptr);
+    tuple.src_ip.addr_type = static_cast<zon_ip_addr_e>(0);
+    EXPECT_EQ(zon_find_half_flow_using_tuple(ZON_IPV4_KEY_COMPLETE, &tuple), nullptr);
+    EXPECT_TRUE(no_lock_is_held());
 }
 
 TEST_F(tuple_lookup, of_a_known_source_and_of_a_known_destination_cross_over_to_the_key_types) {
@@ -115,6 +144,17 @@ TEST_F(tuple_lookup, of_a_known_source_and_of_a_known_destination_cross_over_to_
     const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, known);
     EXPECT_EQ(record_of(announced)->initiator_flow->key.key_type,
               uint32_t{ZON_IPV4_KEY_SRC_IP_PORT_ONLY});
+    EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN), announced);
+    EXPECT_EQ(find(reversed(known), ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN), announced);
+    EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN), 0u);
+    EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_COMPLETE), 0u);
+}
+
+TEST_F(tuple_lookup, of_known_sources_and_destinations_crosses_over_with_ipv6_too) {
+    const zon_flow_tuple_t known = tuple6("2001:db8::1", 1000, "::", 0);
+    const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, known);
+    EXPECT_EQ(record_of(announced)->initiator_flow->key.key_type,
+              uint32_t{ZON_IPV6_KEY_SRC_IP_PORT_ONLY});
     EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN), announced);
     EXPECT_EQ(find(reversed(known), ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN), announced);
     EXPECT_EQ(find(known, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN), 0u);
