@@ -1,7 +1,8 @@
 /* main.c - a host that calls every operation of the library and reads every variable, and looks at what comes back. */
-#include "host.h"
-
+#define _POSIX_C_SOURCE 200809L /* fileno, dup */
 #include <unistd.h>
+
+#include "host.h"
 
 static int wrong;
 
