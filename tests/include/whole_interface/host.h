@@ -1,6 +1,8 @@
-/* host.h - what the parts of the host share: the checks that it counts, packets, and what the library prints.
+/* host.h - what the parts of the host share: the checks that it counts, packets, and what the
+ * library prints.
  *
- * The host has only include/ and the shared library. Each part makes its own engine and leaves none behind.
+ * The host has only include/ and the shared library. Each part makes its own engine and leaves none
+ * behind.
  */
 #ifndef WHOLE_INTERFACE_HOST_H
 #define WHOLE_INTERFACE_HOST_H
@@ -12,7 +14,8 @@
 /* Counts what does not hold and prints it. */
 void check(bool holds, const char* what);
 
-/* An engine with timers, whose clock is turned by hand, and a client with TCP, UDP and bypass enabled. */
+/* An engine with timers, whose clock is turned by hand, and a client with TCP, UDP and bypass
+ * enabled. */
 zon_client_id_e make_engine(void);
 void end_engine(void);
 
@@ -31,7 +34,7 @@ zon_fid_t tcp_flow(uint16_t from_port, uint16_t to_port, zon_pkt_indications_t* 
                    zon_error_t* error);
 zon_flow_tuple_t tuple_of(uint16_t from_port, uint16_t to_port);
 
-/* What is printed on a stream between the two calls; the text is there until the next first call. */
+/* What is printed on a stream between the two calls; the text lives until the next one. */
 void watch(FILE* stream);
 const char* watched(FILE* stream);
 

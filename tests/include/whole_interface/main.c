@@ -1,4 +1,5 @@
-/* main.c - a host that calls every operation of the library and reads every variable, and looks at what comes back. */
+/* main.c - a host that calls every operation of the library and reads every variable, and looks at
+ * what comes back. */
 #define _POSIX_C_SOURCE 200809L /* fileno, dup */
 #include <unistd.h>
 
