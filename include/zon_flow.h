@@ -47,7 +47,10 @@ ZON_API void zon_unlock_flow_tamonet(void* flow);
 
 /* ---- feature objects ---- */
 
-/* Hangs a client's object on a flow or a direction, over any earlier one of the same client.
+/* Hangs a client's object on a flow or a direction, over any earlier one of the same client. A
+ * direction keeps one client's object: kept on purpose, when another client attaches there the
+ * first one's is dropped untold. Where several clients meet, ZON_DIR_BI and zon_uni_flow_attach_fo
+ * keep the objects of all.
  *   15 no engine, 8 cid outside 1 to 31, 17 direction, 9 null fo, 1 no such flow, 2 no memory */
 ZON_API zon_error_t zon_flow_attach_fo(zon_fid_t fid, zon_fo_id_t cid, zon_flow_direction_e dir,
                                        void* fo);
