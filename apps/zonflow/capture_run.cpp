@@ -3,10 +3,13 @@
 #include "capture_run.h"
 
 #include <cstdio>
+#include <optional>
 
 #include "capture/capture_reader.h"
 #include "capture/link_layer.h"
+#include "capture/stop_signal.h"
 #include "flows/capture_summary.h"
+#include "flows/engine_report.h"
 #include "output/progress.h"
 
 namespace zonflow {
@@ -17,22 +20,35 @@ void complain(const std::string& path, const std::string& problem) {
     std::fprintf(stderr, "zonflow: %s: %s\n", path.c_str(), problem.c_str());
 }
 
+std::string packets_text(uint64_t count) {
+    return std::to_string(count) + (count == 1 ? " packet" : " packets");
+}
+
 class capture_run {
 public:
     capture_run(const options& options, link_layer link, flow_output& output)
         : vlan_key_(options.vlan_key),
           by_source_(options.engine.by_source),
+          dump_(options.dump),
+          histogram_(options.histogram),
           link_(link),
           output_(output),
           engine_(options.engine) {}
 
     // Returns false when the file is damaged; what came before the damage has been handled.
     bool read_all(capture_reader& reader) {
+        // The flows of a feed are shown as they end: nobody knows when the next packet comes.
+        const bool feed = reader.bytes_total() == 0;
+        if (feed) {
+            output_.flush();
+        }
         captured_packet packet;
         read_result result = reader.next(packet);
         for (; result == read_result::packet; result = reader.next(packet)) {
             handle(packet);
-            write_ended_flows();
+            if (write_ended_flows() && feed) {
+                output_.flush();
+            }
             if (progress_.due(summary_.packets)) {
                 progress_.draw(reader.bytes_read(), reader.bytes_total(), summary_.packets,
                                engine_.flows_seen());
@@ -43,17 +59,43 @@ public:
     }
 
     void finish() {
+        const engine_reports reports = make_reports();
         engine_.finish();
         write_ended_flows();
+        summary_.out_of_time = engine_.out_of_time();
         if (by_source_) {
             output_.groups(engine_.groups());
+        }
+        if (reports.dump) {
+            output_.dump(*reports.dump);
+        }
+        if (reports.histogram) {
+            output_.histogram(*reports.histogram);
         }
         output_.summary(summary_);
     }
 
-    uint64_t packets() const { return summary_.packets; }
+    const capture_summary& summary() const { return summary_; }
 
 private:
+    // Of the flows that the capture leaves open, so made before the engine ends them.
+    struct engine_reports {
+        std::optional<std::string> dump;
+        std::optional<bucket_depths> histogram;
+    };
+
+    engine_reports make_reports() {
+        engine_reports made;
+        if (dump_) {
+            output_.flush();
+            made.dump = flow_table_dump();
+        }
+        if (histogram_) {
+            made.histogram = flow_table_depths();
+        }
+        return made;
+    }
+
     void handle(const captured_packet& packet) {
         ++summary_.packets;
         const link_result found = link_.find_ip(packet.bytes);
@@ -85,22 +127,45 @@ private:
         }
     }
 
-    void write_ended_flows() {
+    // Whether there were any.
+    bool write_ended_flows() {
+        const uint64_t before = summary_.flows;
         while (const auto record = engine_.take_ended_flow()) {
             progress_.clear();
             ++summary_.flows;
             output_.flow(*record);
         }
+        return summary_.flows != before;
     }
 
     bool vlan_key_;
     bool by_source_;
+    bool dump_;
+    bool histogram_;
     link_layer link_;
     flow_output& output_;
     engine_host engine_;
     capture_summary summary_;
     progress progress_;
 };
+
+// What is no error, and yet a person would want to know.
+void warn(const std::string& path, const capture_summary& summary, uint32_t max_flows) {
+    const auto no_room = summary.refused.find(engine_host::reason_of_no_room());
+    if (no_room != summary.refused.end()) {
+        complain(path, packets_text(no_room->second) + " refused for want of room: " +
+                           "--max-flows sets how many flows there may be (now " +
+                           std::to_string(max_flows) + ")");
+    }
+    if (summary.out_of_time != 0) {
+        complain(path, packets_text(summary.out_of_time) +
+                           " stamped more than a second before an earlier one; no time passes "
+                           "with such packets, so flows may have aged too early or not at all");
+    }
+    if (stop_requested()) {
+        complain(path, "stopped after " + packets_text(summary.packets));
+    }
+}
 
 }  // namespace
 
@@ -117,13 +182,17 @@ exit_code run_capture(const std::string& path, const options& options, flow_outp
         capture_run run(options, *link, output);
         const bool whole = run.read_all(reader);
         run.finish();
+        warn(path, run.summary(), options.engine.max_flows);
         if (!whole) {
-            complain(path, "damaged after " + std::to_string(run.packets()) +
-                               " packets: " + reader.damage());
+            complain(path, "damaged after " + packets_text(run.summary().packets) + ": " +
+                               reader.damage());
             return exit_code::damaged_input;
         }
         return exit_code::done;
     } catch (const open_error& error) {
+        if (stop_requested()) {
+            return exit_code::done;
+        }
         complain(path, error.what());
         return exit_code::cannot_open;
     }

@@ -5,6 +5,7 @@
 #include <exception>
 #include <memory>
 
+#include "capture/stop_signal.h"
 #include "capture_run.h"
 #include "options.h"
 #include "output/json_output.h"
@@ -19,7 +20,7 @@ std::unique_ptr<flow_output> make_output(const options& options, output_stream& 
     if (options.format == output_format::json) {
         return std::make_unique<json_output>(out);
     }
-    return std::make_unique<table_output>(out, options.files.size() > 1);
+    return std::make_unique<table_output>(out, options.files.size() > 1, options.vlan_key);
 }
 
 void trace(trace_part part) {
@@ -48,6 +49,9 @@ exit_code run_all(const options& options) {
     const auto output = make_output(options, out);
     exit_code worst = exit_code::done;
     for (const std::string& path : options.files) {
+        if (stop_requested()) {
+            break;
+        }
         worst = std::max(worst, run_capture(path, options, *output));
     }
     out.flush();
@@ -56,14 +60,17 @@ exit_code run_all(const options& options) {
 
 exit_code run(int argc, char** argv) {
     std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is told apart from a crash
-    const auto parsed = parse_options(argc, argv);
-    if (const auto* code = std::get_if<exit_code>(&parsed)) {
-        return *code;
-    }
     try {
+        const auto parsed = parse_options(argc, argv);
+        if (const auto* code = std::get_if<exit_code>(&parsed)) {
+            return *code;
+        }
+        stop_reading_on_signals();
         return run_all(std::get<options>(parsed));
     } catch (const output_error& error) {
-        std::fprintf(stderr, "zonflow: cannot write the output: %s\n", error.what());
+        if (!error.reader_has_gone()) {
+            std::fprintf(stderr, "zonflow: cannot write the output: %s\n", error.what());
+        }
         return exit_code::output_failed;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "zonflow: %s\n", error.what());

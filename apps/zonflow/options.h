@@ -20,12 +20,14 @@ struct options {
     std::vector<std::string> files;
     output_format format = output_format::table;
     bool vlan_key = false;  // the outer VLAN is the VRF
+    bool dump = false;
+    bool histogram = false;
     std::vector<trace_part> trace;
     engine_settings engine;
 };
 
 // The options, or the code to leave with: after --help and --version, which have been printed, or
-// after an error, which has been told on standard error.
+// after an error, which has been told on standard error. Throws output_error.
 std::variant<options, exit_code> parse_options(int argc, char** argv);
 
 }  // namespace zonflow

@@ -4,6 +4,7 @@
 
 #include <pcap/pcap.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -13,8 +14,18 @@ namespace zonflow {
 
 namespace {
 
+// Standard input by a descriptor of our own, which may be closed.
+std::FILE* open_standard_input() {
+    const int descriptor = dup(STDIN_FILENO);
+    std::FILE* file = descriptor < 0 ? nullptr : fdopen(descriptor, "rb");
+    if (file == nullptr && descriptor >= 0) {
+        close(descriptor);
+    }
+    return file;
+}
+
 std::FILE* open_file(const std::string& path, uint64_t& size) {
-    std::FILE* file = std::fopen(path.c_str(), "rb");
+    std::FILE* file = path == "-" ? open_standard_input() : std::fopen(path.c_str(), "rb");
     if (file == nullptr) {
         throw open_error(std::strerror(errno));
     }
@@ -47,9 +58,11 @@ void capture_reader::closer::operator()(pcap* handle) const {
 
 capture_reader::capture_reader(const std::string& path) {
     std::FILE* file = open_file(path, bytes_total_);
+    stoppable_.emplace(fileno(file));
     char reason[PCAP_ERRBUF_SIZE] = "";
     handle_.reset(pcap_fopen_offline(file, reason));
     if (!handle_) {
+        stoppable_.reset();
         std::fclose(file);
         throw open_error(std::string("not a capture that can be read: ") + reason);
     }
@@ -61,7 +74,7 @@ read_result capture_reader::next(captured_packet& packet) {
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
     const int result = pcap_next_ex(handle_.get(), &header, &bytes);
-    if (result == PCAP_ERROR_BREAK) {
+    if (result == PCAP_ERROR_BREAK || stop_requested()) {
         return read_result::end_of_file;
     }
     if (result != 1) {

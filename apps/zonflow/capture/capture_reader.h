@@ -7,9 +7,12 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <span>
 #include <stdexcept>
 #include <string>
+
+#include "capture/stop_signal.h"
 
 struct pcap;
 
@@ -29,13 +32,14 @@ struct open_error : std::runtime_error {
 
 class capture_reader {
 public:
-    // Throws open_error.
+    // The path "-" is standard input. Throws open_error.
     explicit capture_reader(const std::string& path);
     ~capture_reader();
     capture_reader(const capture_reader&) = delete;
     capture_reader& operator=(const capture_reader&) = delete;
 
-    // A damaged file stays damaged: what came before has been read, nothing more will be.
+    // A damaged file stays damaged: what came before has been read, nothing more will be. A stop
+    // signal ends any file.
     read_result next(captured_packet& packet);
 
     // What is wrong with a damaged file.
@@ -54,6 +58,7 @@ private:
         void operator()(pcap* handle) const;
     };
     std::unique_ptr<pcap, closer> handle_;
+    std::optional<stoppable_input> stoppable_;
     uint64_t bytes_total_ = 0;
 };
 

@@ -17,6 +17,7 @@ struct capture_summary {
     std::map<std::string, uint64_t> refused;  // IP, but of no flow: the reason and how many
     uint64_t malformed =
         0;  // cut off, or headers that contradict each other or the captured length
+    uint64_t out_of_time = 0;  // of all these: stamped more than a second before an earlier one
 };
 
 }  // namespace zonflow

@@ -15,6 +15,7 @@ namespace {
 constexpr uint32_t lock_stripes = 4;
 constexpr uint32_t flows_made_per_step = 1024;
 constexpr uint32_t chunk_elements = 1024;
+constexpr uint64_t out_of_time_by_us = 1'000'000;
 
 // Callbacks carry no pointer of the host's, and there is one engine in a process.
 engine_host* current_host = nullptr;
@@ -170,6 +171,10 @@ void engine_host::turn_clock(uint64_t time_us) {
         clock_base_us_ = zon_clock_now_us();
         first_time_us_ = time_us;
     }
+    if (time_us + out_of_time_by_us < latest_time_us_) {
+        ++out_of_time_;
+    }
+    latest_time_us_ = std::max(latest_time_us_, time_us);
     if (time_us > first_time_us_) {
         zon_clock_advance_to_us(clock_base_us_ + (time_us - first_time_us_));
     }
@@ -183,6 +188,10 @@ void engine_host::show_to_helpers(zon_fid_t fid, const zon_pkt_indications_t& in
     const seen_packet packet{fid, indications, captured_payload(indications, ip_packet)};
     ftp_->after_packet(packet);
     sip_->after_packet(packet);
+}
+
+std::string engine_host::reason_of_no_room() {
+    return as_word(zon_error_str(zon_error_memory));
 }
 
 packet_outcome engine_host::why_refused(const zon_pkt_indications_t& indications, zon_error_t error,
@@ -212,6 +221,9 @@ void engine_host::account(zon_fid_t fid, const zon_pkt_indications_t& indication
                           std::span<const uint8_t> ip_packet, const ip_header& header,
                           uint64_t time_us) {
     zon_flow_t snapshot{};
+    if (indications.fif != 0) {
+        attach_new_record(fid, indications);
+    }
     flow_record* record = locked_record(fid, snapshot);
     const bool first_packet = record->packets() == 0;
     const uint8_t state_before = record->session_state;
@@ -234,8 +246,7 @@ void engine_host::account(zon_fid_t fid, const zon_pkt_indications_t& indication
         }
     }
     add_packet(*record, packet);
-    record->session_state = snapshot.l4state.sess_state;
-    record->tcp_state = snapshot.l4state.tcp_state;
+    note_states(*record, snapshot.l4state.sess_state, snapshot.l4state.tcp_state, packet);
     record->tunnel = snapshot.tunnel_type;
     if (settings_.bypass_after_bytes != 0) {
         record->bypass_id = bypass_id_of(snapshot.bypass_id);
@@ -257,25 +268,20 @@ void engine_host::account(zon_fid_t fid, const zon_pkt_indications_t& indication
     }
 }
 
-// The flow's record, made when the flow is new. The flow is locked until the snapshot is given
-// back.
+// The flow is locked until the snapshot is given back.
 flow_record* engine_host::locked_record(zon_fid_t fid, zon_flow_t& snapshot) {
     void* record = nullptr;
-    zon_error_t error = zon_flow_get_fo_by_fid(fid, client_, ZON_DIR_BI, &record, &snapshot);
-    if (error == zon_error_feature_object_not_attached) {
-        attach_new_record(fid);
-        error = zon_flow_get_fo_by_fid(fid, client_, ZON_DIR_BI, &record, &snapshot);
-    }
-    check(error, "cannot find the record of a flow");
+    check(zon_flow_get_fo_by_fid(fid, client_, ZON_DIR_BI, &record, &snapshot),
+          "cannot find the record of a flow");
     return static_cast<flow_record*>(record);
 }
 
-void engine_host::attach_new_record(zon_fid_t fid) {
+void engine_host::attach_new_record(zon_fid_t fid, const zon_pkt_indications_t& indications) {
     auto record = std::make_unique<flow_record>();
     record->fid = fid;
     check(zon_flow_get_tuple(fid, ZON_DIR_INITIATOR, &record->tuple), "cannot read a flow's tuple");
-    if (zon_flow_get_parent(fid, &record->parent) != zon_error_none) {
-        record->parent = ZON_NULL_FID;
+    if (indications.was_promoted != 0) {  // others have no parent
+        check(zon_flow_get_parent(fid, &record->parent), "cannot find the parent of a flow");
     }
     check(zon_flow_attach_fo(fid, client_, ZON_DIR_BI, record.get()), "cannot attach a record");
     record.release();  // comes back through flow_goes_away

@@ -71,6 +71,12 @@ public:
 
     uint64_t flows_seen() const { return flows_seen_; }
 
+    // Packets stamped more than a second before an earlier one. Time stands still for them.
+    uint64_t out_of_time() const { return out_of_time_; }
+
+    // The reason for which packets are refused once there are as many flows as allowed.
+    static std::string reason_of_no_room();
+
     // Empty unless flows are added up by source.
     std::vector<source_group> groups() const { return groups_.ranked(); }
 
@@ -89,7 +95,7 @@ private:
     void account(zon_fid_t fid, const zon_pkt_indications_t& indications,
                  std::span<const uint8_t> ip_packet, const ip_header& header, uint64_t time_us);
     flow_record* locked_record(zon_fid_t fid, zon_flow_t& snapshot);
-    void attach_new_record(zon_fid_t fid);
+    void attach_new_record(zon_fid_t fid, const zon_pkt_indications_t& indications);
     std::optional<uint32_t> idle_time_sec(uint8_t protocol, uint8_t session_state) const;
     void queue_ended_flow(flow_record* record, zon_flow_deletion_reason_e reason) noexcept;
     static void flow_goes_away(zon_flow_ptr_t flow, void* initiator_fo, void* responder_fo,
@@ -108,6 +114,8 @@ private:
     bool clock_started_ = false;
     uint64_t clock_base_us_ = 0;  // the clock's reading at the first packet
     uint64_t first_time_us_ = 0;  // the first packet's time stamp
+    uint64_t latest_time_us_ = 0;
+    uint64_t out_of_time_ = 0;
     uint64_t flows_seen_ = 0;
     flow_record* ended_head_ = nullptr;
     flow_record* ended_tail_ = nullptr;

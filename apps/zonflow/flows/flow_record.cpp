@@ -9,6 +9,26 @@
 
 namespace zonflow {
 
+namespace {
+
+constexpr uint8_t tcp_fin = 0x01;
+constexpr uint8_t tcp_rst = 0x04;
+
+// The engine does not know the state of a connection that it has not seen begin; the flags tell
+// the end of such a one as well.
+connection_end end_of_connection(const flow_record& record) {
+    if (record.session_end != connection_end::none) {
+        return record.session_end;
+    }
+    if ((record.initiator.tcp_flags & record.responder.tcp_flags & tcp_fin) != 0) {
+        return connection_end::closed;
+    }
+    const bool refused = (record.last_tcp_flags & tcp_rst) != 0;
+    return refused ? connection_end::reset : connection_end::none;
+}
+
+}  // namespace
+
 void add_packet(flow_record& record, const packet_facts& packet) {
     const bool first = record.packets() == 0;
     // Time stamps may run backwards within a capture.
@@ -21,6 +41,36 @@ void add_packet(flow_record& record, const packet_facts& packet) {
     counts.payload_bytes += packet.payload_bytes;
     counts.tcp_flags |= packet.tcp_flags;
     record.later_fragments += packet.later_fragment ? 1 : 0;
+    record.last_tcp_flags = packet.later_fragment ? record.last_tcp_flags : packet.tcp_flags;
+}
+
+void note_states(flow_record& record, uint8_t session_state, zon_tcp_state_t tcp_state,
+                 const packet_facts& packet) {
+    record.session_state = session_state;
+    record.tcp_state = tcp_state;
+    if (tcp_state == ZON_TCP_TIMEWAIT && record.session_end == connection_end::none) {
+        record.session_end =
+            (packet.tcp_flags & tcp_rst) != 0 ? connection_end::reset : connection_end::closed;
+    }
+}
+
+const char* end_name(const flow_record& record) {
+    switch (end_of_connection(record)) {
+    case connection_end::closed:
+        return "closed";
+    case connection_end::reset:
+        return "reset";
+    case connection_end::none:
+        break;
+    }
+    switch (record.end_reason) {
+    case ZON_FLOW_CLOSE_REASON_INACTIVE_TIMEOUT:
+        return "idle";
+    case ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED:
+        return "open";
+    default:
+        return "other";
+    }
 }
 
 int ip_version(const flow_record& record) {

@@ -25,6 +25,9 @@ struct direction_counts {
     uint8_t tcp_flags = 0;  // all flags seen, as in byte 13 of the TCP header
 };
 
+// What TCP's own flags say of the end of a connection.
+enum class connection_end { none, closed, reset };
+
 struct flow_record {
     zon_fid_t fid = 0;
     zon_flow_tuple_t tuple{};  // from the initiator to the responder
@@ -36,6 +39,8 @@ struct flow_record {
     uint64_t last_seen_us = 0;
     uint8_t session_state = 0;  // after the last packet
     zon_tcp_state_t tcp_state = ZON_TCP_CLOSED;
+    uint8_t last_tcp_flags = 0;
+    connection_end session_end = connection_end::none;  // what brought it to time_wait
     zon_tunnel_type_e tunnel = ZON_TUNNEL_TYPE_NONE;
     zon_fid_t parent = 0;
     bool promoted = false;
@@ -60,6 +65,18 @@ struct packet_facts {
 };
 
 void add_packet(flow_record& record, const packet_facts& packet);
+
+// To be called after add_packet, with the states after the packet.
+void note_states(flow_record& record, uint8_t session_state, zon_tcp_state_t tcp_state,
+                 const packet_facts& packet);
+
+// How the flow ended, in a word of at most six letters:
+//   "closed"  TCP: each side has sent its FIN
+//   "reset"   TCP: a RST ended the connection, or was the last that was seen of the connection
+//   "idle"    none of these; nothing came for the idle time
+//   "open"    none of these, when the capture ended
+//   "other"   the engine took it off for another reason (end_reason_name)
+const char* end_name(const flow_record& record);
 
 int ip_version(const flow_record& record);
 // "192.0.2.1" or "2001:db8::1".

@@ -15,6 +15,9 @@ namespace zonflow {
 namespace {
 
 std::optional<unsigned> prefix_bits_of(std::string_view text, unsigned most) {
+    if (text.size() > 1 && text.front() == '0') {
+        return std::nullopt;  // "/08" might be meant as octal
+    }
     unsigned bits = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), bits);
     const bool whole = error == std::errc() && end == text.data() + text.size();
@@ -55,6 +58,28 @@ std::optional<network> network_of_text(std::string_view text) {
     }
     result.prefix_bits = *bits;
     return result;
+}
+
+network without_bits_behind_prefix(network network) {
+    size_t at = network.prefix_bits / 8;
+    if (network.prefix_bits % 8 != 0) {
+        network.address[at] &= static_cast<uint8_t>(0xff00 >> network.prefix_bits % 8);
+        ++at;
+    }
+    std::fill(network.address.begin() + static_cast<std::ptrdiff_t>(at), network.address.end(),
+              uint8_t{0});
+    return network;
+}
+
+bool has_bits_behind_prefix(const network& network) {
+    return without_bits_behind_prefix(network).address != network.address;
+}
+
+std::string text_of(const network& network) {
+    char text[INET6_ADDRSTRLEN] = "";
+    inet_ntop(network.version == 6 ? AF_INET6 : AF_INET, network.address.data(), text,
+              sizeof(text));
+    return std::string(text) + "/" + std::to_string(network.prefix_bits);
 }
 
 bool contains(const network& network, int version, const ip_address& address) {

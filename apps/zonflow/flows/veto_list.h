@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <optional>
+#include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -22,6 +23,12 @@ struct network {
 // "192.0.2.0/24", "2001:db8::/32"; an address alone is a network of one host. Nothing for any other
 // text.
 std::optional<network> network_of_text(std::string_view text);
+
+// 10.1.2.3/8: most likely not what was meant.
+bool has_bits_behind_prefix(const network& network);
+network without_bits_behind_prefix(network network);
+// "10.0.0.0/8".
+std::string text_of(const network& network);
 
 bool contains(const network& network, int version, const ip_address& address);
 

@@ -15,7 +15,9 @@ json_object endpoint(const zon_ip_addr_t& address, uint16_t port, int version) {
 
 }  // namespace
 
-void json_output::begin(const std::string&) {}
+void json_output::begin(const std::string& file_name) {
+    file_ = file_name;
+}
 
 void json_output::flow(const flow_record& record) {
     const int version = ip_version(record);
@@ -38,12 +40,19 @@ void json_output::flow(const flow_record& record) {
         .number("later_fragments", record.later_fragments)
         .seconds("first_seen", record.first_seen_us)
         .seconds("last_seen", record.last_seen_us)
-        .text("l4_state", zon_session_state_string(record.session_state))
-        .text("tcp_state", zon_tcp_state_string(record.tcp_state))
-        .text("tunnel", tunnel_name(record.tunnel))
+        .text("l4_state", zon_session_state_string(record.session_state));
+    if (record.tuple.l4_protocol == ZON_TCP_PROT) {
+        object.text("tcp_state", zon_tcp_state_string(record.tcp_state));
+    } else {
+        object.null("tcp_state");
+    }
+    object.text("tunnel", tunnel_name(record.tunnel))
         .number("parent", record.parent)
         .boolean("promoted", record.promoted)
-        .text("end_reason", end_reason_name(record.end_reason));
+        .text("end_reason", end_reason_name(record.end_reason))
+        .text("end", end_name(record))
+        .seconds("duration", record.last_seen_us - record.first_seen_us)
+        .text("file", file_);
     if (record.bypass_id) {
         object.number("bypass_id", *record.bypass_id);
     }
@@ -59,9 +68,30 @@ void json_output::groups(const std::vector<source_group>& groups) {
             .number("flows", group.flows)
             .number("packets", group.packets)
             .number("ip_bytes", group.ip_bytes)
-            .number("payload_bytes", group.payload_bytes);
+            .number("payload_bytes", group.payload_bytes)
+            .text("file", file_);
         out_.write(object.str() + "\n");
     }
+}
+
+void json_output::dump(const std::string& text) {
+    json_object object;
+    object.text("type", "dump").text("text", text).text("file", file_);
+    out_.write(object.str() + "\n");
+}
+
+void json_output::histogram(const bucket_depths& depths) {
+    json_object counts;
+    for (const auto& [depth, buckets] : depths.buckets_of_depth) {
+        counts.number(std::to_string(depth), buckets);
+    }
+    json_object object;
+    object.text("type", "histogram")
+        .number("buckets", depths.buckets)
+        .number("half_flows", depths.half_flows)
+        .object("buckets_of_depth", counts)
+        .text("file", file_);
+    out_.write(object.str() + "\n");
 }
 
 void json_output::summary(const capture_summary& summary) {
@@ -76,7 +106,9 @@ void json_output::summary(const capture_summary& summary) {
         .number("flows", summary.flows)
         .number("not_ip", summary.not_ip)
         .object("refused", refused)
-        .number("malformed", summary.malformed);
+        .number("malformed", summary.malformed)
+        .number("out_of_time", summary.out_of_time)
+        .text("file", file_);
     out_.write(object.str() + "\n");
     out_.flush();
 }

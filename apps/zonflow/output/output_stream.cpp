@@ -4,19 +4,18 @@
 #include <sys/ioctl.h>
 
 #include <cerrno>
-#include <cstring>
 
 namespace zonflow {
 
 void output_stream::write(std::string_view text) {
     if (std::fwrite(text.data(), 1, text.size(), file_) != text.size()) {
-        throw output_error(std::strerror(errno));
+        throw output_error(errno);
     }
 }
 
 void output_stream::flush() {
     if (std::fflush(file_) != 0) {
-        throw output_error(std::strerror(errno));
+        throw output_error(errno);
     }
 }
 

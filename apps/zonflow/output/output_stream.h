@@ -3,14 +3,24 @@
 #ifndef ZONFLOW_OUTPUT_STREAM_H
 #define ZONFLOW_OUTPUT_STREAM_H
 
+#include <cerrno>
 #include <cstdio>
+#include <cstring>
 #include <stdexcept>
 #include <string_view>
 
 namespace zonflow {
 
-struct output_error : std::runtime_error {
-    using std::runtime_error::runtime_error;
+class output_error : public std::runtime_error {
+public:
+    // The error number says why.
+    explicit output_error(int number)
+        : std::runtime_error(std::strerror(number)), number_(number) {}
+    // A reader that has seen enough, as "head": nothing that anybody wants to hear of.
+    bool reader_has_gone() const { return number_ == EPIPE; }
+
+private:
+    int number_;
 };
 
 class output_stream {

@@ -1,5 +1,4 @@
-// table_output.cpp - lays flows out in columns. Two long IPv6 endpoints take a line each; nothing
-// is cut off.
+// table_output.cpp - lays flows out in columns; nothing is cut off.
 #include "output/table_output.h"
 
 #include <algorithm>
@@ -11,11 +10,25 @@ namespace zonflow {
 namespace {
 
 constexpr int least_columns = 80;
-constexpr int columns_beside_addresses = 37;  // of the other columns and the gaps
+constexpr int columns_beside_addresses = 37;  // of the other columns, a mark and the gaps
 constexpr int flags_columns = 14;             // of the flags and their gap
-constexpr int columns_with_flags = 100;       // from this width on there is room for them
-constexpr int widest_addresses = 95;          // two IPv6 endpoints and a gap
-constexpr size_t widest_address = 39;         // one of IPv6, without a port
+constexpr int vlan_columns = 5;
+constexpr int columns_with_flags = 100;  // from this width on there is room for them
+constexpr int widest_addresses = 95;     // two IPv6 endpoints and a gap
+constexpr size_t widest_address = 39;    // one of IPv6, without a port
+
+constexpr char announced = 'p';
+constexpr char ipv6_in_ipv4 = '6';
+constexpr char teredo = 't';
+constexpr char bypassed = '*';
+
+// In the order in which they are explained.
+constexpr std::array<std::pair<char, const char*>, 4> mark_texts{{
+    {announced, "announced by its control connection (promoted)"},
+    {ipv6_in_ipv4, "inside an IPv6-in-IPv4 tunnel"},
+    {teredo, "inside a Teredo tunnel"},
+    {bypassed, "bypassed"},
+}};
 
 std::string protocol_text(uint8_t protocol) {
     switch (protocol) {
@@ -61,21 +74,6 @@ std::string state_text(const flow_record& record) {
     }
 }
 
-std::string end_text(zon_flow_deletion_reason_e reason) {
-    switch (reason) {
-    case ZON_FLOW_CLOSE_REASON_END_OF_FLOW:
-        return "end";
-    case ZON_FLOW_CLOSE_REASON_INACTIVE_TIMEOUT:
-        return "idle";
-    case ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE:
-        return "short";
-    case ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED:
-        return "open";  // it was when the capture ended
-    default:
-        return "client";
-    }
-}
-
 // Both directions: "SAPF/SAP".
 std::string flags_text(const flow_record& record) {
     if (record.tuple.l4_protocol != ZON_TCP_PROT) {
@@ -93,6 +91,10 @@ std::string flags_text(const flow_record& record) {
         }
     }
     return text;
+}
+
+std::string counted(uint64_t count, const char* one, const char* several) {
+    return std::to_string(count) + " " + (count == 1 ? one : several);
 }
 
 }  // namespace
@@ -113,11 +115,12 @@ std::string short_number(uint64_t value) {
     return "";
 }
 
-table_output::table_output(output_stream& out, bool several_files)
-    : out_(out), several_files_(several_files) {
+table_output::table_output(output_stream& out, bool several_files, bool show_vlan)
+    : out_(out), several_files_(several_files), show_vlan_(show_vlan) {
     const int columns = std::max(out.columns(), least_columns);
     show_flags_ = columns >= columns_with_flags;
-    const int others = columns_beside_addresses + (show_flags_ ? flags_columns : 0);
+    const int others = columns_beside_addresses + (show_flags_ ? flags_columns : 0) +
+                       (show_vlan_ ? vlan_columns : 0);
     address_columns_ = static_cast<size_t>(std::min(columns - others, widest_addresses));
 }
 
@@ -126,47 +129,64 @@ void table_output::begin(const std::string& file_name) {
         out_.write((first_file_ ? "" : "\n") + file_name + ":\n");
     }
     first_file_ = false;
-    header();
+    marks_.clear();
+    row({"PROT", "VLAN", "INITIATOR", "RESPONDER", "PKTS", "BYTES", "FLAGS", "STATE", "END", ""});
 }
 
-void table_output::header() {
-    const std::string addresses = padded("INITIATOR", (address_columns_ - 1) / 2) + " RESPONDER";
-    row("PROT", addresses, "PKTS", "BYTES", "FLAGS", "STATE", "END");
-}
-
-void table_output::row(const std::string& protocol, const std::string& addresses,
-                       const std::string& packets, const std::string& bytes,
-                       const std::string& flags, const std::string& state, const std::string& end) {
-    std::string line = padded(protocol, 4) + " " + padded(addresses, address_columns_) + " " +
-                       right_aligned(packets, 6) + " " + right_aligned(bytes, 6) + " ";
-    if (show_flags_) {
-        line += padded(flags, flags_columns - 1) + " ";
+void table_output::row(const cells& of) {
+    // A short responder gives way to a long initiator.
+    const size_t half = (address_columns_ - 1) / 2;
+    const size_t room = address_columns_ - std::min(of.to.size() + 1, address_columns_);
+    const std::string from = padded(of.from, std::min(half, room));
+    std::string line = padded(of.protocol, 4) + " ";
+    if (show_vlan_) {
+        line += right_aligned(of.vlan, vlan_columns - 1) + " ";
     }
-    out_.write(line + padded(state, 10) + " " + end + "\n");
+    line += padded(from + " " + of.to, address_columns_) + " " + right_aligned(of.packets, 5) +
+            " " + right_aligned(of.bytes, 5) + " ";
+    if (show_flags_) {
+        line += padded(of.flags, flags_columns - 1) + " ";
+    }
+    line += padded(of.state, 10) + " " + padded(of.end, 6) + " " + of.marks;
+    line.erase(line.find_last_not_of(' ') + 1);
+    out_.write(line + "\n");
+}
+
+std::string table_output::marks_of(const flow_record& record) {
+    std::string marks;
+    if (record.promoted) {
+        marks += announced;
+    }
+    if (record.tunnel == ZON_TUNNEL_TYPE_IPV6INIP) {
+        marks += ipv6_in_ipv4;
+    } else if (record.tunnel == ZON_TUNNEL_TYPE_TEREDO) {
+        marks += teredo;
+    }
+    marks_.insert(marks.begin(), marks.end());
+    return marks;
 }
 
 void table_output::flow(const flow_record& record) {
     const int version = ip_version(record);
-    const std::string from = endpoint_text(record.tuple.src_ip, record.tuple.src_port, version);
-    const std::string to = endpoint_text(record.tuple.dst_ip, record.tuple.dst_port, version);
-    const size_t half = (address_columns_ - 1) / 2;
     std::string protocol = protocol_text(record.tuple.l4_protocol);
     if (record.bypass_id.value_or(0) != 0) {
-        protocol += "*";
+        protocol += bypassed;
+        marks_.insert(bypassed);
     }
-    std::string addresses = padded(from, half) + " " + to;
-    if (from.size() > half || to.size() > half) {
-        out_.write(padded(protocol, 4) + " " + from + "\n");
-        protocol = "  ->";
-        addresses = to;
-        if (to.size() > address_columns_) {
-            out_.write("  -> " + to + "\n");
-            protocol = addresses = "";
+    row({protocol, std::to_string(record.tuple.vrf_id),
+         endpoint_text(record.tuple.src_ip, record.tuple.src_port, version),
+         endpoint_text(record.tuple.dst_ip, record.tuple.dst_port, version),
+         short_number(record.packets()),
+         short_number(record.initiator.ip_bytes + record.responder.ip_bytes), flags_text(record),
+         state_text(record), end_name(record), marks_of(record)});
+}
+
+void table_output::explain_marks() {
+    for (const auto& [mark, text] : mark_texts) {
+        if (marks_.count(mark) != 0) {
+            out_.write(std::string(1, mark) + " " + text + "\n");
         }
     }
-    row(protocol, addresses, short_number(record.packets()),
-        short_number(record.initiator.ip_bytes + record.responder.ip_bytes), flags_text(record),
-        state_text(record), end_text(record.end_reason));
 }
 
 void table_output::groups(const std::vector<source_group>& groups) {
@@ -183,11 +203,27 @@ void table_output::group_row(const std::string& address, const std::string& flow
                right_aligned(packets, 6) + " " + right_aligned(bytes, 6) + "\n");
 }
 
+void table_output::dump(const std::string& text) {
+    out_.write("\n" + text + "\n");
+}
+
+void table_output::histogram(const bucket_depths& depths) {
+    out_.write("\nHash distribution: " + counted(depths.half_flows, "half flow", "half flows") +
+               " (two a flow) in " + counted(depths.buckets, "bucket", "buckets") +
+               "\n     DEPTH    BUCKETS\n");
+    for (const auto& [depth, buckets] : depths.buckets_of_depth) {
+        out_.write(right_aligned(std::to_string(depth), 10) + " " +
+                   right_aligned(std::to_string(buckets), 10) + "\n");
+    }
+    out_.write("\n");
+}
+
 void table_output::summary(const capture_summary& summary) {
-    std::string text = std::to_string(summary.packets) +
-                       " packets: " + std::to_string(summary.classified) + " in " +
-                       std::to_string(summary.flows) + " flows, " + std::to_string(summary.not_ip) +
-                       " not IP, " + std::to_string(summary.malformed) + " malformed";
+    explain_marks();
+    std::string text =
+        counted(summary.packets, "packet", "packets") + ": " + std::to_string(summary.classified) +
+        " in " + counted(summary.flows, "flow", "flows") + ", " + std::to_string(summary.not_ip) +
+        " not IP, " + std::to_string(summary.malformed) + " malformed";
     for (const auto& [reason, count] : summary.refused) {
         text += ",\n  " + std::to_string(count) + " refused: " + reason;
     }

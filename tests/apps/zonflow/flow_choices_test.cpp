@@ -48,15 +48,19 @@ const std::vector<bytes> three_sources{
 TEST(groups, add_flows_up_under_their_initiator_those_with_most_bytes_first) {
     const json_result run = run_packets(three_sources, "--by source");
     ASSERT_EQ(run.groups.size(), 3u);
+    const std::string end = ",\"file\":\"" + json_field(run.summaries[0], "file") + "\"}";
     EXPECT_EQ(run.groups[0],
               "{\"type\":\"group\",\"by\":\"source\",\"address\":\"10.1.0.3\",\"flows\":1,"
-              "\"packets\":1,\"ip_bytes\":528,\"payload_bytes\":500}");
+              "\"packets\":1,\"ip_bytes\":528,\"payload_bytes\":500" +
+                  end);
     EXPECT_EQ(run.groups[1],
               "{\"type\":\"group\",\"by\":\"source\",\"address\":\"10.0.0.1\",\"flows\":2,"
-              "\"packets\":3,\"ip_bytes\":214,\"payload_bytes\":130}");
+              "\"packets\":3,\"ip_bytes\":214,\"payload_bytes\":130" +
+                  end);
     EXPECT_EQ(run.groups[2],
               "{\"type\":\"group\",\"by\":\"source\",\"address\":\"2001:db8::1\",\"flows\":1,"
-              "\"packets\":1,\"ip_bytes\":58,\"payload_bytes\":10}");
+              "\"packets\":1,\"ip_bytes\":58,\"payload_bytes\":10" +
+                  end);
     EXPECT_EQ(run.flows.size(), 4u);
 }
 
@@ -163,9 +167,10 @@ TEST(bypass, marks_the_protocol_in_the_table) {
         pcap_bytes({{start, tcp(one, two, 1, 80, 10)}, {start, tcp(one, two, 2, 80, 1)}}, 101));
     const std::vector<std::string> lines =
         lines_of(run_zonflow("--bypass-after 10 " + capture.path()).out);
-    ASSERT_EQ(lines.size(), 4u);
+    ASSERT_EQ(lines.size(), 5u);
     EXPECT_EQ(lines[1].rfind("TCP* 10.0.0.1:1 ", 0), 0u) << lines[1];
     EXPECT_EQ(lines[2].rfind("TCP  10.0.0.1:2 ", 0), 0u) << lines[2];
+    EXPECT_EQ(lines[3], "* bypassed");
 }
 
 }  // namespace

@@ -26,6 +26,11 @@ TEST(zonflow_options, help_lists_every_option_and_ends_with_0) {
           "--help",       "--version",      "Examples:",      "Exit codes:"}) {
         EXPECT_TRUE(contains(run.out, option)) << option;
     }
+    for (const char* explained :
+         {"  closed  ", "  reset   ", "  idle    ", "  open    ", "BYTES whole IP packets",
+          "at least so many seconds of silence and at most twice as", "every UDP port"}) {
+        EXPECT_TRUE(contains(run.out, explained)) << explained;
+    }
 }
 
 TEST(zonflow_options, version_names_the_program) {
@@ -41,6 +46,9 @@ TEST_P(wrong_command_line, ends_with_2_and_says_so_on_standard_error) {
     EXPECT_EQ(run.exit_code, 2);
     EXPECT_EQ(run.out, "");
     EXPECT_TRUE(contains(run.err, "zonflow: "));
+    for (const char* parser_talk : {"{", "FAILED", "required but", "Check", "UINT", "TEXT"}) {
+        EXPECT_FALSE(contains(run.err, parser_talk)) << run.err;
+    }
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -51,7 +59,36 @@ INSTANTIATE_TEST_SUITE_P(
                     "--veto 10.0.0.0/33 x.pcap", "--veto 2001:db8::/129 x.pcap",
                     "--veto example x.pcap", "--veto 10.0.0.0/8 --veto 10/8 x.pcap",
                     "--bypass-after 0 x.pcap", "--bypass-after -1 x.pcap",
-                    "--bypass-after 2147483648 x.pcap", "--trace tcp x.pcap", "--trace 3 x.pcap"));
+                    "--bypass-after 2147483648 x.pcap", "--trace tcp x.pcap", "--trace 3 x.pcap",
+                    "-o 1 x.pcap", "-o", "-o json -o xml x.pcap", "--trace engine,,fe x.pcap",
+                    "--trace engine, x.pcap", "--trace , x.pcap", "--veto 1.2.3.4/8 x.pcap",
+                    "--veto 1.0.0.0/08 x.pcap", "--max-flows 1e3 x.pcap",
+                    "--max-flows 16000001 x.pcap"));
+
+TEST(zonflow_options, says_in_words_of_its_own_what_is_wrong) {
+    const std::pair<const char*, const char*> messages[] = {
+        {"-o xml x", "--output: \"xml\" is no format: json, table\n"},
+        {"--trace engine,,fe x",
+         "--trace: \"\" is no part of the engine: ager, all, engine, fe, l4\n"},
+        {"--by host x", "--by: \"host\" is no grouping: source\n"},
+        {"--max-flows 0 x", "--max-flows: \"0\" is no number from 1 to 16000000\n"},
+        {"--idle-tcp", "--idle-tcp: a value is missing\n"},
+        {"--veto 1.2.3.4/8 x",
+         "--veto: \"1.2.3.4/8\" has address bits behind its prefix: 1.0.0.0/8 is the network\n"},
+        {"--veto 10/8 x", "--veto: \"10/8\" is no network such as 10.0.0.0/8 or 2001:db8::/32\n"},
+    };
+    for (const auto& [arguments, message] : messages) {
+        EXPECT_EQ(run_zonflow(arguments).err,
+                  std::string("zonflow: ") + message + "Run zonflow --help for the options.\n");
+    }
+}
+
+TEST(zonflow_options, take_the_last_of_several_values) {
+    const temporary_file capture(small_capture);
+    EXPECT_EQ(run_zonflow("-o table -o json " + capture.path()).out,
+              run_zonflow("-o json " + capture.path()).out);
+    EXPECT_EQ(run_json("--max-flows 7 --max-flows 8 " + capture.path()).exit_code, 0);
+}
 
 TEST(zonflow_options, accepts_every_option_together) {
     const temporary_file capture(small_capture);
@@ -59,7 +96,8 @@ TEST(zonflow_options, accepts_every_option_together) {
         "--vlan-key --max-flows 10 --idle-opening 1 --idle-tcp 2 --idle-udp 3 --idle-closing 4 "
         "--tcp-checks "
         "--no-tunnels --no-fragments --idle-announced 5 --by source --veto 192.0.2.0/24 "
-        "--veto 2001:db8::/32 --bypass-after 100 --no-helpers --trace engine,l4 --trace ager " +
+        "--veto 2001:db8::/32 --bypass-after 100 --no-helpers --dump --histogram "
+        "--trace engine,l4 --trace ager " +
         capture.path());
     EXPECT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(run.flows.size(), 1u);
@@ -79,6 +117,15 @@ TEST(zonflow_trace, goes_to_standard_error_and_leaves_the_output_as_it_is) {
     EXPECT_FALSE(contains(run_zonflow("--trace ager " + capture.path()).err, "ZON Engine"));
 }
 
+TEST(zonflow_trace, tells_of_no_error_where_there_is_none) {
+    const temporary_file capture(small_capture);
+    const program_result traced = run_zonflow("--trace all " + capture.path());
+    EXPECT_TRUE(contains(traced.err, "ZON Engine: zon_init")) << traced.err;
+    for (const char* error : {"ERRMSG", "not attached"}) {
+        EXPECT_FALSE(contains(traced.err, error)) << traced.err;
+    }
+}
+
 TEST(zonflow_exit_codes, are_0_with_nothing_on_standard_error_for_a_whole_capture) {
     const temporary_file capture(small_capture);
     const program_result run = run_zonflow(capture.path());
@@ -93,7 +140,7 @@ TEST(zonflow_exit_codes, are_1_for_a_damaged_capture_and_what_came_before_is_rep
     const temporary_file capture(file);
     const json_result run = run_json(capture.path());
     EXPECT_EQ(run.exit_code, 1);
-    EXPECT_TRUE(contains(run.err, capture.path() + ": damaged after 1 packets: ")) << run.err;
+    EXPECT_TRUE(contains(run.err, capture.path() + ": damaged after 1 packet: ")) << run.err;
     ASSERT_EQ(run.flows.size(), 1u);
     ASSERT_EQ(run.summaries.size(), 1u);
     EXPECT_EQ(json_number(run.summaries[0], "packets"), 1u);
@@ -141,11 +188,15 @@ TEST(zonflow_exit_codes, are_4_when_the_disk_is_full) {
         EXPECT_EQ(run.exit_code, 4);
         EXPECT_TRUE(contains(run.err, "cannot write the output")) << run.err;
     }
-    EXPECT_EQ(run_zonflow("--help", ">/dev/full").exit_code, 4);
+    for (const char* option : {"--help", "--version"}) {
+        const program_result run = run_zonflow(option, ">/dev/full");
+        EXPECT_EQ(run.exit_code, 4);
+        EXPECT_EQ(run.err, "zonflow: cannot write the output: No space left on device\n");
+    }
 }
 
 // Runs the program with its standard output in a pipe that nobody reads.
-int exit_code_without_a_reader(const std::string& capture) {
+int exit_code_without_a_reader(const std::string& capture, const std::string& errors) {
     int ends[2];
     if (pipe(ends) != 0) {
         return -1;
@@ -155,7 +206,7 @@ int exit_code_without_a_reader(const std::string& capture) {
     if (child == 0) {
         dup2(ends[1], STDOUT_FILENO);
         close(ends[1]);
-        std::freopen("/dev/null", "w", stderr);
+        std::freopen(errors.c_str(), "w", stderr);
         execl(ZONFLOW_BINARY, ZONFLOW_BINARY, "-o", "json", capture.c_str(), nullptr);
         _exit(127);
     }
@@ -165,9 +216,11 @@ int exit_code_without_a_reader(const std::string& capture) {
     return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
-TEST(zonflow_exit_codes, are_4_when_the_reader_of_the_output_has_gone) {
+TEST(zonflow_exit_codes, are_4_without_a_word_when_the_reader_of_the_output_has_gone) {
     const temporary_file capture(small_capture);
-    EXPECT_EQ(exit_code_without_a_reader(capture.path()), 4);
+    const temporary_file errors{bytes{}};
+    EXPECT_EQ(exit_code_without_a_reader(capture.path(), errors.path()), 4);
+    EXPECT_EQ(std::filesystem::file_size(errors.path()), 0u);
 }
 
 TEST(zonflow_progress, is_never_shown_where_standard_error_is_no_terminal) {

@@ -50,6 +50,7 @@ TEST(zonflow, prints_the_fields_of_a_flow_in_their_order) {
     const json_result run = run_packets(web_connection);
     ASSERT_EQ(run.flows.size(), 1u);
     const std::string fid = json_field(run.flows[0], "fid");
+    const std::string file = json_field(run.flows[0], "file");
     EXPECT_EQ(
         run.flows[0],
         "{\"type\":\"flow\",\"fid\":" + fid +
@@ -63,11 +64,14 @@ TEST(zonflow, prints_the_fields_of_a_flow_in_their_order) {
             "\"later_fragments\":0,\"first_seen\":1700000000.000000,\"last_seen\":1700000005."
             "000000,"
             "\"l4_state\":\"closed\",\"tcp_state\":\"time_wait\",\"tunnel\":\"none\",\"parent\":0,"
-            "\"promoted\":false,\"end_reason\":\"flows_destroyed\"}");
+            "\"promoted\":false,\"end_reason\":\"flows_destroyed\",\"end\":\"closed\","
+            "\"duration\":5.000000,\"file\":\"" +
+            file + "\"}");
     EXPECT_EQ(run.summaries[0],
               "{\"type\":\"summary\",\"packets\":8,\"classified\":8,\"flows\":1,\"not_ip\":0,"
               "\"refused\":{},"
-              "\"malformed\":0}");
+              "\"malformed\":0,\"out_of_time\":0,\"file\":\"" +
+                  file + "\"}");
 }
 
 TEST(zonflow, gives_a_port_that_is_used_again_two_seconds_after_the_end_a_flow_of_its_own) {
@@ -146,6 +150,20 @@ TEST(zonflow, copes_with_a_time_stamp_of_the_far_future) {
                                          {year_2106, udp(client, server, 1, 2)},
                                          {second, udp(client, server, 1, 2)}});
     EXPECT_EQ(run.flows.size(), 2u);
+    EXPECT_EQ(json_number(run.summaries[0], "out_of_time"), 1u);
+}
+
+TEST(zonflow, counts_packets_far_behind_the_latest_and_says_so) {
+    const std::vector<stamped_frame> packets{{start, udp(client, server, 1, 2)},
+                                             {start + 10 * second, udp(client, server, 1, 2)},
+                                             {start + 9 * second, udp(client, server, 1, 2)},
+                                             {start + 8 * second, udp(client, server, 1, 2)},
+                                             {start + 7 * second, udp(client, server, 1, 2)}};
+    const json_result run = run_packets(packets);
+    EXPECT_EQ(json_number(run.summaries[0], "out_of_time"), 2u);  // a second behind still is time
+    EXPECT_NE(run.err.find(": 2 packets stamped more than a second before"), std::string::npos)
+        << run.err;
+    EXPECT_EQ(run_packets({packets.begin(), packets.begin() + 3}).err, "");
 }
 
 TEST(zonflow, counts_later_fragments_to_the_direction_that_they_come_from) {
@@ -252,7 +270,8 @@ TEST(zonflow, counts_every_packet_exactly_once) {
         "{\"type\":\"summary\",\"packets\":8,\"classified\":1,\"flows\":1,\"not_ip\":1,\"refused\":"
         "{\"protocol_not_tracked\":1,\"tunnelled_protocol_not_tracked\":1,\"unknown_ip_version\":1}"
         ","
-        "\"malformed\":3}");
+        "\"malformed\":3,\"out_of_time\":0,\"file\":\"" +
+            capture.path() + "\"}");
 }
 
 TEST(zonflow, refuses_flows_beyond_the_most_and_goes_on) {
@@ -263,6 +282,10 @@ TEST(zonflow, refuses_flows_beyond_the_most_and_goes_on) {
     const json_result run = run_packets(packets, "--max-flows 10");
     EXPECT_EQ(run.flows.size(), 10u);
     EXPECT_EQ(json_field(run.summaries[0], "refused"), "{\"out_of_memory\":2}");
+    EXPECT_NE(run.err.find(": 2 packets refused for want of room: --max-flows sets"),
+              std::string::npos)
+        << run.err;
+    EXPECT_NE(run.err.find("(now 10)"), std::string::npos) << run.err;
 }
 
 TEST(zonflow, takes_a_reset_connection_off_within_about_a_second) {

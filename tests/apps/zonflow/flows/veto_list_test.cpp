@@ -49,6 +49,33 @@ INSTANTIATE_TEST_SUITE_P(veto_list, networks,
                                          containment{"2001:db8::1/128", "2001:db8::1", true},
                                          containment{"2001:db8::1", "2001:db8::2", false}));
 
+struct host_bits_case {
+    const char* text;
+    const char* network;
+};
+
+class networks_with_host_bits : public testing::TestWithParam<host_bits_case> {};
+
+TEST_P(networks_with_host_bits, are_told_from_those_without) {
+    const auto network = network_of_text(GetParam().text);
+    ASSERT_TRUE(network);
+    const std::string text = text_of(without_bits_behind_prefix(*network));
+    EXPECT_EQ(text, GetParam().network);
+    EXPECT_EQ(has_bits_behind_prefix(*network), text != GetParam().text);
+}
+
+INSTANTIATE_TEST_SUITE_P(veto_list, networks_with_host_bits,
+                         testing::Values(host_bits_case{"10.0.0.0/8", "10.0.0.0/8"},
+                                         host_bits_case{"1.2.3.4/8", "1.0.0.0/8"},
+                                         host_bits_case{"192.0.2.129/25", "192.0.2.128/25"},
+                                         host_bits_case{"192.0.2.128/25", "192.0.2.128/25"},
+                                         host_bits_case{"192.0.2.1/32", "192.0.2.1/32"},
+                                         host_bits_case{"0.0.0.1/0", "0.0.0.0/0"},
+                                         host_bits_case{"2001:db8::1/32", "2001:db8::/32"},
+                                         host_bits_case{"2001:db8:8000::/33", "2001:db8:8000::/33"},
+                                         host_bits_case{"2001:db8:c000::/33", "2001:db8:8000::/33"},
+                                         host_bits_case{"2001:db8::1/128", "2001:db8::1/128"}));
+
 class no_networks : public testing::TestWithParam<const char*> {};
 
 TEST_P(no_networks, are_refused) {
@@ -57,8 +84,9 @@ TEST_P(no_networks, are_refused) {
 
 INSTANTIATE_TEST_SUITE_P(veto_list, no_networks,
                          testing::Values("", "/", "/8", "10.0.0.0/", "10.0.0.0/33", "10.0.0.0/-1",
-                                         "10.0.0.0/+8", "10.0.0.0/8/8", "10.0.0.0/8 ", " 10.0.0.0",
-                                         "10.0.0", "10.0.0.256/8", "2001:db8::/129", "example.test",
+                                         "10.0.0.0/+8", "10.0.0.0/8/8", "10.0.0.0/08",
+                                         "10.0.0.0/00", "10.0.0.0/8 ", " 10.0.0.0", "10.0.0",
+                                         "10.0.0.256/8", "2001:db8::/129", "example.test",
                                          "10.0.0.0/99999999999999999999"));
 
 }  // namespace

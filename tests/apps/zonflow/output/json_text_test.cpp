@@ -13,8 +13,37 @@ TEST(json_text, escapes_quotes_backslashes_and_control_characters) {
 }
 
 TEST(json_text, leaves_utf8_as_it_is) {
-    EXPECT_EQ(json_string("\xc3\xa9/"), "\"\xc3\xa9/\"");
+    for (const char* text : {"\xc3\xa9/", "\xe2\x82\xac", "\xed\x9f\xbf", "\xee\x80\x80",
+                             "\xf0\x9f\x92\xa1", "\xf4\x8f\xbf\xbf"}) {
+        EXPECT_EQ(json_string(text), std::string("\"") + text + "\"");
+    }
 }
+
+struct bytes_case {
+    const char* name;
+    const char* bytes;
+    const char* text;
+};
+
+class bytes_that_are_no_utf8 : public testing::TestWithParam<bytes_case> {};
+
+TEST_P(bytes_that_are_no_utf8, are_replaced_one_by_one) {
+    EXPECT_EQ(json_string(GetParam().bytes), std::string("\"") + GetParam().text + "\"");
+}
+
+const bytes_case bytes_cases[] = {
+    {"a_continuation_alone", "a\x80z", "a\\ufffdz"},
+    {"a_lead_at_the_end", "a\xc3", "a\\ufffd"},
+    {"a_lead_before_another_letter", "\xe2\x82z", "\\ufffd\\ufffdz"},
+    {"an_overlong_slash", "\xc0\xaf", "\\ufffd\\ufffd"},
+    {"an_overlong_sequence_of_three", "\xe0\x9f\xbf", "\\ufffd\\ufffd\\ufffd"},
+    {"a_surrogate", "\xed\xa0\x80", "\\ufffd\\ufffd\\ufffd"},
+    {"beyond_the_last_character", "\xf4\x90\x80\x80", "\\ufffd\\ufffd\\ufffd\\ufffd"},
+    {"latin_1", "caf\xe9.pcap", "caf\\ufffd.pcap"},
+};
+
+INSTANTIATE_TEST_SUITE_P(json_text, bytes_that_are_no_utf8, testing::ValuesIn(bytes_cases),
+                         [](const auto& row) { return row.param.name; });
 
 TEST(json_text, keeps_fields_in_their_order) {
     json_object inner;
@@ -27,6 +56,12 @@ TEST(json_text, keeps_fields_in_their_order) {
 
 TEST(json_text, writes_an_object_without_fields) {
     EXPECT_EQ(json_object().str(), "{}");
+}
+
+TEST(json_text, writes_what_is_not_known_as_null) {
+    json_object object;
+    object.null("a").number("b", 1);
+    EXPECT_EQ(object.str(), R"({"a":null,"b":1})");
 }
 
 TEST(json_text, writes_times_with_six_decimals) {
