@@ -280,8 +280,10 @@ void engine_host::attach_new_record(zon_fid_t fid, const zon_pkt_indications_t& 
     auto record = std::make_unique<flow_record>();
     record->fid = fid;
     check(zon_flow_get_tuple(fid, ZON_DIR_INITIATOR, &record->tuple), "cannot read a flow's tuple");
-    if (indications.was_promoted != 0) {  // others have no parent
-        check(zon_flow_get_parent(fid, &record->parent), "cannot find the parent of a flow");
+    // Others have no parent, and a parent that has gone is none.
+    if (indications.was_promoted != 0 &&
+        zon_flow_get_parent(fid, &record->parent) != zon_error_none) {
+        record->parent = ZON_NULL_FID;
     }
     check(zon_flow_attach_fo(fid, client_, ZON_DIR_BI, record.get()), "cannot attach a record");
     record.release();  // comes back through flow_goes_away

@@ -297,6 +297,63 @@ TEST(zonflow, takes_a_reset_connection_off_within_about_a_second) {
     EXPECT_EQ(json_field(run.flows[0], "end_reason"), "inactive_timeout");
 }
 
+TEST(zonflow, counts_a_syn_that_comes_within_a_second_of_a_reset_to_the_old_flow) {
+    for (const char* options : {"", "--idle-closing 0", "--idle-closing 60"}) {
+        const json_result run = run_packets({{start, tcp(true, syn)},
+                                             {start, tcp(false, rst | ack)},
+                                             {start + second / 2, tcp(true, syn)}},
+                                            options);
+        ASSERT_EQ(run.flows.size(), 1u) << options;
+        EXPECT_EQ(json_number(run.flows[0], "packets"), 3u);
+        EXPECT_EQ(json_field(run.flows[0], "end"), "reset");
+    }
+}
+
+TEST(zonflow, shows_a_connection_begun_before_the_capture_as_syn_sent_and_tells_its_end) {
+    const json_result run = run_packets({{start, tcp(false, ack, 100)},
+                                         {start, tcp(true, ack)},
+                                         {start, tcp(false, fin | ack)},
+                                         {start, tcp(true, fin | ack)}});
+    ASSERT_EQ(run.flows.size(), 1u);
+    EXPECT_EQ(json_field(run.flows[0], "initiator"), "{\"address\":\"10.0.0.2\",\"port\":80}");
+    EXPECT_EQ(json_field(run.flows[0], "tcp_state"), "syn_sent");
+    EXPECT_EQ(json_field(run.flows[0], "end"), "closed");
+}
+
+TEST(zonflow, counts_a_connection_of_an_address_with_itself_to_the_initiator) {
+    const json_result run =
+        run_packets({{start, udp(client, client, 1, 2)}, {start, udp(client, client, 2, 1)}});
+    ASSERT_EQ(run.flows.size(), 1u);
+    EXPECT_EQ(json_number(run.flows[0], "packets_initiator"), 2u);
+}
+
+TEST(zonflow, leaves_the_tcp_state_of_other_protocols_open) {
+    const json_result run = run_packets({{start, udp(client, server, 1, 2)}});
+    ASSERT_EQ(run.flows.size(), 1u);
+    EXPECT_EQ(json_field(run.flows[0], "tcp_state"), "null");
+    EXPECT_NE(run.flows[0].find("\"tcp_state\":null,"), std::string::npos);
+    EXPECT_EQ(json_field(run.flows[0], "end"), "open");
+}
+
+TEST(zonflow, cuts_nanoseconds_to_microseconds) {
+    const json_result run = run_packets(
+        {{start + 1'999, udp(client, server, 1, 2)}, {start + 5'000, udp(client, server, 1, 2)}});
+    ASSERT_EQ(run.flows.size(), 1u);
+    EXPECT_EQ(json_field(run.flows[0], "first_seen"), "1700000000.000001");
+    EXPECT_EQ(json_field(run.flows[0], "duration"), "0.000004");
+}
+
+TEST(zonflow, names_the_file_of_each_line) {
+    const temporary_file one(pcap_bytes({{start, udp(client, server, 1, 2)}}, 101));
+    const temporary_file other(pcap_bytes({{start, udp(client, server, 3, 4)}}, 101));
+    const json_result run = run_json("--by source " + one.path() + " " + other.path());
+    for (const auto* lines : {&run.flows, &run.groups, &run.summaries}) {
+        ASSERT_EQ(lines->size(), 2u);
+        EXPECT_EQ(json_field((*lines)[0], "file"), one.path());
+        EXPECT_EQ(json_field((*lines)[1], "file"), other.path());
+    }
+}
+
 TEST(zonflow, starts_anew_with_each_file) {
     const temporary_file capture(pcap_bytes({{start, udp(client, server, 1, 2)}}, 101));
     const json_result run = run_json(capture.path() + " " + capture.path());
