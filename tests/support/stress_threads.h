@@ -77,9 +77,11 @@ class stress_crew {
 public:
     using body = std::function<void(stress_thread&)>;
 
+    explicit stress_crew(uint32_t seed = stress_seed) : seed_(seed) {}
+
     void add(std::string name, body what) {
         const auto number = static_cast<uint32_t>(members_.size());
-        members_.push_back({std::make_unique<stress_thread>(std::move(name), stress_seed + number),
+        members_.push_back({std::make_unique<stress_thread>(std::move(name), seed_ + number),
                             std::move(what)});
     }
 
@@ -127,6 +129,7 @@ private:
                          each.self->done_.load() ? "done" : each.self->step_.load());
     }
 
+    const uint32_t seed_;
     std::vector<member> members_;
 };
 
