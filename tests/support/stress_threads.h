@@ -12,6 +12,8 @@
 
 #pragma once
 
+#include <unistd.h>
+
 #include <atomic>
 #include <barrier>
 #include <chrono>
@@ -19,6 +21,7 @@
 #include <cstdio>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <random>
 #include <string>
 #include <thread>
@@ -70,6 +73,7 @@ private:
     std::atomic<const char*> step_{"start"};
     std::atomic<uint64_t> steps_{0};
     std::atomic<bool> done_{false};
+    std::atomic<pid_t> thread_id_{0};
     std::barrier<>* barrier_ = nullptr;
 };
 
@@ -81,8 +85,16 @@ public:
 
     void add(std::string name, body what) {
         const auto number = static_cast<uint32_t>(members_.size());
-        members_.push_back({std::make_unique<stress_thread>(std::move(name), seed_ + number),
-                            std::move(what)});
+        members_.push_back(
+            {std::make_unique<stress_thread>(std::move(name), seed_ + number), std::move(what)});
+    }
+
+    // Threads are interrupted anywhere unless this is called: they get further, and meet less.
+    void leave_uninterrupted() { is_interrupted_ = false; }
+
+    // What else is printed when a thread hangs.
+    void when_stuck(std::function<void()> describe_more) {
+        describe_more_ = std::move(describe_more);
     }
 
     void run(schedule how, std::chrono::seconds limit = std::chrono::seconds(120)) {
@@ -102,6 +114,7 @@ private:
     };
 
     static void work(member& each) {
+        each.self->thread_id_.store(gettid(), std::memory_order_relaxed);
         each.what(*each.self);
         each.self->done_.store(true, std::memory_order_relaxed);
     }
@@ -112,8 +125,10 @@ private:
         std::vector<std::thread> threads;
         for (member& each : members_) {
             each.self->barrier_ = &barrier;
-            threads.emplace_back([&each, &barrier, seed = each.self->below(UINT32_MAX)] {
-                const interruptions everywhere(seed);
+            threads.emplace_back([this, &each, &barrier, seed = each.self->below(UINT32_MAX)] {
+                std::optional<interruptions> everywhere;
+                if (is_interrupted_)
+                    everywhere.emplace(seed);
                 barrier.arrive_and_wait();
                 work(each);
             });
@@ -124,12 +139,17 @@ private:
 
     void describe() const {
         for (const member& each : members_)
-            std::fprintf(stderr, "  %-24s step %llu: %s\n", each.self->name_.c_str(),
+            std::fprintf(stderr, "  %-24s thread %d, step %llu: %s\n", each.self->name_.c_str(),
+                         each.self->thread_id_.load(),
                          static_cast<unsigned long long>(each.self->steps_.load()),
                          each.self->done_.load() ? "done" : each.self->step_.load());
+        if (describe_more_)
+            describe_more_();
     }
 
     const uint32_t seed_;
+    bool is_interrupted_ = true;
+    std::function<void()> describe_more_;
     std::vector<member> members_;
 };
 

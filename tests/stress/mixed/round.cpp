@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "support/flow_reader.h"
+#include "support/lock_owners.h"
 
 namespace zon_test {
 namespace {
@@ -95,7 +96,8 @@ void act(actor& by, uint32_t own_role) {
         for (uint32_t step = 0; step < settings.steps && !::testing::Test::HasFailure(); ++step) {
             const uint32_t chosen = by.one_in(4) ? by.self.below(role_count) : own_role;
             roles[chosen].step(by);
-            by.self.stumble();
+            if (!by.self.is_alone())
+                by.self.stumble();
         }
         by.self.meet();
         const bool compares = own_role == 0 || by.self.is_alone();
@@ -119,6 +121,9 @@ void let_loose(const round_cast& cast, uint32_t threads, schedule how) {
                      act(by, own_role);
                  });
     }
+    crew.when_stuck(print_held_locks);
+    if (!cast.settings.interrupted)
+        crew.leave_uninterrupted();
     crew.run(how);
 }
 
@@ -136,11 +141,12 @@ round_settings settings_of_round(uint32_t number, uint32_t seed) {
     round_settings settings;
     settings.number = number;
     settings.seed = static_cast<uint32_t>(random());
-    settings.max_flows = number % 2 == 0 ? 160 : 60;  // roomy, or often full
+    settings.max_flows = (number + number / 4) % 2 == 0 ? 160 : 60;  // roomy, or often full
     settings.max_locks = lock_counts[random() % std::size(lock_counts)];
-    settings.steps = 600;
+    settings.interrupted = number % 4 < 2;
+    settings.steps = settings.interrupted ? 400 : 1200;
     settings.phases = 2;
-    settings.clock = clocks[number / 2 % std::size(clocks)];
+    settings.clock = clocks[number % std::size(clocks)];
     settings.loose = number % 3 == 2;
     settings.destroyed_with_flows = number % 5 >= 3;
     return settings;
