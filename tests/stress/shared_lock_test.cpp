@@ -174,5 +174,50 @@ INSTANTIATE_TEST_SUITE_P(stress, shared_lock,
                          ::testing::Values(lock_row{"one_lock", 1}, lock_row{"two_locks", 2}),
                          [](const auto& row) { return row.param.name; });
 
+// ---- flows of the same addresses
+// -----------------------------------------------------------------------------------------------
+
+// They differ in their VRF alone, and the newer one comes first in the bucket.
+class same_addresses : public contended_engine {
+protected:
+    void SetUp() override {
+        contended_engine::SetUp();
+        for (const uint32_t vrf_id : {0U, 1U})
+            ASSERT_EQ(send_in(vrf_id), vrf_id + 1);
+        ASSERT_NE(record_of(1)->flow_lock, record_of(2)->flow_lock);
+    }
+    static zon_fid_t send_in(uint32_t vrf_id) {
+        connection_packet packet = connection_packet::udp(1);
+        sent_packet sent;
+        return zon_handle_packet(packet.content.data(), vrf_id, nullptr, &sent.seen, &sent.error);
+    }
+    static zon_lock_t find_in(uint32_t vrf_id) {
+        zon_flow_tuple_t tuple = tuple_of(1);
+        tuple.vrf_id = vrf_id;
+        zon_fid_t fid = 0;
+        zon_lock_t lock = nullptr;
+        EXPECT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &fid, &lock),
+                  zon_error_none);
+        EXPECT_EQ(fid, vrf_id + 1);
+        return lock;
+    }
+};
+
+// A client that holds its own flow may look it up again. If that waited for another client's flow,
+// the two could wait for each other.
+TEST_F(same_addresses, are_looked_up_without_waiting_for_the_other_flow) {
+    const watchdog watched(std::chrono::seconds(60), [] {
+        std::fputs("a lookup waits for the flow of another VRF\n", stderr);
+    });
+    const zon_lock_t newer = find_in(1);
+    std::thread([] {
+        const zon_lock_t older = find_in(0);
+        EXPECT_EQ(send_in(0), 1U);
+        EXPECT_EQ(zon_flow_unlock(find_in(0)), zon_error_none);
+        EXPECT_EQ(zon_flow_unlock(older), zon_error_none);
+    }).join();
+    EXPECT_EQ(zon_flow_unlock(newer), zon_error_none);
+}
+
 }  // namespace
 }  // namespace zon_test
