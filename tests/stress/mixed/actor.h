@@ -41,6 +41,7 @@ struct round_cast {
     ledger* book = nullptr;
     std::array<zon_client_id_e, ledger::steady_clients> clients{};
     std::vector<zon_fid_t> parents;  // of the connections of that kind, in their order
+    std::atomic<uint32_t>* packets_of_newest = nullptr;
 };
 
 // The packet context that travels with every packet.
@@ -57,6 +58,8 @@ struct actor {
     ledger& book() const { return *cast.book; }
     bool one_in(uint32_t many) const { return self.below(many) == 0; }
     connection any_of(kind what) const;
+    // Several threads in a row get the same one, and then another one that was not used lately.
+    connection newest() const;
 };
 
 inline constexpr uint32_t connections_of_a_kind = 16;

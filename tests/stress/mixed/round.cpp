@@ -133,6 +133,13 @@ connection actor::any_of(kind what) const {
     return {what, self.below(what == kind::parent ? parent_count : connections_of_a_kind)};
 }
 
+connection actor::newest() const {
+    constexpr uint32_t packets_each = 6;
+    constexpr uint32_t numbers = 64;
+    const uint32_t packet = cast.packets_of_newest->fetch_add(1, std::memory_order_relaxed);
+    return {kind::plain, connections_of_a_kind + packet / packets_each % numbers};
+}
+
 round_settings settings_of_round(uint32_t number, uint32_t seed) {
     std::minstd_rand random(seed + number);
     constexpr zon_clock_mode_e clocks[] = {ZON_CLOCK_MANUAL_WAIT, ZON_CLOCK_MANUAL_INLINE,
@@ -144,8 +151,8 @@ round_settings settings_of_round(uint32_t number, uint32_t seed) {
     settings.max_flows = (number + number / 4) % 2 == 0 ? 160 : 60;  // roomy, or often full
     settings.max_locks = lock_counts[random() % std::size(lock_counts)];
     settings.interrupted = number % 4 < 2;
-    settings.steps = settings.interrupted ? 400 : 1200;
-    settings.phases = 2;
+    settings.steps = settings.interrupted ? 120 : 300;
+    settings.phases = 6;
     settings.clock = clocks[number % std::size(clocks)];
     settings.loose = number % 3 == 2;
     settings.destroyed_with_flows = number % 5 >= 3;
@@ -155,7 +162,8 @@ round_settings settings_of_round(uint32_t number, uint32_t seed) {
 void play_round(const round_settings& settings, uint32_t threads, schedule how,
                 round_totals& totals) {
     ledger book(settings.max_flows);
-    round_cast cast{settings, &book, {}, {}};
+    std::atomic<uint32_t> packets_of_newest{0};
+    round_cast cast{settings, &book, {}, {}, &packets_of_newest};
     set_engine_up(settings);
     register_steady_clients(cast);
     make_parents(cast);
