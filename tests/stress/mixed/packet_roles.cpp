@@ -20,8 +20,8 @@ void clean_up(const actor& by, const answer& got) {
 }
 
 void send_one(const actor& by, bool back) {
-    constexpr kind kinds[] = {kind::plain, kind::plain,  kind::plain, kind::plain,
-                              kind::plain, kind::parent, kind::moved, kind::forbidden};
+    constexpr kind kinds[] = {kind::plain,    kind::plain,  kind::plain, kind::expected,
+                              kind::expected, kind::parent, kind::moved, kind::forbidden};
     const connection which = by.one_in(2) ? by.newest() : by.any_of(kinds[by.self.below(8)]);
     if (which.what == kind::forbidden) {
         by.self.doing("send a forbidden packet");
