@@ -17,6 +17,9 @@
 #include <tuple>
 #include <vector>
 
+#include "support/deadline_model.h"
+#include "support/session_model.h"
+
 namespace zon_test {
 
 using address = std::array<uint32_t, 4>;  // host-order words; IPv4 uses the first
@@ -66,9 +69,7 @@ struct deletion {
 
 class flow_model {
 public:
-    static constexpr uint64_t tick_us = 15000;
     static constexpr int timed_out = 1;
-    enum session { closed, opening, uni, uni_incorrect, bi, bi_incorrect, closing };
 
     struct settings {
         uint32_t max_flows, block, tcp_opening_ms, udp_opening_ms, announced_ms;
@@ -108,18 +109,18 @@ public:
         verdict.fid = f->fid;
         verdict.packets = f->packets;
         verdict.from_initiator = seen.tuple.source.ip == f->tuple.source.ip;
-        track(*f, seen, verdict.from_initiator);
+        f->session.track(seen.tuple.protocol, seen.tcp_flags, seen.payload, verdict.from_initiator);
         f->bytes += seen.payload;
         verdict.bytes = f->bytes;
         verdict.first_payload = seen.payload != 0 && !f->has_payload;
         f->has_payload = f->has_payload || seen.payload != 0;
-        verdict.last = f->state == closed;
+        verdict.last = f->session.state == session_model::closed;
         if (verdict.first) {
             if (f->age_ms == 0)
                 f->age_ms = seen.tuple.protocol == 6 ? settings_.tcp_opening_ms : settings_.udp_opening_ms;
             arm(*f, f->age_ms);
         } else {
-            f->seen_since = f->state != closed;
+            f->seen_since = f->session.state != session_model::closed;
         }
         return verdict;
     }
@@ -180,9 +181,9 @@ public:
             moved = false;
             for (const auto& [fid, f] : flows_) {
                 // Nothing is seen of a flow meanwhile: it is renewed once at most.
-                moved = moved || step_out_of(f.due, moment);
+                moved = moved || f.due.step_out(moment);
                 if (f.seen_since)
-                    moved = moved || step_out_of(due_after(f.due, f.age_ms), moment);
+                    moved = moved || f.due.later_by(f.age_ms).step_out(moment);
             }
         }
         return moment;
@@ -203,7 +204,7 @@ public:
                     break;
                 }
                 f.seen_since = false;
-                f.due = due_after(f.due, f.age_ms);
+                f.due = f.due.later_by(f.age_ms);
             }
         return expired;
     }
@@ -216,15 +217,12 @@ public:
     std::vector<uint32_t> vague() const {
         std::vector<uint32_t> found;
         for (const auto& [fid, f] : flows_)
-            if (f.due.to - f.due.from > 5 * 2 * tick_us)
+            if (f.due.is_vague())
                 found.push_back(fid);
         return found;
     }
 
 private:
-    struct interval {
-        uint64_t from, to;
-    };
     struct flow {
         uint32_t fid = 0;
         connection_tuple tuple;  // as the initiator sends
@@ -232,28 +230,15 @@ private:
         uint32_t packets = 0;
         uint64_t bytes = 0;
         bool has_payload = false;
-        session state = closed;
-        enum { listen, syn_sent, syn_received, established, close_wait, last_ack, time_wait } tcp = listen;
-        std::array<bool, 2> fin{};    // by the initiator, by the responder
-        std::array<bool, 2> acked{};  // that side has acknowledged the other's FIN
+        session_model session;
         uint32_t age_ms = 0;
         bool seen_since = false;
-        interval due{};
+        deadline due{};
         uint64_t object = 0;
     };
 
-    static interval due_after(interval start, uint32_t ms) {
-        const uint64_t us = (ms == 0 ? 1024 : ms) * uint64_t{1000};
-        return {start.from + us, start.to + us + 2 * tick_us};
-    }
-    static bool step_out_of(interval due, uint64_t& moment) {
-        const bool inside = due.from <= moment && moment <= due.to;
-        if (inside)
-            moment = due.to + 1;
-        return inside;
-    }
     void arm(flow& f, uint32_t ms) {
-        f.due = due_after({now_, now_}, ms);
+        f.due = deadline::after(now_, ms);
         f.seen_since = false;
     }
 
@@ -322,96 +307,6 @@ private:
                 if (f.how != announced_as::nothing && stands_for(f, how, tuple))
                     return &f;
         return nullptr;
-    }
-
-    static void close(flow& f) {
-        f.tcp = flow::time_wait;
-        f.state = closed;
-    }
-    static void track(flow& f, const model_packet& seen, bool from_initiator) {
-        if (seen.tuple.protocol == 17)
-            track_udp(f, from_initiator);
-        else
-            track_tcp(f, seen, from_initiator);
-    }
-    static void track_udp(flow& f, bool from_initiator) {
-        if (f.state == closed && from_initiator)
-            f.state = opening;
-        else if (f.state == opening && !from_initiator)
-            f.state = uni;
-    }
-    static void track_tcp(flow& f, const model_packet& seen, bool from_initiator) {
-        const bool fin = (seen.tcp_flags & 1) != 0, syn = (seen.tcp_flags & 2) != 0, rst = (seen.tcp_flags & 4) != 0,
-                   psh = (seen.tcp_flags & 8) != 0, ack = (seen.tcp_flags & 16) != 0, urg = (seen.tcp_flags & 32) != 0;
-        const size_t own = from_initiator ? 0 : 1;
-        const size_t peer = 1 - own;
-        switch (f.tcp) {
-        case flow::listen:
-            if (from_initiator) {
-                f.tcp = flow::syn_sent;
-                f.state = opening;
-            } else {
-                f.state = uni_incorrect;
-            }
-            return;
-        case flow::syn_sent:
-            if (from_initiator) {
-                if (!syn || ack || psh || urg || fin || rst)
-                    f.state = uni_incorrect;
-            } else if (!syn && !ack) {
-                f.state = uni_incorrect;
-            } else if (rst) {
-                close(f);
-            } else if (syn && seen.payload == 0 && !psh && !urg && !fin) {
-                f.tcp = flow::syn_received;
-                f.state = uni;
-            }
-            return;
-        case flow::syn_received:
-            if (rst) {
-                close(f);
-            } else if (!from_initiator && syn) {
-                return;
-            } else if (!ack) {
-                f.state = bi_incorrect;
-            } else if (from_initiator) {
-                f.tcp = fin ? flow::close_wait : flow::established;
-                f.state = bi;
-                f.fin[own] = fin;
-            } else if (fin) {
-                f.tcp = flow::close_wait;
-                f.fin[own] = true;
-            }
-            return;
-        case flow::established:
-            if (rst) {
-                close(f);
-            } else if (fin) {
-                f.tcp = flow::close_wait;
-                f.fin[own] = true;
-            }
-            return;
-        case flow::close_wait:
-            if (rst) {
-                close(f);
-                return;
-            }
-            f.fin[own] = f.fin[own] || fin;
-            if (!f.fin[peer])
-                return;
-            f.acked[own] = true;
-            if (f.fin[own]) {
-                f.tcp = flow::last_ack;
-                f.state = closing;
-            }
-            return;
-        case flow::last_ack:
-            if (rst || f.acked[peer])
-                close(f);
-            return;
-        case flow::time_wait:
-            return;
-        }
     }
 
     settings settings_;
