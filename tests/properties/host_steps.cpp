@@ -65,7 +65,7 @@ void side_by_side::report(const operation& step) {
         expect_report(walk.reports[at++], of);
     }
     expect("reports", walk.reports.size(), at);
-    expect_figures();
+    expect_table();
 }
 
 void side_by_side::dump(const operation& step) {

@@ -6,9 +6,9 @@
 //
 // The short form makes some 120000 steps. Other forms by rapidcheck's own variable, for instance
 //
-//   RC_PARAMS="max_success=40000" zon_property_tests          a long form, about 3000000 steps
-//   RC_PARAMS="seed=7" zon_property_tests                     other sequences
-//   RC_PARAMS="reproduce=..." zon_property_tests              the failure that printed this text
+//   RC_PARAMS="max_success=5000 max_size=2000" zon_property_tests    about 2500000 steps
+//   RC_PARAMS="seed=7 max_size=860" zon_property_tests               other sequences
+//   RC_PARAMS="reproduce=..." zon_property_tests                     the failure that printed this
 //
 // What the short form sets and a longer one does not mention stays at rapidcheck's defaults (100
 // sequences of up to 100 steps).
@@ -20,7 +20,7 @@
 #include <rapidcheck/gtest.h>
 
 #include <cstdlib>
-#include <iostream>
+#include <sstream>
 #include <string>
 
 #include "properties/side_by_side.h"
@@ -29,7 +29,7 @@ namespace {
 
 using namespace zon_test;
 
-constexpr const char* short_form = "max_success=1500 max_size=320 seed=20";
+constexpr const char* short_form = "max_success=600 max_size=860 seed=20";
 bool is_short_form = false;
 
 // Before rapidcheck reads its variable.
@@ -69,18 +69,16 @@ TEST(every_operation, is_reached_by_the_short_form) {
     EXPECT_GE(reached.steps, 100000U);
     EXPECT_EQ(reached.of_kind.size(), static_cast<size_t>(op::restart) + 1);
     for (const auto& [kind, times] : reached.of_kind)
-        EXPECT_GE(times, 100U) << name_of(kind);
+        EXPECT_GE(times, 50U) << name_of(kind);
     EXPECT_GE(reached.flows, 4000U);
     EXPECT_GE(reached.deletions, 4000U);
     EXPECT_GE(reached.aged, 1000U);
     EXPECT_GE(reached.refused, 500U);
-    EXPECT_GE(reached.vetoed, 100U);
+    EXPECT_GE(reached.vetoed, 300U);
     EXPECT_GE(reached.tunnelled, 100U);
     EXPECT_GE(reached.translated, 100U);
-    EXPECT_GE(reached.rekeyed_and_found, 300U);
+    EXPECT_GE(reached.rekeyed_and_found, 600U);
     EXPECT_GE(reached.family_walks, 20U);
-    if (std::getenv("ZON_SHOW_REACH"))
-        std::cout << reached.flows << ' ' << reached.deletions << ' ' << reached.aged << ' ' << reached.refused << ' ' << reached.vetoed << ' ' << reached.tunnelled << ' ' << reached.translated << ' ' << reached.rekeyed_and_found << ' ' << reached.family_walks << ' ' << reached.promotions << ' ' << reached.steps << std::endl;
     for (const known part :
          {known::announced, known::any_vrf, known::destination, known::source})
         EXPECT_GE(reached.promoted_from[static_cast<size_t>(part)], 100U)

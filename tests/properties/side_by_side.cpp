@@ -2,6 +2,8 @@
 
 #include "properties/side_by_side.h"
 
+#include <algorithm>
+#include <cstdlib>
 #include <cstring>
 
 namespace zon_test {
@@ -32,6 +34,7 @@ void side_by_side::begin_engine() {
     register_observer();
     told_by_engine().clear();
     seen_ = {};
+    announced_halves_ = nullptr;
     was_rekeyed_ = {};
 }
 
@@ -139,6 +142,7 @@ void side_by_side::run(const operation& step) {
     }
     expect_told();
     expect_flows();
+    expect_figures();
 }
 
 // ---- comparing ----
@@ -246,12 +250,12 @@ void side_by_side::expect_report(const zon_flow_report_t& report, const flow_of_
            same_key(report.responder_key, of.sides[responder_side]), true);
 }
 
-void side_by_side::expect_figures() {
+// A look at the whole table gives up the processor at every bucket: only now and then.
+void side_by_side::expect_table() {
     int32_t size = 0, used = 0, empty = 0, occupied = 0, average = 0, maximum = 0;
     int32_t* distribution = nullptr;
-    int32_t* announced = nullptr;
     zon_debug_flow_table_stats(&size, &used, &empty, &occupied, &average, &maximum, &distribution,
-                               &announced);
+                               &announced_halves_);
     int32_t in_buckets = 0, deepest = 0;
     for (int32_t bucket = 0; bucket < size; ++bucket) {
         in_buckets += distribution[bucket];
@@ -262,9 +266,9 @@ void side_by_side::expect_figures() {
     expect("half flows in buckets", in_buckets, used);
     expect("deepest bucket", maximum, deepest);
     expect("buckets", empty + occupied, size);
-    for (const uint32_t type : {1, 2, 3, 4, 6, 7, 8, 9})
-        expect("announced half flows", announced[type], model_.sides_of_type(type));
+}
 
+void side_by_side::expect_figures() {
     zon_flow_memory_usage_t usage{};
     expect_error("memory usage", zon_config_calc_crnt_memory_usage(&usage), 0);
     expect("bytes of IPv4", usage.bytes_used_for_ipv4_half_flows,
@@ -274,6 +278,10 @@ void side_by_side::expect_figures() {
     expect("flow records", usage.active_flow_count, model_.made());
     expect("bytes of flows", usage.bytes_used_for_flows, model_.made() * 248);
     expect("any group", usage.bytes_used_for_flow_aggregation != 0, model_.contexts.size() != 0);
+    // The engine's own counts, which its host was once given the address of.
+    if (announced_halves_ != nullptr)
+        for (const uint32_t type : {1, 2, 3, 4, 6, 7, 8, 9})
+            expect("announced half flows", announced_halves_[type], model_.sides_of_type(type));
 }
 
 // ---- what several steps need ----

@@ -62,6 +62,7 @@ private:
     void expect_flows();
     void expect_flow(const flow_of_model& of);
     void expect_report(const zon_flow_report_t& report, const flow_of_model& of);
+    void expect_table();
     void expect_figures();
 
     // ---- packets ----
@@ -129,7 +130,8 @@ private:
     static void* object_of(uint64_t number) { return reinterpret_cast<void*>(number); }
 
     engine_model model_;
-    zon_pkt_indications_t seen_{};
+    zon_pkt_indications_t seen_{};  // of the last packet
+    int32_t* announced_halves_ = nullptr;
     std::array<bool, engine_capacity + 1> was_rekeyed_{};
 };
 
