@@ -125,16 +125,16 @@ void side_by_side::get_by_key(const operation& step) {
     if (expected == zon_error_none) {
         object = of != nullptr ? of->objects.find(step[field::dir], client) : 0;
         if (object == 0)
-            expected = of == nullptr ? zon_error_flow_not_found
-                                     : zon_error_feature_object_not_attached;
+            expected =
+                of == nullptr ? zon_error_flow_not_found : zon_error_feature_object_not_attached;
     }
     void* got = nullptr;
     zon_flow_t copy{};
-    expect_error("get by key",
-                 zon_flow_get_fo_by_flow_key(&key, client,
-                                             static_cast<zon_flow_direction_e>(step[field::dir]),
-                                             &got, &copy),
-                 expected);
+    expect_error(
+        "get by key",
+        zon_flow_get_fo_by_flow_key(
+            &key, client, static_cast<zon_flow_direction_e>(step[field::dir]), &got, &copy),
+        expected);
     if (expected == zon_error_none) {
         zon_unlock_flow_tamonet(&copy);
         expect("flow of the key", copy.fid, of->fid);
@@ -271,8 +271,8 @@ void side_by_side::capability(const operation& step) {
     const uint32_t value = step[field::value];
     if (step.kind == op::capability) {
         const auto asked = static_cast<zon_capability_e>(value);
-        const bool can_be_asked = value < ZON_CAPABILITY_ENABLE_CLIENT_BYPASS &&
-                                  value != 0 && (value & (value - 1)) == 0;
+        const bool can_be_asked =
+            value < ZON_CAPABILITY_ENABLE_CLIENT_BYPASS && value != 0 && (value & (value - 1)) == 0;
         bool in_force = false;
         expect_error("capability", zon_engine_get_capability(asked, &in_force),
                      can_be_asked ? zon_error_none : zon_error_engine_capability_invalid);
@@ -325,11 +325,11 @@ void side_by_side::context_object(const operation& step) {
     const std::optional<uint32_t> value =
         of != nullptr ? of->contexts[step[field::type]] : std::nullopt;
     const auto expected_with = [&](bool client_matters, zon_error_t missing) {
-        return fid == 0                          ? zon_error_parameter_is_null
-               : client_matters && client > 31   ? zon_error_client_id_invalid
-               : of == nullptr                   ? zon_error_flow_not_found
-               : !value                          ? missing
-                                                 : zon_error_none;
+        return fid == 0                        ? zon_error_parameter_is_null
+               : client_matters && client > 31 ? zon_error_client_id_invalid
+               : of == nullptr                 ? zon_error_flow_not_found
+               : !value                        ? missing
+                                               : zon_error_none;
     };
     if (step.kind == op::context_handle) {
         uint32_t handle = 99;

@@ -50,8 +50,7 @@ public:
                 continue;
             for (uint32_t client = 0; client < 32; ++client)
                 if (tells_client[client] && left.objects[client] != 0)
-                    told.push_back(
-                        {notice_of::context_gone, {*value, type, left.objects[client]}});
+                    told.push_back({notice_of::context_gone, {*value, type, left.objects[client]}});
             contexts_.erase({type, *value});
         }
     }

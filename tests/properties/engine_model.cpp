@@ -91,15 +91,13 @@ packet_answer engine_model::sync(const reported_flow& reported, const packet_of_
     if (of == nullptr)
         return answer;
     answer.first = reported.number == 1;
-    answer.from_initiator =
-        seen.tuple.source.ipv6 == of->sides[initiator_side].tuple.source.ipv6 &&
-        seen.tuple.source.ip == of->sides[initiator_side].tuple.source.ip;
+    answer.from_initiator = seen.tuple.source.ipv6 == of->sides[initiator_side].tuple.source.ipv6 &&
+                            seen.tuple.source.ip == of->sides[initiator_side].tuple.source.ip;
     of->session.state = static_cast<session_model::session>(reported.state);
     if (seen.payload != 0) {
         if (reported.number != of->packets)
             of->bytes += seen.payload;
-        answer.first_payload =
-            of->first_payload_on == 0 || of->first_payload_on == reported.number;
+        answer.first_payload = of->first_payload_on == 0 || of->first_payload_on == reported.number;
     }
     of->packets = answer.packets = reported.number;
     finish(*of, seen, answer);
@@ -138,9 +136,9 @@ void engine_model::finish(flow_of_model& of, const packet_of_model& seen, packet
         for (const client_model::client& one : clients.all()) {
             if (!one.has[client_model::rewrites_bypass])
                 continue;
-            told.push_back({notice_of::bypass,
-                            {seen.payload, answer.first, answer.promoted(), answer.first_payload,
-                             of.bypass}});
+            told.push_back(
+                {notice_of::bypass,
+                 {seen.payload, answer.first, answer.promoted(), answer.first_payload, of.bypass}});
             of.bypass = next_bypass_id(of.bypass, seen.payload);
         }
     if (answer.first) {
@@ -189,8 +187,7 @@ uint32_t engine_model::default_age(uint8_t protocol, uint8_t state) const {
 
 // The most specific announcement first.
 engine_model::half_of_flow engine_model::answering(const connection_tuple& tuple) {
-    for (const known part :
-         {known::announced, known::any_vrf, known::destination, known::source})
+    for (const known part : {known::announced, known::any_vrf, known::destination, known::source})
         if (const half_of_flow found = find(part, tuple); found.flow != nullptr)
             return found;
     return {};
@@ -238,8 +235,8 @@ engine_model::half_of_flow engine_model::find(known part, const connection_tuple
     for (auto& [fid, of] : flows_)
         for (const size_t side : {initiator_side, responder_side})
             if (is_same(part, tuple, of.sides[side]) &&
-                (newest.flow == nullptr || of.sides[side].linked_at >
-                                               newest.flow->sides[newest.side].linked_at))
+                (newest.flow == nullptr ||
+                 of.sides[side].linked_at > newest.flow->sides[newest.side].linked_at))
                 newest = {&of, side};
     return newest;
 }
@@ -315,9 +312,9 @@ bool engine_model::remove(uint32_t fid, int reason) {
     for (const client_model::client& one : clients.all()) {
         const auto [whole, initiator, responder] = of->objects.take_all_of(one.id);
         if (one.has[client_model::told_deletions])
-            told.push_back({notice_of::deletion,
-                            {one.id, fid, static_cast<uint64_t>(reason), initiator, responder,
-                             whole}});
+            told.push_back(
+                {notice_of::deletion,
+                 {one.id, fid, static_cast<uint64_t>(reason), initiator, responder, whole}});
     }
     drop(fid);
     return true;

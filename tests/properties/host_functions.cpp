@@ -18,11 +18,10 @@ std::vector<uint32_t>& visited_by_engine() {
 
 void note_deletion(zon_flow_ptr_t fid, void* initiator, void* responder, void* whole,
                    zon_flow_deletion_reason_e reason, zon_client_id_e client) {
-    told_by_engine().push_back({notice_of::deletion,
-                                {client, fid, static_cast<uint64_t>(reason),
-                                 reinterpret_cast<uintptr_t>(initiator),
-                                 reinterpret_cast<uintptr_t>(responder),
-                                 reinterpret_cast<uintptr_t>(whole)}});
+    told_by_engine().push_back(
+        {notice_of::deletion,
+         {client, fid, static_cast<uint64_t>(reason), reinterpret_cast<uintptr_t>(initiator),
+          reinterpret_cast<uintptr_t>(responder), reinterpret_cast<uintptr_t>(whole)}});
 }
 
 bool may_create(void* context, zon_client_id_e client) {
@@ -31,15 +30,14 @@ bool may_create(void* context, zon_client_id_e client) {
 }
 
 void rewrite_bypass(uint32_t payload, bool first, bool promoted, bool first_payload, uint32_t* id) {
-    told_by_engine().push_back(
-        {notice_of::bypass, {payload, first, promoted, first_payload, *id}});
+    told_by_engine().push_back({notice_of::bypass, {payload, first, promoted, first_payload, *id}});
     *id = next_bypass_id(*id, payload);
 }
 
 void note_context_gone(uint32_t context, zon_super_context_types_e type, void** object) {
-    told_by_engine().push_back({notice_of::context_gone,
-                                {context, static_cast<uint64_t>(type),
-                                 reinterpret_cast<uintptr_t>(object)}});
+    told_by_engine().push_back(
+        {notice_of::context_gone,
+         {context, static_cast<uint64_t>(type), reinterpret_cast<uintptr_t>(object)}});
 }
 
 bool note_visit(zon_flow_ptr_t fid) {

@@ -22,9 +22,7 @@ public:
     object_lists(const object_lists&) = delete;
     object_lists& operator=(const object_lists&) = delete;
 
-    void attach(size_t list, uint32_t client, uint64_t object) {
-        put(list, client, object, whole);
-    }
+    void attach(size_t list, uint32_t client, uint64_t object) { put(list, client, object, whole); }
     // By tuple: in front of the side's own list.
     void attach_to_side(size_t side, uint32_t client, uint64_t object) {
         put(side, client, object, side);

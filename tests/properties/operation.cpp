@@ -172,7 +172,8 @@ rc::Gen<operation> operations() {
         step.kind = lottery()[random.next() % lottery().size()];
         for (const field of : row_of(step.kind).uses)
             step.numbers[static_cast<size_t>(of)] = draw(random, of);
-        return rc::shrinkable::shrinkRecur(std::move(step), plainer);
+        return rc::shrinkable::shrinkRecur(std::move(step),
+                                           [](const operation& shrunk) { return plainer(shrunk); });
     };
 }
 

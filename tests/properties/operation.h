@@ -73,7 +73,7 @@ enum class op : uint8_t {
 
 // The numbers of an operation.
 enum class field : uint8_t {
-    tuple,   // a connection and a direction of it
+    tuple,  // a connection and a direction of it
     vrf,
     fid,     // 0 names no flow
     type,    // of a tuple: complete, source, destination, any VRF

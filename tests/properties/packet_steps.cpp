@@ -41,11 +41,10 @@ packet_contexts contexts_of(const operation& step) {
 
 bytes packet_of(const packet_of_model& seen) {
     const connection_tuple& tuple = seen.tuple;
-    packet_builder built =
-        tuple.source.ipv6
-            ? packet_builder::ipv6(ipv6_address(tuple.source.ip),
-                                   ipv6_address(tuple.destination.ip))
-            : packet_builder::ipv4(tuple.source.ip[0], tuple.destination.ip[0]);
+    packet_builder built = tuple.source.ipv6
+                               ? packet_builder::ipv6(ipv6_address(tuple.source.ip),
+                                                      ipv6_address(tuple.destination.ip))
+                               : packet_builder::ipv4(tuple.source.ip[0], tuple.destination.ip[0]);
     if (tuple.protocol == 6)
         built.tcp(tuple.source.port, tuple.destination.port).flags(seen.tcp_flags);
     else
@@ -74,8 +73,8 @@ void side_by_side::enter_tunnel(uint32_t tunnel, bytes& packet, arrival& in) {
     if (tunnel == ZON_TUNNEL_TYPE_IPV6INIP) {
         packet = in_ipv4(outer_source, outer_destination, packet);
         in.seen.tunnel = tunnel;
-        in.is_classified = in.is_classified &&
-                           model_.is_tunnel_open(tunnel, ZON_CAPABILITY_ENABLE_IPV6INIP);
+        in.is_classified =
+            in.is_classified && model_.is_tunnel_open(tunnel, ZON_CAPABILITY_ENABLE_IPV6INIP);
         return;
     }
     const auto inner_size = static_cast<uint32_t>(packet.size());
@@ -232,16 +231,16 @@ void side_by_side::kit_packet(const operation& step) {
     const uint32_t vrf = seen.tuple.vrf_id;
     if (from.ipv6 && has_flags)
         fid = zon_test_handle_ipv6_tcp_packet_fields(
-            from.ip.data(), to.ip.data(), from.port, to.port, vrf, 7, 8, has(tcp_syn),
-            has(tcp_ack), has(tcp_rst), has(tcp_fin), size, &in.context, &seen_, &error);
+            from.ip.data(), to.ip.data(), from.port, to.port, vrf, 7, 8, has(tcp_syn), has(tcp_ack),
+            has(tcp_rst), has(tcp_fin), size, &in.context, &seen_, &error);
     else if (from.ipv6)
         fid = zon_test_handle_ipv6_packet_fields(from.ip.data(), to.ip.data(), from.port, to.port,
                                                  seen.tuple.protocol, vrf, size, &in.context,
                                                  &seen_, &error);
     else if (has_flags)
-        fid = zon_test_handle_tcp_packet_fields(
-            from.ip[0], to.ip[0], from.port, to.port, vrf, 7, 8, has(tcp_syn), has(tcp_ack),
-            has(tcp_rst), has(tcp_fin), size, &in.context, &seen_, &error);
+        fid = zon_test_handle_tcp_packet_fields(from.ip[0], to.ip[0], from.port, to.port, vrf, 7, 8,
+                                                has(tcp_syn), has(tcp_ack), has(tcp_rst),
+                                                has(tcp_fin), size, &in.context, &seen_, &error);
     else
         fid = zon_test_handle_packet_fields(from.ip[0], to.ip[0], from.port, to.port,
                                             seen.tuple.protocol, vrf, size, &in.context, &seen_,
@@ -274,9 +273,9 @@ void side_by_side::engine_packet(const operation& step) {
         fill(reinterpret_cast<zon_ipv4_half_flow_t*>(&scratch)->key, ZON_IPV4_KEY_COMPLETE);
     seen_ = {};
     zon_error_t error = zon_error_none;
-    const uint32_t fid = zon_engine(reinterpret_cast<zon_half_flow_t*>(&scratch), &fe, &in.context,
-                                    &seen_, &error, fe.tunneled_flow_type,
-                                    &g_zon->params.capability_counter, 0, ZON_L4_CLOSED, 0);
+    const uint32_t fid =
+        zon_engine(reinterpret_cast<zon_half_flow_t*>(&scratch), &fe, &in.context, &seen_, &error,
+                   fe.tunneled_flow_type, &g_zon->params.capability_counter, 0, ZON_L4_CLOSED, 0);
     compare_packet(in, fid, error, std::nullopt);
 }
 
@@ -294,8 +293,8 @@ void side_by_side::clean_up() {
 void side_by_side::wait(const operation& step) {
     // Mostly less than a flow lives, sometimes more than any does.
     const uint8_t kind = step[field::extra];
-    const uint64_t ms = step[field::value] * uint64_t{kind < 192 ? 4U : 20U} +
-                        (kind > 240 ? 31000U : 0U);
+    const uint64_t ms =
+        step[field::value] * uint64_t{kind < 192 ? 4U : 20U} + (kind > 240 ? 31000U : 0U);
     const uint64_t now = model_.next_certain_moment(zon_clock_now_us() + ms * 1000);
     std::vector<uint32_t> expected = model_.advance_to(now);
     expect_error("clock", zon_clock_advance_to_us(now), 0);

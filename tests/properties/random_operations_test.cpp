@@ -43,18 +43,24 @@ const auto* const form = ::testing::AddGlobalTestEnvironment([] {
     return new chosen_form;
 }());
 
+// What differed, and where, instead of a bare exception.
+template <class action>
+void naming_a_difference(const std::string& where, action act) {
+    try {
+        act();
+    } catch (const std::runtime_error& difference) {
+        RC_FAIL(where + ": " + difference.what());
+    }
+}
+
 void run_side_by_side(const script& steps) {
     side_by_side both;
     for (size_t i = 0; i < steps.size(); ++i) {
-        try {
-            both.run(steps[i]);
-        } catch (const std::runtime_error& difference) {
-            std::ostringstream text;
-            text << "step " << i + 1 << ", " << steps[i] << ": " << difference.what();
-            RC_FAIL(text.str());
-        }
+        std::ostringstream where;
+        where << "step " << i + 1 << ", " << steps[i];
+        naming_a_difference(where.str(), [&] { both.run(steps[i]); });
     }
-    both.clear_all();
+    naming_a_difference("when every flow is deleted at the end", [&] { both.clear_all(); });
 }
 
 RC_GTEST_PROP(every_operation, agrees_with_the_model, ()) {
@@ -66,6 +72,8 @@ TEST(every_operation, is_reached_by_the_short_form) {
     if (!is_short_form)
         GTEST_SKIP() << "another form was asked for";
     const reached_so_far& reached = side_by_side::reached;
+    if (reached.scripts == 0)
+        GTEST_SKIP() << "the sequences were left out";
     EXPECT_GE(reached.steps, 100000U);
     EXPECT_EQ(reached.of_kind.size(), static_cast<size_t>(op::restart) + 1);
     for (const auto& [kind, times] : reached.of_kind)
@@ -79,8 +87,7 @@ TEST(every_operation, is_reached_by_the_short_form) {
     EXPECT_GE(reached.translated, 100U);
     EXPECT_GE(reached.rekeyed_and_found, 600U);
     EXPECT_GE(reached.family_walks, 20U);
-    for (const known part :
-         {known::announced, known::any_vrf, known::destination, known::source})
+    for (const known part : {known::announced, known::any_vrf, known::destination, known::source})
         EXPECT_GE(reached.promoted_from[static_cast<size_t>(part)], 100U)
             << "kind of key " << static_cast<int>(part);
 }

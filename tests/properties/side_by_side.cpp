@@ -3,8 +3,10 @@
 #include "properties/side_by_side.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <future>
 
 namespace zon_test {
 
@@ -28,8 +30,9 @@ side_by_side::~side_by_side() {
 }
 
 void side_by_side::begin_engine() {
-    expect("timers", zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
-                                       &g_zon->zon_timer_process_create),
+    expect("timers",
+           zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                             &g_zon->zon_timer_process_create),
            true);
     register_observer();
     told_by_engine().clear();
@@ -51,7 +54,28 @@ void side_by_side::register_observer() {
                  model_.clients.enable(observer, both));
 }
 
+// A lock that an operation kept would stop another thread.
+void side_by_side::expect_no_lock_held() {
+    constexpr auto patience = std::chrono::seconds(10);
+    const std::vector<uint32_t> fids = model_.fids();
+    std::future<void> other = std::async(std::launch::async, [&fids] {
+        uint32_t packets = 0;
+        for (const uint32_t fid : fids)
+            zon_flow_get_packet_count(fid, &packets);
+    });
+    if (other.wait_for(patience) == std::future_status::ready)
+        return;
+    // The other thread is let go before the difference is told.
+    while (other.wait_for(std::chrono::milliseconds(1)) != std::future_status::ready)
+        for (const uint32_t fid : fids) {
+            zon_flow_t kept = snapshot_of(fid);
+            zon_unlock_flow_tamonet(&kept);
+        }
+    throw std::runtime_error("the lock of a flow is still held");
+}
+
 void side_by_side::clear_all() {
+    expect_no_lock_held();
     for (const uint32_t fid : model_.fids())
         remove(fid, 2);
     expect_told();
@@ -280,7 +304,7 @@ void side_by_side::expect_figures() {
     expect("any group", usage.bytes_used_for_flow_aggregation != 0, model_.contexts.size() != 0);
     // The engine's own counts, which its host was once given the address of.
     if (announced_halves_ != nullptr)
-        for (const uint32_t type : {1, 2, 3, 4, 6, 7, 8, 9})
+        for (const uint32_t type : {1U, 2U, 3U, 4U, 6U, 7U, 8U, 9U})
             expect("announced half flows", announced_halves_[type], model_.sides_of_type(type));
 }
 
@@ -293,8 +317,8 @@ zon_flow_t side_by_side::snapshot_of(uint32_t fid) {
         zon_flow_get_fo_by_fid(fid, observer, ZON_DIR_BI, &object, &copy) != zon_error_none;
     if (lent) {
         zon_flow_attach_fo(fid, observer, ZON_DIR_BI, object_of(1));
-        expect_error("snapshot",
-                     zon_flow_get_fo_by_fid(fid, observer, ZON_DIR_BI, &object, &copy), 0);
+        expect_error("snapshot", zon_flow_get_fo_by_fid(fid, observer, ZON_DIR_BI, &object, &copy),
+                     0);
     }
     zon_unlock_flow_tamonet(&copy);
     if (lent)

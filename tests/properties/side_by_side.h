@@ -39,7 +39,7 @@ public:
     side_by_side& operator=(const side_by_side&) = delete;
 
     void run(const operation& step);
-    // Deletes every flow: nothing may be left.
+    // Deletes every flow: nothing may be left, no memory and no lock.
     void clear_all();
 
     static reached_so_far reached;
@@ -64,6 +64,7 @@ private:
     void expect_report(const zon_flow_report_t& report, const flow_of_model& of);
     void expect_table();
     void expect_figures();
+    void expect_no_lock_held();
 
     // ---- packets ----
     struct arrival {
