@@ -145,22 +145,20 @@ uint8_t draw(rc::Random& random, field of) {
     return static_cast<uint8_t>(bits / 4 % limit_of(of));
 }
 
-// Every number by itself towards 0.
+// Every number by itself towards 0, in few steps; its lower bits, which mostly mean something of
+// their own, apart from the others.
 rc::Seq<operation> plainer(const operation& step) {
     std::vector<operation> all;
     for (const field of : row_of(step.kind).uses) {
-        const auto add = [&](int number) {
-            operation changed = step;
-            changed.numbers[static_cast<size_t>(of)] = static_cast<uint8_t>(number);
-            all.push_back(changed);
-        };
         const int number = step[of];
-        if (number > 0)
-            add(0);
-        if (number > 3)
-            add(number / 2);
-        if (number > 1)
-            add(number - 1);
+        for (const int smaller : {0, number & 7, number & ~7, number / 2, number - 1}) {
+            const bool is_last_resort = smaller == number - 1 && number > 8;
+            if (smaller >= number || smaller < 0 || is_last_resort)
+                continue;
+            operation changed = step;
+            changed.numbers[static_cast<size_t>(of)] = static_cast<uint8_t>(smaller);
+            all.push_back(changed);
+        }
     }
     return rc::seq::fromContainer(std::move(all));
 }

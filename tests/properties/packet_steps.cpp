@@ -116,6 +116,7 @@ void side_by_side::learn(arrival& in, uint32_t fid) {
     learned.tcp = static_cast<session_model::tcp_state>(l4.tcp_state);
     learned.fin_by = {(l4.term_flags & 1) != 0, (l4.term_flags & 4) != 0};
     learned.acked_by = {(l4.term_flags & 8) != 0, (l4.term_flags & 2) != 0};
+    learned.udp_packets = l4.pkt_count;
     in.seen.learned = learned;
 }
 
