@@ -55,8 +55,7 @@ void zon_handle_captured_packet_hit(benchmark::State& state) {
     hit<&bench_engine::send_captured>(state);
 }
 
-// ---- the skeleton
-// ----------------------------------------------------------------------------------------------------------
+// ---- the skeleton -----------------------------------------------------------------------------
 
 // The sizes of the engine's records: 248 bytes a flow, 72 bytes a direction, a pointer a bucket.
 struct skeleton_flow {

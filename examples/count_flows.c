@@ -1,4 +1,5 @@
-/* count_flows.c - a whole host on one screen: starts the engine, hands it three packets, counts flows as they end.
+/* count_flows.c - a whole host on one screen: starts the engine, hands it three packets, counts
+ * flows as they end.
  *
  * Build:  cc examples/count_flows.c $(pkg-config --cflags --libs zon) -o count_flows
  *         (README.md, "Embedding", has the installation and what a folder of one's own needs)

@@ -1,5 +1,5 @@
-/* expect_child.c - announces a connection that another one has just agreed on, and finds it again as that one's child
- * when its first packet comes.
+/* expect_child.c - announces a connection that another one has just agreed on, and finds it again
+ * as that one's child when its first packet comes.
  *
  * Build:  cc examples/expect_child.c $(pkg-config --cflags --libs zon) -o expect_child
  *         (README.md, "Embedding", has the installation and what a folder of one's own needs)
@@ -45,7 +45,8 @@ int main(void) {
     zon_fid_t control = send_syn(40000, 21, &seen);
     printf("control: flow %u\n", control);
 
-    /* The two sides agreed on port 50000 of the server; where the client will come from, nobody knows yet. */
+    /* The two sides agreed on port 50000 of the server; where the client will come from, nobody
+     * knows yet. */
     zon_flow_tuple_t expected = {0};
     expected.src_ip.addr_type = expected.dst_ip.addr_type = ZON_IP_ADDR_IPV4;
     expected.dst_ip.u.v4_addr = 0xC0000202; /* 192.0.2.2 in host order */

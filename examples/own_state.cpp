@@ -1,5 +1,5 @@
-// own_state.cpp - a C++ client that keeps typed state with every flow: it measures how long each one takes to carry its
-// first thousand bytes.
+// own_state.cpp - a C++ client that keeps typed state with every flow: it measures how long each
+// one takes to carry its first thousand bytes.
 //
 // Build:  c++ -std=c++17 examples/own_state.cpp $(pkg-config --cflags --libs zon) -o own_state
 //         (README.md, "Embedding", has the installation and what a folder of one's own needs)

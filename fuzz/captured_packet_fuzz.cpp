@@ -1,7 +1,7 @@
 // captured_packet_fuzz.cpp - any bytes, handed to a real engine as packets from outside.
 //
-// The input is a row of packets: two bytes of length, one byte of VRF, then the packet, in a heap block of exactly its
-// size, so that the address sanitizer sees every read beyond it.
+// The input is a row of packets: two bytes of length, one byte of VRF, then the packet, in a heap
+// block of exactly its size, so that the address sanitizer sees every read beyond it.
 
 #include <algorithm>
 #include <cstddef>
@@ -16,7 +16,8 @@ namespace {
 void start_engine() {
     zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE);
     if (zon_init(64, 0, 8, 4, 4, 16, 10) != zon_error_none ||
-        !zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create))
+        !zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                           &g_zon->zon_timer_process_create))
         __builtin_trap();
     zon_client_id_e client;
     zon_client_feature_register(&client);
@@ -24,10 +25,12 @@ void start_engine() {
 }
 
 // What the engine tells of a packet must lie within the packet, and agree with itself.
-void check(const zon_pkt_indications_t& seen, zon_fid_t fid, zon_error_t error, const uint8_t* packet, size_t size) {
+void check(const zon_pkt_indications_t& seen, zon_fid_t fid, zon_error_t error,
+           const uint8_t* packet, size_t size) {
     if (seen.flow != fid || (error != zon_error_none && fid != 0))
         __builtin_trap();
-    if (fid != 0 && seen.is_fragment == 0 && (seen.l7_start < packet || seen.l7_start > packet + size))
+    if (fid != 0 && seen.is_fragment == 0 &&
+        (seen.l7_start < packet || seen.l7_start > packet + size))
         __builtin_trap();
 }
 
@@ -44,8 +47,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         std::memcpy(packet.get(), data, length);
         zon_pkt_indications_t seen{};
         zon_error_t error;
-        const zon_fid_t fid =
-            zon_handle_captured_packet(packet.get(), static_cast<uint32_t>(length), vrf, nullptr, &seen, &error);
+        const zon_fid_t fid = zon_handle_captured_packet(
+            packet.get(), static_cast<uint32_t>(length), vrf, nullptr, &seen, &error);
         check(seen, fid, error, packet.get(), length);
         zon_clock_advance_us(vrf * 700000);
         data += length;

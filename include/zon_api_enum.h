@@ -25,12 +25,12 @@ typedef enum zon_capability_e_ ZON_ENUM_BASE {
 
 /* Why a flow went away, as told to the clients' delete callbacks. */
 typedef enum zon_flow_deletion_reason_e_ ZON_ENUM_BASE {
-    ZON_FLOW_CLOSE_REASON_END_OF_FLOW = 0,
-    ZON_FLOW_CLOSE_REASON_INACTIVE_TIMEOUT = 1,
-    ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST = 2,
-    ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED = 3,
-    ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE = 4,
-    ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED = 5
+    ZON_FLOW_CLOSE_REASON_END_OF_FLOW = 0,         /* given by hosts */
+    ZON_FLOW_CLOSE_REASON_INACTIVE_TIMEOUT = 1,    /* the flow was idle */
+    ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST = 2,      /* given by hosts; an announcement withdrawn */
+    ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED = 3, /* zon_unreg_client_fo; the flow itself stays */
+    ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE = 4,   /* given by hosts */
+    ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED = 5      /* the engine is being destroyed */
 } zon_flow_deletion_reason_e;
 
 /* The whole flow, or one direction of it. */
@@ -43,9 +43,9 @@ typedef enum zon_flow_direction_e_ ZON_ENUM_BASE {
 /* Which parts of a flow tuple are meaningful. */
 typedef enum zon_flow_tuple_type_t_ ZON_ENUM_BASE {
     ZON_FLOW_TUPLE_TYPE_COMPLETE = 0,
-    ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN = 1,
-    ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN = 2,
-    ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN = 3
+    ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN = 1, /* any destination, protocol and VRF */
+    ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN = 2, /* any source, protocol and VRF */
+    ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN = 3        /* any VRF */
 } zon_flow_tuple_type_t;
 
 /* Session state of a flow, whatever its protocol. */

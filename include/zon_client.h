@@ -29,7 +29,8 @@ typedef void (*zon_client_fo_delete_cb_t)(zon_flow_ptr_t flow, void* initiator_f
                                           void* responder_fo, void* flow_fo,
                                           zon_flow_deletion_reason_e reason, zon_client_id_e cid);
 
-/* A packet is about to create a flow; return false to forbid it. Runs with no lock held. */
+/* A packet is about to create a flow, or to turn an announced one into a flow; return false to
+ * forbid it. Runs with no lock held. */
 typedef bool (*zon_client_pre_flow_create_cb_t)(void* pkt_ctx, zon_client_id_e cid);
 
 /* A TCP packet of a flow; may rewrite the flow's bypass id. Called only while

@@ -230,8 +230,8 @@ typedef struct zon_capability_counter_ {
 typedef struct zon_params_ {
     uint32_t max_flows;
     uint32_t pre_flow_timer;        /* ms that pre-flows are awaited; 0: about a second */
-    uint32_t min_init_flows;        /* flow records made per step, and at the start */
-    uint32_t max_threads;           /* flow locks and bucket locks; 0 gives one of each */
+    uint32_t min_init_flows;        /* flow records made per step, and at the start; 0: none ever */
+    uint32_t max_threads;           /* flow locks and bucket locks, up to 2^31 - 1; 0 gives one */
     uint32_t create_chunk_elements; /* records by which a memory chunk grows; 0 counts as 1 */
     uint32_t max_mem_buffer_init;   /* flows whose records (IPv4) are made ready at creation */
     uint8_t max_bucket_depth;       /* half flows per bucket; 0 is unlimited */
@@ -317,16 +317,19 @@ typedef struct zon_flow_memory_usage_ {
 /* The one engine of the process; NULL while there is none. */
 extern ZON_API zon_t* g_zon;
 
+/* Flows to a bucket of the flow table; read while the engine is made, 0 counts as 1. */
+extern ZON_API uint32_t ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO; /* 1 */
 /* What a host passes to zon_init unless it knows better. zon_init itself reads none of them. */
-extern ZON_API uint32_t ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO;   /* 1 */
 extern ZON_API uint32_t ZON_DEFAULT_MAX_FLOWS;                 /* 5000 */
 extern ZON_API uint32_t ZON_DEFAULT_MIN_INIT_FLOWS;            /* 10 */
-extern ZON_API uint32_t ZON_DEFAULT_FLOW_CHUNK_SIZE;           /* 10 */
 extern ZON_API uint32_t ZON_DEFAULT_MAX_CONCURRENCY;           /* 10 */
 extern ZON_API uint32_t ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS; /* 16 */
 extern ZON_API uint32_t ZON_DEFAULT_MAX_MEM_BUFFER_INIT;       /* 10 */
 extern ZON_API uint8_t ZON_DEFAULT_MAX_COLLISION_SIZE;         /* 0 */
-extern ZON_API uint32_t ZON_DEFAULT_MIN_AGING;                 /* 0 seconds */
+/* Read by nothing. */
+extern ZON_API uint32_t ZON_DEFAULT_FLOW_CHUNK_SIZE; /* 10 */
+/* The idle time that zon_cleanup_packet gives a finished flow. */
+extern ZON_API uint32_t ZON_DEFAULT_MIN_AGING; /* 0 seconds */
 
 /* Switches of the trace, all off at load; a host sets them directly at any time. */
 extern ZON_API bool zon_debug_flag_engine; /* life cycle, making and deletion, fragments, clients */
@@ -392,7 +395,9 @@ ZON_API zon_error_t zon_set_default_params(zon_params_t* params);
  * on standard output says which. */
 ZON_API bool zon_timer_tw_init(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm,
                                zon_tw_pid_t* zon_timer_process_create);
-/* Undoes it; joins the thread when vdm_pid is given. zon_destroy does this itself. */
+/* Undoes it; joins the thread when vdm_pid is given. Waits for a handler that is running, also
+ * without vdm_pid: call it with no lock held that a delete callback may want. zon_destroy does this
+ * itself. */
 ZON_API void zon_timer_tw_destroy(zon_tw_wheel_t* zon_tw, zon_tw_dm_handle_t* zon_timer_vdm,
                                   zon_tw_pid_t* vdm_pid);
 /* The address of the engine's wheel. Not before zon_init: without an engine it is none. */
@@ -406,24 +411,29 @@ typedef enum zon_timer_type_ ZON_ENUM_BASE {
 } zon_timer_type;
 ZON_API void zon_timer_set_type(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, zon_timer_type type);
 
-/* Default idle time-out, in milliseconds, of flows that are created from now on. prot is 6 or 17;
+/* Default idle time-out, in milliseconds, of flows whose first packet comes from now on, announced
+ * or not. prot is 6 or 17;
  * false otherwise, for a state outside 0 to 6, and without an engine. 0 ms is armed as 1024 ms.
  * A flow takes its time-out once, by its state after its first packet, and keeps it: a TCP flow
  * that begins with a SYN has that of an opening one until the host gives it another with
- * zon_flow_set_aging. A flow ends after one to two time-outs without a packet; see there. */
+ * zon_flow_set_aging. A flow ends after one to two time-outs without a packet, save that packets of
+ * a closed session do not keep it; see there. */
 ZON_API bool zon_set_default_aging(uint8_t prot, zon_l4_flow_state_e state, uint32_t time);
 /* UDP flows become established on a responder's packet once so many (modulo 256) packets have been
- * counted. */
+ * counted. One value for the process, which outlives the engine. */
 ZON_API void zon_set_open_flow_after_pkts(uint32_t count);
 
 /* ---- classification ---- */
 
 /* Finds or creates the flow of a parsed packet; the packet entries of zon_pkt_inline.h do the
- * parsing and call this. half_flow_key holds the packet's key in its own direction and is used as
- * scratch: it must have the storage of its family. The indications must have been preset. Returns
- * the flow, or 0 with fif 0:
+ * parsing and call this. There must be an engine. half_flow_key holds the packet's key in its own
+ * direction and is used as scratch: it must have the storage of its family. The indications must
+ * have been preset. Returns the flow, or 0 with fif 0:
  *   11 a client forbade the flow; 2 no memory or no room in the table; unchanged for a refused
- *      tunnel and when the table had no room for an announced flow */
+ *      tunnel and when the table had no room for an announced flow
+ * With a platform_reported_dft_fid the packet belongs to that flow, which takes the reported state
+ * and number of packets; where it is gone, 0 comes back and nothing is written. Success makes
+ * *zon_error 0, except for a flow that is closing, which leaves it. */
 ZON_API zon_fid_t zon_engine(zon_half_flow_t* half_flow_key, zon_fe_handle fe, void* pkt_ctx,
                              zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
                              zon_tunnel_type_e tunnel_type,

@@ -4,11 +4,12 @@
  * and a record of indications. A packet that belongs to no flow returns 0, and the host forwards it
  * untouched. Where the error is 0 too, nothing went wrong:
  *   l3_protocol 0       an unknown IP version
- *   is_fragment 1       a later fragment whose first one was not seen, or too short to be read
- *   tunnel_type not 0   a tunnelled packet whose protocol no client enabled
+ *   l4_error 14         a later fragment whose first one was not seen, or too short to be read
+ *   tunnel_type not 0   a tunnelled packet whose protocol no client enabled, or a new one in a
+ *                       tunnel that was disabled meanwhile
  *   none of these       a protocol that no client enabled (ICMP always); the data of a fragment
- *                       that looks like a tunnelled packet; rarely, a tunnel that was disabled
- *                       meanwhile or an announced flow for which the table had no room
+ *                       that looks like a tunnelled packet; rarely, an announced flow for which the
+ *                       table had no room
  *
  * Threads    any number at once. The packet's bytes must not change during the call.
  * Locks      no call returns with a lock held.
@@ -26,7 +27,8 @@ extern "C" {
 #endif
 
 /* Classifies a packet that the host vouches for: whole, and with lengths that tell the truth.
- * Packets from outside belong to zon_handle_captured_packet. Returns the flow's identifier or 0,
+ * Nothing behind those lengths is searched for a Teredo tunnel. Packets from outside belong to
+ * zon_handle_captured_packet. Returns the flow's identifier or 0,
  * and always writes *zon_error:
  *   9 null indications, 15 no engine, 11 and 2 as zon_engine, else 0 */
 ZON_API zon_fid_t zon_handle_packet(uint8_t* iphdr, uint32_t vrf_id, void* pkt_ctx,
@@ -34,7 +36,8 @@ ZON_API zon_fid_t zon_handle_packet(uint8_t* iphdr, uint32_t vrf_id, void* pkt_c
 
 /* The same for a packet whose flow the platform already knows: the flow's state and packet count
  * are taken from the report. A platform_reported_dft_fid of 0 makes it zon_handle_packet; for one
- * that names no flow any more 0 is returned with the error 0. */
+ * that names no flow any more 0 is returned with the error 0. One above the engine's capacity is a
+ * programming error and aborts, here and in zon_sync_captured_packet. */
 ZON_API zon_fid_t zon_sync_packet(uint8_t* iphdr, uint32_t vrf_id, void* pkt_ctx,
                                   zon_pkt_indications_t* pkt_indications, zon_error_t* zon_error,
                                   zon_fid_t platform_reported_dft_fid,
@@ -48,7 +51,8 @@ ZON_API zon_fid_t zon_sync_packet(uint8_t* iphdr, uint32_t vrf_id, void* pkt_ctx
  * zon_handle_packet, save that later fragments are read with more care: one too short to be read,
  * or whose data would have to be taken for further headers, returns 0 with is_fragment 1 and
  * l4_error 14; one whose data looks like a tunnelled packet is not classified. After a success the
- * host may read at most captured_length - (l7_start - iphdr) bytes of payload, whatever
+ * host may read at most captured_length - (l7_start - iphdr) bytes of payload, and none where
+ * l7_start lies behind the captured bytes, as it may in a later fragment (l4_error 14), whatever
  * l4_payload_size says: captures may be cut off, and the UDP length of a first fragment covers the
  * whole datagram.
  *   35 refused, also for a null iphdr or (without a place to say so) a null zon_error; else as

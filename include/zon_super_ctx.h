@@ -9,7 +9,9 @@
  *            run without any private lock of the engine.
  * Ownership  fo stays its client's. Without a delete callback it is dropped silently when the super
  *            context goes.
- * Errors     checks run in the order listed; the first failure is returned.
+ * Errors     checks run in the order listed; the first failure is returned. Out-parameters are
+ *            cleared once the arguments are found good. An identifier above the engine's capacity
+ *            is a programming error and aborts.
  */
 #ifndef ZON_SUPER_CTX_H
 #define ZON_SUPER_CTX_H

@@ -6,7 +6,7 @@
 // guess: it locks the flow and proves under that lock that the item is still the flow's.
 //
 // Entries only ever move towards the end, and readers look from the start: an item that stays at
-// the front is never overlooked, and an older one of the same key never found in its place.
+// the front is never overlooked, and an older one of the same hash never found in its place.
 
 #pragma once
 
@@ -33,8 +33,8 @@ public:
     // The newest entry of the tag, or one without a half flow. The two pointers of an entry that is
     // being replaced may belong to two items.
     entry find(uint16_t tag) const {
-        // Without a branch for each slot: which one it will be, nobody can predict. One statement for
-        // each, because they have to be read in this order.
+        // Without a branch for each slot: which one it will be, nobody can predict. One statement
+        // for each, because they have to be read in this order.
         unsigned hits = 0;
         for (unsigned i = 0; i < size; ++i)
             hits |= static_cast<unsigned>(has_tag(slots_[i].word(), tag)) << i;
@@ -44,8 +44,8 @@ public:
         return {half_of(slots_[at].word()), slots_[at].flow.load(std::memory_order_acquire), at};
     }
 
-    // Whether the entry still stands where it was found. Under the lock of its flow that proves that
-    // the half flow is in the chain.
+    // Whether the entry still stands where it was found. Under the lock of its flow that proves
+    // that the half flow is in the chain.
     bool still_has(const entry& found) const {
         return half_of(slots_[found.at].word()) == found.half;
     }

@@ -35,7 +35,7 @@ void zon_private_stop_timer(zon_flow_t* flow);
 
 // ---- deletion (zon_api) ----
 
-// Consumes the flow lock. Always true: the deletion is done, or under way elsewhere.
+// Consumes the flow lock. Always true: the deletion is done, or this thread is in the middle of it.
 bool zon_private_delete_locked_flow(zon_flow_t* flow,
                                     const zon_flow_deletion_reason_e flow_deletion_reason);
 bool zon_private_delete_flow(zon_fid_t fid, zon_flow_deletion_reason_e flow_deletion_reason);

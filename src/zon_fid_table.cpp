@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <new>
 
 #include <sched.h>
@@ -113,6 +114,8 @@ deletion_in_progress::~deletion_in_progress() {
 
 zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flow_block_alloc_size,
                                     const uint32_t concurrency_level) {
+    if (concurrency_level > uint32_t{std::numeric_limits<int>::max()})
+        return nullptr;
     void* memory = zon_heap_zalloc(1, sizeof(fid_table_storage));
     if (memory == nullptr)
         return nullptr;

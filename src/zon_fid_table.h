@@ -36,12 +36,12 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
                                     const uint32_t concurrency_level);
 void zon_fid_table_destroy(zon_fid_table_t* fid_table);
 
-// A reset record, locked, its slot set; null when the table is full.
+// A reset record, locked, its slot set; null when the table is full, or grows by no records.
 zon_flow_t* zon_fid_table_new_flow_locked(zon_fid_table_t* fid_table);
 inline zon_flow_t* zon_fid_table_new_flow(zon_fid_table_t* fid_table) {
     return zon_fid_table_new_flow_locked(fid_table);
 }
-// False only for a null table.
+// The flow is dying or known to this thread alone. False only for a null table.
 bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid);
 
 // Calls cb with a report of each flow in use, outside all locks. user also is the filter of the

@@ -89,8 +89,8 @@ zon_half_flow_t* find_at_front(zon_hashset set, const typename family::key& want
     prefetch_flow(found);
     if (zon_flow_is_dying(found.flow)) [[unlikely]]
         return nullptr;
-    // Only tried for: the tag alone has led here, perhaps to a flow of another connection, and whoever
-    // asks may hold a flow that its owner waits for.
+    // Only tried for: the tag alone has led here, perhaps to a flow of another connection, and
+    // whoever asks may hold a flow that its owner waits for.
     if (!zon_try_lock_internal(found.flow->flow_lock)) [[unlikely]]
         return nullptr;
     if (front.still_has(found) && zon_flow_has_half(found.flow, found.half) &&
@@ -199,9 +199,10 @@ zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads
     auto* tbl = new (memory) flow_table_storage{};
     zon_hash_attr attrs{};
     zon_hash_attr_init(&attrs);
-    zon_hash_attr_sethashtable(&attrs, false,
-                               static_cast<int>(max_flows / ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO),
-                               static_cast<int>(max_threads), max_bucket_depth);
+    zon_hash_attr_sethashtable(
+        &attrs, false,
+        static_cast<int>(max_flows / std::max(1U, ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO)),
+        static_cast<int>(max_threads), max_bucket_depth);
     if (zon_hashset_create(&tbl->table, &attrs, 0, zon_hash_calc, zon_matcher, nullptr) !=
         zon_error_none) {
         std::free(memory);
@@ -275,12 +276,11 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
 
     held_lock table(tbl->flow_table_lock);
     const relink_pair move{initiator, wanted_initiator, responder, wanted_responder, tbl};
-    const pair_insert_result result =
-        zon_hashset_relink_pair(tbl->table, move, same_connection_for(flow),
-                                [](zon_hashset_item item, const void* wanted) {
-                                    zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
-                                                 &static_cast<const zon_half_flow_t*>(wanted)->key);
-                                });
+    const pair_insert_result result = zon_hashset_relink_pair(
+        tbl->table, move, same_connection_for(flow), [](zon_hashset_item item, const void* wanted) {
+            zon_copy_key(&static_cast<zon_half_flow_t*>(item)->key,
+                         &static_cast<const zon_half_flow_t*>(wanted)->key);
+        });
     if (result == pair_insert_result::already_present)
         return result;
     relaxed_add(tbl->profile_delete, 2);

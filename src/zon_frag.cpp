@@ -78,11 +78,8 @@ uint32_t bucket_of(const zon_frag_table_t* table, const zon_frag_key_t& key) {
 
 zon_frag_item_t* take_free_item(zon_frag_table_t* table) {
     zon_frag_item_t* item = table->free_list_head;
-    if (item == nullptr) {
-        if (zon_tracing_engine())
-            zon_buginf("\nZON Engine: ZON FRAG Table: zon_frag_malloc_item: free list is empty");
+    if (item == nullptr)
         return nullptr;
-    }
     table->free_list_head = item->list_next;
     if (table->free_list_head != nullptr)
         table->free_list_head->list_prev = nullptr;
@@ -113,15 +110,16 @@ void start_timer_locked(zon_frag_item_t* item) {
         zon_timer_frag_start(&g_zon->zon_tw, &item->timer, item->age_ms, item);
 }
 
-zon_fid_t insert_locked(zon_frag_table_t* table, const zon_frag_key_t& key, zon_fid_t fid) {
+// False when no entry is free.
+bool insert_locked(zon_frag_table_t* table, const zon_frag_key_t& key, zon_fid_t fid) {
     const uint32_t bucket = bucket_of(table, key);
     if (zon_frag_item_t* present = *find(table, key, bucket)) {
         present->fid = fid;
-        return fid;
+        return true;
     }
     zon_frag_item_t* item = take_free_item(table);
     if (item == nullptr)
-        return 0;
+        return false;
     copy_key(item->key, key);
     item->fid = fid;
     item->table_index = bucket;
@@ -133,7 +131,7 @@ zon_fid_t insert_locked(zon_frag_table_t* table, const zon_frag_key_t& key, zon_
     push(table->list_head, item);
     ++table->num_items;
     start_timer_locked(item);
-    return fid;
+    return true;
 }
 
 // link leads to the entry.
@@ -150,8 +148,14 @@ zon_fid_t remove_locked(zon_frag_table_t* table, zon_frag_item_t** link) {
 }
 
 zon_fid_t insert(zon_frag_table_t* table, const zon_frag_key_t& key, zon_fid_t fid) {
-    const std::lock_guard held(table_lock);
-    return insert_locked(table, key, fid);
+    {
+        const std::lock_guard held(table_lock);
+        if (insert_locked(table, key, fid))
+            return fid;
+    }
+    if (zon_tracing_engine())
+        zon_buginf("\nZON Engine: ZON FRAG Table: zon_frag_malloc_item: free list is empty");
+    return 0;
 }
 
 zon_fid_t lookup(const zon_frag_table_t* table, const zon_frag_key_t& key) {

@@ -60,8 +60,8 @@ zon_error_t zon_hashset_create(zon_hashset* hashset_handle, zon_hash_attr* attrs
                                zon_hash_matcher matcher, void* ctx);
 void zon_hashset_free(zon_hashset* hashset_handle);
 
-// False when the bucket is at its depth limit. The item's flow is locked on return in either case,
-// one level more than before.
+// False when the bucket is at its depth limit. The caller holds the item's flow, which is locked on
+// return in either case one level more.
 bool zon_hashset_insert(zon_hashset set, zon_hashset_item item);
 bool zon_hashset_insert_direct(zon_hashset set, zon_hashset_item item, int bucket);
 

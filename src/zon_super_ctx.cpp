@@ -219,18 +219,21 @@ zon_super_context_t* super_ctx_of(const zon_flow_t& flow, zon_super_context_type
     return super_ctx != nullptr && super_ctx->type == type ? super_ctx : nullptr;
 }
 
-// Calls use(slot) under the lock, with the client's slot on the flow's super context.
-template <class action>
-zon_error_t with_slot(zon_flow_ptr_t flow, zon_super_context_types_e type, zon_client_id_e cid,
-                      const void* fo, action use) {
+zon_error_t check_slot(zon_flow_ptr_t flow, zon_super_context_types_e type, zon_client_id_e cid,
+                       const void* fo) {
     if (fo == nullptr || flow == ZON_NULL_FID)
         return zon_error_parameter_is_null;
     if (!valid_type(type))
         return zon_error_sctx_type_invalid;
     if (cid > zon_last_client_id)
         return zon_error_client_id_invalid;
-    if (the_table() == nullptr)
-        return zon_error_sctx_table_creation_failed;
+    return the_table() == nullptr ? zon_error_sctx_table_creation_failed : zon_error_none;
+}
+
+// Calls use(slot) under the lock, with the client's slot on the flow's super context.
+template <class action>
+zon_error_t with_slot(zon_flow_ptr_t flow, zon_super_context_types_e type, zon_client_id_e cid,
+                      action use) {
     const locked_flow found = zon_fid_table_lookup(g_zon->fid_table, flow);
     if (!found)
         return zon_error_flow_not_found;
@@ -312,12 +315,17 @@ zon_error_t zon_super_context_unregister_delete_cb(zon_client_id_e cid) {
 
 zon_error_t zon_super_context_attach_fo(zon_flow_ptr_t flow, zon_super_context_types_e type,
                                         zon_client_id_e cid, void* fo) {
-    return with_slot(flow, type, cid, fo, [fo](void*& slot) { slot = fo; });
+    if (const zon_error_t error = check_slot(flow, type, cid, fo); error != zon_error_none)
+        return error;
+    return with_slot(flow, type, cid, [fo](void*& slot) { slot = fo; });
 }
 
 zon_error_t zon_super_context_get_fo(zon_flow_ptr_t flow, zon_super_context_types_e type,
                                      zon_client_id_e cid, void** fo) {
-    return with_slot(flow, type, cid, fo, [fo](void* slot) { *fo = slot; });
+    if (const zon_error_t error = check_slot(flow, type, cid, fo); error != zon_error_none)
+        return error;
+    *fo = nullptr;
+    return with_slot(flow, type, cid, [fo](void* slot) { *fo = slot; });
 }
 
 zon_error_t zon_super_context_get_sctxt_handle(zon_flow_ptr_t flow, zon_super_context_types_e type,
@@ -328,6 +336,7 @@ zon_error_t zon_super_context_get_sctxt_handle(zon_flow_ptr_t flow, zon_super_co
         return zon_error_sctx_table_creation_failed;
     if (!valid_type(type))
         return zon_error_sctx_type_invalid;
+    *sctxt_id = 0;
     const locked_flow found = zon_fid_table_lookup(g_zon->fid_table, flow);
     if (!found)
         return zon_error_flow_not_found;

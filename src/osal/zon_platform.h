@@ -1,9 +1,9 @@
-// zon_platform.h - hooks of the platform that the engine itself calls; the ones that hosts replace
+// zon_platform.h - a hook of the platform that is not a host's business; those that hosts replace
 // are public (platform/linux/zon_pd_pkt_inline.h).
 
 #pragma once
 
 #include "platform/linux/zon_pd_pkt_inline.h"
 
-// Loads platform defaults before a host reads the ZON_DEFAULT_ globals; this platform has none.
+// Kept for platforms that load defaults; this one has none, and nothing calls it.
 zon_error_t zon_init_default_params();

@@ -1,6 +1,7 @@
 // zon_timer.h - idle timers of flows and fragments on the engine's wheel.
 //
-// A timer is started, restarted and stopped under the lock of the record that embeds it. The two
+// A timer is started, restarted and stopped under the lock of the record that embeds it, or while
+// nobody can take that record into use. The two
 // handlers are the engine's (zon_timer_common); the platform calls them on the timer thread, or on
 // the thread that turns a manual clock.
 
@@ -19,8 +20,8 @@ void zon_timer_frag_start(zon_tw_wheel_t* zon_tw, zon_tw_timer_t* timer, uint32_
 void zon_timer_stop(zon_tw_timer_t* timer);
 bool zon_timer_running(const zon_tw_timer_t* timer);
 
-// Copies the timer as it stands, although its neighbours on the wheel come and go. The copy is never
-// started or stopped.
+// Copies the timer as it stands, although its neighbours on the wheel come and go. The copy is
+// never started or stopped.
 void zon_timer_copy(const zon_tw_timer_t* timer, zon_tw_timer_t* copy);
 
 // Inside a handler: has the timer been started or stopped since this expiry was taken off the

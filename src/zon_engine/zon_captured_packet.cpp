@@ -52,7 +52,8 @@ packet_check check_later_fragment(uint8_t protocol, size_t room) {
 }
 
 // A packet inside IP protocol 41. What is not IPv6 is not looked into. The look is a silent one: a
-// packet that is classified is parsed again, and a host that reads the trace expects its lines once.
+// packet that is classified is parsed again, and a host that reads the trace expects its lines
+// once.
 packet_check check_inner(uint8_t* inner, size_t room) {
     if (room < 1)
         return packet_check::refused;

@@ -85,7 +85,11 @@ client_entry* new_client(zon_client_id_e id) {
     return &record->entry;
 }
 
+// Whoever walks the list at this moment may still come past the entry, but calls nobody.
 void park(client_entry* client) {
+    set_callback(client->fo_del_cb, {});
+    set_callback(client->pre_create_cb, {});
+    set_callback(client->bypass_cb, {});
     auto* record =
         reinterpret_cast<client_record*>(client);  // every entry is the head of its record
     record->next_parked = parked_clients;

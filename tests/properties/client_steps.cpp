@@ -335,7 +335,7 @@ void side_by_side::context_object(const operation& step) {
         uint32_t handle = 99;
         expect_error("handle", zon_super_context_get_sctxt_handle(fid, type, &handle),
                      expected_with(false, zon_error_sctx_unmapped));
-        expect("handle", handle, value.value_or(99));
+        expect("handle", handle, fid == 0 ? 99U : value.value_or(0));
         return;
     }
     const zon_error_t expected = expected_with(true, zon_error_feature_object_not_attached);

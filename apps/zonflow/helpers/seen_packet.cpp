@@ -1,4 +1,5 @@
-// seen_packet.cpp - finds the payload by offsets, so that no pointer ever leaves the captured bytes.
+// seen_packet.cpp - finds the payload by offsets, so that no pointer ever leaves the captured
+// bytes.
 #include "helpers/seen_packet.h"
 
 #include <algorithm>

@@ -30,8 +30,8 @@ ZON_API bool zon_ipnat_enabled(void* pkt_ctx);
 ZON_API bool zon_ipnat_translation_required(void* pkt_ctx);
 
 /* Rewrites addresses and ports to their translated values, so that the responder's side of a new
- * flow is found under them. Called for IPv4 while a flow is created and NAT is enabled. Here:
- * false, nothing changed. */
+ * flow is found under them. Called for IPv4 while a flow is created and NAT is enabled. What was
+ * written counts, whatever is returned. Here: false, nothing changed. */
 ZON_API bool zon_ipv4nat_fixup_ip_port(void* pkt_ctx, uint32_t* src_ip, uint16_t* src_port,
                                        uint32_t* dst_ip, uint16_t* dst_port, uint8_t protocol);
 ZON_API bool zon_ipv4nat_get_translated_ip_port(void* pkt_ctx, uint32_t* src_ip, uint16_t* src_port,
@@ -39,7 +39,7 @@ ZON_API bool zon_ipv4nat_get_translated_ip_port(void* pkt_ctx, uint32_t* src_ip,
 
 /* Called by the host when it is done with a packet (pak_ctx is a zon_pkt_ctx_t). A flow whose last
  * packet this was is given the idle time ZON_DEFAULT_MIN_AGING, so that it leaves within about a
- * second; true when that was done. */
+ * second; true when that was done. An identifier above the engine's capacity aborts. */
 ZON_API bool zon_cleanup_packet(void* pak_ctx);
 
 #ifdef __cplusplus

@@ -419,6 +419,31 @@ TEST_F(client_walk, tells_the_newest_client_first_when_a_flow_goes) {
     EXPECT_EQ(called, (std::vector<zon_client_id_e>{third, second, client}));
 }
 
+// The walk stands at a client that unregisters itself and then the one behind it.
+TEST_F(client_walk, calls_no_client_that_an_earlier_one_has_unregistered) {
+    static zon_client_id_e next;
+    next = client;
+    for (const zon_client_id_e id : {client, third}) {
+        ASSERT_EQ(zon_client_register_pre_flow_create_cb(id, note_creation), zon_error_none);
+        ASSERT_EQ(zon_client_register_delete_cb(id, note_deletion), zon_error_none);
+    }
+    ASSERT_EQ(zon_client_register_delete_cb(second,
+                                            [](zon_flow_ptr_t, void*, void*, void*,
+                                               zon_flow_deletion_reason_e, zon_client_id_e cid) {
+                                                called.push_back(cid);
+                                                zon_client_feature_unregister(cid);
+                                                zon_client_feature_unregister(next);
+                                            }),
+              zon_error_none);
+    ASSERT_NE(handle(a_packet()).fid, ZON_NULL_FID);
+    called.clear();
+    delete_all_flows();
+    EXPECT_EQ(called, (std::vector<zon_client_id_e>{third, second}));
+    called.clear();
+    EXPECT_NE(handle(packet_builder::ipv4("10.0.0.3", "10.0.0.4").udp(1000, 53)).fid, ZON_NULL_FID);
+    EXPECT_EQ(called, (std::vector<zon_client_id_e>{third}));
+}
+
 TEST_F(client_walk, goes_on_past_a_client_that_unregisters_itself) {
     for (const zon_client_id_e id : {client, second, third})
         ASSERT_EQ(zon_client_register_pre_flow_create_cb(id, note_creation), zon_error_none);

@@ -337,6 +337,19 @@ TEST_F(busy_engine, is_left_as_it_was_when_a_restart_cannot_destroy_it) {
     EXPECT_EQ(zon_test::flows_in_use(), 3U);
 }
 
+TEST(engine_parameters, allow_no_more_locks_than_an_int_counts) {
+    EXPECT_EQ(zon_init(10, 0, 10, 0x80000000U, 0, 16, 10), zon_error_fid_table_creation_failed);
+    EXPECT_EQ(zon_destroy(), zon_error_none);
+}
+
+TEST(engine_parameters, take_a_ratio_of_0_for_1) {
+    ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO = 0;
+    EXPECT_EQ(zon_init(100, 0, 10, 4, 0, 16, 10), zon_error_none);
+    ZON_DEFAULT_FLOW_TO_HASH_SIZE_RATIO = 1;
+    EXPECT_EQ(g_zon->flow_tbl->table->array_size, 107);
+    EXPECT_EQ(zon_destroy(), zon_error_none);
+}
+
 TEST_F(busy_engine, restores_capabilities_into_a_half_built_engine) {
     zon_debug_flag_all = true;
     captured_output trace(stderr);

@@ -1,7 +1,8 @@
 /* vem_tw.h - timer wheels: millions of one-shot timers, embedded in the records of their owners.
  *
- * Start, restart and stop cost the same however many timers run and allocate nothing. A timer never
- * fires early and at most two ticks late, whatever the clock does.
+ * Start, restart and stop cost the same however many timers run and allocate nothing. By the
+ * readings of vem_clock, which are whole microseconds, a timer never fires early and at most two
+ * ticks late, whatever the machine's clock does.
  *
  * Threads    any thread, also from inside callbacks. One timer is started and stopped by one thread
  *            at a time (its owner's lock sees to that), while the dispatching thread may run it.
@@ -54,8 +55,8 @@ struct vem_tw_timer_ {
 
 /* Creates a wheel of at least `levels` levels with `slots` slots each (rounded up to a power of
  * two; 1 to 65536) and a tick of tick_us microseconds. Levels are added or left out so that the
- * wheel spans 2^32 - 1 ms. Ticks count from the clock's reading at this moment. The handle is stored
- * atomically. The last three arguments are ignored.
+ * wheel spans 2^32 - 1 ms. Ticks count from the clock's reading at this moment. The handle is
+ * stored atomically. The last three arguments are ignored.
  *   EINVAL  wheel is NULL, or slots, tick_us or levels is out of range
  *   ENOMEM  no memory
  *   EAGAIN  the process has as many wheels as it can have (128)
