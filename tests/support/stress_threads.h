@@ -60,9 +60,10 @@ public:
     }
     bool is_alone() const { return barrier_ == nullptr; }
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
-    // Lets others in now and then, so that a single core also meets the odd interleaving.
+    // Lets others in now and then, so that a single core also meets the odd interleaving. Alone it
+    // has nobody to let in, and gives its turn to no other program.
     void stumble() {
-        if (below(8) == 0)
+        if (below(8) == 0 && !is_alone())
             std::this_thread::yield();
     }
 
