@@ -149,3 +149,8 @@ static_assert(offsetof(zon_flow_report_t, parent_fid) == 44 &&
 static_assert(offsetof(zon_flow_report_t, initiator_key) == 80 &&
               offsetof(zon_flow_report_t, responder_key) == 140);
 static_assert(sizeof(zon_dump_output) == 24 && sizeof(zon_dump_flow_context) == 24);
+static_assert(offsetof(zon_dump_output, ip_type) == 4 && offsetof(zon_dump_output, ipaddr) == 8);
+static_assert(offsetof(zon_dump_output, port) == 16);
+static_assert(offsetof(zon_dump_flow_context, ip_type) == 3);
+static_assert(offsetof(zon_dump_flow_context, ipaddr) == 8 &&
+              offsetof(zon_dump_flow_context, port) == 16);
