@@ -1,7 +1,8 @@
-// allocation_faults.h - lets a chosen request of the engine for table memory fail.
+// allocation_faults.h - lets a chosen request of the engine for table memory fail, or every request
+// of a thread for objects.
 //
-// The program under test is linked so that every call of zon_heap_zalloc between its units comes
-// here first (tests/CMakeLists.txt).
+// The program under test is linked so that every call of zon_heap_zalloc between its units, and
+// every use of operator new, comes here first (tests/CMakeLists.txt).
 
 #pragma once
 
@@ -18,6 +19,18 @@ public:
 
     // Whether the request that was to fail has come.
     bool has_failed() const;
+};
+
+// While it lives, operator new throws on the thread that made it. Memory that was asked for before,
+// a vector's spare room for one, can still be used.
+class failing_operator_new {
+public:
+    failing_operator_new();
+    ~failing_operator_new();
+    failing_operator_new(const failing_operator_new&) = delete;
+    failing_operator_new& operator=(const failing_operator_new&) = delete;
+
+    int times_failed() const;
 };
 
 }  // namespace zon_test

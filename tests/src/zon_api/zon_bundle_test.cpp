@@ -4,6 +4,8 @@
 #include <barrier>
 
 #include "api_fixture.h"
+#include "support/allocation_faults.h"
+#include "support/watchdog.h"
 
 using namespace zon_test;
 
@@ -140,6 +142,19 @@ TEST_F(bundles, close_up_when_a_later_child_goes) {
     EXPECT_EQ(children_of(parent), fids({c}));
 }
 
+TEST_F(bundles, leave_a_deleted_child_without_links_wherever_it_stood) {
+    with_three_children();
+    const zon_fid_t unlisted =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), parent);
+    for (const zon_fid_t child : {unlisted, a, b, c}) {
+        const zon_flow_t* record = record_of(child);
+        ASSERT_EQ(record->bundle_parent, record_of(parent));
+        zon_delete_flow_tamonet(child, requested);
+        EXPECT_EQ(record->bundle_parent, nullptr);
+        EXPECT_EQ(record->bundle_sibling, nullptr);
+    }
+}
+
 TEST_F(bundles, of_a_deleted_parent_leave_orphans) {
     with_three_children();
     zon_delete_flow_tamonet(parent, requested);
@@ -199,6 +214,37 @@ TEST_F(bundles, that_form_a_circle_are_walked_no_further_than_the_table_is_long)
     EXPECT_EQ(children_of(parent).size(), g_zon->fid_table->allocated);
     zon_delete_flow_tamonet(parent, requested);
     EXPECT_EQ(parent_of(a), 0u);
+}
+
+TEST_F(bundles, that_form_a_circle_are_searched_no_further_than_the_table_is_long) {
+    with_three_children();
+    const zon_fid_t unlisted =
+        pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), parent);
+    record_of(a)->bundle_sibling = record_of(c);
+    {
+        const watchdog watched(std::chrono::seconds(30), [] {});
+        EXPECT_TRUE(zon_delete_flow_tamonet(unlisted, requested));
+    }
+    record_of(a)->bundle_sibling = nullptr;
+    EXPECT_EQ(children_of(parent), fids({c, b, a}));
+}
+
+TEST_F(bundles, are_walked_to_the_end_without_memory_for_what_was_visited) {
+    with_three_children();
+    visited.clear();
+    visited.reserve(8);
+    zon_error_t error = zon_error_memory;
+    int times_failed = 0;
+    {
+        const failing_operator_new failing;
+        error = zon_flow_traverse_child_flows(parent, visit);
+        times_failed = failing.times_failed();
+    }
+    EXPECT_EQ(error, zon_error_none);
+    EXPECT_GT(times_failed, 0) << "the walk asked for no memory";
+    EXPECT_EQ(visited, fids({c, b, a}));
+    for (const zon_fid_t flow : {parent, a, b, c})
+        EXPECT_FALSE(is_locked(record_of(flow)));
 }
 
 // The circle is formed as hosts can form it: a deleted child that had children of its own stays
