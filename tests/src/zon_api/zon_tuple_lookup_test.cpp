@@ -223,6 +223,17 @@ TEST_F(tuple_lookup, probe_finds_flows_of_vrf_0_whatever_the_tuple_says_and_unlo
     EXPECT_FALSE(is_locked(record_of(fid)));
 }
 
+TEST_F(tuple_lookup, probe_takes_every_tuple_for_one_of_ipv4) {
+    const zon_fid_t fid = udp_flow(1000);
+    for (const int family : {0, 11, 12}) {
+        zon_flow_tuple_t tuple = tuple4(host_a, 1000, host_b, 53);
+        tuple.src_ip.addr_type = tuple.dst_ip.addr_type = static_cast<zon_ip_addr_e>(family);
+        int bucket = -1;
+        EXPECT_EQ(zon_flow_lookup_tamonet(&tuple, &bucket), 1) << "family " << family;
+        EXPECT_FALSE(is_locked(record_of(fid)));
+    }
+}
+
 TEST_F(tuple_lookup, probe_misses_other_vrfs_and_announced_flows_and_still_tells_the_bucket) {
     handle(udp_packet(1000, 53), 42);
     zon_flow_tuple_t other_vrf = tuple4(host_a, 1000, host_b, 53, udp, 42);
