@@ -34,6 +34,18 @@ int64_t in_use_of(vem_chunk_type chunk, int32_t ready) {
     return entry != nullptr ? entry->in_use.load(std::memory_order_relaxed) - ready : 0;
 }
 
+constexpr int never = -1;
+std::atomic<int> requests_left = never;
+std::atomic<bool> failed = false;
+
+bool is_to_fail() {
+    if (requests_left.load(std::memory_order_relaxed) == never || requests_left.fetch_sub(1) != 0)
+        return false;
+    requests_left = never;
+    failed = true;
+    return true;
+}
+
 }  // namespace
 
 extern "C" vem_chunk_type __real_vem_mem_chunk_create(size_t size, uint32_t step, int a, int b,
@@ -58,7 +70,7 @@ extern "C" vem_chunk_type __wrap_vem_mem_chunk_create(size_t size, uint32_t step
 }
 
 extern "C" void* __wrap_vem_mem_chunk_malloc(vem_chunk_type chunk) {
-    void* element = __real_vem_mem_chunk_malloc(chunk);
+    void* element = is_to_fail() ? nullptr : __real_vem_mem_chunk_malloc(chunk);
     count(chunk, element != nullptr ? 1 : 0);
     return element;
 }
@@ -76,6 +88,18 @@ extern "C" bool __wrap_vem_mem_chunk_destroy(vem_chunk_type chunk) {
 }
 
 namespace zon_test {
+
+failing_record_memory::failing_record_memory(int after_requests) {
+    failed = false;
+    requests_left = after_requests;
+}
+failing_record_memory::~failing_record_memory() {
+    requests_left = never;
+}
+
+bool failing_record_memory::has_failed() const {
+    return failed;
+}
 
 records_in_use records_in_use::of(const zon_chunk_mem_t& chunks) {
     records_in_use in_use;

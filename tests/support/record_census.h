@@ -1,4 +1,5 @@
-// record_census.h - counts the records that an engine has taken from its chunks and not given back.
+// record_census.h - counts the records that an engine has taken from its chunks and not given back,
+// and lets a chosen request for one fail.
 //
 // The program under test is linked so that every call of a chunk's operations between units comes
 // here first (tests/CMakeLists.txt). Unlike the engine's own usage counters, these do not count
@@ -24,6 +25,19 @@ struct records_in_use {
 
     static records_in_use of(const zon_chunk_mem_t& chunks);
     bool operator==(const records_in_use&) const = default;
+};
+
+// While it lives, requests for records succeed until the given number of them have been made; the
+// next one fails, and those after it succeed again. Ready records are not asked for.
+class failing_record_memory {
+public:
+    explicit failing_record_memory(int after_requests);
+    ~failing_record_memory();
+    failing_record_memory(const failing_record_memory&) = delete;
+    failing_record_memory& operator=(const failing_record_memory&) = delete;
+
+    // Whether the request that was to fail has come.
+    bool has_failed() const;
 };
 
 inline std::ostream& operator<<(std::ostream& out, const records_in_use& in_use) {

@@ -42,24 +42,6 @@ TEST(pre_flows_without_an_engine, say_so) {
               zon_error_engine_not_init);
 }
 
-TEST_F(pre_flows, are_checked_by_type_then_tuple_then_fid) {
-    zon_fid_t fid = 7;
-    for (const int type : {-1, 4}) {
-        const auto wrong = static_cast<zon_flow_tuple_type_t>(type);
-        EXPECT_EQ(zon_pre_flow_add(wrong, nullptr, 0, nullptr, nullptr),
-                  zon_error_invalid_tuple_type);
-        EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(wrong, nullptr),
-                  zon_error_invalid_tuple_type);
-    }
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, nullptr, 0, nullptr, nullptr),
-              zon_error_flow_tuple_is_null);
-    EXPECT_EQ(zon_pre_flow_delete_using_flow_tuple(ZON_FLOW_TUPLE_TYPE_COMPLETE, nullptr),
-              zon_error_flow_tuple_is_null);
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, nullptr, nullptr),
-              zon_error_parameter_is_null);
-    EXPECT_EQ(fid, 7u);
-}
-
 struct announcement {
     bool is_ipv6;
     zon_flow_tuple_type_t type;
@@ -124,18 +106,35 @@ TEST_F(pre_flows, of_an_existing_flow_return_that_flow) {
     EXPECT_FALSE(g_zon->flow_tbl->has_incomplete_inserts);
 }
 
+TEST_F(pre_flows, found_again_keep_the_parent_that_they_have_or_have_not) {
+    const zon_fid_t parent = udp_flow(900);
+    const zon_fid_t other = udp_flow(901);
+    const zon_fid_t ordinary = udp_flow(902);
+    const zon_fid_t announced = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple, parent);
+    const zon_fid_t orphan = pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2));
+    EXPECT_EQ(pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple, other), announced);
+    EXPECT_EQ(pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 1, host_b, 2), other), orphan);
+    EXPECT_EQ(pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple4(host_a, 902, host_b, 53), other),
+              ordinary);
+    EXPECT_EQ(record_of(announced)->bundle_parent, record_of(parent));
+    EXPECT_EQ(record_of(orphan)->bundle_parent, nullptr);
+    EXPECT_EQ(record_of(ordinary)->bundle_parent, nullptr);
+}
+
 TEST_F(pre_flows, found_at_the_insertion_are_returned_instead) {
+    const zon_fid_t parent = udp_flow(900);
     const zon_fid_t ordinary = udp_flow(1000);
     zon_any_key_t key;
     ASSERT_TRUE(zon_build_key(&key, ZON_IPV4_KEY_PRE_FLOW_COMPLETE, &tuple));
     zon_fid_t fid = 0;
     zon_lock_t lock = nullptr;
-    EXPECT_EQ(zon_private_insert_incomplete_tuple(&key.head, 0, &fid, &lock), zon_error_none);
+    EXPECT_EQ(zon_private_insert_incomplete_tuple(&key.head, parent, &fid, &lock), zon_error_none);
     EXPECT_EQ(fid, ordinary);
+    EXPECT_EQ(record_of(ordinary)->bundle_parent, nullptr);
     EXPECT_EQ(lock, record_of(ordinary)->flow_lock);
     EXPECT_TRUE(is_locked(record_of(ordinary)));
     zon_flow_unlock(lock);
-    EXPECT_EQ(elements(), 2u);
+    EXPECT_EQ(elements(), 4u);
     EXPECT_EQ(count(ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 0u);
 }
 
@@ -246,7 +245,35 @@ protected:
         parameters.max_mem_buffer_init = 1;
         usage_may_drift = true;
     }
+    static void expect_refusal(const zon_flow_tuple_t& of, zon_fid_t parent = 0) {
+        zon_debug_flag_engine = true;
+        const std::string text = traced([&] {
+            zon_fid_t fid = 7;
+            zon_lock_t lock = &fid;
+            EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &of, parent, &fid, &lock),
+                      zon_error_memory);
+            EXPECT_EQ(fid, 0u);
+            EXPECT_EQ(lock, nullptr);
+        });
+        zon_debug_flag_engine = false;
+        EXPECT_TRUE(ends_with(text, "\nZON Engine: ZON_ERRMSG_NO_MEMORY, ")) << text;
+        EXPECT_TRUE(no_lock_is_held());
+    }
 };
+
+// Half flows of this family come from their chunk alone.
+TEST_F(pre_flows_of_little_memory, of_ipv6_are_refused_for_each_half_flow_too) {
+    const zon_fid_t parent = udp_flow(900);
+    for (const int half_flows_made : {0, 1}) {
+        const failing_record_memory failing(half_flows_made);
+        expect_refusal(tuple6("2001:db8::1", 1000, "2001:db8::2", 53), parent);
+        EXPECT_TRUE(failing.has_failed());
+        EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors,
+                  static_cast<uint32_t>(half_flows_made + 1));
+        EXPECT_EQ(records_in_use::of(g_zon->zon_chunk_ptr).ipv6_half_flows, 0);
+    }
+    EXPECT_EQ(elements(), 2u);
+}
 
 TEST_F(pre_flows_of_little_memory, are_refused_for_each_half_flow_and_counted_once) {
     const vem_chunk_type chunk =
@@ -258,17 +285,13 @@ TEST_F(pre_flows_of_little_memory, are_refused_for_each_half_flow_and_counted_on
             taken.back()->key.key_type = ZON_IPV4_KEY_COMPLETE;
         }
     };
-    zon_fid_t fid = 7;
     leave_ready(1);
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
-              zon_error_memory);
+    expect_refusal(tuple);
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 1u);
     EXPECT_EQ(zon_private_ipv4_flow_mem_buffer_count, 1);
     leave_ready(0);
-    EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
-              zon_error_memory);
+    expect_refusal(tuple);
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 2u);
-    EXPECT_EQ(fid, 0u);
     for (zon_half_flow_t* half : taken)
         zon_deallocate_half_flow(half);
     g_zon->zon_chunk_ptr.zon_ipv4_half_flow_mem = chunk;
@@ -307,12 +330,12 @@ protected:
             ++tuple.src_port;
         ASSERT_NE(pre_flow(ZON_FLOW_TUPLE_TYPE_COMPLETE, tuple), 0u);
     }
-    static std::string add_refused(const zon_flow_tuple_t& of) {
+    static std::string add_refused(const zon_flow_tuple_t& of, zon_fid_t parent) {
         zon_errlog = true;
         return traced([&] {
             zon_fid_t fid = 7;
             zon_lock_t lock = nullptr;
-            EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &of, 0, &fid, &lock),
+            EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &of, parent, &fid, &lock),
                       zon_error_flow_creation_prevented);
             EXPECT_EQ(fid, 0u);
             EXPECT_EQ(lock, nullptr);
@@ -320,15 +343,20 @@ protected:
     }
 };
 
-constexpr const char* prevented =
-    "ZON_MSG_INDEX: 3. Flow creation was prevented because of hash table bucket depth  "
-    "zon_private_insert_incomplete_tuple, parent_fid::0\n";
+std::string prevented(zon_fid_t parent) {
+    return "ZON_MSG_INDEX: 3. Flow creation was prevented because of hash table bucket depth  "
+           "zon_private_insert_incomplete_tuple, parent_fid::" +
+           std::to_string(parent) + "\n";
+}
 
 TEST_F(pre_flows_in_shallow_buckets, are_refused_when_the_first_bucket_is_full) {
     occupy();
     const uint32_t inserts = g_zon->flow_tbl->profile_insert;
-    const std::string text = add_refused(tuple_with(true, false));
-    EXPECT_TRUE(ends_with(text, prevented)) << text;
+    for (const zon_fid_t parent : {0u, 1u, 9u}) {  // none, one that is there, one that is not
+        const std::string text = add_refused(tuple_with(true, false), parent);
+        EXPECT_TRUE(ends_with(text, prevented(parent))) << text;
+    }
+    EXPECT_TRUE(no_lock_is_held());
     EXPECT_EQ(elements(), 2u);
     EXPECT_EQ(g_zon->flow_tbl->profile_insert, inserts);
     EXPECT_EQ(count(ZON_IPV4_KEY_PRE_FLOW_COMPLETE), 2u);
@@ -341,8 +369,9 @@ TEST_F(pre_flows_in_shallow_buckets,
     const uint32_t inserts = g_zon->flow_tbl->profile_insert;
     const uint32_t deletes = g_zon->flow_tbl->profile_delete;
     const zon_flow_tuple_t refused = tuple_with(false, true);
-    const std::string text = add_refused(refused);
-    EXPECT_TRUE(ends_with(text, prevented)) << text;
+    const std::string text = add_refused(refused, 1);
+    EXPECT_TRUE(ends_with(text, prevented(1))) << text;
+    EXPECT_TRUE(no_lock_is_held());
     EXPECT_EQ(elements(), 3u);
     EXPECT_EQ(g_zon->flow_tbl->profile_insert, inserts + 1);
     EXPECT_EQ(g_zon->flow_tbl->profile_delete, deletes);
@@ -462,6 +491,26 @@ TEST_F(uni_objects, join_the_list_of_the_direction_without_cutting_it) {
     EXPECT_EQ(zon_uni_flow_attach_fo(second, complete, &tuple, &objects[1]), zon_error_none);
     EXPECT_EQ(record_of(fid)->initiator_flow->fo_list->id, second);
     EXPECT_EQ(record_of(fid)->initiator_flow->fo_list->next->id, first);
+}
+
+// The list of a direction may end in that of the whole flow.
+TEST_F(uni_objects, detached_leave_every_list_that_they_are_on) {
+    const zon_client_id_e of_both = new_client();
+    const zon_client_id_e of_one = new_client();
+    const zon_fid_t fid = pre_flow(complete, tuple);
+    zon_flow_attach_fo(fid, of_both, ZON_DIR_BI, &objects[0]);
+    zon_flow_attach_fo(fid, of_one, ZON_DIR_INITIATOR, &objects[1]);
+    zon_flow_attach_fo(fid, of_one, ZON_DIR_RESPONDER, &objects[2]);
+    void* fo = nullptr;
+    EXPECT_EQ(zon_uni_flow_detach_fo(of_both, complete, &tuple, &fo), zon_error_none);
+    EXPECT_EQ(fo, &objects[0]);
+    const zon_flow_t* flow = record_of(fid);
+    EXPECT_EQ(flow->fo_list, nullptr);
+    for (const zon_half_flow_t* half : {flow->initiator_flow, flow->responder_flow}) {
+        EXPECT_EQ(half->fo_list->id, of_one);
+        EXPECT_EQ(half->fo_list->next, nullptr);
+    }
+    EXPECT_EQ(records_in_use::of(g_zon->zon_chunk_ptr).feature_objects, 2);
 }
 
 TEST_F(uni_objects, are_overwritten_and_missed_with_a_line_each) {
