@@ -1,4 +1,5 @@
-// watched_output.h - looks on while the code under test prints on standard output.
+// watched_output.h - looks on while the code under test prints on standard output, or on standard
+// error.
 //
 //   watched_output output([&] { seen.push_back(g_zon->in_use); });
 //   ... something prints, and after each piece the function above was called ...
@@ -17,18 +18,18 @@ namespace zon_test {
 
 class watched_output {
 public:
-    explicit watched_output(std::function<void()> look)
-        : look_(std::move(look)), original_(stdout) {
+    explicit watched_output(std::function<void()> look, FILE*& stream = stdout)
+        : look_(std::move(look)), watched_(stream), original_(stream) {
         cookie_io_functions_t functions{};
         functions.write = take;
         stream_ = fopencookie(this, "w", functions);
         setvbuf(stream_, nullptr, _IONBF, 0);
-        stdout = stream_;
+        watched_ = stream_;
     }
     watched_output(const watched_output&) = delete;
     watched_output& operator=(const watched_output&) = delete;
     ~watched_output() {
-        stdout = original_;
+        watched_ = original_;
         fclose(stream_);
     }
 
@@ -46,6 +47,7 @@ private:
     }
 
     std::function<void()> look_;
+    FILE*& watched_;
     FILE* original_;
     FILE* stream_ = nullptr;
     std::string text_;

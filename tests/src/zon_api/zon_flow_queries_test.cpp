@@ -150,6 +150,31 @@ TEST_F(flow_queries, numbers_are_read_as_they_are) {
     EXPECT_EQ(handle(udp_packet(1000, 53)).indications.bypass_id, 17u);
 }
 
+// What an operation writes into the record of its flow.
+struct written {
+    const char* name;
+    zon_error_t (*set)(zon_fid_t);
+    void (*in_record)(zon_flow_t&);
+};
+
+TEST_F(flow_queries, setters_write_their_field_alone) {
+    const written rows[] = {
+        {"set_l4_state", [](zon_fid_t f) { return zon_flow_set_l4_state(f, ZON_L4_CLOSING); },
+         [](zon_flow_t& record) { record.l4state.sess_state = ZON_L4_CLOSING; }},
+        {"set_application_id", [](zon_fid_t f) { return zon_flow_set_application_id(f, ~0U); },
+         [](zon_flow_t& record) { record.app_id = ~0U; }},
+        {"set_dpi_bypass_id", [](zon_fid_t f) { return zon_flow_set_dpi_bypass_id(f, ~0U); },
+         [](zon_flow_t& record) { record.bypass_id = ~0U; }},
+    };
+    for (const written& row : rows) {
+        zon_flow_t expected;
+        std::memcpy(static_cast<void*>(&expected), record_of(fid), sizeof expected);
+        row.in_record(expected);
+        EXPECT_EQ(row.set(fid), zon_error_none) << row.name;
+        EXPECT_EQ(std::memcmp(&expected, record_of(fid), sizeof expected), 0) << row.name;
+    }
+}
+
 TEST_F(flow_queries, tuple_is_the_key_of_the_direction) {
     const zon_fid_t other_vrf = handle(udp_packet(1001, 53), 9).fid;
     zon_flow_tuple_t tuple{};
@@ -168,7 +193,7 @@ TEST_F(flow_queries, tuple_is_the_key_of_the_direction) {
 }
 
 TEST_F(flow_queries, tuple_of_an_ipv6_flow_holds_its_words) {
-    const zon_fid_t flow = handle(udp6_packet(1000, 53)).fid;
+    const zon_fid_t flow = handle(udp6_packet(1000, 53), 9).fid;
     const zon_flow_tuple_t expected = tuple6("2001:db8::1", 1000, "2001:db8::2", 53);
     zon_flow_tuple_t tuple{};
     ASSERT_EQ(zon_flow_get_tuple(flow, ZON_DIR_INITIATOR, &tuple), zon_error_none);
@@ -178,6 +203,27 @@ TEST_F(flow_queries, tuple_of_an_ipv6_flow_holds_its_words) {
     EXPECT_EQ(std::memcmp(tuple.dst_ip.u.v6_addr, expected.dst_ip.u.v6_addr, 16), 0);
     EXPECT_EQ(tuple.src_port, 1000);
     EXPECT_EQ(tuple.dst_port, 53);
+    EXPECT_EQ(tuple.vrf_id, 9u);
+    EXPECT_EQ(tuple.l4_protocol, udp);
+}
+
+TEST_F(flow_queries, tuple_of_an_announced_flow_has_what_was_announced_where_nothing_is_known) {
+    zon_flow_tuple_t announced4 = tuple4(0x0A0000AA, 7000, 0x0A0000BB, 8000, tcp, 12);
+    zon_flow_tuple_t announced6 = tuple6("2001:db8::aa", 7000, "2001:db8::bb", 8000, tcp);
+    announced6.vrf_id = 12;
+    for (const zon_flow_tuple_t& announced : {announced4, announced6})
+        for (int type = ZON_FLOW_TUPLE_TYPE_COMPLETE; type <= ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN;
+             ++type) {
+            const zon_fid_t flow = pre_flow(static_cast<zon_flow_tuple_type_t>(type), announced);
+            for (const auto dir : {ZON_DIR_INITIATOR, ZON_DIR_RESPONDER}) {
+                const zon_flow_tuple_t expected =
+                    dir == ZON_DIR_INITIATOR ? announced : reversed(announced);
+                zon_flow_tuple_t tuple{};
+                ASSERT_EQ(zon_flow_get_tuple(flow, dir, &tuple), zon_error_none);
+                EXPECT_EQ(std::memcmp(&tuple, &expected, sizeof tuple), 0)
+                    << "tuple type " << type << ", direction " << dir;
+            }
+        }
 }
 
 TEST_F(flow_queries, tuple_finds_its_flow_again) {

@@ -2,7 +2,8 @@
 
 #include <atomic>
 
-#include "api_fixture.h"
+#include "client_operation.h"
+#include "support/watched_output.h"
 #include "zon_api/zon_api_internal.h"
 
 using namespace zon_test;
@@ -28,9 +29,27 @@ protected:
         ASSERT_EQ(zon_flow_get_tuple(fid, GetParam().dir, &old_key), zon_error_none);
     }
     zon_error_t update(const zon_flow_tuple_t& to) const { return GetParam().update(fid, &to); }
-    zon_half_flow_t*& slot() const {
-        return GetParam().dir == ZON_DIR_INITIATOR ? record_of(fid)->initiator_flow
-                                                   : record_of(fid)->responder_flow;
+    zon_half_flow_t*& slot() const { return slot_of(fid); }
+    static zon_half_flow_t*& slot_of(zon_fid_t of) {
+        return GetParam().dir == ZON_DIR_INITIATOR ? record_of(of)->initiator_flow
+                                                   : record_of(of)->responder_flow;
+    }
+    static void lose_side(zon_fid_t of) {
+        zon_half_flow_t* half = std::exchange(slot_of(of), nullptr);
+        zon_private_remove_half_flow(half);
+        zon_deallocate_half_flow(half);
+    }
+    // Whether another thread could take the flow's lock at each line that the update prints.
+    static std::vector<bool> locked_at_reports(zon_fid_t of, const zon_flow_tuple_t& to) {
+        std::vector<bool> locked;
+        zon_errlog = zon_debug_flag_engine = true;
+        {
+            const watched_output reports([&] { locked.push_back(is_locked(record_of(of))); },
+                                         stderr);
+            EXPECT_NE(GetParam().update(of, &to), zon_error_none);
+        }
+        zon_errlog = zon_debug_flag_engine = false;
+        return locked;
     }
     zon_fid_t fid = 0;
     zon_flow_tuple_t old_key{};
@@ -75,6 +94,50 @@ TEST_P(every_update, works_for_ipv6) {
     EXPECT_EQ(GetParam().update(flow, &to), zon_error_none);
     EXPECT_EQ(find(to), flow);
     EXPECT_EQ(elements(), 4u);
+}
+
+TEST_P(every_update, drops_the_hash_that_a_host_supplied) {
+    zon_pkt_indications_t indications{};
+    indications.hash_valid = 1;
+    indications.hash_value = 12345;
+    zon_error_t error = zon_error_none;
+    bytes packet = udp_packet(2000, 53);
+    const zon_fid_t flow = zon_handle_packet(packet.data(), 0, nullptr, &indications, &error);
+    ASSERT_NE(flow, 0u);
+    ASSERT_EQ(slot_of(flow)->key.hash_valid, 1u);
+    EXPECT_EQ(GetParam().update(flow, &new_key), zon_error_none);
+    EXPECT_EQ(slot_of(flow)->key.hash_valid, 0u);
+    EXPECT_EQ(find(new_key), flow) << "a host that supplies no hash finds the flow";
+}
+
+TEST_P(every_update, keeps_the_objects_of_every_direction) {
+    constexpr zon_flow_direction_e directions[] = {ZON_DIR_BI, ZON_DIR_INITIATOR,
+                                                   ZON_DIR_RESPONDER};
+    for (const zon_flow_direction_e dir : directions)
+        ASSERT_EQ(zon_flow_attach_fo(fid, 1, dir, &objects[dir]), zon_error_none);
+    EXPECT_EQ(update(new_key), zon_error_none);
+    for (const zon_flow_direction_e dir : directions) {
+        void* fo = nullptr;
+        EXPECT_EQ(zon_flow_get_fo(fid, 1, dir, &fo), zon_error_none);
+        EXPECT_EQ(fo, &objects[dir]);
+    }
+    EXPECT_EQ(records_in_use::of(g_zon->zon_chunk_ptr).feature_objects, 3);
+}
+
+// The sides no longer mirror each other: which way a packet runs is told by the initiator's address
+// alone, also where the responder's key has led to the flow.
+TEST_P(every_update, lets_the_initiators_address_tell_which_way_packets_run) {
+    constexpr uint32_t host_c = 0x0A000003;
+    const bool of_initiator = GetParam().dir == ZON_DIR_INITIATOR;
+    EXPECT_EQ(update(of_initiator ? tuple4(host_b, 7000, host_a, 8000)
+                                  : tuple4(host_a, 7000, host_c, 8000)),
+              zon_error_none);
+    const packet_result by_responders_key = handle(
+        of_initiator
+            ? packet_builder::ipv4(ipv4_address(host_b), ipv4_address(host_a)).udp(53, 1000)
+            : packet_builder::ipv4(ipv4_address(host_a), ipv4_address(host_c)).udp(7000, 8000));
+    EXPECT_EQ(by_responders_key.fid, fid);
+    EXPECT_EQ(by_responders_key.indications.is_initiator, 1);
 }
 
 TEST_P(every_update, for_another_family_leaves_the_key_and_the_table_alone) {
@@ -123,10 +186,7 @@ TEST_P(every_update, reports_a_missing_flow_in_its_own_way) {
 }
 
 TEST_P(every_update, makes_a_missing_side_of_the_complete_type) {
-    zon_half_flow_t* taken_away = slot();
-    zon_private_remove_half_flow(taken_away);
-    zon_deallocate_half_flow(taken_away);
-    slot() = nullptr;
+    lose_side(fid);
     const uint32_t deletes = g_zon->flow_tbl->profile_delete;
     EXPECT_EQ(update(new_key), zon_error_none);
     ASSERT_NE(slot(), nullptr);
@@ -135,6 +195,19 @@ TEST_P(every_update, makes_a_missing_side_of_the_complete_type) {
     EXPECT_EQ(find(new_key), fid);
     EXPECT_EQ(g_zon->flow_tbl->profile_delete, deletes);
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2u);
+}
+
+TEST_P(every_update, makes_a_missing_side_of_an_ipv6_flow_too) {
+    const zon_fid_t flow = handle(udp6_packet(1000, 53)).fid;
+    lose_side(flow);
+    const zon_flow_tuple_t to = tuple6("2001:db8::a", 7000, "2001:db8::b", 8000);
+    EXPECT_EQ(GetParam().update(flow, &to), zon_error_none);
+    ASSERT_NE(slot_of(flow), nullptr);
+    EXPECT_EQ(slot_of(flow)->key.key_type, uint32_t{ZON_IPV6_KEY_COMPLETE});
+    EXPECT_EQ(slot_of(flow)->flow, record_of(flow));
+    EXPECT_EQ(slot_of(flow)->fo_list, nullptr);
+    EXPECT_EQ(find(to), flow);
+    EXPECT_EQ(g_zon->memory_usage_stats.ipv6_half_flow_alloc_count, 2u);
 }
 
 TEST_P(every_update, without_memory_for_a_missing_side_reports_ipv4_alone) {
@@ -162,6 +235,7 @@ TEST_P(every_update, without_memory_for_a_missing_side_reports_ipv4_alone) {
     EXPECT_TRUE(ends_with(text, expected)) << text;
     EXPECT_EQ(text6, "");
     EXPECT_FALSE(is_locked(record_of(fid)));
+    EXPECT_EQ(locked_at_reports(fid, new_key), std::vector{false});
     chunks.zon_ipv4_half_flow_mem = ipv4;
     chunks.zon_ipv6_half_flow_mem = ipv6;
     zon_private_ipv4_flow_mem_buffer_count = ready;
@@ -234,6 +308,17 @@ TEST_P(every_refused_update, leaves_the_side_out_of_the_table_for_good) {
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u);
 }
 
+TEST_P(every_refused_update, is_reported_once_the_flow_is_unlocked) {
+    EXPECT_EQ(locked_at_reports(fid, new_key), std::vector{false});
+}
+
+TEST_P(every_refused_update, leaves_the_refused_key_to_be_read) {
+    ASSERT_EQ(update(new_key), zon_error_flow_creation_prevented);
+    zon_flow_tuple_t tuple{};
+    EXPECT_EQ(zon_flow_get_tuple(fid, GetParam().dir, &tuple), zon_error_none);
+    EXPECT_EQ(std::memcmp(&tuple, &new_key, sizeof tuple), 0);
+}
+
 TEST_P(every_refused_update, can_be_followed_by_one_that_makes_the_side_anew) {
     ASSERT_EQ(update(new_key), zon_error_flow_creation_prevented);
     ASSERT_EQ(update(new_key), zon_error_flow_creation_prevented);
@@ -256,11 +341,42 @@ TEST_P(every_refused_update, of_an_announced_flow_is_counted_out_with_the_flow) 
     EXPECT_FALSE(g_zon->flow_tbl->has_incomplete_inserts);
 }
 
+// ---- sides that a refused promotion left outside the table ----
+
+class update_after_a_refused_promotion : public client_scene,
+                                         public ::testing::WithParamInterface<side_of_update> {
+protected:
+    void SetUp() override {
+        make_engine();
+        const zon_flow_tuple_t announced = tuple4(0, 0, host_b, 99);
+        mean(pre_flow(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, announced));
+        take_room();
+        ASSERT_EQ(hand_in(udp_packet(1000, 99)), 0u);
+        give_room();
+        ASSERT_EQ(elements(), 2u) << "those of the other flow";
+    }
+};
+
+TEST_P(update_after_a_refused_promotion, brings_its_side_back_into_the_table_and_no_other) {
+    const zon_flow_tuple_t to = tuple4(0x0A00000A, 7000, 0x0A00000B, 8000);
+    EXPECT_EQ(GetParam().update(flow, &to), zon_error_none);
+    EXPECT_EQ(elements(), 3u);
+    for (const auto side : {ZON_DIR_INITIATOR, ZON_DIR_RESPONDER}) {
+        const bool is_outside = (record->private_detached & zon_detached_mark(side)) != 0;
+        EXPECT_EQ(is_outside, side != GetParam().dir);
+        EXPECT_EQ(zon_named_half_flow(record, side)->hdr.pointer_to_us == nullptr, is_outside);
+    }
+    EXPECT_TRUE(zon_delete_flow_tamonet(flow, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+    EXPECT_EQ(elements(), 2u);
+}
+
 constexpr side_of_update sides[] = {{"initiator", ZON_DIR_INITIATOR, zon_flow_update_initiator},
                                     {"responder", ZON_DIR_RESPONDER, zon_flow_update_responder}};
 INSTANTIATE_TEST_SUITE_P(sides, every_update, ::testing::ValuesIn(sides),
                          [](const auto& row) { return row.param.name; });
 INSTANTIATE_TEST_SUITE_P(sides, every_refused_update, ::testing::ValuesIn(sides),
+                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(sides, update_after_a_refused_promotion, ::testing::ValuesIn(sides),
                          [](const auto& row) { return row.param.name; });
 
 // ---- VRF ----

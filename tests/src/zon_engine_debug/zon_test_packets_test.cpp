@@ -445,6 +445,16 @@ TEST_P(kit_connection, is_opened_used_and_closed) {
     EXPECT_EQ(session(), ZON_L4_CLOSED);
 }
 
+TEST_P(kit_connection, leaves_the_error_as_it_was_while_it_closes) {
+    open();
+    EXPECT_EQ(send(false, {.ack = true, .fin = true}, 101, 501).error, zon_error_none);
+    const handled closing = send(true, {.ack = true, .fin = true}, 501, 102);
+    EXPECT_EQ(session(), ZON_L4_CLOSING);
+    EXPECT_EQ(closing.error, untouched);
+    EXPECT_EQ(send(false, {.ack = true}, 102, 502).error, zon_error_none);
+    EXPECT_EQ(session(), ZON_L4_CLOSED);
+}
+
 TEST_P(kit_connection, is_reset) {
     open();
     EXPECT_EQ(send(true, {.ack = true, .rst = true}, 501, 101).seen.lif, 1);
