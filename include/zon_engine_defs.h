@@ -373,6 +373,11 @@ ZON_API zon_error_t zon_config_get_max_flows(uint32_t* max_flows);
 /* Sets ZON_DEFAULT_MAX_FLOWS.
  *   9 zero, 35 below ZON_DEFAULT_MIN_INIT_FLOWS */
 ZON_API zon_error_t zon_config_set_max_flows(uint32_t max_flows);
+/* Seeds the hash of the flow, the fragment and the super-context tables, from the next zon_init or
+ * zon_restart on. 0, as it is at load, leaves the hash plain: then whoever knows it can choose
+ * addresses that share one bucket. Live traffic wants a random seed, kept from packets' senders.
+ * Hashes that a host supplies with its packets are taken as they are. Always 0. */
+ZON_API zon_error_t zon_config_set_hash_seed(uint32_t seed);
 /* Flows of IPv4 that fit into so many bytes: one is accounted at 392 bytes, its record of 248 and
  * two half flows of 72.
  *   9 null pointer */

@@ -33,6 +33,9 @@ void zon_private_deallocate_flow(zon_flow_t* flow);
 void zon_inst_mark_flow_for_delete(zon_flow_t* flow);
 void zon_private_stop_timer(zon_flow_t* flow);
 
+// Comes into force with the next engine (zon_config_set_hash_seed).
+extern uint32_t zon_hash_seed_of_next_engine;
+
 // ---- deletion (zon_api) ----
 
 // Consumes the flow lock. Always true: the deletion is done, or this thread is in the middle of it.

@@ -49,7 +49,7 @@ void set_key_ipv6(zon_frag_key_t& key, uint32_t ident, uint32_t vrf_id, uint32_t
 }
 
 uint32_t hash_of(const zon_frag_key_t& key) {
-    return jenkins_hashword_2006(key + 1, key[0]);
+    return jenkins_hashword_2006(key + 1, key[0], zon_hash_seed_in_force);
 }
 
 // Word 0 tells the families apart.

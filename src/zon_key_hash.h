@@ -27,11 +27,11 @@ inline uint32_t hash_of_key(const typename family::key& key) {
     case family::complete:
     case family::pre_flow_complete:
     case family::vrf_star:
-        return jenkins_hashword_2006(words, 2 * endpoint);
+        return jenkins_hashword_2006(words, 2 * endpoint, zon_hash_seed_in_force);
     case family::dst_only:
-        return jenkins_hashword_2006(words + endpoint, endpoint);
+        return jenkins_hashword_2006(words + endpoint, endpoint, zon_hash_seed_in_force);
     case family::src_only:
-        return jenkins_hashword_2006(words, endpoint);
+        return jenkins_hashword_2006(words, endpoint, zon_hash_seed_in_force);
     default:
         zon_require(false, "0", "zon_hash_func_ipv6");
         return 0;
@@ -43,7 +43,8 @@ template <class family>
 [[gnu::always_inline]] inline uint32_t hash_of_complete_key(const typename family::key& key) {
     if (key.hash_valid == 1) [[unlikely]]
         return key.hash_value;
-    return jenkins_hashword_2006(known_words<family>(key), 2 * (family::address_words + 1));
+    return jenkins_hashword_2006(known_words<family>(key), 2 * (family::address_words + 1),
+                                 zon_hash_seed_in_force);
 }
 
 inline uint32_t hash_of_key(const zon_half_flow_t* half_flow) {

@@ -7,6 +7,9 @@
 #include <cstddef>
 #include <cstdint>
 
+// The seed of every table of the engine. Written while zon_init makes them, then only read.
+inline uint32_t zon_hash_seed_in_force = 0;
+
 namespace lookup3 {
 
 struct state {
@@ -34,10 +37,11 @@ struct state {
 
 }  // namespace lookup3
 
-// The hash of length words with initial value 0.
+// The hash of length words; the seed is lookup3's initial value.
 [[gnu::always_inline]] inline constexpr uint32_t jenkins_hashword_2006(const uint32_t* k,
-                                                                       size_t length) {
-    const uint32_t start = 0xdeadbeefU + (static_cast<uint32_t>(length) << 2);
+                                                                       size_t length,
+                                                                       uint32_t seed = 0) {
+    const uint32_t start = 0xdeadbeefU + (static_cast<uint32_t>(length) << 2) + seed;
     lookup3::state s{start, start, start};
     for (; length > 3; length -= 3, k += 3) {
         s.a += k[0];

@@ -39,7 +39,7 @@ void zon_super_context_table_destroy(zon_super_context_table_t* table) {
 // The type is left out: there are four of them, and the value spreads well enough.
 uint32_t zon_super_context_hash(const zon_super_context_table_t* table,
                                 const zon_super_context_t* super_ctx) {
-    return jenkins_hashword_2006(&super_ctx->context, 1) % table->max_size;
+    return jenkins_hashword_2006(&super_ctx->context, 1, zon_hash_seed_in_force) % table->max_size;
 }
 
 bool zon_super_context_table_insert(zon_super_context_table_t* table,

@@ -19,6 +19,13 @@ constexpr uint32_t list_elements_per_super_context =
 
 }  // namespace
 
+uint32_t zon_hash_seed_of_next_engine = 0;
+
+zon_error_t zon_config_set_hash_seed(uint32_t seed) {
+    zon_hash_seed_of_next_engine = seed;
+    return zon_error_none;
+}
+
 zon_error_t zon_config_get_max_flows(uint32_t* max_flows) {
     if (max_flows == nullptr)
         return zon_error_parameter_is_null;

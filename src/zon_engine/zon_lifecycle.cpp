@@ -14,6 +14,7 @@
 #include "zon_engine/zon_quarantine.h"
 #include "zon_engine_inline.h"
 #include "zon_frag.h"
+#include "zon_key_hash_funcs_inline.h"
 #include "zon_super_ctx_table.h"
 #include "zon_timer_common.h"
 
@@ -144,6 +145,7 @@ zon_error_t zon_init(uint32_t max_flows_supported, uint32_t pre_flow_timer, uint
     params.max_bucket_depth = max_bucket_depth;
     params.create_chunk_elements = create_chunk_elements;
     params.max_mem_buffer_init = max_mem_buffer_init;
+    zon_hash_seed_in_force = zon_hash_seed_of_next_engine;
 
     // A failure leaves the engine half built, on purpose: the host destroys it or initialises
     // again.

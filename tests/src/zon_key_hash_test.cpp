@@ -81,7 +81,9 @@ TEST(lookup3, agrees_with_the_reference_over_bytes_for_every_length_of_words) {
                 for (int shift = 0; shift < 32; shift += 8)
                     message.push_back(static_cast<uint8_t>(word >> shift));
             }
-            ASSERT_EQ(jenkins_hashword_2006(words.data(), length), reference_lookup3(message, 0))
+            ASSERT_EQ(jenkins_hashword_2006(words.data(), length), reference_lookup3(message, 0));
+            ASSERT_EQ(jenkins_hashword_2006(words.data(), length, 77),
+                      reference_lookup3(message, 77))
                 << length << " words";
         }
     }

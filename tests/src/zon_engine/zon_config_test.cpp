@@ -6,6 +6,9 @@
 
 #include "support/engine_fixture.h"
 #include "zon_engine_inline.h"
+#include "zon_frag.h"
+#include "zon_key_hash_funcs_inline.h"
+#include "zon_super_ctx_table.h"
 
 namespace {
 
@@ -170,6 +173,82 @@ TEST_F(configured_engine, lets_its_figures_wrap_at_32_bits) {
 }
 
 TEST_F(configured_engine, has_its_wheel_where_it_says) { EXPECT_EQ(zon_get_tw_internal(), &g_zon->zon_tw); }
+
+using namespace zon_test;
+
+class seeded_engine : public engine_fixture {
+protected:
+    static constexpr uint32_t seed = 0x5eed5eed;
+
+    void TearDown() override {
+        EXPECT_EQ(zon_config_set_hash_seed(0), zon_error_none);
+        engine_fixture::TearDown();
+        zon_hash_seed_in_force = 0;
+    }
+    static int bucket_of_a_flow() {
+        zon_flow_tuple_t tuple{};
+        tuple.src_ip.u.v4_addr = ipv4_address("10.0.0.1").value;
+        tuple.dst_ip.u.v4_addr = ipv4_address("10.0.0.2").value;
+        tuple.src_port = 1000;
+        tuple.dst_port = 53;
+        tuple.l4_protocol = 17;
+        int bucket = -1;
+        zon_flow_lookup_tamonet(&tuple, &bucket);
+        return bucket;
+    }
+    static zon_fid_t fid_of_a_packet() {
+        return handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(1000, 53)).fid;
+    }
+};
+
+TEST_F(seeded_engine, keeps_its_seed_until_it_is_made_anew) {
+    const int plain = bucket_of_a_flow();
+    const zon_fid_t fid = fid_of_a_packet();
+    EXPECT_EQ(zon_config_set_hash_seed(seed), zon_error_none);
+    EXPECT_EQ(bucket_of_a_flow(), plain);
+    EXPECT_EQ(fid_of_a_packet(), fid);
+    ASSERT_TRUE(zon_restart());
+    const int seeded = bucket_of_a_flow();
+    EXPECT_NE(seeded, plain);
+    ASSERT_TRUE(zon_restart());
+    EXPECT_EQ(bucket_of_a_flow(), seeded) << "one seed, one hash";
+    EXPECT_EQ(zon_config_set_hash_seed(0), zon_error_none);
+    ASSERT_TRUE(zon_restart());
+    EXPECT_EQ(bucket_of_a_flow(), plain);
+}
+
+TEST_F(seeded_engine, finds_flows_from_both_sides_and_by_announcement) {
+    EXPECT_EQ(zon_config_set_hash_seed(seed), zon_error_none);
+    ASSERT_TRUE(zon_restart());
+    const zon_fid_t fid = fid_of_a_packet();
+    EXPECT_NE(fid, 0U);
+    EXPECT_EQ(fid_of_a_packet(), fid);
+    EXPECT_EQ(handle(packet_builder::ipv4("10.0.0.2", "10.0.0.1").udp(53, 1000)).fid, fid);
+    const zon_fid_t ipv6 = handle(packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1, 2)).fid;
+    EXPECT_NE(ipv6, 0U);
+    EXPECT_EQ(handle(packet_builder::ipv6("2001:db8::2", "2001:db8::1").udp(2, 1)).fid, ipv6);
+}
+
+TEST_F(seeded_engine, spreads_fragments_and_super_contexts_by_its_seed) {
+    zon_super_context_t super_ctx{};
+    super_ctx.context = 77;
+    zon_super_context_table_t table{};
+    table.max_size = 0xffffffff;
+    constexpr uint32_t datagram[] = {7, 3, 17, 0x0A000001, 0x0A000002};
+    for (const uint32_t in_force : {0U, seed}) {
+        ASSERT_EQ(zon_config_set_hash_seed(in_force), zon_error_none);
+        ASSERT_TRUE(zon_restart());
+        EXPECT_EQ(zon_super_context_hash(&table, &super_ctx),
+                  jenkins_hashword_2006(&super_ctx.context, 1, in_force) % table.max_size);
+        zon_frag_table_t* fragments = g_zon->frag_table;
+        ASSERT_EQ(zon_frag_flow_insert_ipv4(fragments, datagram[0], datagram[1], datagram[2],
+                                            datagram[3], datagram[4], 1),
+                  1U);
+        EXPECT_EQ(fragments->list_head->table_index,
+                  jenkins_hashword_2006(datagram, 5, in_force) & fragments->table_mask);
+        EXPECT_EQ(fragments->table[fragments->list_head->table_index], fragments->list_head);
+    }
+}
 
 struct aging_row {
     const char* name;
