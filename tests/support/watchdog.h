@@ -12,11 +12,18 @@
 
 namespace zon_test {
 
+// The thread sanitizer makes everything slower by so much.
+#ifdef __SANITIZE_THREAD__
+inline constexpr int slower_by = 5;
+#else
+inline constexpr int slower_by = 1;
+#endif
+
 // Unless it goes out of scope within the limit, it describes what hangs and stops the program.
 class watchdog {
 public:
     watchdog(std::chrono::seconds limit, std::function<void()> describe)
-        : describe_(std::move(describe)), thread_([this, limit] { watch(limit); }) {}
+        : describe_(std::move(describe)), thread_([this, limit] { watch(limit * slower_by); }) {}
     ~watchdog() {
         {
             const std::lock_guard hold(mutex_);
