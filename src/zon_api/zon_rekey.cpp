@@ -61,7 +61,7 @@ zon_key_type_t type_of_side(const zon_flow_t* flow, zon_flow_direction_e side,
 // A half flow for a side that lacks one, outside the table.
 zon_half_flow_t* make_side(zon_flow_t* flow, zon_flow_direction_e side, zon_key_type_t type) {
     zon_any_key_t key{};
-    key.head.key_type = type;
+    key.head.key_type = static_cast<uint32_t>(type);
     zon_half_flow_t* half = zon_allocate_half_flow(static_cast<uint8_t>(key.head.key_type));
     if (half == nullptr)
         return nullptr;

@@ -219,7 +219,8 @@ TEST_F(flow_table, finds_a_key_that_was_stored_under_a_supplied_hash_by_that_has
 }
 
 TEST_F(flow_table, answers_a_destination_only_key_of_any_protocol_and_vrf) {
-    for (const zon_key_type_t type : {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_DST_IP_PORT_ONLY}) {
+    constexpr uint32_t types[] = {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV6_KEY_DST_IP_PORT_ONLY};
+    for (const uint32_t type : types) {
         key_fields announced;
         announced.type = type;
         flow_record& made = put(announced);

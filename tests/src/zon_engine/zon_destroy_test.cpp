@@ -137,8 +137,8 @@ protected:
         }
     }
     static zon_error_t init() { return zon_init(100, 0, 10, 2, 0, 16, 10); }
-    static bool contains(const std::string& text, const char* line) {
-        return text.find(line) != std::string::npos;
+    static bool contains(const std::string& text, const char* wanted) {
+        return text.find(wanted) != std::string::npos;
     }
 
     static constexpr const char* line = "\nZON Engine: Unable to destroy memory chunk\n";

@@ -161,8 +161,9 @@ TEST_F(flow_lookup, of_a_complete_key_finds_an_announced_complete_one_as_well) {
 
 TEST_F(flow_lookup, of_any_other_key_looks_for_its_own_type_only) {
     announce(ZON_FLOW_TUPLE_TYPE_COMPLETE);
-    for (const zon_key_type_t type :
-         {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV4_KEY_SRC_IP_PORT_ONLY, ZON_IPV4_KEY_VRF_STAR})
+    constexpr uint32_t types[] = {ZON_IPV4_KEY_DST_IP_PORT_ONLY, ZON_IPV4_KEY_SRC_IP_PORT_ONLY,
+                                  ZON_IPV4_KEY_VRF_STAR};
+    for (const uint32_t type : types)
         EXPECT_EQ(find(type), 0U) << key_type_name(type);
 }
 
