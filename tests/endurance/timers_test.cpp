@@ -24,6 +24,13 @@ class crowd {
 public:
     crowd(vem_tw_wheel wheel, size_t count) : wheel_(wheel), timers_(count) {}
 
+    ~crowd() {
+        for (crowd_timer& timer : timers_)
+            vem_tw_timer_stop(&timer.timer);
+    }
+    crowd(const crowd&) = delete;
+    crowd& operator=(const crowd&) = delete;
+
     // The clock goes on meanwhile, so that some fire while others are yet to start.
     void start_all() {
         for (crowd_timer& timer : timers_) {
