@@ -43,7 +43,7 @@ struct footprint {
     uint64_t threads = 0;
     uint64_t handles = 0;
 
-    // A thread that was joined may be listed a moment longer: waits a little for the list to shrink.
+    // A thread that was joined may be listed a moment longer: gives the list time to shrink.
     static footprint once_threads_are_gone(uint64_t threads_expected) {
         for (int i = 0; i < 10'000 && entries_of("/proc/self/task") > threads_expected; ++i)
             std::this_thread::yield();

@@ -33,6 +33,7 @@ std::atomic<uint64_t> by_hand_us;
 std::atomic<uint64_t> time_of_day_read;
 std::atomic<uint64_t> monotonic_read;
 std::atomic<uint64_t> time_of_day_waits;
+std::atomic<uint64_t> sleepers_looks;
 
 uint64_t us_of(const timespec& time) {
     return static_cast<uint64_t>(time.tv_sec) * sec_us +
@@ -69,6 +70,9 @@ void turn_by_us(uint64_t by_us) {
     by_hand_us += by_us;
 }
 
+uint64_t looks_of_sleepers() {
+    return sleepers_looks;
+}
 uint64_t readings_of_time_of_day() {
     return time_of_day_read;
 }
@@ -105,6 +109,7 @@ int read_time_of_day(clockid_t id, timespec* now) {
 int wait_by_hand(pthread_cond_t* cond, pthread_mutex_t* mutex, const timespec* until) {
     constexpr uint64_t piece_us = 200;
     while (by_hand_us < us_of(*until)) {
+        ++sleepers_looks;
         timespec now{};
         real_monotonic(&now);
         const timespec soon = timespec_of(us_of(now) + piece_us);

@@ -21,6 +21,9 @@ void behave(behaviour how);
 
 void turn_by_us(uint64_t by_us);
 
+// How often a thread that sleeps until CLOCK_MONOTONIC has moved has looked at the turned clock.
+uint64_t looks_of_sleepers();
+
 uint64_t readings_of_time_of_day();
 uint64_t readings_of_monotonic();
 // Waits until some time of day: a jump would end them early or never.

@@ -1,5 +1,5 @@
-// mixed_days.h - mixed traffic on an engine whose clock is turned by hand, each flow's end awaited to
-// the tick.
+// mixed_days.h - mixed traffic on an engine whose clock is turned by hand, each flow's end awaited
+// to the tick.
 
 #pragma once
 
