@@ -8,6 +8,7 @@
 #include "endurance/machine_clock.h"
 #include "endurance/mixed_days.h"
 #include "osal/zon_debug.h"
+#include "zon_relaxed.h"
 
 namespace zon_test {
 namespace {
@@ -111,10 +112,10 @@ TEST_F(followed_clock, keeps_its_deadlines_while_the_time_of_day_jumps) {
 // What people read shows the time of day, and only that.
 TEST_F(followed_clock, keeps_its_deadlines_while_traces_show_a_time_of_day_that_jumps) {
     ::testing::internal::CaptureStderr();
-    zon_debug_flag_ager = true;
+    relaxed_store(zon_debug_flag_ager, true);
     for (uint32_t connection = 0; connection < 10 && !HasFailure(); ++connection)
         live_through_an_idle_time(connection);
-    zon_debug_flag_ager = false;
+    relaxed_store(zon_debug_flag_ager, false);
     EXPECT_NE(::testing::internal::GetCapturedStderr().find("aged out"), std::string::npos);
     EXPECT_GT(machine_clock::readings_of_time_of_day(), 0U);
     EXPECT_EQ(machine_clock::waits_by_time_of_day(), 0U);
