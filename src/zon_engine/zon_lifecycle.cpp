@@ -86,7 +86,8 @@ void destroy_flow_tables(zon_t* engine) {
 
 zon_error_t destroy_chunks(zon_t* engine) {
     zon_private_release_quarantine();
-    if (!engine->memory_chunk_created || zon_mem_chunk_destroy(&engine->zon_chunk_ptr))
+    // A creation that failed has left some of the chunks at most, which is no error of theirs.
+    if (zon_mem_chunk_destroy(&engine->zon_chunk_ptr) || !engine->memory_chunk_created)
         return zon_error_none;
     trace_engine("\nZON Engine: Unable to destroy memory chunk\n");
     return zon_error_memory_chunk_deletion_failed;

@@ -140,10 +140,9 @@ void fill(ready_stack& stack, vem_chunk_type chunk, size_t wanted) {
     stack.count = stack.count_init = filled;
 }
 
+// The ready records of a chunk that is gone are gone with it.
 void drain(ready_stack& stack, vem_chunk_type chunk) {
     const std::lock_guard hold(stack.mutex);
-    if (chunk == nullptr)
-        return;
     for (int32_t slot = 0; slot < stack.count_init; ++slot)
         if (void* data = std::exchange(stack.slots[slot], nullptr); data != nullptr)
             vem_mem_chunk_free(chunk, data);
@@ -163,7 +162,7 @@ bool make_chunks(zon_chunk_mem_t& chunks, uint32_t create_chunk_elements) {
 
 }  // namespace
 
-// What a failed creation has made so far stays where it is.
+// What a failed creation has made so far stays where it is, for the destruction.
 bool zon_mem_chunk_create(uint32_t max_mem_buffer_init, zon_chunk_mem_t* chunk_ptr,
                           uint32_t create_chunk_elements) {
     if (chunk_ptr == nullptr)

@@ -214,6 +214,8 @@ TEST_F(memory_chunks, are_not_made_without_memory_for_a_stack_that_is_used) {
         EXPECT_TRUE(fault.has_failed()) << row.array;
         EXPECT_EQ(chunks.zon_flow_mem != nullptr, row.made) << row.array;
         EXPECT_EQ(zon_mem_chunk_destroy(&chunks), row.made) << row.array;
+        for (const stack_view& stack : {flow_stack, ipv4_stack, ipv6_stack})
+            EXPECT_EQ(stack.slots, nullptr) << row.array << ": an array is left";
     }
 }
 
