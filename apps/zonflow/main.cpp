@@ -59,7 +59,9 @@ exit_code run_all(const options& options) {
 }
 
 exit_code run(int argc, char** argv) {
-    std::signal(SIGPIPE, SIG_IGN);  // a reader that goes away is told apart from a crash
+    // A reader that goes away and a file that reaches its limit are errors of writing: no crash.
+    std::signal(SIGPIPE, SIG_IGN);
+    std::signal(SIGXFSZ, SIG_IGN);
     try {
         const auto parsed = parse_options(argc, argv);
         if (const auto* code = std::get_if<exit_code>(&parsed)) {

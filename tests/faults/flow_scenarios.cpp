@@ -98,11 +98,12 @@ zon_error_t announce_orphan() {
 }
 
 zon_error_t announce_partly() {
+    constexpr uint16_t to_port = 3000;
     uint16_t port = 2000;
     for (const zon_flow_tuple_type_t type :
          {ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN,
           ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN})
-        for (const zon_flow_tuple_t& tuple : {tuple4(++port, ++port), tuple6(++port, ++port)})
+        for (const zon_flow_tuple_t& tuple : {tuple4(++port, to_port), tuple6(port, to_port)})
             if (const zon_error_t result = announce_one(type, tuple, run.flow);
                 result != zon_error_none)
                 return result;
