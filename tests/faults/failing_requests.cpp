@@ -14,6 +14,9 @@
 #include <mutex>
 #include <new>
 
+#include "vem/vem_dm.h"
+#include "vem/vem_tw.h"
+
 namespace {
 
 std::atomic<bool> counting = false;
@@ -146,6 +149,15 @@ ZON_REPLACED(void, _ZdlPvmSt11align_val_t, void* block, size_t size, std::align_
 ZON_REPLACED(int, pthread_create, pthread_t* id, const pthread_attr_t* attributes,
              void* (*entry)(void*), void* argument) {
     return is_refused() ? EAGAIN : __real_pthread_create(id, attributes, entry, argument);
+}
+
+// Managers and the wheels of a manager stand in tables that may be full.
+ZON_REPLACED(int, vem_dm_create, vem_dm_handle* manager, const char* name, int flags) {
+    return is_refused() ? EAGAIN : __real_vem_dm_create(manager, name, flags);
+}
+
+ZON_REPLACED(int, vem_tw_attach_vdm, vem_tw_wheel wheel, vem_dm_handle manager) {
+    return is_refused() ? EAGAIN : __real_vem_tw_attach_vdm(wheel, manager);
 }
 
 // zon_private_chunk_malloc: every record of the engine, from a stack of ready ones or from a chunk.

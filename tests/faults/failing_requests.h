@@ -1,8 +1,8 @@
 // failing_requests.h - lets chosen requests of the engine for memory, records and threads fail.
 //
 // The program is linked so that every such request of the code in it comes here first
-// (tests/CMakeLists.txt): the heap in all its forms, the records of the engine's chunks, and
-// threads. What the system's libraries ask for on their own is not touched.
+// (tests/CMakeLists.txt): the heap in all its forms, the records of the engine's chunks,
+// threads, and places in the runtime's tables of managers and wheels. What the system's libraries ask for on their own is not touched.
 
 #pragma once
 
