@@ -207,6 +207,16 @@ connection_tuple tuple_of(const operation& step) {
     return (number & 1) != 0 ? tuple.reversed() : tuple;
 }
 
+operation operation_of(uint16_t kind, const std::array<uint8_t, fields>& numbers) {
+    operation step;
+    step.kind = lottery()[kind % lottery().size()];
+    for (const field of : row_of(step.kind).uses) {
+        const auto place = static_cast<size_t>(of);
+        step.numbers[place] = static_cast<uint8_t>(numbers[place] % limit_of(of));
+    }
+    return step;
+}
+
 rc::Gen<script> scripts() {
     return rc::gen::container<script>(operations());
 }

@@ -1,0 +1,23 @@
+// guarded_packet_fuzz.cpp - the programs of captured_packet_fuzz, with each packet at the end of a
+// page whose next page is not mapped.
+//
+// Holds  no read of any kind behind the captured bytes, neither of the engine's own code nor of a
+//        library's, which the address sanitizer may not watch.
+
+#include "packet_program.h"
+#include "support/guarded_memory.h"
+
+using namespace zon_fuzz;
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static zon_test::guarded_memory guarded(4096);
+    fuzz_input input(data, size);
+    const fuzzed_engine engine(input);
+    while (!input.is_empty()) {
+        const auto packet = packet_of_program::from(input);
+        const zon_test::bytes content(packet.content.begin(), packet.content.end());
+        hand_in_captured(packet, guarded.place(content, content.size()));
+        zon_clock_advance_us(packet.wait_us);
+    }
+    return 0;
+}

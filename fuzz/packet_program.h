@@ -1,0 +1,127 @@
+// packet_program.h - inputs that are a row of packets for a real engine.
+//
+// An input begins with the capabilities of two clients and the depth of a bucket. Each packet has
+// two bytes of length, one of VRF and time, and its bytes; a bit of the length's first byte makes it
+// one of a flow that the host reports.
+
+#pragma once
+
+#include <set>
+
+#include "fuzz_input.h"
+#include "zon.h"
+
+namespace zon_fuzz {
+
+inline constexpr uint32_t engine_capacity = 64;
+
+// The flows that the engine has told of and not yet told the end of.
+inline std::multiset<zon_fid_t>& living_flows() {
+    static std::multiset<zon_fid_t> flows;
+    return flows;
+}
+
+inline void note_end(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e,
+                     zon_client_id_e) {
+    require(living_flows().erase(fid) == 1, "a flow that ends was told of, once");
+}
+
+// An engine with its clock turned by hand, for as long as it lives.
+class fuzzed_engine {
+public:
+    explicit fuzzed_engine(fuzz_input& input) {
+        living_flows().clear();
+        zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE);
+        const uint32_t first = input.byte(), second = input.byte();
+        const auto depth = static_cast<uint8_t>(input.below(8));
+        require(zon_init(engine_capacity, 2000, 8, 4, depth, 16, 10) == zon_error_none,
+                "the engine starts");
+        require(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                                  &g_zon->zon_timer_process_create),
+                "its timers start");
+        zon_client_id_e client = 0;
+        zon_client_feature_register(&client);
+        zon_client_register_delete_cb(client, note_end);
+        enable(client, first);
+        zon_client_feature_register(&client);
+        enable(client, second);
+    }
+    ~fuzzed_engine() {
+        zon_destroy();
+        require(living_flows().empty(), "every flow has ended with its engine");
+    }
+    fuzzed_engine(const fuzzed_engine&) = delete;
+    fuzzed_engine& operator=(const fuzzed_engine&) = delete;
+
+private:
+    static void enable(zon_client_id_e client, uint32_t bits) {
+        zon_client_enable_engine_capability(client, static_cast<zon_capability_e>(bits & 127));
+    }
+};
+
+struct packet_of_program {
+    std::span<const uint8_t> content;
+    uint32_t vrf_id = 0;
+    uint64_t wait_us = 0;       // after it
+    zon_fid_t reported_fid = 0;  // 0: the host knows nothing of it
+    zon_l4_flow_state_e reported_state = ZON_L4_CLOSED;
+
+    static packet_of_program from(fuzz_input& input) {
+        packet_of_program packet;
+        const uint32_t length = input.two_bytes();
+        const uint32_t choice = input.byte();
+        packet.vrf_id = choice & 3;
+        packet.wait_us = (choice >> 2 & 7) * 700'000;
+        if ((length & 0x8000) != 0) {
+            packet.reported_fid = choice >> 5;
+            packet.reported_state = static_cast<zon_l4_flow_state_e>(input.below(7));
+        }
+        packet.content = input.take(length & 0x7FF);
+        return packet;
+    }
+};
+
+struct packet_answer {
+    zon_fid_t fid = 0;
+    zon_error_t error = zon_error_none;
+    zon_pkt_indications_t seen{};
+};
+
+// What the engine tells of a packet must lie within the packet, and agree with itself.
+inline void check_answer(const packet_answer& answer, const uint8_t* packet, size_t size) {
+    const zon_pkt_indications_t& seen = answer.seen;
+    require(seen.flow == answer.fid, "both places name the same flow");
+    require(answer.error == zon_error_none || answer.fid == 0, "no flow comes with an error");
+    require(answer.fid <= engine_capacity, "the flow is one of the engine's");
+    const auto lies_within = [&](const uint8_t* at) { return at >= packet && at <= packet + size; };
+    require(seen.l3_start == nullptr || lies_within(seen.l3_start), "the IP header is there");
+    if (answer.fid == 0)
+        return;
+    require(lies_within(seen.l4_start), "the transport header is there");
+    const bool has_ports = seen.l4_protocol == ZON_TCP_PROT || seen.l4_protocol == ZON_UDP_PROT;
+    if (has_ports && seen.is_fragment == 0)
+        require(lies_within(seen.l7_start), "the payload begins in the packet");
+}
+
+// Every flow is told of once when it begins; one that the host reports may have begun before.
+inline void note_answer(const packet_answer& answer, bool is_reported) {
+    if (answer.fid == 0)
+        return;
+    const bool is_known = living_flows().count(answer.fid) != 0;
+    require(is_known || is_reported || answer.seen.fif == 1, "a flow begins with its first packet");
+    require(!is_known || is_reported || answer.seen.fif == 0, "a flow begins once");
+    if (!is_known)
+        living_flows().insert(answer.fid);
+}
+
+inline packet_answer hand_in_captured(const packet_of_program& packet, uint8_t* at) {
+    packet_answer answer;
+    answer.fid = zon_sync_captured_packet(at, static_cast<uint32_t>(packet.content.size()),
+                                          packet.vrf_id, nullptr, &answer.seen, &answer.error,
+                                          packet.reported_fid, packet.reported_state, 1);
+    check_answer(answer, at, packet.content.size());
+    note_answer(answer, packet.reported_fid != 0);
+    return answer;
+}
+
+}  // namespace zon_fuzz
