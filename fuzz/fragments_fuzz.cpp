@@ -115,9 +115,8 @@ private:
     zon_fid_t hand_in(zon_test::bytes packet, uint32_t vrf_id) {
         zon_pkt_indications_t seen{};
         zon_error_t error = zon_error_none;
-        const zon_fid_t fid =
-            zon_handle_captured_packet(packet.data(), static_cast<uint32_t>(packet.size()), vrf_id,
-                                       nullptr, &seen, &error);
+        const zon_fid_t fid = zon_handle_captured_packet(
+            packet.data(), static_cast<uint32_t>(packet.size()), vrf_id, nullptr, &seen, &error);
         require(error == zon_error_none, "a fragment that is whole is taken");
         require(seen.is_fragment == 1, "a fragment is told to be one");
         return fid;

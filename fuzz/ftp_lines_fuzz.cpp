@@ -5,6 +5,7 @@
 
 #include <arpa/inet.h>
 
+#include <array>
 #include <string>
 
 #include "fuzz_input.h"
@@ -23,12 +24,12 @@ std::string text_of(const zon_ip_addr_t& address) {
         inet_ntop(AF_INET, &network, text, sizeof text);
         return text;
     }
-    in6_addr network{};
-    for (size_t word = 0; word < 4; ++word) {
-        const uint32_t bytes = htonl(address.u.v6_addr[word]);
-        std::memcpy(network.s6_addr + 4 * word, &bytes, 4);
-    }
-    inet_ntop(AF_INET6, &network, text, sizeof text);
+    // Tuples hold four words in host order.
+    std::array<uint32_t, 4> network{};
+    std::memcpy(network.data(), address.u.v6_addr, sizeof network);
+    for (uint32_t& word : network)
+        word = htonl(word);
+    inet_ntop(AF_INET6, network.data(), text, sizeof text);
     return text;
 }
 

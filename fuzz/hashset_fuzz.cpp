@@ -140,9 +140,9 @@ private:
             zon_unlock_internal(found->flow->flow_lock);
         require(bucket == static_cast<int>(bucket_of(wanted)), "the bucket is the key's");
         const auto& chain = chain_of(wanted);
-        const auto expected =
-            std::find_if(chain.begin(), chain.end(),
-                         [&](zon_half_flow_t* half) { return matches(&key, half, nullptr); });
+        const auto expected = std::find_if(chain.begin(), chain.end(), [&](zon_half_flow_t* half) {
+            return matches(&key, half, nullptr);
+        });
         require(found == (expected == chain.end() ? nullptr : *expected), "the newest is found");
     }
     void insert(pair_of_halves& one) {
@@ -150,9 +150,9 @@ private:
         set_key(&one.halves[0], first);
         set_key(&one.halves[1], second);
         const held_lock held(one.flow.flow_lock);
-        const auto result = zon_hashset_insert_pair(set_, &one.halves[0],
-                                                    static_cast<int>(bucket_of(first)),
-                                                    &one.halves[1], is_same, nullptr);
+        const auto result =
+            zon_hashset_insert_pair(set_, &one.halves[0], static_cast<int>(bucket_of(first)),
+                                    &one.halves[1], is_same, nullptr);
         require(result == put(one, first, second), "a pair goes in where there is room");
         one.is_in = result == pair_insert_result::linked;
     }
@@ -179,8 +179,8 @@ private:
         const auto result = zon_hashset_relink_pair(
             set_, {&one.halves[0], &wanted[0], &one.halves[1], &wanted[1]}, is_same, rewrite);
         require(result == expected, "a pair moves where there is room");
-        one.is_in = result == pair_insert_result::linked ||
-                    result == pair_insert_result::already_present;
+        one.is_in =
+            result == pair_insert_result::linked || result == pair_insert_result::already_present;
     }
 
     void check_chains() {

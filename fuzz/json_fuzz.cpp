@@ -41,8 +41,8 @@ size_t character_length(std::string_view text) {
         code = code << 6 | (byte(at) & 63);
     }
     constexpr uint32_t least[] = {0, 0, 0x80, 0x800, 0x10000};
-    const bool is_character =
-        code >= least[length] && code <= 0x10FFFF && (code < 0xD800 || code > 0xDFFF) && lead < 0xF8;
+    const bool is_character = code >= least[length] && code <= 0x10FFFF &&
+                              (code < 0xD800 || code > 0xDFFF) && lead < 0xF8;
     return is_character ? length : 0;
 }
 
@@ -64,8 +64,8 @@ std::string some_text(fuzz_input& input) {
 zon_ip_addr_t some_address(fuzz_input& input) {
     zon_ip_addr_t address{};
     address.addr_type = input.below(2) == 0 ? ZON_IP_ADDR_IPV4 : ZON_IP_ADDR_IPV6;
-    for (uint32_t& word : address.u.v6_addr)
-        word = input.four_bytes();
+    for (uint8_t& byte : address.u.v6_addr)
+        byte = input.byte();
     return address;
 }
 

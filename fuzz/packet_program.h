@@ -62,7 +62,7 @@ private:
 struct packet_of_program {
     std::span<const uint8_t> content;
     uint32_t vrf_id = 0;
-    uint64_t wait_us = 0;       // after it
+    uint64_t wait_us = 0;        // after it
     zon_fid_t reported_fid = 0;  // 0: the host knows nothing of it
     zon_l4_flow_state_e reported_state = ZON_L4_CLOSED;
 

@@ -71,6 +71,10 @@ capture_reader::capture_reader(const std::string& path) {
 capture_reader::~capture_reader() = default;
 
 read_result capture_reader::next(captured_packet& packet) {
+    // libpcap would go on behind the damage, and take whatever stands there for a packet.
+    if (damaged_) {
+        return read_result::damaged;
+    }
     pcap_pkthdr* header = nullptr;
     const u_char* bytes = nullptr;
     const int result = pcap_next_ex(handle_.get(), &header, &bytes);
@@ -78,6 +82,7 @@ read_result capture_reader::next(captured_packet& packet) {
         return read_result::end_of_file;
     }
     if (result != 1) {
+        damaged_ = true;
         return read_result::damaged;
     }
     packet.bytes = {bytes, header->caplen};

@@ -60,6 +60,7 @@ private:
     std::unique_ptr<pcap, closer> handle_;
     std::optional<stoppable_input> stoppable_;
     uint64_t bytes_total_ = 0;
+    bool damaged_ = false;
 };
 
 }  // namespace zonflow

@@ -57,6 +57,24 @@ void expect_damage_after_one_packet(bytes file) {
     EXPECT_NE(reader.damage(), "");
 }
 
+// The second packet's header claims more bytes than any packet has; a third, whole one follows.
+TEST(capture_reader, reads_nothing_behind_the_damage) {
+    bytes file = pcap_bytes(two_frames, 1, {"", false, false});
+    constexpr size_t file_header = 24, packet_header = 16;
+    const size_t second = file_header + packet_header + two_frames[0].frame.size();
+    const bytes bad_header = bytes(8, 0) + bytes(8, 0x7f);
+    file.insert(file.begin() + static_cast<ptrdiff_t>(second), bad_header.begin(),
+                bad_header.end());
+    const temporary_file capture(file);
+    capture_reader reader(capture.path());
+    captured_packet packet;
+    ASSERT_EQ(reader.next(packet), read_result::packet);
+    ASSERT_EQ(reader.next(packet), read_result::damaged);
+    const std::string damage = reader.damage();
+    EXPECT_EQ(reader.next(packet), read_result::damaged);
+    EXPECT_EQ(reader.damage(), damage);
+}
+
 TEST(capture_reader, tells_a_file_that_was_cut_short_from_one_that_ended) {
     expect_damage_after_one_packet(pcap_bytes(two_frames, 1));
     expect_damage_after_one_packet(pcapng_bytes(two_frames, 1, false));
