@@ -30,7 +30,7 @@ content content_of(const std::filesystem::path& path) {
 content changed(content seed, std::mt19937& random) {
     if (seed.empty())
         return seed;
-    for (uint32_t changes = random() % 6; changes > 0; --changes)
+    for (auto changes = random() % 6; changes > 0; --changes)
         seed[random() % seed.size()] = static_cast<uint8_t>(random());
     if (random() % 4 == 0)
         seed.resize(random() % seed.size());
