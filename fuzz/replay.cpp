@@ -19,7 +19,7 @@ namespace {
 
 using content = std::vector<uint8_t>;
 
-constexpr unsigned copies_of_a_seed = 20;
+constexpr unsigned copies_of_a_seed = 50;
 
 content content_of(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
