@@ -150,9 +150,9 @@ struct zon_flow_ {
     uint8_t is_dropped : 1;
     uint8_t marked_for_delete : 1;
     uint8_t should_reset_timer : 1;
-    uint8_t private_dying;    /* the engine's own: the flow is past the point of no return */
-    uint8_t private_detached; /* the engine's own: half flows that are outside the flow table */
-    uint8_t private_mirrored; /* the engine's own: each side's key is the reverse of the other's */
+    uint8_t private_dying;      /* the engine's own: the flow is past the point of no return */
+    uint8_t private_given_back; /* the engine's own: sides that a refused re-keying took away */
+    uint8_t private_mirrored;   /* the engine's own: each side's key is the reverse of the other's */
     uint8_t private_reserved[4];
     zon_flow_fo_t* fo_list;
     uint32_t bypass_id;

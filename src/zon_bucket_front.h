@@ -16,6 +16,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
+#include <utility>
 
 #include "zon_engine_defs.h"
 
@@ -36,8 +37,9 @@ public:
         // Without a branch for each slot: which one it will be, nobody can predict. One statement
         // for each, because they have to be read in this order.
         unsigned hits = 0;
-        for (unsigned i = 0; i < size; ++i)
-            hits |= static_cast<unsigned>(has_tag(slots_[i].word(), tag)) << i;
+        [&]<unsigned... i>(std::integer_sequence<unsigned, i...>) {
+            ((hits |= static_cast<unsigned>(has_tag(slots_[i].word(), tag)) << i), ...);
+        }(std::make_integer_sequence<unsigned, size>{});
         if (hits == 0)
             return {};
         const auto at = static_cast<unsigned>(std::countr_zero(hits));

@@ -68,11 +68,6 @@ inline void zon_flow_set_dying(zon_flow_t* flow, bool dying) {
     __atomic_store_n(&flow->private_dying, static_cast<uint8_t>(dying), __ATOMIC_RELEASE);
 }
 
-// A half flow that a refused promotion or re-keying left outside the flow table, so that deletion
-// does not unlink it.
-inline constexpr uint8_t zon_detached_initiator = 1;
-inline constexpr uint8_t zon_detached_responder = 2;
-
 // ---- bundles (zon_api/zon_bundle.cpp); one private lock guards the three links of all flows ----
 
 // Puts a promoted flow at the head of its parent's children, if it has a parent.

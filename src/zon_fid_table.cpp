@@ -173,7 +173,7 @@ void zon_reset_flow(zon_flow_t* flow) {
     flow->is_dropped = false;
     flow->marked_for_delete = false;
     flow->should_reset_timer = false;
-    flow->private_detached = 0;
+    flow->private_given_back = 0;
     flow->private_mirrored = 0;
     flow->fo_list = nullptr;
     flow->bypass_id = 0;

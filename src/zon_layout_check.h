@@ -80,7 +80,7 @@ static_assert(offsetof(zon_flow_t, first_payload_seen_on_pkt_num) == 124);
 static_assert(offsetof(zon_flow_t, num_l7_bytes) == 128 && offsetof(zon_flow_t, app_id) == 136);
 static_assert(offsetof(zon_flow_t, age_ms) == 140 && offsetof(zon_flow_t, timer) == 144);
 static_assert(offsetof(zon_flow_t, flow_lock) == 184 && offsetof(zon_flow_t, private_dying) == 193);
-static_assert(offsetof(zon_flow_t, private_detached) == 194 &&
+static_assert(offsetof(zon_flow_t, private_given_back) == 194 &&
               offsetof(zon_flow_t, fo_list) == 200);
 static_assert(offsetof(zon_flow_t, bypass_id) == 208 && offsetof(zon_flow_t, tunnel_type) == 212);
 static_assert(offsetof(zon_flow_t, super_ctx) == 216);

@@ -50,21 +50,18 @@ zon_error_t zon_private_insert_incomplete_tuple(const zon_key_t* key, zon_fid_t 
 
 // ---- the sides of a flow ----
 
-// Further bits of private_detached: a refused re-keying has given the half flow of that side back.
+// Bits of private_given_back: a refused re-keying has given the half flow of that side back.
 // The flow still names it and its key can be read; its buffer is kept for the flow, though no
 // longer counted, until the flow goes or the side is made anew. To feature objects, re-keying and
 // deletion the side is absent.
-inline constexpr uint8_t zon_given_back_initiator = 4;
-inline constexpr uint8_t zon_given_back_responder = 8;
+inline constexpr uint8_t zon_given_back_initiator = 1;
+inline constexpr uint8_t zon_given_back_responder = 2;
 
-constexpr uint8_t zon_detached_mark(zon_flow_direction_e dir) {
-    return dir == ZON_DIR_INITIATOR ? zon_detached_initiator : zon_detached_responder;
-}
 constexpr uint8_t zon_given_back_mark(zon_flow_direction_e dir) {
     return dir == ZON_DIR_INITIATOR ? zon_given_back_initiator : zon_given_back_responder;
 }
 inline bool zon_side_is_given_back(const zon_flow_t* flow, zon_flow_direction_e dir) {
-    return (flow->private_detached & zon_given_back_mark(dir)) != 0;
+    return (flow->private_given_back & zon_given_back_mark(dir)) != 0;
 }
 
 // The half flow that a flow names for a side, given back or not.

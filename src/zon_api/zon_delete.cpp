@@ -91,7 +91,7 @@ void remove_half_flows(zon_flow_t* flow) {
 void forget_half_flows(zon_flow_t* flow) {
     flow->initiator_flow = nullptr;
     flow->responder_flow = nullptr;
-    flow->private_detached = 0;
+    flow->private_given_back = 0;
 }
 
 void delete_one_half_flow(zon_flow_t* flow, zon_flow_direction_e dir) {
@@ -139,7 +139,7 @@ void zon_free_given_back(zon_flow_t* flow, zon_flow_direction_e dir) {
     const zon_memory_type type = zon_key_is_ipv4(half->key.key_type) ? ZON_IPV4_HALF_FLOW_MEM_TYPE
                                                                      : ZON_IPV6_HALF_FLOW_MEM_TYPE;
     zon_private_chunk_free_or_trace(type, half, &g_zon->zon_chunk_ptr);
-    flow->private_detached &= static_cast<uint8_t>(~zon_given_back_mark(dir));
+    flow->private_given_back &= static_cast<uint8_t>(~zon_given_back_mark(dir));
 }
 
 void zon_private_debug_delete_flow(zon_flow_t* flow) {

@@ -105,7 +105,7 @@ uint32_t& usage_of(const zon_half_flow_t* half) {
 void give_side_back(zon_flow_t* flow, zon_flow_direction_e side, zon_half_flow_t* half) {
     zon_flow_fo_release_side(flow, half);
     relaxed_add(usage_of(half), -1);
-    flow->private_detached |= zon_given_back_mark(side);
+    flow->private_given_back |= zon_given_back_mark(side);
 }
 
 zon_error_t update_side(const reporter& report, const zon_flow_tuple_t* flow_tuple) {
@@ -135,7 +135,6 @@ zon_error_t update_side(const reporter& report, const zon_flow_tuple_t* flow_tup
     }
     flow->private_mirrored = 0;
     const bool linked = move_half_flow(half, key, is_new);
-    flow->private_detached &= static_cast<uint8_t>(~zon_detached_mark(report.side));
     if (linked)
         return zon_error_none;
     give_side_back(flow.get(), report.side, half);
@@ -150,7 +149,7 @@ void zon_private_reclaim_sides(zon_flow_t* flow) {
         if (!zon_side_is_given_back(flow, side))
             continue;
         relaxed_add(usage_of(slot_of(flow, side)), 1);
-        flow->private_detached &= static_cast<uint8_t>(~zon_given_back_mark(side));
+        flow->private_given_back &= static_cast<uint8_t>(~zon_given_back_mark(side));
     }
 }
 

@@ -37,14 +37,9 @@ zon_half_flow_t* find_announced_locked(zon_half_flow_t* key) {
 // The side that the packet came from becomes the initiator; what is noted of a side goes with it.
 void exchange_sides(zon_flow_t* flow) {
     std::swap(flow->initiator_flow, flow->responder_flow);
-    constexpr uint8_t initiator_marks =
-        zon_detached_initiator | zon_given_back_mark(ZON_DIR_INITIATOR);
-    constexpr uint8_t responder_marks =
-        zon_detached_responder | zon_given_back_mark(ZON_DIR_RESPONDER);
-    static_assert(responder_marks == initiator_marks << 1);
-    const uint8_t marks = flow->private_detached;
-    flow->private_detached =
-        static_cast<uint8_t>((marks & initiator_marks) << 1 | (marks & responder_marks) >> 1);
+    const uint8_t marks = flow->private_given_back;
+    static_assert(zon_given_back_initiator == 1 && zon_given_back_responder == 2);
+    flow->private_given_back = static_cast<uint8_t>((marks & 1) << 1 | marks >> 1);
 }
 
 struct key_types {
@@ -85,7 +80,6 @@ pair_insert_result rekey_from_packet(zon_flow_t* flow, zon_half_flow_t* key) {
 }
 
 [[gnu::cold]] attempted_flow refuse_promotion(packet_in_engine& packet, locked_flow flow) {
-    flow->private_detached = zon_detached_initiator | zon_detached_responder;
     // The text is kept as hosts know it, although it reports a failure.
     zon_log_error_message(ZON_ERRMSG_CLIENT_API, "Flow could now be promoted",
                           "zon_flow_lookup, fid:", static_cast<int>(flow->fid));

@@ -236,7 +236,7 @@ void scribble(zon_flow_t* flow) {
     flow->num_l7_bytes = 7;
     flow->app_id = flow->age_ms = flow->bypass_id = 7;
     flow->is_dropped = flow->should_reset_timer = 1;
-    flow->private_detached = 3;
+    flow->private_given_back = 3;
     flow->fo_list = reinterpret_cast<zon_flow_fo_t*>(flow);
     flow->tunnel_type = ZON_TUNNEL_TYPE_TEREDO;
     for (zon_super_context_t*& context : flow->super_ctx)
@@ -272,7 +272,7 @@ TEST_F(fid_table_of_three, hands_a_reused_record_out_with_nothing_of_its_former_
     EXPECT_FALSE(flow->marked_for_delete);
     EXPECT_FALSE(flow->should_reset_timer);
     EXPECT_FALSE(zon_flow_is_dying(flow));
-    EXPECT_EQ(flow->private_detached, 0);
+    EXPECT_EQ(flow->private_given_back, 0);
     EXPECT_EQ(flow->fo_list, nullptr);
     EXPECT_EQ(flow->tunnel_type, ZON_TUNNEL_TYPE_NONE);
     for (const zon_super_context_t* context : flow->super_ctx)
