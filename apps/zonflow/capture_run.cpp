@@ -1,5 +1,5 @@
-// capture_run.cpp - the packet loop: read, find the IP header, hand to the engine, write the flows
-// that ended.
+// capture_run.cpp - the packet loop: read, turn the clock, find the IP header, hand to the engine,
+// write the flows that ended.
 #include "capture_run.h"
 
 #include <cstdio>
@@ -7,55 +7,68 @@
 
 #include "capture/capture_reader.h"
 #include "capture/link_layer.h"
+#include "capture/live_reader.h"
 #include "capture/stop_signal.h"
 #include "flows/capture_summary.h"
 #include "flows/engine_report.h"
+#include "flows/hash_seed.h"
 #include "output/progress.h"
 
 namespace zonflow {
 
 namespace {
 
-void complain(const std::string& path, const std::string& problem) {
-    std::fprintf(stderr, "zonflow: %s: %s\n", path.c_str(), problem.c_str());
+void complain(const std::string& name, const std::string& problem) {
+    std::fprintf(stderr, "zonflow: %s: %s\n", name.c_str(), problem.c_str());
 }
 
 std::string packets_text(uint64_t count) {
     return std::to_string(count) + (count == 1 ? " packet" : " packets");
 }
 
+// Who sends live traffic may choose what shares a bucket of the plain hash. The output of a capture
+// is the same on every run instead, its dump and its histogram too.
+engine_settings settings_for(const packet_source& source, const options& options) {
+    engine_settings settings = options.engine;
+    settings.hash_seed = source.live() ? random_hash_seed() : 0;
+    return settings;
+}
+
 class capture_run {
 public:
-    capture_run(const options& options, link_layer link, flow_output& output)
-        : vlan_key_(options.vlan_key),
-          by_source_(options.engine.by_source),
-          dump_(options.dump),
-          histogram_(options.histogram),
+    capture_run(const options& options, packet_source& source, link_layer link, flow_output& output)
+        : options_(options),
+          source_(source),
           link_(link),
           output_(output),
-          engine_(options.engine) {}
+          engine_(settings_for(source, options)) {}
 
-    // Returns false when the file is damaged; what came before the damage has been handled.
-    bool read_all(capture_reader& reader) {
+    // Returns false when the source is damaged; what came before the damage has been handled.
+    bool read_all() {
         // The flows of a feed are shown as they end: nobody knows when the next packet comes.
-        const bool feed = reader.bytes_total() == 0;
+        const bool feed = source_.bytes_total() == 0;
         if (feed) {
             output_.flush();
         }
         captured_packet packet;
-        read_result result = reader.next(packet);
-        for (; result == read_result::packet; result = reader.next(packet)) {
-            handle(packet);
+        read_result result = read_result::ended;
+        while (!has_enough_packets()) {
+            result = source_.next(packet);
+            const bool goes_on = result == read_result::packet || result == read_result::quiet;
+            if (!goes_on || is_late(packet.clock_us)) {
+                break;
+            }
+            engine_.turn_clock(packet.clock_us);
+            if (result == read_result::packet) {
+                handle(packet);
+            }
             if (write_ended_flows() && feed) {
                 output_.flush();
             }
-            if (progress_.due(summary_.packets)) {
-                progress_.draw(reader.bytes_read(), reader.bytes_total(), summary_.packets,
-                               engine_.flows_seen());
-            }
+            show_progress();
         }
         progress_.clear();
-        return result == read_result::end_of_file;
+        return result != read_result::damaged;
     }
 
     void finish() {
@@ -63,7 +76,10 @@ public:
         engine_.finish();
         write_ended_flows();
         summary_.out_of_time = engine_.out_of_time();
-        if (by_source_) {
+        if (source_.live()) {
+            summary_.lost = source_.lost();
+        }
+        if (options_.engine.by_source) {
             output_.groups(engine_.groups());
         }
         if (reports.dump) {
@@ -86,14 +102,34 @@ private:
 
     engine_reports make_reports() {
         engine_reports made;
-        if (dump_) {
+        if (options_.dump) {
             output_.flush();
             made.dump = flow_table_dump();
         }
-        if (histogram_) {
+        if (options_.histogram) {
             made.histogram = flow_table_depths();
         }
         return made;
+    }
+
+    bool has_enough_packets() const {
+        return options_.packet_limit && summary_.packets >= *options_.packet_limit;
+    }
+
+    bool is_late(uint64_t clock_us) {
+        if (!begun_us_) {
+            begun_us_ = clock_us;
+        }
+        constexpr uint64_t second_us = 1'000'000;
+        return options_.time_limit_sec &&
+               clock_us >= *begun_us_ + *options_.time_limit_sec * second_us;
+    }
+
+    void show_progress() {
+        if (progress_.due(summary_.packets)) {
+            progress_.draw(source_.bytes_read(), source_.bytes_total(), summary_.packets,
+                           engine_.flows_seen());
+        }
     }
 
     void handle(const captured_packet& packet) {
@@ -109,7 +145,7 @@ private:
         case link_verdict::ip:
             break;
         }
-        const uint32_t vrf = vlan_key_ ? found.outer_vlan : 0;
+        const uint32_t vrf = options_.vlan_key ? found.outer_vlan : 0;
         count(engine_.handle(found.ip_bytes, vrf, packet.time_us));
     }
 
@@ -138,64 +174,85 @@ private:
         return summary_.flows != before;
     }
 
-    bool vlan_key_;
-    bool by_source_;
-    bool dump_;
-    bool histogram_;
+    const options& options_;
+    packet_source& source_;
     link_layer link_;
     flow_output& output_;
     engine_host engine_;
     capture_summary summary_;
+    std::optional<uint64_t> begun_us_;  // when the source answered first
     progress progress_;
 };
 
 // What is no error, and yet a person would want to know.
-void warn(const std::string& path, const capture_summary& summary, uint32_t max_flows) {
+void warn(const std::string& name, const capture_summary& summary, uint32_t max_flows) {
     const auto no_room = summary.refused.find(engine_host::reason_of_no_room());
     if (no_room != summary.refused.end()) {
-        complain(path, packets_text(no_room->second) + " refused for want of room: " +
+        complain(name, packets_text(no_room->second) + " refused for want of room: " +
                            "--max-flows sets how many flows there may be (now " +
                            std::to_string(max_flows) + ")");
     }
     if (summary.out_of_time != 0) {
-        complain(path, packets_text(summary.out_of_time) +
+        complain(name, packets_text(summary.out_of_time) +
                            " stamped more than a second before an earlier one; no time passes "
                            "with such packets, so flows may have aged too early or not at all");
     }
+    if (summary.lost.value_or(0) != 0) {
+        complain(name, packets_text(*summary.lost) +
+                           " lost in the kernel or the interface, so flows may count too little");
+    }
     if (stop_requested()) {
-        complain(path, "stopped after " + packets_text(summary.packets));
+        complain(name, "stopped after " + packets_text(summary.packets));
+    }
+}
+
+// Tells what keeps a source from being read at all.
+template <class reader>
+exit_code open_and_run(const std::string& name, const options& options, flow_output& output) {
+    try {
+        reader source(name, options.filter);
+        return run_source(source, name, options, output);
+    } catch (const open_error& error) {
+        if (stop_requested()) {
+            return exit_code::done;
+        }
+        complain(name, error.what());
+        return exit_code::cannot_open;
+    } catch (const filter_error& error) {
+        complain(name, "--filter: " + std::string(error.what()));
+        return exit_code::usage;
     }
 }
 
 }  // namespace
 
-exit_code run_capture(const std::string& path, const options& options, flow_output& output) {
-    try {
-        capture_reader reader(path);
-        const std::optional<link_layer> link = link_layer::of_type(reader.link_type());
-        if (!link) {
-            complain(path, "link type " + reader.link_type_name() +
-                               " is not known; the known ones are " + known_link_types());
-            return exit_code::cannot_open;
-        }
-        output.begin(path);
-        capture_run run(options, *link, output);
-        const bool whole = run.read_all(reader);
-        run.finish();
-        warn(path, run.summary(), options.engine.max_flows);
-        if (!whole) {
-            complain(path, "damaged after " + packets_text(run.summary().packets) + ": " +
-                               reader.damage());
-            return exit_code::damaged_input;
-        }
-        return exit_code::done;
-    } catch (const open_error& error) {
-        if (stop_requested()) {
-            return exit_code::done;
-        }
-        complain(path, error.what());
+exit_code run_source(packet_source& source, const std::string& name, const options& options,
+                     flow_output& output) {
+    const std::optional<link_layer> link = link_layer::of_type(source.link_type());
+    if (!link) {
+        complain(name, "link type " + source.link_type_name() +
+                           " is not known; the known ones are " + known_link_types());
         return exit_code::cannot_open;
     }
+    output.begin(name);
+    capture_run run(options, source, *link, output);
+    const bool whole = run.read_all();
+    run.finish();
+    warn(name, run.summary(), options.engine.max_flows);
+    if (!whole) {
+        complain(name, std::string(source.live() ? "broken off" : "damaged") + " after " +
+                           packets_text(run.summary().packets) + ": " + source.damage());
+        return exit_code::damaged_input;
+    }
+    return exit_code::done;
+}
+
+exit_code run_capture(const std::string& path, const options& options, flow_output& output) {
+    return open_and_run<capture_reader>(path, options, output);
+}
+
+exit_code run_live(const options& options, flow_output& output) {
+    return open_and_run<live_reader>(options.interface_name, options, output);
 }
 
 }  // namespace zonflow

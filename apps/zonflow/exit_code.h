@@ -7,7 +7,7 @@ namespace zonflow {
 // With several files the highest code counts.
 enum class exit_code {
     done = 0,
-    damaged_input = 1,  // everything before the damage has been reported
+    damaged_input = 1,  // or an interface that has gone; all that was read has been reported
     usage = 2,          // or an engine that cannot be started as asked
     cannot_open = 3,
     output_failed = 4

@@ -1,4 +1,4 @@
-// main.cpp - zonflow: prints the flows of captures, found by the engine.
+// main.cpp - zonflow: prints the flows of captures and of live traffic, found by the engine.
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -11,6 +11,7 @@
 #include "output/json_output.h"
 #include "output/output_stream.h"
 #include "output/table_output.h"
+#include "standard_descriptors.h"
 
 namespace {
 
@@ -47,7 +48,7 @@ exit_code run_all(const options& options) {
     std::for_each(options.trace.begin(), options.trace.end(), trace);
     output_stream out(stdout);
     const auto output = make_output(options, out);
-    exit_code worst = exit_code::done;
+    exit_code worst = options.interface_name.empty() ? exit_code::done : run_live(options, *output);
     for (const std::string& path : options.files) {
         if (stop_requested()) {
             break;
@@ -59,6 +60,7 @@ exit_code run_all(const options& options) {
 }
 
 exit_code run(int argc, char** argv) {
+    keep_standard_descriptors();
     // A reader that goes away and a file that reaches its limit are errors of writing: no crash.
     std::signal(SIGPIPE, SIG_IGN);
     std::signal(SIGXFSZ, SIG_IGN);

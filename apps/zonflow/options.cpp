@@ -30,8 +30,8 @@ const std::map<std::string, output_format> formats{{"table", output_format::tabl
                                                    {"json", output_format::json}};
 
 constexpr const char* what_it_does =
-    "Prints the flows of network captures: who talked to whom, how much, and how it ended.\n"
-    "Reads pcap and pcapng. Flows age by the time stamps of the capture.";
+    "Prints the flows of network captures, or of the traffic of an interface: who talked to whom,\n"
+    "how much, and how it ended. Reads pcap and pcapng, whose flows age by their time stamps.";
 
 constexpr const char* epilogue =
     "\nThe table: PKTS and BYTES count both directions, BYTES whole IP packets. STATE is what the\n"
@@ -39,7 +39,7 @@ constexpr const char* epilogue =
     "  closed  TCP: both sides have sent a FIN\n"
     "  reset   TCP: a RST ended the connection, or was the last that was seen of it\n"
     "  idle    nothing came any more for the idle time\n"
-    "  open    none of these when the capture ended\n"
+    "  open    none of these when the reading ended\n"
     "\nTeredo is looked for on every UDP port, so other traffic may rarely be taken for it;\n"
     "--no-tunnels keeps to the outer packets.\n"
     "\nIdle times: a flow leaves after at least so many seconds of silence and at most twice as\n"
@@ -51,13 +51,14 @@ constexpr const char* epilogue =
     "      the same for programs: a JSON object a line for each flow, then a summary of each file\n"
     "  zonflow --by source --veto 10.0.0.0/8 --veto 2001:db8::/32 web.pcap\n"
     "      who began how many flows, leaving out those with two networks\n"
-    "  tcpdump -w - -U | zonflow -\n"
-    "      flows of live traffic, each as it ends\n"
+    "  zonflow -i eth0 --filter 'not port 22'\n"
+    "      flows of live traffic, each as it ends; takes root or CAP_NET_RAW\n"
     "\nExit codes:\n"
     "  0  done\n"
-    "  1  a capture is damaged; everything before the damage has been reported\n"
+    "  1  a capture is damaged, or an interface went away; what was read has been reported\n"
     "  2  the command line is wrong, or asks more of the engine than it can give\n"
-    "  3  a file cannot be opened or is no capture that can be read\n"
+    "  3  a file cannot be opened or is no capture that can be read; an interface is not there,\n"
+    "     is down or may not be read\n"
     "  4  the output could not be written\n"
     "With several files the highest code counts.";
 
@@ -99,6 +100,21 @@ std::string problem_of_trace(const std::string& text) {
     return "";
 }
 
+// Decimal digits and nothing else.
+CLI::Validator number_between(uint32_t least, uint32_t most) {
+    return {[least, most](const std::string& text) -> std::string {
+                uint32_t value = 0;
+                const char* end = text.data() + text.size();
+                const auto [stop, error] = std::from_chars(text.data(), end, value);
+                if (error == std::errc() && stop == end && value >= least && value <= most) {
+                    return "";
+                }
+                return "\"" + text + "\" is no number from " + std::to_string(least) + " to " +
+                       std::to_string(most);
+            },
+            ""};
+}
+
 void add_output_options(CLI::App& app, options& result) {
     app.add_option_function<std::string>(
            "-o,--output", [&result](const std::string& name) { result.format = formats.at(name); },
@@ -125,10 +141,29 @@ void add_output_options(CLI::App& app, options& result) {
         ->option_text("PART[,PART...]");
 }
 
+void add_input_options(CLI::App& app, options& result) {
+    app.add_option("-i,--interface", result.interface_name,
+                   "Read the traffic of an interface in the place of captures; any is all of them")
+        ->take_last()
+        ->option_text("NAME");
+    app.add_option("--filter", result.filter, "Read only packets that a pcap filter fits")
+        ->take_last()
+        ->option_text("EXPRESSION");
+    const CLI::Validator limits = number_between(1, UINT32_MAX);
+    app.add_option("--packets", result.packet_limit, "End the reading after so many packets")
+        ->check(limits)
+        ->take_last()
+        ->option_text("COUNT");
+    app.add_option("--seconds", result.time_limit_sec, "End the reading after so much time")
+        ->check(limits)
+        ->take_last()
+        ->option_text("SECONDS");
+}
+
 void add_options(CLI::App& app, options& result) {
     app.add_option("FILE", result.files, "Captures, read one after another; - is standard input")
-        ->required()
         ->option_text("...");
+    add_input_options(app, result);
     add_output_options(app, result);
     app.add_flag("--vlan-key", result.vlan_key,
                  "Keep the flows of different outer VLANs apart (the VLAN becomes the VRF)");
@@ -156,21 +191,6 @@ std::string problem_of_network(const std::string& text) {
                text_of(without_bits_behind_prefix(*found)) + " is the network";
     }
     return "";
-}
-
-// Decimal digits and nothing else.
-CLI::Validator number_between(uint32_t least, uint32_t most) {
-    return {[least, most](const std::string& text) -> std::string {
-                uint32_t value = 0;
-                const char* end = text.data() + text.size();
-                const auto [stop, error] = std::from_chars(text.data(), end, value);
-                if (error == std::errc() && stop == end && value >= least && value <= most) {
-                    return "";
-                }
-                return "\"" + text + "\" is no number from " + std::to_string(least) + " to " +
-                       std::to_string(most);
-            },
-            ""};
 }
 
 void add_flow_choices(CLI::App& app, engine_settings& engine) {
@@ -265,6 +285,10 @@ std::variant<options, exit_code> parse_options(int argc, char** argv) {
         return complain(text.substr(0, text.find(':')) + ": a value is missing");
     } catch (const CLI::ParseError& error) {
         return complain(error.what());
+    }
+    if (result.files.empty() == result.interface_name.empty()) {
+        return complain(result.files.empty() ? "a FILE or an --interface is needed"
+                                             : "FILE and --interface exclude each other");
     }
     return result;
 }

@@ -2,6 +2,8 @@
 #ifndef ZONFLOW_OPTIONS_H
 #define ZONFLOW_OPTIONS_H
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <variant>
 #include <vector>
@@ -18,6 +20,10 @@ enum class trace_part { engine, fe, l4, ager, all };
 
 struct options {
     std::vector<std::string> files;
+    std::string interface_name;  // live traffic, in the place of files
+    std::string filter;          // empty: every packet
+    std::optional<uint32_t> packet_limit;
+    std::optional<uint32_t> time_limit_sec;
     output_format format = output_format::table;
     bool vlan_key = false;  // the outer VLAN is the VRF
     bool dump = false;

@@ -1,63 +1,35 @@
 // capture_reader.h - reads the packets of one capture file, pcap or pcapng, in file order.
 //
-// Owns   the open file; the bytes of a packet live until the next one is read.
+// Owns   the open file.
 // Units  microseconds since 1970 (_us); a nanosecond capture is rounded down.
 #ifndef ZONFLOW_CAPTURE_READER_H
 #define ZONFLOW_CAPTURE_READER_H
 
 #include <cstdint>
-#include <memory>
 #include <optional>
-#include <span>
-#include <stdexcept>
 #include <string>
 
+#include "capture/pcap_source.h"
 #include "capture/stop_signal.h"
-
-struct pcap;
 
 namespace zonflow {
 
-struct captured_packet {
-    std::span<const uint8_t> bytes;  // what was captured of the frame
-    uint64_t time_us = 0;
-};
-
-enum class read_result { packet, end_of_file, damaged };
-
-// The file cannot be opened, or is no capture that can be read at all.
-struct open_error : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
-class capture_reader {
+class capture_reader final : public pcap_source {
 public:
-    // The path "-" is standard input. Throws open_error.
-    explicit capture_reader(const std::string& path);
-    ~capture_reader();
-    capture_reader(const capture_reader&) = delete;
-    capture_reader& operator=(const capture_reader&) = delete;
+    // The path "-" is standard input. Throws open_error and filter_error.
+    explicit capture_reader(const std::string& path, const std::string& filter = "");
+    ~capture_reader() override;
 
-    // A damaged file stays damaged: what came before has been read, nothing more will be. A stop
-    // signal ends any file.
-    read_result next(captured_packet& packet);
+    read_result next(captured_packet& packet) override;
 
-    // What is wrong with a damaged file.
-    std::string damage() const;
-
-    int link_type() const;
-    // The name and the description of the link type, for an error message.
-    std::string link_type_name() const;
-
-    uint64_t bytes_read() const;
+    uint64_t bytes_read() const override;
     // 0 when the input has no size of its own, as a pipe.
-    uint64_t bytes_total() const { return bytes_total_; }
+    uint64_t bytes_total() const override { return bytes_total_; }
+
+    bool live() const override { return false; }
+    uint64_t lost() const override { return 0; }
 
 private:
-    struct closer {
-        void operator()(pcap* handle) const;
-    };
-    std::unique_ptr<pcap, closer> handle_;
     std::optional<stoppable_input> stoppable_;
     uint64_t bytes_total_ = 0;
     bool damaged_ = false;

@@ -1,9 +1,10 @@
-// capture_summary.h - what became of every packet of one capture.
+// capture_summary.h - what became of every packet of one source.
 #ifndef ZONFLOW_CAPTURE_SUMMARY_H
 #define ZONFLOW_CAPTURE_SUMMARY_H
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace zonflow {
@@ -17,7 +18,8 @@ struct capture_summary {
     std::map<std::string, uint64_t> refused;  // IP, but of no flow: the reason and how many
     uint64_t malformed =
         0;  // cut off, or headers that contradict each other or the captured length
-    uint64_t out_of_time = 0;  // of all these: stamped more than a second before an earlier one
+    uint64_t out_of_time = 0;      // of all these: stamped more than a second before an earlier one
+    std::optional<uint64_t> lost;  // on live traffic, besides all these: never seen
 };
 
 }  // namespace zonflow

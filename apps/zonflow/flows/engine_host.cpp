@@ -71,6 +71,7 @@ engine_host::~engine_host() {
 
 void engine_host::start_engine() {
     check(zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE), "cannot set the clock");
+    check(zon_config_set_hash_seed(settings_.hash_seed), "cannot seed the hash");
     running_ = true;  // an engine that was built in part is to be destroyed as well
     check(zon_init(settings_.max_flows, settings_.idle_announced_sec * 1000,
                    std::min(flows_made_per_step, settings_.max_flows), lock_stripes, 0,
@@ -135,9 +136,23 @@ void engine_host::set_default_idle_times() const {
     zon_set_default_aging(ZON_UDP_PROT, ZON_L4_UNI_ESTABLISHED, settings_.idle_udp_sec * 1000);
 }
 
+void engine_host::turn_clock(uint64_t clock_us) {
+    if (!clock_started_) {
+        clock_started_ = true;
+        clock_base_us_ = zon_clock_now_us();
+        first_time_us_ = clock_us;
+    }
+    if (clock_us + out_of_time_by_us < latest_time_us_) {
+        ++out_of_time_;
+    }
+    latest_time_us_ = std::max(latest_time_us_, clock_us);
+    if (clock_us > first_time_us_) {
+        zon_clock_advance_to_us(clock_base_us_ + (clock_us - first_time_us_));
+    }
+}
+
 packet_outcome engine_host::handle(std::span<const uint8_t> ip_packet, uint32_t vrf,
                                    uint64_t time_us) {
-    turn_clock(time_us);
     if (settings_.helpers) {
         ftp_->before_packet();
         sip_->before_packet();
@@ -161,23 +176,6 @@ packet_outcome engine_host::handle(std::span<const uint8_t> ip_packet, uint32_t 
     show_to_helpers(fid, indications, ip_packet);
     zon_cleanup_packet(&seen);  // a flow whose last packet this was leaves within about a second
     return {packet_fate::classified, {}};
-}
-
-// Flows age by the capture's time. The clock only ever goes forward, so an older time stamp turns
-// nothing.
-void engine_host::turn_clock(uint64_t time_us) {
-    if (!clock_started_) {
-        clock_started_ = true;
-        clock_base_us_ = zon_clock_now_us();
-        first_time_us_ = time_us;
-    }
-    if (time_us + out_of_time_by_us < latest_time_us_) {
-        ++out_of_time_;
-    }
-    latest_time_us_ = std::max(latest_time_us_, time_us);
-    if (time_us > first_time_us_) {
-        zon_clock_advance_to_us(clock_base_us_ + (time_us - first_time_us_));
-    }
 }
 
 void engine_host::show_to_helpers(zon_fid_t fid, const zon_pkt_indications_t& indications,

@@ -1,4 +1,4 @@
-// engine_host.h - runs the engine over the packets of one capture, on the capture's own time.
+// engine_host.h - runs the engine over the packets of one source, on the source's own time.
 //
 // Registers as a client of the engine and keeps a flow_record on every flow. A flow that goes away
 // puts its record into a queue, from which the caller takes it when no lock of the engine is held.
@@ -39,6 +39,7 @@ struct engine_settings {
     bool by_source = false;
     std::vector<network> vetoes;
     uint32_t bypass_after_bytes = 0;  // 0: no flow is bypassed
+    uint32_t hash_seed = 0;           // 0: the plain hash, the same on every run
 };
 
 struct engine_error : std::runtime_error {
@@ -60,7 +61,11 @@ public:
     engine_host(const engine_host&) = delete;
     engine_host& operator=(const engine_host&) = delete;
 
-    // Turns the clock to the packet's time and hands the packet in. Throws engine_error.
+    // Lets flows age up to this time, from an arbitrary start. It only ever goes forward, so a time
+    // that has passed turns nothing back.
+    void turn_clock(uint64_t clock_us);
+
+    // Hands a packet in, stamped with its time. Throws engine_error.
     packet_outcome handle(std::span<const uint8_t> ip_packet, uint32_t vrf, uint64_t time_us);
 
     // The next flow that has gone away, in the order of their going; null when there is none.
@@ -71,7 +76,7 @@ public:
 
     uint64_t flows_seen() const { return flows_seen_; }
 
-    // Packets stamped more than a second before an earlier one. Time stands still for them.
+    // How often the clock was to be turned back by more than a second. Time stands still meanwhile.
     uint64_t out_of_time() const { return out_of_time_; }
 
     // The reason for which packets are refused once there are as many flows as allowed.
@@ -87,7 +92,6 @@ private:
     void enable_options();
     void start_helpers();
     void set_default_idle_times() const;
-    void turn_clock(uint64_t time_us);
     void show_to_helpers(zon_fid_t fid, const zon_pkt_indications_t& indications,
                          std::span<const uint8_t> ip_packet);
     packet_outcome why_refused(const zon_pkt_indications_t& indications, zon_error_t error,
@@ -112,8 +116,8 @@ private:
     bool running_ = false;
     zon_client_id_e client_ = 0;
     bool clock_started_ = false;
-    uint64_t clock_base_us_ = 0;  // the clock's reading at the first packet
-    uint64_t first_time_us_ = 0;  // the first packet's time stamp
+    uint64_t clock_base_us_ = 0;  // the engine's clock at the first time
+    uint64_t first_time_us_ = 0;
     uint64_t latest_time_us_ = 0;
     uint64_t out_of_time_ = 0;
     uint64_t flows_seen_ = 0;

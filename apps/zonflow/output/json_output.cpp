@@ -109,6 +109,9 @@ void json_output::summary(const capture_summary& summary) {
         .number("malformed", summary.malformed)
         .number("out_of_time", summary.out_of_time)
         .text("file", file_);
+    if (summary.lost) {
+        object.number("lost", *summary.lost);
+    }
     out_.write(object.str() + "\n");
     out_.flush();
 }

@@ -19,11 +19,11 @@ TEST(zonflow_options, help_lists_every_option_and_ends_with_0) {
     EXPECT_EQ(run.exit_code, 0);
     EXPECT_EQ(run.err, "");
     for (const char* option :
-         {"--vlan-key",   "--output",       "--max-flows",    "--idle-opening",
-          "--idle-tcp",   "--idle-udp",     "--idle-closing", "--idle-announced",
-          "--tcp-checks", "--no-tunnels",   "--no-fragments", "--by",
-          "--veto",       "--bypass-after", "--no-helpers",   "--trace",
-          "--help",       "--version",      "Examples:",      "Exit codes:"}) {
+         {"--vlan-key",     "--output",       "--max-flows",      "--idle-opening", "--idle-tcp",
+          "--idle-udp",     "--idle-closing", "--idle-announced", "--tcp-checks",   "--no-tunnels",
+          "--no-fragments", "--by",           "--veto",           "--bypass-after", "--no-helpers",
+          "--trace",        "--help",         "--version",        "Examples:",      "Exit codes:",
+          "--interface",    "--filter",       "--packets",        "--seconds"}) {
         EXPECT_TRUE(contains(run.out, option)) << option;
     }
     for (const char* explained :
@@ -63,7 +63,8 @@ INSTANTIATE_TEST_SUITE_P(
                     "-o 1 x.pcap", "-o", "-o json -o xml x.pcap", "--trace engine,,fe x.pcap",
                     "--trace engine, x.pcap", "--trace , x.pcap", "--veto 1.2.3.4/8 x.pcap",
                     "--veto 1.0.0.0/08 x.pcap", "--max-flows 1e3 x.pcap",
-                    "--max-flows 16000001 x.pcap"));
+                    "--max-flows 16000001 x.pcap", "-i lo x.pcap", "-i", "--packets 0 x.pcap",
+                    "--seconds 1.5 x.pcap"));
 
 TEST(zonflow_options, says_in_words_of_its_own_what_is_wrong) {
     const std::pair<const char*, const char*> messages[] = {
@@ -73,6 +74,8 @@ TEST(zonflow_options, says_in_words_of_its_own_what_is_wrong) {
         {"--by host x", "--by: \"host\" is no grouping: source\n"},
         {"--max-flows 0 x", "--max-flows: \"0\" is no number from 1 to 16000000\n"},
         {"--idle-tcp", "--idle-tcp: a value is missing\n"},
+        {"", "a FILE or an --interface is needed\n"},
+        {"-i lo x", "FILE and --interface exclude each other\n"},
         {"--veto 1.2.3.4/8 x",
          "--veto: \"1.2.3.4/8\" has address bits behind its prefix: 1.0.0.0/8 is the network\n"},
         {"--veto 10/8 x", "--veto: \"10/8\" is no network such as 10.0.0.0/8 or 2001:db8::/32\n"},
@@ -97,7 +100,7 @@ TEST(zonflow_options, accepts_every_option_together) {
         "--tcp-checks "
         "--no-tunnels --no-fragments --idle-announced 5 --by source --veto 192.0.2.0/24 "
         "--veto 2001:db8::/32 --bypass-after 100 --no-helpers --dump --histogram "
-        "--trace engine,l4 --trace ager " +
+        "--trace engine,l4 --trace ager --filter udp --packets 5 --seconds 5 " +
         capture.path());
     EXPECT_EQ(run.exit_code, 0) << run.err;
     EXPECT_EQ(run.flows.size(), 1u);
@@ -144,6 +147,14 @@ TEST(zonflow_exit_codes, are_1_for_a_damaged_capture_and_what_came_before_is_rep
     ASSERT_EQ(run.flows.size(), 1u);
     ASSERT_EQ(run.summaries.size(), 1u);
     EXPECT_EQ(json_number(run.summaries[0], "packets"), 1u);
+}
+
+TEST(zonflow_exit_codes, are_2_for_a_filter_that_is_none) {
+    const temporary_file capture(small_capture);
+    const program_result run = run_zonflow("--filter 'port port' " + capture.path());
+    EXPECT_EQ(run.exit_code, 2);
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.err.rfind("zonflow: " + capture.path() + ": --filter: ", 0), 0u) << run.err;
 }
 
 TEST(zonflow_exit_codes, are_3_for_a_file_that_cannot_be_opened) {

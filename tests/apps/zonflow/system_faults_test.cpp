@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <filesystem>
 
+#include "tests/apps/zonflow/support/prepared_zonflow.h"
 #include "tests/apps/zonflow/support/running_zonflow.h"
 #include "tests/apps/zonflow/support/zonflow_program.h"
 
@@ -90,35 +91,6 @@ TEST(zonflow_files, that_are_emptied_end_early) {
     EXPECT_TRUE(run.errors().empty() || is_one_line(run.errors())) << run.errors();
 }
 
-struct ended_program {
-    int exit_code;
-    std::string err;
-};
-
-constexpr int unprepared = 126;
-
-// Runs the program on one capture, once its process has been prepared. Where that fails, its exit
-// code is `unprepared`.
-template <typename preparation>
-ended_program run_prepared(const std::string& capture, preparation prepare) {
-    const temporary_file errors{bytes{}};
-    const pid_t child = fork();
-    if (child == 0) {
-        const int file = open(errors.path().c_str(), O_WRONLY);
-        dup2(file, STDERR_FILENO);
-        if (!prepare()) {
-            _exit(unprepared);
-        }
-        execl(ZONFLOW_BINARY, ZONFLOW_BINARY, "-o", "json", capture.c_str(), nullptr);
-        _exit(127);
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
-    std::ostringstream told;
-    told << std::ifstream(errors.path()).rdbuf();
-    return {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status), told.str()};
-}
-
 // May read what the file's owner allows, root or not.
 bool drop_privileges() {
     const bool dropped = prctl(PR_CAPBSET_DROP, CAP_DAC_OVERRIDE) == 0 &&
@@ -129,7 +101,7 @@ bool drop_privileges() {
 TEST(zonflow_files, that_may_not_be_read_end_with_3) {
     const temporary_file capture(many_flows());
     std::filesystem::permissions(capture.path(), std::filesystem::perms::none);
-    const ended_program run = run_prepared(capture.path(), drop_privileges);
+    const ended_program run = run_prepared({"-o", "json", capture.path()}, drop_privileges);
     if (run.exit_code == unprepared) {
         GTEST_SKIP() << "every file may be read here";
     }
@@ -152,6 +124,18 @@ TEST(zonflow_files, standard_input_that_is_closed_ends_with_3) {
     EXPECT_EQ(run.exit_code, 3);
     EXPECT_TRUE(is_one_line(run.err)) << run.err;
     EXPECT_EQ(run.err.rfind("zonflow: -: ", 0), 0u) << run.err;
+    EXPECT_NE(run.err.find("Bad file descriptor"), std::string::npos) << run.err;
+}
+
+// The capture would take the place of standard output or error.
+TEST(zonflow_files, are_read_where_the_standard_descriptors_are_closed) {
+    const temporary_file capture(many_flows());
+    const std::string expected = run_zonflow(capture.path()).out;
+    EXPECT_EQ(run_zonflow(capture.path(), "<&-").out, expected);
+    EXPECT_EQ(run_zonflow(capture.path(), "<&- 2>&-").out, expected);
+    const program_result no_output = run_zonflow(capture.path(), "<&- >&-");
+    EXPECT_EQ(no_output.exit_code, 4);
+    EXPECT_EQ(no_output.err, "zonflow: cannot write the output: Bad file descriptor\n");
 }
 
 TEST(zonflow_output, that_is_closed_ends_with_4) {
@@ -168,7 +152,7 @@ TEST(zonflow_output, that_reaches_the_limit_of_file_sizes_ends_with_4) {
     constexpr rlim_t limit = 8192;
     const temporary_file capture(many_flows());
     const temporary_file output{bytes{}};
-    const ended_program run = run_prepared(capture.path(), [&] {
+    const ended_program run = run_prepared({"-o", "json", capture.path()}, [&] {
         const rlimit size{limit, limit};
         return dup2(open(output.path().c_str(), O_WRONLY), STDOUT_FILENO) == STDOUT_FILENO &&
                setrlimit(RLIMIT_FSIZE, &size) == 0;

@@ -25,7 +25,7 @@ void expect_the_two_frames(const bytes& file) {
         EXPECT_EQ(packet.time_us, expected.time_ns / 1000);
         EXPECT_EQ(bytes(packet.bytes.begin(), packet.bytes.end()), expected.frame);
     }
-    EXPECT_EQ(reader.next(packet), read_result::end_of_file);
+    EXPECT_EQ(reader.next(packet), read_result::ended);
     EXPECT_EQ(reader.bytes_read(), file.size());
 }
 
@@ -84,7 +84,29 @@ TEST(capture_reader, reads_a_capture_without_packets) {
     const temporary_file capture(pcap_bytes({}, 1));
     capture_reader reader(capture.path());
     captured_packet packet;
-    EXPECT_EQ(reader.next(packet), read_result::end_of_file);
+    EXPECT_EQ(reader.next(packet), read_result::ended);
+}
+
+TEST(capture_reader, gives_only_what_the_filter_fits) {
+    const temporary_file capture(pcap_bytes(two_frames, 1));
+    capture_reader reader(capture.path(), "ip6");
+    captured_packet packet;
+    ASSERT_EQ(reader.next(packet), read_result::packet);
+    EXPECT_EQ(bytes(packet.bytes.begin(), packet.bytes.end()), two_frames[1].frame);
+    EXPECT_EQ(reader.next(packet), read_result::ended);
+    EXPECT_THROW(capture_reader(capture.path(), "no filter"), filter_error);
+}
+
+// Flows of a capture age by its own time, whatever the machine's is.
+TEST(capture_reader, has_the_time_stamps_for_its_clock) {
+    const temporary_file capture(pcap_bytes(two_frames, 1));
+    capture_reader reader(capture.path());
+    captured_packet packet;
+    for (const stamped_frame& expected : two_frames) {
+        ASSERT_EQ(reader.next(packet), read_result::packet);
+        EXPECT_EQ(packet.clock_us, expected.time_ns / 1000);
+    }
+    EXPECT_FALSE(reader.live());
 }
 
 TEST(capture_reader, does_not_open_what_is_no_capture) {
