@@ -1,0 +1,89 @@
+// flood_engine.h - the engine that is flooded, with its clock and what a host counts of it.
+//
+// Threads  one hands in packets. With the system's clock the engine's timer thread runs beside it.
+
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "attack.h"
+#include "support/bench_engine.h"
+
+namespace zon_bench {
+
+enum class clock_choice {
+    // Turned by hand at a rate that the flood states: what is counted is the same on any machine,
+    // and expiries run between packets.
+    turned,
+    // The machine's: packets come as fast as they are taken, and the engine's thread runs expiries
+    // beside them.
+    system
+};
+
+struct engine_setup {
+    uint32_t max_flows = 100'000;
+    uint8_t bucket_depth = 0;    // without bound
+    void (*defend)() = nullptr;  // run before zon_init
+};
+
+class flood_engine {
+public:
+    flood_engine(const engine_setup& setup, clock_choice clock);
+    ~flood_engine() { zon_destroy(); }
+    flood_engine(const flood_engine&) = delete;
+    flood_engine& operator=(const flood_engine&) = delete;
+
+    struct outcome {
+        zon_fid_t fid;
+        zon_error_t error;
+        bool first;
+    };
+    // As hosts take packets from outside; a finished connection is let go.
+    outcome take(wire_packet& packet) {
+        const outcome got = take_bytes(packet.bytes.data(), packet.captured);
+        clean_up();
+        return got;
+    }
+    void clean_up() { zon_cleanup_packet(&context_); }
+    outcome take_bytes(uint8_t* bytes, uint32_t captured) {
+        zon_error_t error = zon_error_none;
+        const zon_fid_t fid = zon_handle_captured_packet(bytes, captured, 0, &context_,
+                                                         &context_.pkt_indications, &error);
+        return {fid, error, context_.pkt_indications.fif != 0};
+    }
+
+    // So much of the engine's time goes by; nothing with the system's clock, whose time does so by
+    // itself.
+    void let_pass_ns(uint64_t ns) {
+        due_ns_ += ns;
+        if (due_ns_ >= 1'000'000 && clock_ == clock_choice::turned) {
+            zon_clock_advance_us(due_ns_ / 1000);
+            due_ns_ %= 1000;
+        }
+    }
+
+    static uint64_t deletions();
+
+private:
+    clock_choice clock_;
+    uint64_t due_ns_ = 0;
+    zon_pkt_ctx_t context_{};
+};
+
+// The buckets, by a walk through the table that gives way at each of them.
+struct bucket_figures {
+    uint32_t count;
+    uint32_t deepest;
+};
+bucket_figures buckets_now();
+
+uint32_t flows_now();
+
+struct memory_figures {
+    uint64_t resident;  // pages of the process
+    uint64_t records;   // of the engine's flows, as it accounts for them
+};
+memory_figures memory_now();
+
+}  // namespace zon_bench

@@ -1,0 +1,243 @@
+// flood_run.cpp - runs one flood and takes its figures.
+//
+// Packets are written before the stretch that is measured. Each packet of an established flow is
+// timed on its own, each burst of the attack as a whole.
+
+#include "flood_run.h"
+
+#include <algorithm>
+#include <numeric>
+
+#include "established.h"
+
+namespace zon_bench {
+namespace {
+
+constexpr uint32_t longest_burst = 8;
+// Packets of established flows from one to the next.
+constexpr uint32_t newcomers_every = 256;
+constexpr uint32_t fragments_every = 256;
+constexpr uint32_t victim_every = 16;
+
+// What a flow takes of records: one and two halves, of IPv6 at the most.
+constexpr uint64_t largest_flow = 248 + 2 * 96;
+
+// After the flood: so many packets, then so much of the engine's time.
+constexpr uint32_t calm_window = 2'000;
+constexpr uint64_t calm_window_ns = 50'000'000;
+constexpr double longest_calm_s = 40;
+// Quiet again: a window whose 99th percentile is within a quarter of the quiet engine's.
+constexpr double quiet_enough = 1.25;
+
+engine_setup setup_for(const flood& which, uint64_t packets) {
+    engine_setup setup = which.engine;
+    if (which.aims_at_a_flow)
+        setup.max_flows = static_cast<uint32_t>(packets) + 2 * established_count;
+    return setup;
+}
+
+class flood_run {
+public:
+    flood_run(const flood& which, uint64_t packets, clock_choice clock)
+        : which_(which),
+          packets_(packets),
+          setup_(setup_for(which, packets)),
+          engine_(setup_, clock),
+          flows_(engine_, established_count),
+          newcomers_(engine_) {}
+
+    flood_report run() {
+        attack_ = which_.packets(packets_);
+        quiet(std::clamp<uint64_t>(packets_ / 4, 20'000, 1'000'000));
+        report_.memory_before = memory_now();
+        take_the_flood();
+        report_.memory_flooded = memory_now();
+        look_at_buckets();
+        calm();
+        report_.memory_after = memory_now();
+        report_.kept = flows_.kept();
+        count_flows();
+        return report_;
+    }
+
+private:
+    struct sample {
+        latencies all, of_victim;
+        share fragments{};
+    };
+
+    void quiet(uint64_t packets) {
+        for (uint64_t sent = 0; sent < packets; ++sent)  // warms up
+            one_established(nullptr);
+        sample taken;
+        for (uint64_t sent = 0; sent < packets; ++sent)
+            one_established(&taken);
+        report_.quiet = taken.all.summary();
+        report_.victim_quiet = taken.of_victim.summary();
+        report_.fragments_quiet = taken.fragments;
+        report_.newcomers_quiet = newcomers_.take_served();
+    }
+
+    void take_the_flood() {
+        require(which_.burst <= longest_burst, "a burst too long");
+        const uint64_t ns_each = 1'000'000'000 / which_.a_second;
+        sample taken;
+        uint64_t ns = 0;
+        for (uint64_t sent = 0; sent < packets_;) {
+            const auto burst =
+                static_cast<uint32_t>(std::min<uint64_t>(which_.burst, packets_ - sent));
+            ns += one_burst(sent, burst);
+            one_established(&taken);
+            sent += burst;
+            engine_.let_pass_ns(burst * ns_each);
+        }
+        report_.packets = packets_;
+        report_.packets_a_second = static_cast<double>(packets_) * 1e9 / static_cast<double>(ns);
+        report_.expected_broken = attack_->broken_of(packets_);
+        report_.flooded = taken.all.summary();
+        report_.victim_flooded = taken.of_victim.summary();
+        report_.fragments_flooded = taken.fragments;
+        report_.newcomers_flooded = newcomers_.take_served();
+    }
+
+    void look_at_buckets() {
+        report_.deepest_bucket = which_.aims_at_a_flow ? buckets_now().deepest : 0;
+        report_.bucket_is_as_deep_as_expected =
+            !which_.aims_at_a_flow ||
+            (which_.deepest_bucket != 0 ? report_.deepest_bucket <= which_.deepest_bucket
+                                        : report_.deepest_bucket > report_.made);
+    }
+
+    // Established flows go on alone until nothing is left of the flood.
+    void calm() {
+        are_coming_ = false;
+        const uint64_t start_us = zon_clock_now_us();
+        report_.flows_gone_s = report_.quiet_again_ms = -1;
+        uint64_t ns = 0;
+        for (double s = 0; s < longest_calm_s && !is_as_before();
+             s = static_cast<double>(zon_clock_now_us() - start_us) / 1e6) {
+            const uint64_t start_ns = now_ns();
+            const sample taken = one_calm_window();
+            ns += now_ns() - start_ns;
+            if (report_.quiet_again_ms < 0 && is_quiet(taken))
+                report_.quiet_again_ms = static_cast<double>(ns) / 1e6;
+            if (report_.flows_gone_s < 0 && flows_in_table() <= established_count)
+                report_.flows_gone_s = s;
+            report_.fragments_after = taken.fragments;
+            engine_.let_pass_ns(calm_window_ns);
+        }
+    }
+    sample one_calm_window() {
+        sample taken;
+        for (uint32_t sent = 0; sent < calm_window; ++sent)
+            one_established(&taken);
+        return taken;
+    }
+    bool is_quiet(const sample& taken) const {
+        return static_cast<double>(taken.all.at(0.99)) <=
+               quiet_enough * static_cast<double>(report_.quiet.of_100);
+    }
+    bool is_as_before() const {
+        return report_.flows_gone_s >= 0 && report_.quiet_again_ms >= 0 &&
+               report_.fragments_after.had == report_.fragments_after.of;
+    }
+
+    // Null: not measured.
+    void one_established(sample* taken) {
+        const bool for_victim = which_.aims_at_a_flow && turn_ % victim_every == 0;
+        if (which_.with_fragments && turn_ % fragments_every == 0)
+            one_fragmented_datagram(taken);
+        if (turn_ % newcomers_every == 0 && are_coming_)
+            newcomers_.go_on();
+        ++turn_;
+        const auto packet = for_victim ? flows_.of(victim, false) : flows_.next();
+        const uint64_t start = now_ns();
+        const flood_engine::outcome got = engine_.take_bytes(packet.bytes, packet_size);
+        const uint64_t end = now_ns();
+        report_.strayed += !flows_.is_own(packet, got);
+        if (taken != nullptr)
+            (for_victim ? taken->of_victim : taken->all).add(end - start);
+    }
+
+    // Its second half follows the first at once; not timed.
+    void one_fragmented_datagram(sample* taken) {
+        const auto packet = flows_.of(fragmenter, false);
+        const auto set_fragment = [&](uint8_t high, uint8_t low) {
+            packet.bytes[4] = static_cast<uint8_t>(turn_ >> 16);
+            packet.bytes[5] = static_cast<uint8_t>(turn_ >> 8);
+            packet.bytes[6] = high;
+            packet.bytes[7] = low;
+        };
+        set_fragment(0x20, 0);  // more follow
+        report_.strayed += !flows_.is_own(packet, engine_.take_bytes(packet.bytes, packet_size));
+        set_fragment(0, 3);  // the last, 24 bytes on
+        const bool followed = flows_.is_own(packet, engine_.take_bytes(packet.bytes, packet_size));
+        set_fragment(0, 0);
+        if (taken != nullptr) {
+            ++taken->fragments.of;
+            taken->fragments.had += followed;
+        }
+    }
+
+    uint64_t one_burst(uint64_t first, uint32_t burst) {
+        for (uint32_t at = 0; at < burst; ++at)
+            attack_->write(first + at, ring_[at]);
+        const uint64_t start = now_ns();
+        for (uint32_t at = 0; at < burst; ++at)
+            outcomes_[at] = engine_.take(ring_[at]);
+        const uint64_t end = now_ns();
+        for (uint32_t at = 0; at < burst; ++at)
+            count(outcomes_[at]);
+        return end - start;
+    }
+
+    void count(const flood_engine::outcome& got) {
+        if (got.fid != 0)
+            ++(got.first ? report_.made : report_.known);
+        else if (got.error != zon_error_none)
+            ++report_.refused[static_cast<size_t>(got.error)];
+        else
+            ++report_.without_flow;
+    }
+
+    uint64_t flows_made() const {
+        return established_count + report_.made + newcomers_.flows_made();
+    }
+    uint64_t flows_in_table() const { return flows_made() - flood_engine::deletions(); }
+    void count_flows() {
+        report_.made_in_all = flows_made();
+        report_.deleted_in_all = flood_engine::deletions();
+        report_.flows_left = flows_now();
+        report_.max_flows = setup_.max_flows;
+    }
+
+    const flood& which_;
+    uint64_t packets_;
+    engine_setup setup_;
+    flood_engine engine_;
+    established_flows flows_;
+    newcomers newcomers_;
+    bool are_coming_ = true;
+    std::unique_ptr<attack> attack_;
+    std::array<wire_packet, longest_burst> ring_;
+    std::array<flood_engine::outcome, longest_burst> outcomes_{};
+    uint64_t turn_ = 0;
+    flood_report report_{};
+};
+
+}  // namespace
+
+bool flood_report::adds_up() const {
+    const uint64_t in_error = std::accumulate(refused.begin(), refused.end(), uint64_t{0});
+    return kept == established_count && strayed == 0 && newcomers_quiet.had == newcomers_quiet.of &&
+           made + known + without_flow + in_error == packets &&
+           made_in_all == deleted_in_all + flows_left && flows_left == established_count &&
+           memory_flooded.records <= max_flows * largest_flow &&
+           refused[zon_error_parameter_invalid] == expected_broken;
+}
+
+flood_report run_flood(const flood& which, uint64_t scale, clock_choice clock) {
+    return flood_run(which, std::min(scale / which.one_in, which.most), clock).run();
+}
+
+}  // namespace zon_bench

@@ -1,0 +1,65 @@
+// flood_run.h - one flood: the quiet engine, the flood, and the calm that follows.
+
+#pragma once
+
+#include <array>
+#include <cstdint>
+#include <functional>
+#include <memory>
+
+#include "flood_engine.h"
+#include "latencies.h"
+#include "newcomers.h"
+
+namespace zon_bench {
+
+inline constexpr uint32_t established_count = 10'000;
+
+struct flood {
+    const char* name;
+    engine_setup engine{};
+    // What a flood with this many packets hands in.
+    std::unique_ptr<attack> (*packets)(uint64_t count);
+    uint64_t one_in = 1;            // of the packets that were asked for
+    uint64_t most = UINT64_MAX;     // of them
+    uint32_t burst = 4;             // packets of the attack for each of an established flow
+    uint32_t a_second = 1'000'000;  // packets of the attack while the clock is turned
+    // Its tuples share the bucket of one established flow, at an engine with room for all of them.
+    bool aims_at_a_flow = false;
+    uint32_t deepest_bucket = 0;  // that the defence allows; 0: the whole attack fits into one
+    bool with_fragments = false;  // an established flow sends datagrams in two fragments meanwhile
+};
+
+// The established flow that the attack aims at, and the one whose datagrams are fragmented.
+inline constexpr uint32_t victim = 1;
+inline constexpr uint32_t fragmenter = 3;
+static_assert(victim % 2 == 1 && fragmenter % 2 == 1, "both are UDP");
+
+// Plain numbers: they travel from one process to another.
+struct flood_report {
+    uint64_t packets;
+    double packets_a_second;
+    uint32_t kept;
+    uint64_t strayed;  // packets of established flows that were given another flow or none
+    percentiles quiet, flooded;
+    percentiles victim_quiet, victim_flooded;
+    share fragments_quiet, fragments_flooded, fragments_after;
+    share newcomers_quiet, newcomers_flooded;
+    uint64_t made, known, without_flow;
+    std::array<uint64_t, zon_error_end> refused;
+    uint64_t expected_broken;
+    memory_figures memory_before, memory_flooded, memory_after;
+    uint32_t deepest_bucket;  // 0: not asked for
+    bool bucket_is_as_deep_as_expected;
+    double flows_gone_s;    // of the engine's clock; negative: not while it was watched
+    double quiet_again_ms;  // of the machine's, as flows are as quick as the machine
+    uint64_t made_in_all, deleted_in_all;
+    uint32_t flows_left;
+    uint32_t max_flows;
+
+    bool adds_up() const;
+};
+
+flood_report run_flood(const flood& which, uint64_t scale, clock_choice clock);
+
+}  // namespace zon_bench

@@ -1,0 +1,131 @@
+// flood_table.cpp - the rows of the table and the remarks under it.
+
+#include "flood_table.h"
+
+#include <cstdio>
+#include <string>
+
+namespace zon_bench {
+namespace {
+
+std::string text(const percentiles& ns) {
+    return std::to_string(ns.median) + " / " + std::to_string(ns.of_100) + " / " +
+           std::to_string(ns.of_1000);
+}
+
+std::string name_of(size_t error) {
+    switch (error) {
+    case zon_error_memory:
+        return "zon_error_memory";
+    case zon_error_flow_creation_prevented:
+        return "zon_error_flow_creation_prevented";
+    case zon_error_parameter_invalid:
+        return "zon_error_parameter_invalid";
+    default:
+        return "error " + std::to_string(error);
+    }
+}
+
+std::string refusals(const flood_report& report) {
+    std::string all;
+    for (size_t error = 0; error < report.refused.size(); ++error)
+        if (report.refused[error] != 0)
+            all += (all.empty() ? "" : ", ") + std::to_string(report.refused[error]) + " " +
+                   name_of(error);
+    return all.empty() ? "0" : all;
+}
+
+std::string mebibytes(uint64_t before, uint64_t flooded, uint64_t after) {
+    std::string all;
+    for (const uint64_t bytes : {before, flooded, after}) {
+        char number[32];
+        std::snprintf(number, sizeof number, "%s%.1f", all.empty() ? "" : " / ",
+                      static_cast<double>(bytes) / (1024 * 1024));
+        all += number;
+    }
+    return all;
+}
+
+std::string until(double passed, const char* format) {
+    if (passed < 0)
+        return "not yet";
+    char number[32];
+    std::snprintf(number, sizeof number, format, passed);
+    return number;
+}
+
+void print_share(const char* name, const char* when, const share& followed) {
+    std::printf("%s: %s, %llu of %llu datagrams of an established flow had both fragments in it\n",
+                name, when, static_cast<unsigned long long>(followed.had),
+                static_cast<unsigned long long>(followed.of));
+}
+
+}  // namespace
+
+void print_heading() {
+    std::puts(
+        "| flood | packets | packets/s | kept | quiet, ns: 50 / 99 / 99.9 % | flooded, ns | flows "
+        "made | refused | newcomers served | resident MiB: before / flooded / "
+        "after | records MiB | "
+        "flows gone, s | quiet again, ms |\n"
+        "|---|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|--:|");
+}
+
+void print_row(const char* name, const flood_report& report) {
+    const memory_figures& before = report.memory_before;
+    const memory_figures& flooded = report.memory_flooded;
+    const memory_figures& after = report.memory_after;
+    std::printf(
+        "| %s | %llu | %.0f | %u | %s | %s | %llu | %s | %llu of %llu | %s | %s | %s | %s "
+        "|\n",
+        name, static_cast<unsigned long long>(report.packets), report.packets_a_second, report.kept,
+        text(report.quiet).c_str(), text(report.flooded).c_str(),
+        static_cast<unsigned long long>(report.made), refusals(report).c_str(),
+        static_cast<unsigned long long>(report.newcomers_flooded.had),
+        static_cast<unsigned long long>(report.newcomers_flooded.of),
+        mebibytes(before.resident, flooded.resident, after.resident).c_str(),
+        mebibytes(before.records, flooded.records, after.records).c_str(),
+        until(report.flows_gone_s, "%.1f").c_str(), until(report.quiet_again_ms, "%.1f").c_str());
+}
+
+void print_remarks(const char* name, const flood_report& report) {
+    if (report.victim_quiet.median != 0)
+        std::printf(
+            "%s: packets of the established flow in the attacked bucket: quiet %s, flooded "
+            "%s ns\n",
+            name, text(report.victim_quiet).c_str(), text(report.victim_flooded).c_str());
+    if (report.fragments_quiet.of != 0) {
+        print_share(name, "quiet", report.fragments_quiet);
+        print_share(name, "flooded", report.fragments_flooded);
+        print_share(name, "at the end", report.fragments_after);
+    }
+    if (!report.adds_up())
+        std::printf(
+            "%s: DOES NOT ADD UP: %u kept, %llu strayed; %llu made, %llu known, %llu "
+            "without a flow of %llu; %llu made in all, %llu deleted, %u left; %llu broken "
+            "of %llu\n",
+            name, report.kept, static_cast<unsigned long long>(report.strayed),
+            static_cast<unsigned long long>(report.made),
+            static_cast<unsigned long long>(report.known),
+            static_cast<unsigned long long>(report.without_flow),
+            static_cast<unsigned long long>(report.packets),
+            static_cast<unsigned long long>(report.made_in_all),
+            static_cast<unsigned long long>(report.deleted_in_all), report.flows_left,
+            static_cast<unsigned long long>(report.refused[zon_error_parameter_invalid]),
+            static_cast<unsigned long long>(report.expected_broken));
+}
+
+void print_depth_heading(uint32_t max_flows) {
+    std::printf("Honest connections refused while a table of %u flows fills\n\n", max_flows);
+    std::puts("| bucket depth | to 25 % | to 50 % | to 75 % | to 100 % |\n|--:|--:|--:|--:|--:|");
+}
+
+void print_depth_row(unsigned bucket_depth, const depth_report& report) {
+    std::printf("| %u |", bucket_depth);
+    for (size_t quarter = 0; quarter < report.of.size(); ++quarter)
+        std::printf(" %llu of %llu |", static_cast<unsigned long long>(report.refused[quarter]),
+                    static_cast<unsigned long long>(report.of[quarter]));
+    std::puts("");
+}
+
+}  // namespace zon_bench
