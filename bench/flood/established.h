@@ -13,8 +13,8 @@ class established_flows {
 public:
     // As a host does that reads the states of sessions: a flow that is established may pause for
     // five minutes.
-    established_flows(flood_engine& engine, uint32_t count)
-        : engine_(engine), fids_(count), order_(2 * count) {
+    established_flows(packet_line& line, uint32_t count)
+        : line_(line), fids_(count), order_(2 * count) {
         for (uint32_t connection = 0; connection < count; ++connection) {
             if (packet_writer::is_tcp(connection)) {
                 send(packets_.tcp(connection, false, packet_writer::syn));
@@ -42,7 +42,7 @@ public:
     packet of(uint32_t connection, bool back) {
         return {packets_.established(connection, back), connection};
     }
-    bool is_own(const packet& sent, const flood_engine::outcome& got) const {
+    bool is_own(const packet& sent, const packet_line::outcome& got) const {
         return got.fid == fids_[sent.connection] && !got.first;
     }
 
@@ -56,9 +56,9 @@ public:
     }
 
 private:
-    zon_fid_t send(uint8_t* bytes) { return engine_.take_bytes(bytes, packet_size).fid; }
+    zon_fid_t send(uint8_t* bytes) { return line_.take(bytes, packet_size).fid; }
 
-    flood_engine& engine_;
+    packet_line& line_;
     packet_writer packets_;
     std::vector<zon_fid_t> fids_;
     random_order order_;

@@ -1,6 +1,6 @@
 // flood_engine.h - the engine that is flooded, with its clock and what a host counts of it.
 //
-// Threads  one hands in packets. With the system's clock the engine's timer thread runs beside it.
+// Threads  one or two hand in packets, one turns the clock. With the system's clock the engine's timer thread runs beside it.
 
 #pragma once
 
@@ -34,25 +34,6 @@ public:
     flood_engine(const flood_engine&) = delete;
     flood_engine& operator=(const flood_engine&) = delete;
 
-    struct outcome {
-        zon_fid_t fid;
-        zon_error_t error;
-        bool first;
-    };
-    // As hosts take packets from outside; a finished connection is let go.
-    outcome take(wire_packet& packet) {
-        const outcome got = take_bytes(packet.bytes.data(), packet.captured);
-        clean_up();
-        return got;
-    }
-    void clean_up() { zon_cleanup_packet(&context_); }
-    outcome take_bytes(uint8_t* bytes, uint32_t captured) {
-        zon_error_t error = zon_error_none;
-        const zon_fid_t fid = zon_handle_captured_packet(bytes, captured, 0, &context_,
-                                                         &context_.pkt_indications, &error);
-        return {fid, error, context_.pkt_indications.fif != 0};
-    }
-
     // So much of the engine's time goes by; nothing with the system's clock, whose time does so by
     // itself.
     void let_pass_ns(uint64_t ns) {
@@ -68,6 +49,26 @@ public:
 private:
     clock_choice clock_;
     uint64_t due_ns_ = 0;
+};
+
+// Where one thread hands in packets, as hosts do it with packets from outside.
+class packet_line {
+public:
+    struct outcome {
+        zon_fid_t fid;
+        zon_error_t error;
+        bool first;
+    };
+    outcome take(uint8_t* bytes, uint32_t captured) {
+        zon_error_t error = zon_error_none;
+        const zon_fid_t fid = zon_handle_captured_packet(bytes, captured, 0, &context_,
+                                                         &context_.pkt_indications, &error);
+        return {fid, error, context_.pkt_indications.fif != 0};
+    }
+    // Lets a connection go that the last packet finished.
+    void clean_up() { zon_cleanup_packet(&context_); }
+
+private:
     zon_pkt_ctx_t context_{};
 };
 

@@ -6,7 +6,9 @@
 #include "flood_run.h"
 
 #include <algorithm>
+#include <atomic>
 #include <numeric>
+#include <thread>
 
 #include "established.h"
 
@@ -38,13 +40,14 @@ engine_setup setup_for(const flood& which, uint64_t packets) {
 
 class flood_run {
 public:
-    flood_run(const flood& which, uint64_t packets, clock_choice clock)
+    flood_run(const flood& which, uint64_t packets, const run_style& style)
         : which_(which),
           packets_(packets),
+          style_(style),
           setup_(setup_for(which, packets)),
-          engine_(setup_, clock),
-          flows_(engine_, established_count),
-          newcomers_(engine_) {}
+          engine_(setup_, style.clock),
+          flows_(line_, established_count),
+          newcomers_(line_) {}
 
     flood_report run() {
         attack_ = which_.packets(packets_);
@@ -80,17 +83,8 @@ private:
 
     void take_the_flood() {
         require(which_.burst <= longest_burst, "a burst too long");
-        const uint64_t ns_each = 1'000'000'000 / which_.a_second;
         sample taken;
-        uint64_t ns = 0;
-        for (uint64_t sent = 0; sent < packets_;) {
-            const auto burst =
-                static_cast<uint32_t>(std::min<uint64_t>(which_.burst, packets_ - sent));
-            ns += one_burst(sent, burst);
-            one_established(&taken);
-            sent += burst;
-            engine_.let_pass_ns(burst * ns_each);
-        }
+        const uint64_t ns = style_.has_own_thread ? attack_beside(taken) : attack_by_turns(taken);
         report_.packets = packets_;
         report_.packets_a_second = static_cast<double>(packets_) * 1e9 / static_cast<double>(ns);
         report_.expected_broken = attack_->broken_of(packets_);
@@ -98,6 +92,29 @@ private:
         report_.victim_flooded = taken.of_victim.summary();
         report_.fragments_flooded = taken.fragments;
         report_.newcomers_flooded = newcomers_.take_served();
+    }
+
+    // Both return how long the attack's packets took.
+    uint64_t attack_by_turns(sample& taken) {
+        uint64_t ns = 0;
+        for (uint64_t sent = 0; sent < packets_; sent += which_.burst) {
+            ns += one_burst(sent);
+            one_established(&taken);
+        }
+        return ns;
+    }
+    uint64_t attack_beside(sample& taken) {
+        uint64_t ns = 0;
+        std::atomic<bool> is_over = false;
+        std::thread attacker([&] {
+            for (uint64_t sent = 0; sent < packets_; sent += which_.burst)
+                ns += one_burst(sent);
+            is_over.store(true);
+        });
+        while (!is_over.load())
+            one_established(&taken);
+        attacker.join();
+        return ns;
     }
 
     void look_at_buckets() {
@@ -152,7 +169,7 @@ private:
         ++turn_;
         const auto packet = for_victim ? flows_.of(victim, false) : flows_.next();
         const uint64_t start = now_ns();
-        const flood_engine::outcome got = engine_.take_bytes(packet.bytes, packet_size);
+        const packet_line::outcome got = line_.take(packet.bytes, packet_size);
         const uint64_t end = now_ns();
         report_.strayed += !flows_.is_own(packet, got);
         if (taken != nullptr)
@@ -169,9 +186,9 @@ private:
             packet.bytes[7] = low;
         };
         set_fragment(0x20, 0);  // more follow
-        report_.strayed += !flows_.is_own(packet, engine_.take_bytes(packet.bytes, packet_size));
+        report_.strayed += !flows_.is_own(packet, line_.take(packet.bytes, packet_size));
         set_fragment(0, 3);  // the last, 24 bytes on
-        const bool followed = flows_.is_own(packet, engine_.take_bytes(packet.bytes, packet_size));
+        const bool followed = flows_.is_own(packet, line_.take(packet.bytes, packet_size));
         set_fragment(0, 0);
         if (taken != nullptr) {
             ++taken->fragments.of;
@@ -179,19 +196,28 @@ private:
         }
     }
 
-    uint64_t one_burst(uint64_t first, uint32_t burst) {
+    uint64_t one_burst(uint64_t first) {
+        const auto burst =
+            static_cast<uint32_t>(std::min<uint64_t>(which_.burst, packets_ - first));
         for (uint32_t at = 0; at < burst; ++at)
             attack_->write(first + at, ring_[at]);
         const uint64_t start = now_ns();
         for (uint32_t at = 0; at < burst; ++at)
-            outcomes_[at] = engine_.take(ring_[at]);
+            outcomes_[at] = take(ring_[at]);
         const uint64_t end = now_ns();
         for (uint32_t at = 0; at < burst; ++at)
             count(outcomes_[at]);
+        engine_.let_pass_ns(burst * uint64_t{1'000'000'000} / which_.a_second);
         return end - start;
     }
 
-    void count(const flood_engine::outcome& got) {
+    packet_line::outcome take(wire_packet& packet) {
+        const auto got = line_of_attack_.take(packet.bytes.data(), packet.captured);
+        line_of_attack_.clean_up();
+        return got;
+    }
+
+    void count(const packet_line::outcome& got) {
         if (got.fid != 0)
             ++(got.first ? report_.made : report_.known);
         else if (got.error != zon_error_none)
@@ -213,14 +239,17 @@ private:
 
     const flood& which_;
     uint64_t packets_;
+    run_style style_;
     engine_setup setup_;
     flood_engine engine_;
+    packet_line line_;
+    packet_line line_of_attack_;
     established_flows flows_;
     newcomers newcomers_;
     bool are_coming_ = true;
     std::unique_ptr<attack> attack_;
     std::array<wire_packet, longest_burst> ring_;
-    std::array<flood_engine::outcome, longest_burst> outcomes_{};
+    std::array<packet_line::outcome, longest_burst> outcomes_{};
     uint64_t turn_ = 0;
     flood_report report_{};
 };
@@ -236,8 +265,8 @@ bool flood_report::adds_up() const {
            refused[zon_error_parameter_invalid] == expected_broken;
 }
 
-flood_report run_flood(const flood& which, uint64_t scale, clock_choice clock) {
-    return flood_run(which, std::min(scale / which.one_in, which.most), clock).run();
+flood_report run_flood(const flood& which, uint64_t scale, const run_style& style) {
+    return flood_run(which, std::min(scale / which.one_in, which.most), style).run();
 }
 
 }  // namespace zon_bench

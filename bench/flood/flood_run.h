@@ -60,6 +60,10 @@ struct flood_report {
     bool adds_up() const;
 };
 
-flood_report run_flood(const flood& which, uint64_t scale, clock_choice clock);
+struct run_style {
+    clock_choice clock = clock_choice::turned;
+    bool has_own_thread = false;  // the attack; else it takes turns with the established flows
+};
+flood_report run_flood(const flood& which, uint64_t scale, const run_style& style);
 
 }  // namespace zon_bench

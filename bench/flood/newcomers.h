@@ -18,7 +18,7 @@ struct share {
 
 class newcomers {
 public:
-    explicit newcomers(flood_engine& engine) : engine_(engine) {}
+    explicit newcomers(packet_line& line) : line_(line) {}
 
     void go_on() {
         finish();
@@ -46,15 +46,15 @@ private:
         served_.had += answered && acknowledged && broken_off;
         fid_ = 0;
     }
-    flood_engine::outcome send(bool back, const packet_writer::tcp_fields& fields) {
-        const auto got = engine_.take_bytes(packets_.tcp(connection_, back, fields), packet_size);
-        engine_.clean_up();
+    packet_line::outcome send(bool back, const packet_writer::tcp_fields& fields) {
+        const auto got = line_.take(packets_.tcp(connection_, back, fields), packet_size);
+        line_.clean_up();
         flows_made_ += got.fid != 0 && got.first;
         return got;
     }
-    bool is_own(const flood_engine::outcome& got) const { return got.fid == fid_ && !got.first; }
+    bool is_own(const packet_line::outcome& got) const { return got.fid == fid_ && !got.first; }
 
-    flood_engine& engine_;
+    packet_line& line_;
     packet_writer packets_;
     uint32_t connection_ = 1'000'000;  // even numbers are TCP
     zon_fid_t fid_ = 0;

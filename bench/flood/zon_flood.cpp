@@ -1,13 +1,14 @@
 // zon_flood.cpp - floods an engine while 10,000 established flows go on, and prints what became of
 // them.
 //
-//   zon_flood [--scale N] [--flood NAME] [--clock turned|system]
+//   zon_flood [--scale N] [--flood NAME] [--clock turned|system] [--threads 1|2]
 //
 //   --scale  packets of each flood, 20,000,000 unless said otherwise
 //   --flood  only the floods of this name; may be given several times. "depths" asks for no flood
 //            but for what bounds on the depth of buckets cost honest traffic
 //   --clock  turned: the engine's clock goes on as if the flood came at a fixed rate, so that
 //            counts are the same anywhere; system: its timer thread runs expiries meanwhile
+//   --threads  1: flood and established flows take turns; 2: the flood has a thread of its own
 //
 // Each flood has a process of its own, whose memory nothing else has touched. Ends with 0 when every
 // established flow was kept and the counts of all floods add up.
@@ -35,14 +36,16 @@ using namespace zon_bench;
 struct options {
     uint64_t scale = 20'000'000;
     std::vector<std::string_view> floods;
-    clock_choice clock = clock_choice::turned;
+    run_style style;
 };
 
 constexpr std::string_view depths = "depths";
 
 [[noreturn]] void explain() {
-    std::fputs("usage: zon_flood [--scale N] [--flood NAME]... [--clock turned|system]\nfloods:",
-               stderr);
+    std::fputs(
+        "usage: zon_flood [--scale N] [--flood NAME]... [--clock turned|system] [--threads "
+        "1|2]\nfloods:",
+        stderr);
     for (const flood& each : all_floods())
         std::fprintf(stderr, " %s", each.name);
     std::fprintf(stderr, " %s\n", depths.data());
@@ -66,7 +69,9 @@ options read_options(int argc, char** argv) {
         else if (name == "--flood" && is_known)
             read.floods.push_back(value);
         else if (name == "--clock" && (value == "turned" || value == "system"))
-            read.clock = value == "system" ? clock_choice::system : clock_choice::turned;
+            read.style.clock = value == "system" ? clock_choice::system : clock_choice::turned;
+        else if (name == "--threads" && (value == "1" || value == "2"))
+            read.style.has_own_thread = value == "2";
         else
             explain();
     }
@@ -132,7 +137,7 @@ bool run_floods(const options& wanted) {
         if (reports.empty())
             print_heading();
         reports.emplace_back(
-            each.name, run_apart([&] { return run_flood(each, wanted.scale, wanted.clock); }));
+            each.name, run_apart([&] { return run_flood(each, wanted.scale, wanted.style); }));
         print_row(each.name, reports.back().second);
     }
     std::puts("");
