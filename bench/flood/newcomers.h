@@ -1,9 +1,10 @@
 // newcomers.h - honest connections that begin while an engine is flooded.
 //
-// One sends its SYN; by the time of the next, its answer has come, it goes on and breaks off.
+// Each sends its SYN; when 32 others have done so, its answer comes, it goes on and breaks off.
 
 #pragma once
 
+#include <array>
 #include <cstdint>
 #include <utility>
 
@@ -21,43 +22,52 @@ public:
     explicit newcomers(packet_line& line) : line_(line) {}
 
     void go_on() {
-        finish();
+        pending& next = pending_[served_.of++ % pending_.size()];
+        finish(next);
         connection_ += 2;
-        fid_ = 0;
-        if (const auto got = send(false, packet_writer::syn); got.first)
-            fid_ = got.fid;
-        ++served_.of;
+        if (const auto got = send(connection_, false, packet_writer::syn); got.first)
+            next = {connection_, got.fid};
     }
     // Of those that began, how many had one flow all the way.
     share take_served() {
-        finish();
+        for (pending& each : pending_)
+            finish(each);
         return std::exchange(served_, {});
     }
     uint64_t flows_made() const { return flows_made_; }
 
 private:
-    void finish() {
-        if (fid_ == 0)
+    struct pending {
+        uint32_t connection;
+        zon_fid_t fid;  // 0: none
+    };
+
+    void finish(pending& which) {
+        const pending it = std::exchange(which, {});
+        if (it.fid == 0)
             return;
         constexpr packet_writer::tcp_fields reset{1001, 2001, 0x14};
-        const bool answered = is_own(send(true, packet_writer::syn_ack));
-        const bool acknowledged = is_own(send(false, packet_writer::ack_of_initiator));
-        const bool broken_off = is_own(send(false, reset));
+        const auto is_own = [&](const packet_line::outcome& got) {
+            return got.fid == it.fid && !got.first;
+        };
+        const bool answered = is_own(send(it.connection, true, packet_writer::syn_ack));
+        const bool acknowledged =
+            is_own(send(it.connection, false, packet_writer::ack_of_initiator));
+        const bool broken_off = is_own(send(it.connection, false, reset));
         served_.had += answered && acknowledged && broken_off;
-        fid_ = 0;
     }
-    packet_line::outcome send(bool back, const packet_writer::tcp_fields& fields) {
-        const auto got = line_.take(packets_.tcp(connection_, back, fields), packet_size);
+    packet_line::outcome send(uint32_t connection, bool back,
+                              const packet_writer::tcp_fields& fields) {
+        const auto got = line_.take(packets_.tcp(connection, back, fields), packet_size);
         line_.clean_up();
         flows_made_ += got.fid != 0 && got.first;
         return got;
     }
-    bool is_own(const packet_line::outcome& got) const { return got.fid == fid_ && !got.first; }
 
     packet_line& line_;
     packet_writer packets_;
     uint32_t connection_ = 1'000'000;  // even numbers are TCP
-    zon_fid_t fid_ = 0;
+    std::array<pending, 32> pending_{};
     share served_{};
     uint64_t flows_made_ = 0;
 };
