@@ -118,11 +118,14 @@ private:
     }
 
     void look_at_buckets() {
-        report_.deepest_bucket = which_.aims_at_a_flow ? buckets_now().deepest : 0;
-        report_.bucket_is_as_deep_as_expected =
-            !which_.aims_at_a_flow ||
-            (which_.deepest_bucket != 0 ? report_.deepest_bucket <= which_.deepest_bucket
-                                        : report_.deepest_bucket > report_.made);
+        report_.bucket_is_as_deep_as_expected = true;
+        if (!which_.aims_at_a_flow)
+            return;
+        report_.deepest_bucket = buckets_now().deepest;
+        if (which_.deepest_bucket != 0)
+            report_.bucket_is_as_deep_as_expected = report_.deepest_bucket <= which_.deepest_bucket;
+        else if (style_.clock == clock_choice::turned)  // nothing has aged meanwhile
+            report_.bucket_is_as_deep_as_expected = report_.deepest_bucket > report_.made;
     }
 
     // Established flows go on alone until nothing is left of the flood.
@@ -258,9 +261,14 @@ private:
 
 bool flood_report::adds_up() const {
     const uint64_t in_error = std::accumulate(refused.begin(), refused.end(), uint64_t{0});
-    return kept == established_count && strayed == 0 && newcomers_quiet.had == newcomers_quiet.of &&
+    const bool harmed_nobody = kept == established_count && strayed == 0;
+    const bool quiet_was_quiet =
+        newcomers_quiet.had == newcomers_quiet.of && fragments_quiet.had == fragments_quiet.of;
+    const bool nothing_is_left =
+        flows_left == established_count && fragments_after.had == fragments_after.of;
+    return harmed_nobody && quiet_was_quiet && nothing_is_left && bucket_is_as_deep_as_expected &&
            made + known + without_flow + in_error == packets &&
-           made_in_all == deleted_in_all + flows_left && flows_left == established_count &&
+           made_in_all == deleted_in_all + flows_left &&
            memory_flooded.records <= max_flows * largest_flow &&
            refused[zon_error_parameter_invalid] == expected_broken;
 }

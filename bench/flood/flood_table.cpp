@@ -60,6 +60,27 @@ void print_share(const char* name, const char* when, const share& followed) {
                 static_cast<unsigned long long>(followed.of));
 }
 
+void print_sums(const char* name, const flood_report& report) {
+    const auto print = [name](const char* what, uint64_t count) {
+        std::printf("%s does not add up: %llu %s\n", name, static_cast<unsigned long long>(count),
+                    what);
+    };
+    print("established flows kept", report.kept);
+    print("of their packets strayed", report.strayed);
+    print("packets of the flood", report.packets);
+    print("of them made flows", report.made);
+    print("of them found theirs", report.known);
+    print("of them belonged to none", report.without_flow);
+    print("of them were broken", report.refused[zon_error_parameter_invalid]);
+    print("were expected to be", report.expected_broken);
+    print("flows made in all", report.made_in_all);
+    print("flows deleted", report.deleted_in_all);
+    print("flows left", report.flows_left);
+    print("half flows in the deepest bucket", report.deepest_bucket);
+    print("newcomers served by the quiet engine", report.newcomers_quiet.had);
+    print("newcomers there", report.newcomers_quiet.of);
+}
+
 }  // namespace
 
 void print_heading() {
@@ -91,28 +112,17 @@ void print_row(const char* name, const flood_report& report) {
 void print_remarks(const char* name, const flood_report& report) {
     if (report.victim_quiet.median != 0)
         std::printf(
-            "%s: packets of the established flow in the attacked bucket: quiet %s, flooded "
-            "%s ns\n",
-            name, text(report.victim_quiet).c_str(), text(report.victim_flooded).c_str());
+            "%s: deepest bucket %u; packets of the established flow in the attacked "
+            "bucket: quiet %s, flooded %s ns\n",
+            name, report.deepest_bucket, text(report.victim_quiet).c_str(),
+            text(report.victim_flooded).c_str());
     if (report.fragments_quiet.of != 0) {
         print_share(name, "quiet", report.fragments_quiet);
         print_share(name, "flooded", report.fragments_flooded);
         print_share(name, "at the end", report.fragments_after);
     }
     if (!report.adds_up())
-        std::printf(
-            "%s: DOES NOT ADD UP: %u kept, %llu strayed; %llu made, %llu known, %llu "
-            "without a flow of %llu; %llu made in all, %llu deleted, %u left; %llu broken "
-            "of %llu\n",
-            name, report.kept, static_cast<unsigned long long>(report.strayed),
-            static_cast<unsigned long long>(report.made),
-            static_cast<unsigned long long>(report.known),
-            static_cast<unsigned long long>(report.without_flow),
-            static_cast<unsigned long long>(report.packets),
-            static_cast<unsigned long long>(report.made_in_all),
-            static_cast<unsigned long long>(report.deleted_in_all), report.flows_left,
-            static_cast<unsigned long long>(report.refused[zon_error_parameter_invalid]),
-            static_cast<unsigned long long>(report.expected_broken));
+        print_sums(name, report);
 }
 
 void print_depth_heading(uint32_t max_flows) {
