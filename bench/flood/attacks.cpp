@@ -214,6 +214,8 @@ public:
     explicit first_packets_attack(std::vector<zon_flow_tuple_t> tuples)
         : tuples_(std::move(tuples)) {}
 
+    std::span<const zon_flow_tuple_t> tuples() const override { return tuples_; }
+
     void write(uint64_t number, wire_packet& packet) override {
         const zon_flow_tuple_t& tuple = tuples_[number / 2 % tuples_.size()];
         const uint32_t source = tuple.src_ip.u.v4_addr;

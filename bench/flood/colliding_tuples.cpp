@@ -2,6 +2,7 @@
 // share a bucket.
 
 #include <array>
+#include <numeric>
 
 #include "attack.h"
 #include "support/bench_engine.h"
@@ -33,6 +34,19 @@ uint32_t plain_hash(const zon_flow_tuple_t& tuple) {
     return jenkins_hashword_2006(words.data(), words.size());
 }
 
+// A plain hash and the bucket that it leads to differ by a multiple of the number of buckets.
+uint32_t buckets_of_engine(zon_flow_tuple_t probe, uint32_t max_flows) {
+    require(zon_init(max_flows, 0, 0, 1, 0, 1, 0) == zon_error_none, "no engine to probe");
+    uint32_t buckets = 0;
+    for (int i = 0; i < 64; ++i, ++probe.src_ip.u.v4_addr) {
+        int bucket = 0;
+        zon_flow_lookup_tamonet(&probe, &bucket);
+        buckets = std::gcd(buckets, plain_hash(probe) - static_cast<uint32_t>(bucket));
+    }
+    require(zon_destroy() == zon_error_none, "the probed engine stays");
+    return buckets;
+}
+
 // The last word of a tuple enters the hash behind the mixing of the other three.
 lookup3::state mixed_but_for_last_word(const zon_flow_tuple_t& tuple) {
     const uint32_t start = 0xdeadbeefU + (4U << 2);
@@ -55,9 +69,10 @@ void hashes_of_ports(const lookup3::state& mixed, uint32_t first_port,
 
 }  // namespace
 
-std::vector<zon_flow_tuple_t> tuples_in_bucket_of(const zon_flow_tuple_t& victim, uint32_t buckets,
-                                                  size_t count) {
-    require(buckets % 2 == 1, "an even number of buckets");
+std::vector<zon_flow_tuple_t> tuples_in_bucket_of(const zon_flow_tuple_t& victim,
+                                                  uint32_t max_flows, size_t count) {
+    const uint32_t buckets = buckets_of_engine(victim, max_flows);
+    require(buckets % 2 == 1 && buckets >= max_flows, "not a number of buckets");
     const bucket_test test(buckets, plain_hash(victim) % buckets);
     std::vector<zon_flow_tuple_t> found;
     std::array<uint32_t, ports_at_once> hashes;

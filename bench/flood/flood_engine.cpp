@@ -45,13 +45,6 @@ uint64_t flood_engine::deletions() {
     return deleted_flows.load(std::memory_order_relaxed);
 }
 
-bucket_figures buckets_now() {
-    int32_t size = 0, deepest = 0;
-    zon_debug_flow_table_stats(&size, nullptr, nullptr, nullptr, nullptr, &deepest, nullptr,
-                               nullptr);
-    return {static_cast<uint32_t>(size), static_cast<uint32_t>(deepest)};
-}
-
 uint32_t flows_now() {
     zon_flow_memory_usage_t held{};
     require(zon_config_calc_crnt_memory_usage(&held) == zon_error_none, "no figures of memory");

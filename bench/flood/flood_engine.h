@@ -72,13 +72,6 @@ private:
     zon_pkt_ctx_t context_{};
 };
 
-// The buckets, by a walk through the table that gives way at each of them.
-struct bucket_figures {
-    uint32_t count;
-    uint32_t deepest;
-};
-bucket_figures buckets_now();
-
 uint32_t flows_now();
 
 struct memory_figures {

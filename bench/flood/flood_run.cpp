@@ -45,17 +45,17 @@ public:
           packets_(packets),
           style_(style),
           setup_(setup_for(which, packets)),
+          attack_(which.packets(packets, setup_.max_flows)),
           engine_(setup_, style.clock),
           flows_(line_, established_count),
           newcomers_(line_) {}
 
     flood_report run() {
-        attack_ = which_.packets(packets_);
         quiet(std::clamp<uint64_t>(packets_ / 4, 20'000, 1'000'000));
         report_.memory_before = memory_now();
         take_the_flood();
         report_.memory_flooded = memory_now();
-        look_at_buckets();
+        look_at_bucket();
         calm();
         report_.memory_after = memory_now();
         report_.kept = flows_.kept();
@@ -117,15 +117,27 @@ private:
         return ns;
     }
 
-    void look_at_buckets() {
-        report_.bucket_is_as_deep_as_expected = true;
-        if (!which_.aims_at_a_flow)
-            return;
-        report_.deepest_bucket = buckets_now().deepest;
-        if (which_.deepest_bucket != 0)
-            report_.bucket_is_as_deep_as_expected = report_.deepest_bucket <= which_.deepest_bucket;
-        else if (style_.clock == clock_choice::turned)  // nothing has aged meanwhile
-            report_.bucket_is_as_deep_as_expected = report_.deepest_bucket > report_.made;
+    void look_at_bucket() {
+        report_.in_victims_bucket = flows_in_victims_bucket();
+        if (which_.most_in_bucket != 0)
+            report_.bucket_is_as_expected = report_.in_victims_bucket <= which_.most_in_bucket;
+        else  // with the system's clock some have aged
+            report_.bucket_is_as_expected = !which_.aims_at_a_flow ||
+                                            style_.clock == clock_choice::system ||
+                                            report_.in_victims_bucket == report_.made;
+    }
+    uint32_t flows_in_victims_bucket() {
+        zon_flow_tuple_t aimed_at = tuple_of(flows_.of(victim, false).bytes);
+        int victims_bucket = 0;
+        zon_flow_lookup_tamonet(&aimed_at, &victims_bucket);
+        uint32_t count = 0;
+        for (zon_flow_tuple_t tuple : attack_->tuples())
+            for (const uint8_t protocol : {ZON_TCP_PROT, ZON_UDP_PROT}) {
+                tuple.l4_protocol = protocol;
+                int bucket = 0;
+                count += zon_flow_lookup_tamonet(&tuple, &bucket) == 1 && bucket == victims_bucket;
+            }
+        return count;
     }
 
     // Established flows go on alone until nothing is left of the flood.
@@ -244,13 +256,13 @@ private:
     uint64_t packets_;
     run_style style_;
     engine_setup setup_;
+    std::unique_ptr<attack> attack_;
     flood_engine engine_;
     packet_line line_;
     packet_line line_of_attack_;
     established_flows flows_;
     newcomers newcomers_;
     bool are_coming_ = true;
-    std::unique_ptr<attack> attack_;
     std::array<wire_packet, longest_burst> ring_;
     std::array<packet_line::outcome, longest_burst> outcomes_{};
     uint64_t turn_ = 0;
@@ -266,7 +278,7 @@ bool flood_report::adds_up() const {
         newcomers_quiet.had == newcomers_quiet.of && fragments_quiet.had == fragments_quiet.of;
     const bool nothing_is_left =
         flows_left == established_count && fragments_after.had == fragments_after.of;
-    return harmed_nobody && quiet_was_quiet && nothing_is_left && bucket_is_as_deep_as_expected &&
+    return harmed_nobody && quiet_was_quiet && nothing_is_left && bucket_is_as_expected &&
            made + known + without_flow + in_error == packets &&
            made_in_all == deleted_in_all + flows_left &&
            memory_flooded.records <= max_flows * largest_flow &&

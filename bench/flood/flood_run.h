@@ -18,15 +18,15 @@ inline constexpr uint32_t established_count = 10'000;
 struct flood {
     const char* name;
     engine_setup engine{};
-    // What a flood with this many packets hands in.
-    std::unique_ptr<attack> (*packets)(uint64_t count);
+    // What a flood with this many packets hands in to an engine of so many flows. There is none yet.
+    std::unique_ptr<attack> (*packets)(uint64_t count, uint32_t max_flows);
     uint64_t one_in = 1;            // of the packets that were asked for
     uint64_t most = UINT64_MAX;     // of them
     uint32_t burst = 4;             // packets of the attack for each of an established flow
     uint32_t a_second = 1'000'000;  // packets of the attack while the clock is turned
     // Its tuples share the bucket of one established flow, at an engine with room for all of them.
     bool aims_at_a_flow = false;
-    uint32_t deepest_bucket = 0;  // that the defence allows; 0: the whole attack fits into one
+    uint32_t most_in_bucket = 0;  // of its flows, with the defence; 0: all of them
     bool with_fragments = false;  // an established flow sends datagrams in two fragments meanwhile
 };
 
@@ -49,8 +49,8 @@ struct flood_report {
     std::array<uint64_t, zon_error_end> refused;
     uint64_t expected_broken;
     memory_figures memory_before, memory_flooded, memory_after;
-    uint32_t deepest_bucket;  // 0: not asked for
-    bool bucket_is_as_deep_as_expected;
+    uint32_t in_victims_bucket;
+    bool bucket_is_as_expected;
     double flows_gone_s;    // of the engine's clock; negative: not while it was watched
     double quiet_again_ms;  // of the machine's, as flows are as quick as the machine
     uint64_t made_in_all, deleted_in_all;

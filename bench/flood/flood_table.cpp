@@ -76,7 +76,7 @@ void print_sums(const char* name, const flood_report& report) {
     print("flows made in all", report.made_in_all);
     print("flows deleted", report.deleted_in_all);
     print("flows left", report.flows_left);
-    print("half flows in the deepest bucket", report.deepest_bucket);
+    print("flows in the attacked bucket", report.in_victims_bucket);
     print("newcomers served by the quiet engine", report.newcomers_quiet.had);
     print("newcomers there", report.newcomers_quiet.of);
 }
@@ -112,9 +112,9 @@ void print_row(const char* name, const flood_report& report) {
 void print_remarks(const char* name, const flood_report& report) {
     if (report.victim_quiet.median != 0)
         std::printf(
-            "%s: deepest bucket %u; packets of the established flow in the attacked "
-            "bucket: quiet %s, flooded %s ns\n",
-            name, report.deepest_bucket, text(report.victim_quiet).c_str(),
+            "%s: %u flows of it in the attacked bucket; packets of the established flow "
+            "there: quiet %s, flooded %s ns\n",
+            name, report.in_victims_bucket, text(report.victim_quiet).c_str(),
             text(report.victim_flooded).c_str());
     if (report.fragments_quiet.of != 0) {
         print_share(name, "quiet", report.fragments_quiet);

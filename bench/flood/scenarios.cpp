@@ -8,15 +8,15 @@ namespace zon_bench {
 namespace {
 
 template <std::unique_ptr<attack> (*make)()>
-std::unique_ptr<attack> any_number(uint64_t) {
+std::unique_ptr<attack> any_number(uint64_t, uint32_t) {
     return make();
 }
 
 // Two flows a tuple.
-std::unique_ptr<attack> at_the_victims_bucket(uint64_t count) {
+std::unique_ptr<attack> at_the_victims_bucket(uint64_t count, uint32_t max_flows) {
     packet_writer packets;
     const zon_flow_tuple_t aimed_at = tuple_of(packets.established(victim, false));
-    return first_packets_of(tuples_in_bucket_of(aimed_at, buckets_now().count, count / 2));
+    return first_packets_of(tuples_in_bucket_of(aimed_at, max_flows, count / 2));
 }
 
 // A host takes a random one; this one repeats.
@@ -35,7 +35,7 @@ flood one_bucket(const char* name, uint8_t depth, void (*defend)()) {
             .most = 100'000,
             .burst = 1,
             .aims_at_a_flow = true,
-            .deepest_bucket = depth == 0 && defend != nullptr ? deeper_than_by_chance : depth};
+            .most_in_bucket = depth == 0 && defend != nullptr ? deeper_than_by_chance : depth};
 }
 
 }  // namespace
