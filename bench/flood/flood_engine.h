@@ -4,7 +4,6 @@
 
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 
 #include "attack.h"

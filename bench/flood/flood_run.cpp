@@ -132,8 +132,8 @@ private:
         zon_flow_lookup_tamonet(&aimed_at, &victims_bucket);
         uint32_t count = 0;
         for (zon_flow_tuple_t tuple : attack_->tuples())
-            for (const uint8_t protocol : {ZON_TCP_PROT, ZON_UDP_PROT}) {
-                tuple.l4_protocol = protocol;
+            for (const zon_l4_protocol_enum protocol : {ZON_TCP_PROT, ZON_UDP_PROT}) {
+                tuple.l4_protocol = static_cast<uint8_t>(protocol);
                 int bucket = 0;
                 count += zon_flow_lookup_tamonet(&tuple, &bucket) == 1 && bucket == victims_bucket;
             }
