@@ -9,6 +9,10 @@ add_compile_options($<$<COMPILE_LANGUAGE:CXX>:-Wconversion>)
 # Invariant texts name their source file: from the project's root on.
 add_compile_options(-ffile-prefix-map=${PROJECT_SOURCE_DIR}/=)
 
+if(ZON_CHECK_LOCK_ORDER)
+  add_compile_definitions(ZON_CHECK_LOCK_ORDER VEM_CHECK_LOCK_ORDER)
+endif()
+
 if(ZON_SANITIZE)
   add_compile_options(-fsanitize=${ZON_SANITIZE} -fno-omit-frame-pointer -g)
   add_link_options(-fsanitize=${ZON_SANITIZE})

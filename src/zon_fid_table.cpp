@@ -103,6 +103,26 @@ zon_flow_t* take_free_record_locked(zon_fid_table_t* fid_table) {
     return nullptr;
 }
 
+// The head of the free list if its lock is free, or the next one whose lock is; null at the limit
+// and without memory. While all of them are busy it comes again.
+zon_flow_t* take_new_flow_locked(zon_fid_table_t* fid_table) {
+    for (;; sched_yield()) {
+        held_lock table(fid_table->fid_table_lock);
+        if (fid_table->free_head == nullptr &&
+            (!can_make_more(fid_table) || !zon_fid_table_allocate_more(fid_table) ||
+             fid_table->free_head == nullptr))
+            return nullptr;
+        zon_flow_t* flow = take_free_record_locked(fid_table);
+        if (flow == nullptr)
+            continue;
+        zon_reset_flow(flow);
+        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, flow->fid)",
+                    "zon_fid_table_new_flow");
+        fid_table->table[flow->fid - 1] = flow;
+        return flow;
+    }
+}
+
 }  // namespace
 
 deletion_in_progress::deletion_in_progress(zon_flow_t* flow) : outer_(flow_in_deletion) {
@@ -138,6 +158,9 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
         return nullptr;
     }
     zon_lock_init(fid_table->fid_table_lock);
+    zon_lock_set_class(fid_table->fid_table_lock, lock_class::fid_table);
+    zon_lock_set_class_of_pool(fid_table->locks, static_cast<int>(pool_size_of(concurrency_level)),
+                               lock_class::flow);
     if (can_make_more(fid_table))
         zon_fid_table_allocate_more(fid_table);
     return fid_table;
@@ -184,21 +207,10 @@ void zon_reset_flow(zon_flow_t* flow) {
 
 zon_flow_t* zon_fid_table_new_flow_locked(zon_fid_table_t* fid_table) {
     zon_require(fid_table != nullptr, "fid_table", "zon_fid_table_new_flow");
-    for (;; sched_yield()) {
-        held_lock table(fid_table->fid_table_lock);
-        if (fid_table->free_head == nullptr &&
-            (!can_make_more(fid_table) || !zon_fid_table_allocate_more(fid_table) ||
-             fid_table->free_head == nullptr))
-            return nullptr;
-        zon_flow_t* flow = take_free_record_locked(fid_table);
-        if (flow == nullptr)
-            continue;
-        zon_reset_flow(flow);
-        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, flow->fid)",
-                    "zon_fid_table_new_flow");
-        fid_table->table[flow->fid - 1] = flow;
-        return flow;
-    }
+    zon_flow_t* flow = take_new_flow_locked(fid_table);
+    // Coming again is a wait, too.
+    zon_flow_could_wait(flow);
+    return flow;
 }
 
 bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid) {
@@ -240,8 +252,10 @@ locked_flow zon_fid_table_lookup(zon_fid_table_t* fid_table, const zon_fid_t fid
         }
         if (awaited != nullptr)
             zon_unlock_internal(awaited);
-        if (busy == nullptr)
+        if (busy == nullptr) {
+            zon_flow_could_wait(found.get());
             return found;
+        }
         // The lock outlives the flow: waiting for it with nothing else held is safe, and the slot
         // is read again.
         awaited = busy;

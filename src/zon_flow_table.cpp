@@ -13,6 +13,7 @@
 #include <new>
 
 #include "osal/zon_debug.h"
+#include "osal/zon_lock_order.h"
 #include "osal/zon_mem.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_engine_inline.h"
@@ -24,8 +25,9 @@ namespace {
 
 // The table as it is allocated: what the dumps look at first, then what only the operations use.
 struct flow_table_storage : zon_flow_table_ {
-    std::mutex preflow_counts;  // guards active_preflow_count and has_incomplete_inserts together
-    std::mutex readers_guard;
+    ordered_mutex<lock_class::preflow_counts>
+        preflow_counts;  // guards active_preflow_count and has_incomplete_inserts together
+    ordered_mutex<lock_class::dump_marks> readers_guard;
     int readers = 0;  // how many threads keep in_use set
 };
 
@@ -94,8 +96,10 @@ zon_half_flow_t* find_at_front(zon_hashset set, const typename family::key& want
     if (!zon_try_lock_internal(found.flow->flow_lock)) [[unlikely]]
         return nullptr;
     if (front.still_has(found) && zon_flow_has_half(found.flow, found.half) &&
-        !zon_flow_is_dying(found.flow) && has_complete_key<family>(found.half, wanted)) [[likely]]
+        !zon_flow_is_dying(found.flow) && has_complete_key<family>(found.half, wanted)) [[likely]] {
+        zon_flow_could_wait(found.flow);
         return found.half;
+    }
     zon_unlock_internal(found.flow->flow_lock);
     return nullptr;
 }
@@ -215,6 +219,7 @@ zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads
         return nullptr;
     }
     zon_lock_init(tbl->flow_table_lock);
+    zon_lock_set_class(tbl->flow_table_lock, lock_class::flow_table);
     return tbl;
 }
 
@@ -449,9 +454,11 @@ void remove_client_from_flow(zon_flow_t* flow, zon_client_id_e cid,
     found.initiator = remove_from_half(flow->initiator_flow, cid);
     found.responder = remove_from_half(flow->responder_flow, cid);
     if (fo_of(found.flow) != nullptr || fo_of(found.initiator) != nullptr ||
-        fo_of(found.responder) != nullptr)
+        fo_of(found.responder) != nullptr) {
+        const client_function called;
         tell(flow->fid, fo_of(found.initiator), fo_of(found.responder), fo_of(found.flow),
              ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED, cid);
+    }
     if (found.responder == found.flow || found.responder == found.initiator)
         found.responder = nullptr;
     if (found.initiator == found.flow)

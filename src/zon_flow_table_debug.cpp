@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 
+#include "osal/zon_lock_order.h"
 #include "zon_debug_api.h"
 #include "zon_fid_table.h"
 #include "zon_flow_table_inline.h"
@@ -18,7 +19,7 @@
 
 namespace {
 
-std::mutex dumps_guard;
+ordered_mutex<lock_class::dump_marks> dumps_guard;
 int dumps_running = 0;
 
 // Keeps the engine from being destroyed; when two dumps overlap the mark falls with the last one.

@@ -12,6 +12,7 @@
 #include <mutex>
 
 #include "osal/zon_debug.h"
+#include "osal/zon_lock_order.h"
 #include "osal/zon_mem.h"
 #include "osal/zon_timer.h"
 #include "zon_key_hash_funcs_inline.h"
@@ -19,7 +20,7 @@
 
 namespace {
 
-std::mutex table_lock;
+ordered_mutex<lock_class::fragment> table_lock;
 
 constexpr uint32_t ipv4_key_words = 5;
 constexpr uint32_t ipv6_key_words = 11;

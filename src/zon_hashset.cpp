@@ -157,6 +157,7 @@ zon_error_t zon_hashset_create(zon_hashset* hashset_handle, zon_hash_attr* attrs
         free_parts(set);
         return zon_error_memory;
     }
+    zon_lock_set_class_of_pool(set->bucket_locks, stripes, lock_class::bucket);
     set->bucket_of_hash = fast_modulo(static_cast<uint32_t>(set->array_size));
     set->stripe_of_bucket = fast_modulo(static_cast<uint32_t>(stripes));
     *hashset_handle = set;

@@ -177,6 +177,7 @@ zon_hashset_item find_locked(zon_hashset set, uint32_t bucket, matches match) {
             zon_unlock_internal(bucket_lock);
             if (awaited != nullptr)
                 zon_unlock_internal(awaited);
+            zon_flow_could_wait(flow);
             return item;
         }
         zon_unlock_internal(bucket_lock);

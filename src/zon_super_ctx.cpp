@@ -14,6 +14,7 @@
 #include <mutex>
 #include <utility>
 
+#include "osal/zon_lock_order.h"
 #include "osal/zon_mem.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_fid_table_inline.h"
@@ -22,11 +23,17 @@
 
 namespace {
 
-std::mutex super_ctx_mutex;
+ordered_mutex<lock_class::super_context> super_ctx_mutex;
 // Counts up at every making of a super context and at every departure from one. The moments are
 // unlike among all super contexts: while that of its own stands still, a walker's copy of a member
 // list is up to date, and one made anew under the same value is told apart.
 uint32_t last_change;
+
+// Asks a client for the super context of a packet; false without one.
+bool look_up(zon_super_context_lookup_callback lookup, void* pkt_ctx, uint32_t* context) {
+    const client_function called;
+    return lookup(pkt_ctx, context);
+}
 
 bool valid_type(zon_super_context_types_e type) {
     return static_cast<uint32_t>(type) < ZON_SUPER_CONTEXT_MAX;
@@ -138,6 +145,7 @@ bool leave(zon_super_context_table_t* table, zon_super_context_t* super_ctx, zon
 }
 
 void tell_clients(const zon_super_context_table_t* table, const zon_super_context_t* super_ctx) {
+    const client_function called;
     for (zon_client_id_e cid = 0; cid <= zon_last_client_id; ++cid) {
         const auto deleted = load_function(table->delete_funcs[cid]);
         if (deleted != nullptr && super_ctx->fo[cid] != nullptr)
@@ -256,7 +264,7 @@ void zon_super_context_process_fif(zon_flow_t* flow, void* pkt_ctx) {
     for (int type = 0; type < ZON_SUPER_CONTEXT_MAX; ++type) {
         const auto lookup = load_function(table->lookup_funcs[type]);
         uint32_t context = 0;
-        if (lookup == nullptr || !lookup(pkt_ctx, &context)) {
+        if (lookup == nullptr || !look_up(lookup, pkt_ctx, &context)) {
             flow->super_ctx[type] = nullptr;
             continue;
         }

@@ -1,12 +1,14 @@
 // zon_lock.h - recursive locks and rows of them.
 //
 // A thread may take a lock that it holds and must release it as often. The engine tests no result
-// of locking.
+// of locking. Builds that check the order of locks are told what each is for, and whether the engine
+// or a host holds a flow (zon_lock_order.h).
 
 #pragma once
 
 #include <utility>
 
+#include "osal/zon_lock_order.h"
 #include "zon_engine_defs.h"
 
 // Memory for one lock, zero-filled; null without memory. zon_lock_init makes it a lock, free()
@@ -75,14 +77,18 @@ public:
 
     void release();
     // The level stays held: whoever receives the record releases it.
-    zon_flow_t* hand_over() && { return std::exchange(flow_, nullptr); }
+    zon_flow_t* hand_over() && {
+        zon_flow_claim_ended(flow_);
+        return std::exchange(flow_, nullptr);
+    }
 
 private:
-    explicit locked_flow(zon_flow_t* flow) : flow_(flow) {}
+    explicit locked_flow(zon_flow_t* flow) : flow_(flow) { zon_flow_claimed(flow); }
     zon_flow_t* flow_ = nullptr;
 };
 
 inline void locked_flow::release() {
+    zon_flow_claim_ended(flow_);
     if (flow_ != nullptr)
         zon_unlock_internal(std::exchange(flow_, nullptr)->flow_lock);
 }

@@ -11,11 +11,12 @@
 #include <vector>
 
 #include "osal/zon_debug.h"
+#include "osal/zon_lock_order.h"
 #include "zon_api_internal.h"
 
 namespace {
 
-std::mutex links;
+ordered_mutex<lock_class::bundle> links;
 
 // Links of records that were recycled can form a circle. No list is longer than the table: a longer
 // walk goes round.
@@ -83,8 +84,10 @@ public:
             const locked_flow held = lock_child(child);
             if (!held)
                 return;
-            if (!zon_flow_is_dying(held.get()))
+            if (!zon_flow_is_dying(held.get())) {
+                const client_function called;
                 visit_(held->fid);
+            }
             // Read after the visit: a visitor that deletes the child, or the parent, ends the walk.
             child = next_of(held.get());
             if (child != nullptr)

@@ -60,9 +60,11 @@ void tell_clients(zon_flow_t* flow, zon_flow_deletion_reason_e reason) {
     for (const auto* client = zon_first_client(g_zon); client != nullptr;
          client = zon_next_client(client)) {
         const client_records taken = take_client_records(flow, client->id);
-        if (const auto callback = zon_callback_of(client->fo_del_cb))
+        if (const auto callback = zon_callback_of(client->fo_del_cb)) {
+            const client_function called;
             callback(flow->fid, object_of(taken.initiator), object_of(taken.responder),
                      object_of(taken.whole), reason, client->id);
+        }
         release_client_records(taken);
     }
 }

@@ -14,6 +14,7 @@
 #include <mutex>
 
 #include "osal/zon_errlog.h"
+#include "osal/zon_lock_order.h"
 #include "osal/zon_mem.h"
 #include "zon_flow_table.h"
 #include "zon_relaxed.h"
@@ -29,7 +30,7 @@ struct client_record {
     client_record* next_parked;
 };
 
-std::mutex clients_mutex;
+ordered_mutex<lock_class::clients> clients_mutex;
 client_record* parked_clients;
 
 constexpr const char* id_too_large = "Client id exceeds max number of clients that ZON can support";

@@ -66,6 +66,7 @@ inline uint32_t payload_size_of(const zon_dp_fe_t* fe) {
 }
 
 inline void run_bypass_callbacks(zon_flow_t* flow, const zon_pkt_indications_t* seen) {
+    const client_function called;
     for (const auto* client = zon_first_client(g_zon); client != nullptr;
          client = zon_next_client(client))
         if (const zon_client_bypass_cb_t bypass = zon_callback_of(client->bypass_cb))

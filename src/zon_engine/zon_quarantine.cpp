@@ -15,7 +15,7 @@
 
 namespace {
 
-std::mutex guard_of_list;
+ordered_mutex<lock_class::quarantine> guard_of_list;
 zon_half_flow_t* quarantined = nullptr;
 zon_flow_t stand_in;
 
@@ -35,6 +35,7 @@ bool stand_in_is_ready() {
     if (lock == nullptr)
         return false;
     zon_lock_init(lock);
+    zon_lock_set_class(lock, lock_class::stand_in);
     zon_flow_set_dying(&stand_in, true);
     stand_in.marked_for_delete = 1;
     stand_in.flow_lock = lock;

@@ -3,9 +3,9 @@
 #include <memory>
 #include <utility>
 
-#include "osal/zon_lock.h"
 #include "osal/zon_timer.h"
 #include "support/deletion_halfway.h"
+#include "support/obstructed_lock.h"
 #include "support/stress_engine.h"
 #include "vem/vem_tw.h"
 #include "zon_fid_table.h"
@@ -34,7 +34,7 @@ void count_deleted(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason
 class expiry_on_its_way {
 public:
     explicit expiry_on_its_way(zon_fid_t fid, uint64_t after_us) {
-        zon_lock_internal(g_zon->fid_table->fid_table_lock);
+        obstruct(g_zon->fid_table->fid_table_lock);
         const zon_flow_t* flow = g_zon->fid_table->table[fid - 1];
         turner_ = std::thread([after_us] { zon_clock_advance_us(after_us); });
         wait_until([flow] { return !vem_tw_timer_running(&flow->timer); });
@@ -45,7 +45,7 @@ public:
 
     void let_go() {
         if (std::exchange(held_, false))
-            zon_unlock_internal(g_zon->fid_table->fid_table_lock);
+            clear_obstructed(g_zon->fid_table->fid_table_lock);
     }
     void arrive() {
         let_go();

@@ -8,6 +8,7 @@
 
 #include "osal/zon_lock.h"
 #include "osal/zon_mem.h"
+#include "support/obstructed_lock.h"
 #include "support/parked_thread.h"
 #include "support/stress_engine.h"
 #include "zon_fid_table.h"
@@ -157,13 +158,13 @@ TEST_F(contended_engine, is_in_use_while_one_of_two_readers_of_statistics_still_
                                   &inserts, &deletes, &aged, nullptr, nullptr);
     };
     const zon_lock_t bucket = zon_lock_get_pool_lock(g_zon->flow_tbl->table->bucket_locks, 0);
-    zon_lock_internal(bucket);
+    obstruct(bucket);
     parked_thread reader(read);
     reader.wait_until_parked();
     read();
     EXPECT_TRUE(relaxed_load(g_zon->flow_tbl->in_use));
     EXPECT_EQ(zon_destroy(), zon_error_flow_table_access_failed);
-    zon_unlock_internal(bucket);
+    clear_obstructed(bucket);
     reader.finish();
     EXPECT_EQ(zon_flow_table_is_available(g_zon->flow_tbl), zon_error_none);
 }

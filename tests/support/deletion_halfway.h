@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <thread>
 
-#include "osal/zon_lock.h"
+#include "support/obstructed_lock.h"
 #include "support/stress_engine.h"
 #include "zon_fid_table.h"
 #include "zon_hashset.h"
@@ -19,7 +19,7 @@ class deletion_halfway {
 public:
     explicit deletion_halfway(zon_fid_t fid) : flow_(g_zon->fid_table->table[fid - 1]) {
         for (int stripe = 0; stripe < stripes(); ++stripe)
-            zon_lock_pool_internal(set()->bucket_locks, stripe);
+            obstruct(zon_lock_get_pool_lock(set()->bucket_locks, stripe));
         thread_ = std::thread(
             [fid] { zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST); });
         wait_until(
@@ -33,7 +33,7 @@ public:
         if (!thread_.joinable())
             return;
         for (int stripe = 0; stripe < stripes(); ++stripe)
-            zon_unlock_pool_internal(set()->bucket_locks, stripe);
+            clear_obstructed(zon_lock_get_pool_lock(set()->bucket_locks, stripe));
         thread_.join();
     }
     const zon_flow_t* flow() const { return flow_; }

@@ -29,7 +29,7 @@ enum class clock_source { untouched, by_hand_wait, by_hand_inline, resumed };
 constinit std::atomic<clock_source> source{clock_source::untouched};
 constinit std::atomic<uint64_t> by_hand_us{0};
 constinit std::atomic<int64_t> shift_us{0};  // of `resumed` against CLOCK_MONOTONIC
-constinit std::mutex turn_mutex;
+constinit clock_mutex turn_mutex;
 
 uint64_t monotonic_us() {
     timespec now{};
@@ -65,7 +65,7 @@ void turn_to(uint64_t reading_us) {
 }
 
 // The dispatching threads run what is due; waits until they have.
-void hand_over(std::unique_lock<std::mutex>& lock) {
+void hand_over(std::unique_lock<schedule_mutex>& lock) {
     the_schedule.wake_all();
     while (the_schedule.earliest_due_us() <= by_hand_us.load() ||
            the_schedule.anyone_dispatching()) {
@@ -74,7 +74,7 @@ void hand_over(std::unique_lock<std::mutex>& lock) {
 }
 
 // This thread runs what is due.
-void dispatch_here(std::unique_lock<std::mutex>& lock) {
+void dispatch_here(std::unique_lock<schedule_mutex>& lock) {
     for (const manager_entry& manager : the_schedule.managers) {
         const uint64_t handle = manager.handle;
         if (handle != 0 && the_schedule.earliest_due_us(handle) <= by_hand_us.load()) {
@@ -86,7 +86,7 @@ void dispatch_here(std::unique_lock<std::mutex>& lock) {
 }
 
 // Runs what is due on the way, each timer at its own time.
-void run_what_is_due_by(uint64_t target_us, std::unique_lock<std::mutex>& lock) {
+void run_what_is_due_by(uint64_t target_us, std::unique_lock<schedule_mutex>& lock) {
     const bool here = source.load() == clock_source::by_hand_inline;
     for (;;) {
         const uint64_t due_us = the_schedule.earliest_due_us();

@@ -20,11 +20,13 @@ public:
     condition(const condition&) = delete;
     condition& operator=(const condition&) = delete;
 
-    void wait(std::unique_lock<std::mutex>& lock) {
+    template <class mutex>
+    void wait(std::unique_lock<mutex>& lock) {
         pthread_cond_wait(&cond_, lock.mutex()->native_handle());
     }
 
-    void wait_until(std::unique_lock<std::mutex>& lock, uint64_t monotonic_us) {
+    template <class mutex>
+    void wait_until(std::unique_lock<mutex>& lock, uint64_t monotonic_us) {
         timespec until{};
         until.tv_sec = static_cast<time_t>(monotonic_us / 1'000'000);
         until.tv_nsec = static_cast<long>(monotonic_us % 1'000'000) * 1000;

@@ -40,7 +40,8 @@ private:
 // The right to run a manager's callbacks; given back also when a callback ends its thread.
 class turn {
 public:
-    turn(manager_entry& entry, std::unique_lock<std::mutex>& lock) : entry_(entry), lock_(lock) {
+    turn(manager_entry& entry, std::unique_lock<schedule_mutex>& lock)
+        : entry_(entry), lock_(lock) {
         entry.dispatching = true;
         the_schedule.publish_horizon();
         lock.unlock();
@@ -56,7 +57,7 @@ public:
 
 private:
     manager_entry& entry_;
-    std::unique_lock<std::mutex>& lock_;
+    std::unique_lock<schedule_mutex>& lock_;
 };
 
 template <class accept>
@@ -81,7 +82,7 @@ void detach_wheels(uint64_t manager) {
     }
 }
 
-void sleep(manager_entry& manager, uint64_t due_us, std::unique_lock<std::mutex>& lock) {
+void sleep(manager_entry& manager, uint64_t due_us, std::unique_lock<schedule_mutex>& lock) {
     const bool by_itself = clock_mode() == VEM_CLOCK_SYSTEM && due_us != never;
     ++manager.sleepers;
     manager.sleeping_until = std::max(manager.sleeping_until, due_us);

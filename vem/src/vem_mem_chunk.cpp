@@ -11,6 +11,8 @@
 #include <mutex>
 #include <new>
 
+#include "vem_mutex.h"
+
 #if defined(__SANITIZE_ADDRESS__)
 #define VEM_WATCHES_MEMORY 1
 #elif defined(__has_feature)
@@ -136,7 +138,7 @@ private:
     const size_t record_bytes_;
     const size_t step_bytes_;  // the least that a piece has, header and all
     size_t piece_bytes_;       // what the next piece has
-    std::mutex mutex_;
+    vem::chunk_mutex mutex_;
     free_record* free_ = nullptr;
     char* untouched_ = nullptr;  // the rest of the newest piece
     char* untouched_end_ = nullptr;

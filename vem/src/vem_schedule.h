@@ -15,6 +15,7 @@
 
 #include "vem/vem_dm.h"
 #include "vem_condition.h"
+#include "vem_mutex.h"
 
 namespace vem {
 
@@ -33,7 +34,7 @@ struct manager_entry {
 };
 
 struct schedule {
-    std::mutex mutex;
+    schedule_mutex mutex;
     condition progress;    // a turn ended, or a wheel was detached
     bool turning = false;  // the clock is on its way through due times
     std::array<manager_entry, most_managers> managers;

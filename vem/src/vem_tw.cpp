@@ -36,7 +36,7 @@ constinit uint64_t wheels_made = 0;  // guarded by the schedule's lock
 class callback_frame {
 public:
     callback_frame(wheel_entry& entry, uint64_t manager, vem_tw_timer* timer,
-                   std::unique_lock<std::mutex>& lock)
+                   std::unique_lock<wheel_mutex>& lock)
         : entry_(entry), manager_(manager), timer_(timer), lock_(lock), outer_(innermost) {
         entry.running = timer;
         entry.cancelled.store(false);
@@ -82,7 +82,7 @@ private:
     wheel_entry& entry_;
     uint64_t manager_;
     vem_tw_timer* timer_;
-    std::unique_lock<std::mutex>& lock_;
+    std::unique_lock<wheel_mutex>& lock_;
     callback_frame* outer_;
 
     static constinit thread_local callback_frame* innermost;
@@ -99,10 +99,11 @@ public:
             lock_.lock();
             entry.in_line.fetch_sub(1, std::memory_order_relaxed);
         }
+        note_possible_wait(entry.mutex);
     }
 
 private:
-    std::unique_lock<std::mutex> lock_;
+    std::unique_lock<wheel_mutex> lock_;
 };
 
 uint64_t value_of_wheel(vem_tw_wheel wheel) {
@@ -132,7 +133,7 @@ void cancel_if_running(wheel_entry& entry, const vem_tw_timer* timer) {
 }
 
 // Lets those in line have the lock between two batches.
-void give_way(wheel_entry& entry, std::unique_lock<std::mutex>& lock) {
+void give_way(wheel_entry& entry, std::unique_lock<wheel_mutex>& lock) {
     lock.unlock();
     for (int yields = 0; yields < most_yields && entry.in_line.load(std::memory_order_relaxed) != 0;
          ++yields) {
@@ -142,7 +143,7 @@ void give_way(wheel_entry& entry, std::unique_lock<std::mutex>& lock) {
 }
 
 // Moves what is due to the expired queue; false when the wheel left the manager meanwhile.
-bool collect_due(wheel_entry& entry, uint64_t manager, std::unique_lock<std::mutex>& lock) {
+bool collect_due(wheel_entry& entry, uint64_t manager, std::unique_lock<wheel_mutex>& lock) {
     const uint64_t now_us = vem_clock_now_us();
     while (entry.attached_to.load() == manager) {
         if (entry.wheel->expire(now_us, cascade_batch)) {
@@ -156,7 +157,7 @@ bool collect_due(wheel_entry& entry, uint64_t manager, std::unique_lock<std::mut
 
 // A wheel that changed managers may still run a callback for the last one: the next callback comes
 // after it. False when that callback is further out on this thread, which would wait for itself.
-bool wait_until_idle(wheel_entry& entry, std::unique_lock<std::mutex>& lock) {
+bool wait_until_idle(wheel_entry& entry, std::unique_lock<wheel_mutex>& lock) {
     if (callback_frame::any_of(entry)) {
         return false;
     }

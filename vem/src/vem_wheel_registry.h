@@ -16,6 +16,7 @@
 #include <mutex>
 
 #include "vem_condition.h"
+#include "vem_mutex.h"
 #include "vem_timing_wheel.h"
 
 namespace vem {
@@ -23,7 +24,7 @@ namespace vem {
 constexpr uint32_t most_wheels = 128;
 
 struct alignas(64) wheel_entry {
-    std::mutex mutex;
+    wheel_mutex mutex;
     std::atomic<uint32_t> in_line{0};  // threads that wait for the mutex to start or stop a timer
 
     // Written under the mutex.

@@ -16,6 +16,7 @@
 #include <utility>
 
 #include "osal/zon_debug.h"
+#include "osal/zon_lock_order.h"
 #include "vem/vem_mem_chunk.h"
 
 void** zon_private_ipv4_flow_mem_buffer;
@@ -64,7 +65,7 @@ static_assert(rows_follow_types());
 
 // Ready records of one type. The mutexes of two types share no cache line.
 struct alignas(64) ready_stack {
-    std::mutex mutex;
+    ordered_mutex<lock_class::memory> mutex;
     void**& slots;
     int32_t& count;
     int32_t& count_init;
