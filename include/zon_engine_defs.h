@@ -153,7 +153,7 @@ struct zon_flow_ {
     uint8_t private_dying;      /* the engine's own: the flow is past the point of no return */
     uint8_t private_given_back; /* the engine's own: sides that a refused re-keying took away */
     uint8_t private_mirrored;   /* the engine's own: each side's key is the reverse of the other's */
-    uint8_t private_reserved[4];
+    uint32_t private_half_open; /* the engine's own: the number of a half-open flow's last packet */
     zon_flow_fo_t* fo_list;
     uint32_t bypass_id;
     zon_tunnel_type_e tunnel_type;
@@ -378,6 +378,20 @@ ZON_API zon_error_t zon_config_set_max_flows(uint32_t max_flows);
  * addresses that share one bucket. Live traffic wants a random seed, kept from packets' senders.
  * Hashes that a host supplies with its packets are taken as they are. Always 0. */
 ZON_API zon_error_t zon_config_set_hash_seed(uint32_t seed);
+/* Bounds what share of max_flows half-open flows may hold, in percent, from the next zon_init or
+ * zon_restart on. 0, as it is at load, sets no bound. A flow that a packet made is half-open until
+ * its other side is heard, of TCP until the handshake is complete; flows that were announced never
+ * are.
+ *   With the share used up, or no record left, the flow of a new connection takes the place of a
+ * half-open one: the one of its bucket and the next buckets (256 at most) whose last packet is
+ * oldest. That one is deleted on the packet's thread, with
+ * ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE, before the new flow is made; nothing of the packet is
+ * locked while delete callbacks run. A flow that another thread works on is passed over. Without
+ * one to replace the packet is refused with 2, as by a full table. Packets that delete callbacks
+ * hand in replace nothing, and a thread that hands in packets while it holds a half-open flow may
+ * find that one replaced.
+ *   35 above 100; the share stays as it was */
+ZON_API zon_error_t zon_config_set_half_open_share(uint32_t percent);
 /* Flows of IPv4 that fit into so many bytes: one is accounted at 392 bytes, its record of 248 and
  * two half flows of 72.
  *   9 null pointer */

@@ -46,6 +46,11 @@ public:
         return {half_of(slots_[at].word()), slots_[at].flow.load(std::memory_order_acquire), at};
     }
 
+    // The flow of an entry, or null; no more than a guess, as above.
+    zon_flow_t* flow_at(unsigned at) const {
+        return slots_[at].flow.load(std::memory_order_acquire);
+    }
+
     // Whether the entry still stands where it was found. Under the lock of its flow that proves
     // that the half flow is in the chain.
     bool still_has(const entry& found) const {

@@ -198,6 +198,7 @@ void zon_reset_flow(zon_flow_t* flow) {
     flow->should_reset_timer = false;
     flow->private_given_back = 0;
     flow->private_mirrored = 0;
+    relaxed_store(flow->private_half_open, 0);
     flow->fo_list = nullptr;
     flow->bypass_id = 0;
     flow->tunnel_type = ZON_TUNNEL_TYPE_NONE;

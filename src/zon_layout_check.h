@@ -82,6 +82,8 @@ static_assert(offsetof(zon_flow_t, age_ms) == 140 && offsetof(zon_flow_t, timer)
 static_assert(offsetof(zon_flow_t, flow_lock) == 184 && offsetof(zon_flow_t, private_dying) == 193);
 static_assert(offsetof(zon_flow_t, private_given_back) == 194 &&
               offsetof(zon_flow_t, fo_list) == 200);
+// Read with the marks before it, which every packet reads.
+static_assert(offsetof(zon_flow_t, private_half_open) == 196);
 static_assert(offsetof(zon_flow_t, bypass_id) == 208 && offsetof(zon_flow_t, tunnel_type) == 212);
 static_assert(offsetof(zon_flow_t, super_ctx) == 216);
 static_assert(sizeof(zon_flow_fo_t) == 24 && offsetof(zon_flow_fo_t, fo) == 8);

@@ -9,6 +9,7 @@
 #include "osal/zon_mem.h"
 #include "zon_api_internal.h"
 #include "zon_engine/zon_clients.h"
+#include "zon_engine/zon_half_open.h"
 #include "zon_engine_inline.h"
 #include "zon_super_ctx_table.h"
 
@@ -198,6 +199,7 @@ bool zon_private_delete_locked_flow(zon_flow_t* flow,
         zon_private_stop_timer(flow);
         zon_private_unbind(flow);
         zon_private_decrement_active_tunnel_flows(g_zon->flow_tbl, flow->tunnel_type);
+        zon_half_open_leave(flow);
         zon_super_context_process_lif(flow);
         zon_private_free_all_fos(flow);
     }

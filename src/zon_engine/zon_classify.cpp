@@ -11,6 +11,7 @@
 #include "osal/zon_errlog.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_engine/zon_flow_accounting.h"
+#include "zon_engine/zon_half_open.h"
 #include "zon_engine/zon_packet.h"
 #include "zon_engine/zon_state_trace.h"
 #include "zon_super_ctx_table.h"
@@ -99,6 +100,7 @@ zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t pack
     if (packet.fe->protocol == ZON_TCP_PROT &&
         relaxed_load(packet.capabilities->zon_engine_client_bypass) != 0) [[unlikely]]
         run_bypass_callbacks(flow.get(), packet.indications);
+    zon_half_open_follow(flow.get(), packet.fe);
     account_aging(flow.get(), packet);
     report_last_packet(flow.get(), packet);
     fill_indications(flow.get(), packet, packet_number);

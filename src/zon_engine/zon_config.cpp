@@ -17,12 +17,22 @@ constexpr uint32_t accounted_flow_size = sizeof(zon_flow_t) + 2 * sizeof(zon_ipv
 constexpr uint32_t list_elements_per_super_context =
     sizeof(zon_super_context_t) / sizeof(zon_flow_list_t);
 
+constexpr uint32_t whole_percent = 100;
+
 }  // namespace
 
 uint32_t zon_hash_seed_of_next_engine = 0;
+uint32_t zon_half_open_share_of_next_engine = 0;
 
 zon_error_t zon_config_set_hash_seed(uint32_t seed) {
     zon_hash_seed_of_next_engine = seed;
+    return zon_error_none;
+}
+
+zon_error_t zon_config_set_half_open_share(uint32_t percent) {
+    if (percent > whole_percent)
+        return zon_error_parameter_invalid;
+    zon_half_open_share_of_next_engine = percent;
     return zon_error_none;
 }
 

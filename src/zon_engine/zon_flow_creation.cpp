@@ -2,7 +2,8 @@
 //
 // Owns   nothing; a flow that cannot be completed goes back where it came from, unlocked and
 //        unseen.
-// Locks  the new flow's lock, held from the moment the record is taken until the packet is done.
+// Locks  the new flow's lock, held from the moment the record is taken until the packet is done. A
+//        half-open flow that makes room is deleted before that.
 
 #include <algorithm>
 
@@ -10,6 +11,7 @@
 #include "osal/zon_errlog.h"
 #include "osal/zon_timer.h"
 #include "platform/linux/zon_pd_pkt_inline.h"
+#include "zon_engine/zon_half_open.h"
 #include "zon_engine/zon_packet.h"
 
 namespace {
@@ -45,8 +47,8 @@ bool tunnel_is_enabled(const packet_in_engine& packet) {
     return {attempt::refused, {}};
 }
 
-// Before a packet is refused for want of memory: another thread may have made the packet's flow
-// with the last of it.
+// Before a packet is refused for want of memory, or costs another flow its place: another thread
+// may have made the packet's flow with the last of it.
 attempted_flow made_meanwhile(packet_in_engine& packet) {
     zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, nullptr);
     if (half == nullptr)
@@ -96,13 +98,26 @@ bool translate_addresses(packet_in_engine& packet) {
     return {attempt::refused, {}};
 }
 
+// Empty when there is no record, or none that half-open flows may take.
+locked_flow take_record(int bucket) {
+    if (zon_half_open_is_at_bound() && !zon_half_open_replace_oldest(bucket)) [[unlikely]]
+        return {};
+    zon_flow_t* record = zon_fid_table_new_flow_locked(g_zon->fid_table);
+    if (record == nullptr && zon_half_open_is_bounded() && zon_half_open_replace_oldest(bucket))
+        record = zon_fid_table_new_flow_locked(g_zon->fid_table);
+    return locked_flow::adopt(record);
+}
+
 }  // namespace
 
 attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     if (!tunnel_is_enabled(packet))
         return refuse_tunnel(packet);
 
-    locked_flow flow = locked_flow::adopt(zon_fid_table_new_flow_locked(g_zon->fid_table));
+    if (zon_half_open_is_at_bound()) [[unlikely]]
+        if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
+            return other;
+    locked_flow flow = take_record(bucket);
     if (!flow) {
         if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
             return other;
@@ -150,5 +165,6 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     }
     zon_private_increment_active_tunnel_flows(g_zon->flow_tbl, packet.tunnel);
     flow->tunnel_type = packet.tunnel;
+    zon_half_open_begin(flow.get());
     return {attempt::done, std::move(flow)};
 }

@@ -11,6 +11,7 @@
 #include "osal/zon_mem.h"
 #include "osal/zon_timer.h"
 #include "zon_engine/zon_clients.h"
+#include "zon_engine/zon_half_open.h"
 #include "zon_engine/zon_quarantine.h"
 #include "zon_engine_inline.h"
 #include "zon_frag.h"
@@ -147,6 +148,7 @@ zon_error_t zon_init(uint32_t max_flows_supported, uint32_t pre_flow_timer, uint
     params.create_chunk_elements = create_chunk_elements;
     params.max_mem_buffer_init = max_mem_buffer_init;
     zon_hash_seed_in_force = zon_hash_seed_of_next_engine;
+    zon_half_open_bound(max_flows_supported, zon_half_open_share_of_next_engine);
 
     // A failure leaves the engine half built, on purpose: the host destroys it or initialises
     // again.
