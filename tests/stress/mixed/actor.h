@@ -32,6 +32,7 @@ struct round_settings {
     // clients hang objects on one direction: earlier ones fall off its list.
     bool loose = false;
     bool destroyed_with_flows = false;
+    uint32_t half_open_percent = 0;
     bool interrupted = true;  // threads lose the processor anywhere; else they get further
 };
 

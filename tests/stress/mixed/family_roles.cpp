@@ -162,6 +162,10 @@ void make_parents(round_cast& cast) {
         ASSERT_NE(got.fid, 0U);
         cast.book->note_packet(got.fid, got.error, got.seen, false);
         ASSERT_EQ(zon_flow_set_aging(got.fid, a_day_sec), zon_error_none);
+        // Answered, it gives way to no other connection.
+        bytes reply = packet_of(which, true);
+        ASSERT_EQ(zon_handle_packet(reply.data(), 0, &note, &got.seen, &got.error), got.fid);
+        cast.book->note_packet(got.fid, got.error, got.seen, false);
         cast.parents.push_back(got.fid);
     }
 }

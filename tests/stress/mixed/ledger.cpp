@@ -10,6 +10,7 @@
 #include "stress/mixed/traffic.h"
 #include "support/flow_reader.h"
 #include "support/table_census.h"
+#include "zon_engine/zon_half_open.h"
 
 namespace zon_test {
 namespace {
@@ -52,6 +53,7 @@ constexpr std::array<const char*, static_cast<size_t>(feat::count)> feat_names =
     "deleted by client",
     "deleted under its lock",
     "deleted by ager",
+    "half-open flow replaced",
     "clock turned",
     "dump printed",
     "flow reported",
@@ -77,6 +79,17 @@ void expect_tunnels_counted() {
     const zon_active_tunnel_flows_t& counted = g_zon->flow_tbl->active_tunnel_flows_count;
     EXPECT_EQ(counted.active_ipv6inip_flows_count, in_ip);
     EXPECT_EQ(counted.active_teredo_flows_count, teredo);
+}
+
+// Threads that made flows at one moment may each have gone one beyond the bound.
+void expect_half_open_counted(uint32_t threads) {
+    uint32_t marked = 0;
+    for (const zon_fid_t fid : fids_in_use())
+        marked += record_of(fid)->private_half_open != 0 ? 1U : 0U;
+    EXPECT_EQ(zon_half_open.count, marked);
+    if (zon_half_open_is_bounded()) {
+        EXPECT_LT(marked, zon_half_open.bound + threads);
+    }
 }
 
 // Of moved connections a client may have made two flows stand for the same packets.
@@ -138,8 +151,9 @@ hung_object* ledger::new_object() {
 
 // ---- notes ----
 
-ledger::ledger(uint32_t capacity)
-    : made_(capacity + 1),
+ledger::ledger(uint32_t capacity, uint32_t threads)
+    : threads_(threads),
+      made_(capacity + 1),
       announced_(capacity + 1),
       promoted_(capacity + 1),
       told_{std::vector<count32>(capacity + 1), std::vector<count32>(capacity + 1),
@@ -193,6 +207,8 @@ void ledger::note_told(size_t client, zon_fid_t fid, zon_flow_deletion_reason_e 
         add(aged_, 1);
         did(feat::deleted_by_ager);
     }
+    if (reason == ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE)
+        did(feat::replaced_half_open);
     uint32_t count = 0;
     EXPECT_EQ(zon_flow_get_packet_count(fid, &count), zon_error_none);
     add(packets_of_deleted_, count);
@@ -245,6 +261,7 @@ void ledger::expect_statistics() const {
 void ledger::expect_engine_agrees() const {
     expect_sound_tables();
     expect_tunnels_counted();
+    expect_half_open_counted(threads_);
     expect_one_flow_a_connection();
     expect_flows_and_packets();
     expect_statistics();

@@ -67,6 +67,7 @@ enum class feat : uint8_t {
     deleted_by_client,
     deleted_under_lock,
     deleted_by_ager,
+    replaced_half_open,
     clock_turned,
     dump_printed,
     flow_reported,
@@ -90,7 +91,7 @@ class ledger {
 public:
     static constexpr size_t steady_clients = 3;
 
-    explicit ledger(uint32_t capacity);
+    ledger(uint32_t capacity, uint32_t threads);
 
     void did(feat what) { add(feats_[static_cast<size_t>(what)], 1); }
     uint64_t times(feat what) const { return get(feats_[static_cast<size_t>(what)]); }
@@ -121,6 +122,7 @@ private:
     uint64_t all_made() const;
     uint64_t all_told() const;
 
+    uint32_t threads_;
     std::vector<count32> made_;  // by fid: flows of packets and announcements
     std::vector<count32> announced_;
     std::vector<count32> promoted_;

@@ -29,7 +29,8 @@ struct options {
 };
 options chosen;
 
-// Every clock, every size of the table and every way to end comes up within so many rounds.
+// Every clock, every size of the table, a share for half-open flows and every way to end comes up
+// within so many rounds.
 constexpr uint32_t least_rounds = 4;
 
 // What the engine prints meanwhile is of no interest.
@@ -78,9 +79,10 @@ const char* name_of(zon_clock_mode_e clock) {
 }
 
 void describe(const round_settings& settings) {
-    std::fprintf(stderr, "round %u of seed %u: %u flows, %u locks, %s%s%s%s\n", settings.number,
-                 chosen.seed, settings.max_flows, settings.max_locks, name_of(settings.clock),
-                 settings.loose ? ", loose" : "", settings.interrupted ? ", interrupted" : "",
+    std::fprintf(stderr, "round %u of seed %u: %u flows, %u %% half-open, %u locks, %s%s%s%s\n",
+                 settings.number, chosen.seed, settings.max_flows, settings.half_open_percent,
+                 settings.max_locks, name_of(settings.clock), settings.loose ? ", loose" : "",
+                 settings.interrupted ? ", interrupted" : "",
                  settings.destroyed_with_flows ? ", destroyed with flows" : "");
 }
 

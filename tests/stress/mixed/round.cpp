@@ -6,6 +6,7 @@
 
 #include "support/flow_reader.h"
 #include "support/lock_owners.h"
+#include "zon_engine/zon_half_open.h"
 
 namespace zon_test {
 namespace {
@@ -41,6 +42,7 @@ void shorten_idle_times(const round_settings& settings) {
 void set_engine_up(const round_settings& settings) {
     const uint32_t announced_ms = settings.clock == ZON_CLOCK_SYSTEM ? 30 : 2000;
     ASSERT_EQ(zon_clock_set_mode(settings.clock), zon_error_none);
+    ASSERT_EQ(zon_config_set_half_open_share(settings.half_open_percent), zon_error_none);
     ASSERT_EQ(zon_init(settings.max_flows, announced_ms, 8, settings.max_locks, 0, 16, 10),
               zon_error_none);
     ASSERT_TRUE(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
@@ -81,6 +83,7 @@ void take_engine_down(const round_settings& settings, const ledger& book) {
     }
     EXPECT_EQ(zon_destroy(), zon_error_none);
     EXPECT_EQ(g_zon, nullptr);
+    EXPECT_EQ(zon_half_open.count, 0U) << "half-open flows stay counted after their end";
     book.expect_all_told();
     if (!settings.loose)
         book.expect_all_objects_back();
@@ -156,12 +159,13 @@ round_settings settings_of_round(uint32_t number, uint32_t seed) {
     settings.clock = clocks[number % std::size(clocks)];
     settings.loose = number % 3 == 2;
     settings.destroyed_with_flows = number % 5 >= 3;
+    settings.half_open_percent = number % 3 == 1 ? 15 : 0;
     return settings;
 }
 
 void play_round(const round_settings& settings, uint32_t threads, schedule how,
                 round_totals& totals) {
-    ledger book(settings.max_flows);
+    ledger book(settings.max_flows, threads);
     std::atomic<uint32_t> packets_of_newest{0};
     round_cast cast{settings, &book, {}, {}, &packets_of_newest};
     set_engine_up(settings);
