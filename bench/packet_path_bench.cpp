@@ -55,6 +55,25 @@ void zon_handle_captured_packet_hit(benchmark::State& state) {
     hit<&bench_engine::send_captured>(state);
 }
 
+void zon_handle_packet_burst_hit(benchmark::State& state) {
+    const auto flows = static_cast<uint32_t>(state.range(0));
+    bench_engine& engine = engine_with(flows);
+    random_order next(2 * flows);
+    uint32_t lost = 0;
+    const stopwatch watch;
+    for (auto _ : state) {
+        for (uint32_t slot = 0; slot < bench_engine::burst_size; ++slot) {
+            const uint32_t which = next();
+            engine.put_into_burst(slot, engine.packets.established(which >> 1, (which & 1) != 0));
+        }
+        lost += engine.send_burst();
+    }
+    state.counters["ns_per_packet"] =
+        watch.ns_per(static_cast<double>(state.iterations() * bench_engine::burst_size));
+    if (lost != 0)
+        state.SkipWithError("packets without a flow");
+}
+
 // ---- the skeleton -----------------------------------------------------------------------------
 
 // The sizes of the engine's records: 248 bytes a flow, 72 bytes a direction, a pointer a bucket.
@@ -129,6 +148,8 @@ void skeleton(benchmark::State& state) {
 
 BENCHMARK(zon_handle_packet_hit)->Arg(50)->Arg(5'000)->Arg(100'000)->Arg(1'000'000);
 BENCHMARK(zon_handle_captured_packet_hit)->Arg(5'000)->Arg(100'000)->Arg(1'000'000);
+BENCHMARK(zon_handle_packet_burst_hit)
+    ->Arg(50)->Arg(5'000)->Arg(100'000)->Arg(1'000'000)->Arg(4'000'000);
 BENCHMARK(skeleton)->Arg(50)->Arg(5'000)->Arg(100'000)->Arg(1'000'000);
 
 }  // namespace

@@ -50,6 +50,7 @@ struct pair_of_halves {
     zon_flow_t flow{};
     std::array<zon_half_flow_t, 2> halves{};
     bool is_in = false;
+    bool told_linked = false;
 
     pair_of_halves() {
         flow.flow_lock = zon_lock_allocate();
@@ -145,6 +146,9 @@ private:
         });
         require(found == (expected == chain.end() ? nullptr : *expected), "the newest is found");
     }
+    static void note_linked(zon_hashset_item, zon_hashset_item, void* told) {
+        *static_cast<bool*>(told) = true;
+    }
     void insert(pair_of_halves& one) {
         const named_key first = some_key(), second = some_key();
         set_key(&one.halves[0], first);
@@ -152,7 +156,9 @@ private:
         const held_lock held(one.flow.flow_lock);
         const auto result =
             zon_hashset_insert_pair(set_, &one.halves[0], static_cast<int>(bucket_of(first)),
-                                    &one.halves[1], is_same, nullptr);
+                                    &one.halves[1], is_same, note_linked, &one.told_linked);
+        require(one.told_linked == (result == pair_insert_result::linked), "told when linked");
+        one.told_linked = false;
         require(result == put(one, first, second), "a pair goes in where there is room");
         one.is_in = result == pair_insert_result::linked;
     }

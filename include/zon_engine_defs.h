@@ -152,7 +152,7 @@ struct zon_flow_ {
     uint8_t should_reset_timer : 1;
     uint8_t private_dying;      /* the engine's own: the flow is past the point of no return */
     uint8_t private_given_back; /* the engine's own: sides that a refused re-keying took away */
-    uint8_t private_mirrored;   /* the engine's own: each side's key is the reverse of the other's */
+    uint8_t private_indexed;    /* the engine's own: packets find the flow without a search */
     uint32_t private_half_open; /* the engine's own: the number of a half-open flow's last packet */
     zon_flow_fo_t* fo_list;
     uint32_t bypass_id;

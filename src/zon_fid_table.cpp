@@ -17,6 +17,7 @@
 
 #include "osal/zon_debug.h"
 #include "osal/zon_mem.h"
+#include "zon_connection.h"
 #include "zon_engine_inline.h"
 #include "zon_fid_table_inline.h"
 
@@ -52,8 +53,9 @@ void append_to_free_list(zon_fid_table_t* fid_table, zon_flow_t* flow) {
 }
 
 // Nobody else knows the record yet.
-void zon_fid_table_add_record(zon_fid_table_t* fid_table, zon_flow_t* flow) {
-    std::memset(static_cast<void*>(flow), 0, sizeof *flow);
+void zon_fid_table_add_record(zon_fid_table_t* fid_table, flow_record* record) {
+    std::memset(static_cast<void*>(record), 0, sizeof *record);
+    zon_flow_t* flow = &record->flow;
     flow->fid = fid_table->allocated + 1;
     zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)",
                 "zon_fid_table_allocate_more");
@@ -71,11 +73,11 @@ void zon_fid_table_add_record(zon_fid_table_t* fid_table, zon_flow_t* flow) {
 bool zon_fid_table_allocate_more(zon_fid_table_t* fid_table) {
     for (uint32_t made = 0;
          made < fid_table->chunk_size && fid_table->allocated < fid_table->capacity; ++made) {
-        auto* flow = static_cast<zon_flow_t*>(
+        auto* record = static_cast<flow_record*>(
             zon_private_chunk_malloc(ZON_FLOW_MEM_TYPE, &g_zon->zon_chunk_ptr));
-        if (flow == nullptr)
+        if (record == nullptr)
             return false;
-        zon_fid_table_add_record(fid_table, flow);
+        zon_fid_table_add_record(fid_table, record);
     }
     return true;
 }
@@ -171,7 +173,7 @@ void zon_fid_table_destroy(zon_fid_table_t* fid_table) {
         return;
     while (zon_flow_t* flow = fid_table->free_head) {
         fid_table->free_head = flow->next_free;
-        zon_private_chunk_free_or_trace(ZON_FLOW_MEM_TYPE, flow, &g_zon->zon_chunk_ptr);
+        zon_private_chunk_free_or_trace(ZON_FLOW_MEM_TYPE, record_of(flow), &g_zon->zon_chunk_ptr);
     }
     std::free(fid_table->table);
     zon_lock_destroy_pool(fid_table->locks,
@@ -197,7 +199,7 @@ void zon_reset_flow(zon_flow_t* flow) {
     flow->marked_for_delete = false;
     flow->should_reset_timer = false;
     flow->private_given_back = 0;
-    flow->private_mirrored = 0;
+    flow->private_indexed = 0;
     relaxed_store(flow->private_half_open, 0);
     flow->fo_list = nullptr;
     flow->bypass_id = 0;

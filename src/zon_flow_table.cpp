@@ -7,9 +7,8 @@
 
 #include "zon_flow_table.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cstdlib>
-#include <mutex>
 #include <new>
 
 #include "osal/zon_debug.h"
@@ -17,23 +16,12 @@
 #include "osal/zon_mem.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_engine_inline.h"
+#include "zon_connection_lookup.h"
 #include "zon_flow_table_inline.h"
 #include "zon_hashset_internal.h"
 #include "zon_key_hash.h"
 
 namespace {
-
-// The table as it is allocated: what the dumps look at first, then what only the operations use.
-struct flow_table_storage : zon_flow_table_ {
-    ordered_mutex<lock_class::preflow_counts>
-        preflow_counts;  // guards active_preflow_count and has_incomplete_inserts together
-    ordered_mutex<lock_class::dump_marks> readers_guard;
-    int readers = 0;  // how many threads keep in_use set
-};
-
-flow_table_storage* storage_of(zon_flow_table_t* tbl) {
-    return static_cast<flow_table_storage*>(tbl);
-}
 
 // Keeps in_use set; when two readers overlap the flag falls with the last one.
 class reading {
@@ -69,49 +57,33 @@ bool has_complete_key(const zon_half_flow_t* stored, const typename family::key&
            same_complete_key<family>(wanted, *zon_full_key<family>(stored));
 }
 
-// Both lines of a half flow and all of its flow: the caller goes on to the counters, the timer mark
-// and the lock.
-void prefetch_flow(const bucket_front::entry& found) {
-    for (const size_t line : {0U, 64U})
-        __builtin_prefetch(reinterpret_cast<const char*>(found.half) + line);
-    for (const size_t line : {0U, 64U, 128U, 192U})
-        __builtin_prefetch(reinterpret_cast<const char*>(found.flow) + line);
-}
-
-// The way of nearly every packet: the front of the bucket names a half flow and its flow, both are
-// loaded at once, and only the flow's lock is taken. Half flows are rewritten, linked and unlinked
-// under their flow's lock: what holds once that is taken stays so. Null decides nothing.
+// A key that a packet may have and that the engine hashes itself.
 template <class family>
-zon_half_flow_t* find_at_front(zon_hashset set, const typename family::key& wanted, uint32_t hash,
-                               uint32_t bucket) {
-    const bucket_front& front = front_of(set, bucket);
-    const bucket_front::entry found = front.find(bucket_front::tag_of(hash));
-    if (found.half == nullptr || found.flow == nullptr)
-        return nullptr;
-    prefetch_flow(found);
-    if (zon_flow_is_dying(found.flow)) [[unlikely]]
-        return nullptr;
-    // Only tried for: the tag alone has led here, perhaps to a flow of another connection, and
-    // whoever asks may hold a flow that its owner waits for.
-    if (!zon_try_lock_internal(found.flow->flow_lock)) [[unlikely]]
-        return nullptr;
-    if (front.still_has(found) && zon_flow_has_half(found.flow, found.half) &&
-        !zon_flow_is_dying(found.flow) && has_complete_key<family>(found.half, wanted)) [[likely]] {
-        zon_flow_could_wait(found.flow);
-        return found.half;
-    }
-    zon_unlock_internal(found.flow->flow_lock);
-    return nullptr;
+bool may_be_indexed(const typename family::key& key) {
+    return key.hash_valid != 1 && ((key.src_port | key.dst_port) >> 16 | key.l4_protocol >> 8) == 0;
 }
 
 template <class family>
-zon_half_flow_t* find_complete(zon_hashset set, const zon_half_flow_t* half_flow, int* bucket) {
+zon_half_flow_t* find_in_index(zon_flow_table_t* tbl, const typename family::key& wanted) {
+    if (!may_be_indexed<family>(wanted))
+        return nullptr;
+    const connection<family> of = connection_of<family>(wanted);
+    zon_flow_t* flow = zon_find_connection_locked(tbl, of, index_of(tbl).hash_of(of));
+    if (flow == nullptr)
+        return nullptr;
+    return of.from_lower == record_of(flow)->initiator_is_lower ? flow->initiator_flow
+                                                                : flow->responder_flow;
+}
+
+template <class family>
+zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow,
+                               int* bucket) {
+    zon_hashset set = tbl->table;
     const typename family::key& wanted = *zon_full_key<family>(half_flow);
-    const uint32_t hash = hash_of_complete_key<family>(wanted);
-    const uint32_t b = bucket_of(set, hash);
+    const uint32_t b = bucket_of(set, hash_of_complete_key<family>(wanted));
     if (bucket != nullptr)
         *bucket = static_cast<int>(b);
-    if (zon_half_flow_t* found = find_at_front<family>(set, wanted, hash, b)) [[likely]]
+    if (zon_half_flow_t* found = find_in_index<family>(tbl, wanted))
         return found;
     return static_cast<zon_half_flow_t*>(find_locked(set, b, [&wanted](zon_hashset_item item) {
         return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
@@ -172,6 +144,113 @@ zon_hashset_same same_connection_for(const zon_flow_t* announced) {
                : same_connection_any_family<vrf_star_keys::count>;
 }
 
+// ---- the index of connections ----
+
+// The keys of both halves, each the reverse of the other, are those of a connection that the index
+// can name.
+template <class family>
+bool is_one_connection(const typename family::key& initiator,
+                       const typename family::key& responder) {
+    if (!may_be_indexed<family>(initiator) || !may_be_indexed<family>(responder))
+        return false;
+    const connection<family> one = connection_of<family>(initiator);
+    const connection<family> other = connection_of<family>(responder);
+    return std::ranges::equal(one.words, other.words) && one.from_lower != other.from_lower;
+}
+
+template <class family>
+bool is_complete(const zon_half_flow_t* half) {
+    return half != nullptr && key_type_of(half->key) == family::complete;
+}
+
+template <class family>
+void name_in_index(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    flow_record& record = *record_of(flow);
+    const connection<family> of =
+        connection_of<family>(*zon_full_key<family>(flow->initiator_flow));
+    std::ranges::copy(of.words, record.connection_words);
+    record.connection_hash = index_of(tbl).hash_of(of);
+    record.initiator_is_lower = of.from_lower;
+    record.same_address = of.same_address;
+    flow->private_indexed = index_of(tbl).put(record.connection_hash, flow);
+}
+
+// Whoever was found by this key may no longer be the newest.
+template <class family>
+void unname_all(zon_flow_table_t* tbl, const zon_half_flow_t* half) {
+    if (is_complete<family>(half))
+        index_of(tbl).remove_all(
+            index_of(tbl).hash_of(connection_of<family>(*zon_full_key<family>(half))));
+}
+void unname_all(zon_flow_table_t* tbl, const zon_half_flow_t* half) {
+    unname_all<ipv4_family>(tbl, half);
+    unname_all<ipv6_family>(tbl, half);
+}
+
+// The flow is locked. Before a half flow of it leaves its bucket or changes its key.
+void unname(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    if (flow->private_indexed == 0)
+        return;
+    index_of(tbl).remove(record_of(flow)->connection_hash, flow);
+    flow->private_indexed = 0;
+}
+
+template <class family>
+bool can_be_named(const zon_flow_t* flow) {
+    return is_complete<family>(flow->initiator_flow) && is_complete<family>(flow->responder_flow) &&
+           is_one_connection<family>(*zon_full_key<family>(flow->initiator_flow),
+                                     *zon_full_key<family>(flow->responder_flow));
+}
+
+// Both halves have just been linked, and their buckets are locked.
+void name_new_flow(zon_hashset_item initiator, zon_hashset_item responder, void* table) {
+    auto* tbl = static_cast<zon_flow_table_t*>(table);
+    zon_flow_t* flow = flow_of(initiator);
+    if (can_be_named<ipv4_family>(flow)) {
+        name_in_index<ipv4_family>(tbl, flow);
+    } else if (can_be_named<ipv6_family>(flow)) {
+        name_in_index<ipv6_family>(tbl, flow);
+    } else {
+        unname_all(tbl, static_cast<const zon_half_flow_t*>(initiator));
+        unname_all(tbl, static_cast<const zon_half_flow_t*>(responder));
+    }
+}
+
+// The half flow's bucket is locked.
+template <class family>
+bool is_newest_of_key(zon_hashset set, const zon_half_flow_t* half, uint32_t bucket) {
+    const typename family::key& key = *zon_full_key<family>(half);
+    for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr; header = header->next) {
+        const auto* item = static_cast<const zon_half_flow_t*>(item_of(set, header));
+        if (has_complete_key<family>(item, key))
+            return item == half;
+    }
+    return false;
+}
+
+template <class family>
+void name_if_newest(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    if (!can_be_named<family>(flow))
+        return;
+    zon_hashset set = tbl->table;
+    const zon_half_flow_t* initiator = flow->initiator_flow;
+    const zon_half_flow_t* responder = flow->responder_flow;
+    const uint32_t b1 = bucket_of(set, hash_of_key(initiator));
+    const uint32_t b2 = bucket_of(set, hash_of_key(responder));
+    held_buckets<2> held(set, {b1, b2});
+    if (is_newest_of_key<family>(set, initiator, b1) &&
+        is_newest_of_key<family>(set, responder, b2))
+        name_in_index<family>(tbl, flow);
+}
+
+bool count_single(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, bool linked) {
+    if (!linked)
+        return false;
+    relaxed_add(tbl->profile_insert, 1);
+    unname_all(tbl, half_flow);
+    return true;
+}
+
 }  // namespace
 
 unsigned int zon_hash_calc(void* element, void*) {
@@ -195,6 +274,17 @@ bool zon_matcher(void* element1, void* element2, void*) {
                                                             *zon_full_key<ipv6_family>(stored));
 }
 
+namespace {
+
+// With what has been made of it; the set is gone.
+void free_table(flow_table_storage* tbl) {
+    std::free(tbl->flow_table_lock);
+    tbl->~flow_table_storage();
+    std::free(tbl);
+}
+
+}  // namespace
+
 zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads,
                                         uint8_t max_bucket_depth) {
     void* memory = zon_heap_zalloc(1, sizeof(flow_table_storage));
@@ -209,13 +299,13 @@ zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads
         static_cast<int>(max_threads), max_bucket_depth);
     if (zon_hashset_create(&tbl->table, &attrs, 0, zon_hash_calc, zon_matcher, nullptr) !=
         zon_error_none) {
-        std::free(memory);
+        free_table(tbl);
         return nullptr;
     }
     tbl->flow_table_lock = zon_lock_allocate();
-    if (tbl->flow_table_lock == nullptr) {
+    if (tbl->flow_table_lock == nullptr || !tbl->index.create(max_flows, zon_hash_seed_in_force)) {
         zon_hashset_free(&tbl->table);
-        std::free(memory);
+        free_table(tbl);
         return nullptr;
     }
     zon_lock_init(tbl->flow_table_lock);
@@ -226,9 +316,19 @@ zon_flow_table_t* zon_flow_table_create(uint32_t max_flows, uint32_t max_threads
 void zon_flow_table_destroy(zon_flow_table_t* tbl) {
     zon_hashset_free(&tbl->table);
     zon_lock_destroy(tbl->flow_table_lock);
-    std::free(tbl->flow_table_lock);
-    storage_of(tbl)->~flow_table_storage();
-    std::free(tbl);
+    free_table(storage_of(tbl));
+}
+
+void zon_flow_table_unindex(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    unname(tbl, flow);
+}
+
+void zon_flow_table_index_anew(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    unname(tbl, flow);
+    for (const zon_half_flow_t* half : {flow->initiator_flow, flow->responder_flow})
+        unname_all(tbl, half);
+    name_if_newest<ipv4_family>(tbl, flow);
+    name_if_newest<ipv6_family>(tbl, flow);
 }
 
 bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow) {
@@ -237,9 +337,7 @@ bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow) {
     const bool linked = zon_hashset_insert(tbl->table, half_flow);
     // The set hands the flow over locked once more; the caller's own level was never let go.
     zon_unlock_internal(half_flow->flow->flow_lock);
-    if (linked)
-        relaxed_add(tbl->profile_insert, 1);
-    return linked;
+    return count_single(tbl, half_flow, linked);
 }
 
 bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, int bucket) {
@@ -247,15 +345,14 @@ bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_f
         return false;
     const bool linked = zon_hashset_insert_direct(tbl->table, half_flow, bucket);
     zon_unlock_internal(half_flow->flow->flow_lock);
-    if (linked)
-        relaxed_add(tbl->profile_insert, 1);
-    return linked;
+    return count_single(tbl, half_flow, linked);
 }
 
 pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow, int bucket) {
     const pair_insert_result result =
         zon_hashset_insert_pair(tbl->table, flow->initiator_flow, bucket, flow->responder_flow,
-                                same_connection_any_family<vrf_star_keys::count>, tbl);
+                                same_connection_any_family<vrf_star_keys::count>, name_new_flow,
+                                tbl);
     if (result == pair_insert_result::linked) {
         relaxed_add(tbl->profile_insert, 2);
     } else if (result == pair_insert_result::second_refused) {
@@ -280,6 +377,7 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
     wanted_initiator->flow = wanted_responder->flow = flow;
 
     held_lock table(tbl->flow_table_lock);
+    unname(tbl, flow);
     const relink_pair move{initiator, wanted_initiator, responder, wanted_responder, tbl};
     const pair_insert_result result = zon_hashset_relink_pair(
         tbl->table, move, same_connection_for(flow), [](zon_hashset_item item, const void* wanted) {
@@ -290,6 +388,7 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
         return result;
     relaxed_add(tbl->profile_delete, 2);
     if (result == pair_insert_result::linked) {
+        zon_flow_table_index_anew(tbl, flow);
         relaxed_add(tbl->profile_insert, 2);
     } else if (result == pair_insert_result::second_refused) {
         relaxed_add(tbl->profile_insert, 1);
@@ -304,9 +403,9 @@ zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
         return nullptr;
     switch (half_flow->key.key_type) {
     case ZON_IPV4_KEY_COMPLETE:
-        return find_complete<ipv4_family>(tbl->table, half_flow, bucket);
+        return find_complete<ipv4_family>(tbl, half_flow, bucket);
     case ZON_IPV6_KEY_COMPLETE:
-        return find_complete<ipv6_family>(tbl->table, half_flow, bucket);
+        return find_complete<ipv6_family>(tbl, half_flow, bucket);
     default:
         return static_cast<zon_half_flow_t*>(
             zon_hashset_get(tbl->table, const_cast<zon_half_flow_t*>(half_flow), bucket));
@@ -317,6 +416,7 @@ bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bo
     if (!has_set(tbl))
         return false;
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
+    unname(tbl, half_flow->flow);
     zon_hashset_remove(tbl->table, half_flow);
     relaxed_add(tbl->profile_delete, 1);
     return true;
@@ -327,6 +427,7 @@ bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* hal
     if (!has_set(tbl))
         return false;
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
+    unname(tbl, half_flow1->flow);
     zon_hashset_remove_full(tbl->table, half_flow1, half_flow2);
     relaxed_add(tbl->profile_delete, 1);
     return true;

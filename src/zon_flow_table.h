@@ -65,6 +65,12 @@ inline zon_half_flow_t* zon_flow_table_lookup(zon_flow_table_t* tbl,
     return zon_flow_table_lookup_locked(tbl, half_flow, bucket);
 }
 
+// The flow is locked. Before a half flow of it leaves its bucket or changes its key, packets must no
+// longer find it without a search; afterwards they may again, unless another flow of the same keys
+// is newer.
+void zon_flow_table_unindex(zon_flow_table_t* tbl, zon_flow_t* flow);
+void zon_flow_table_index_anew(zon_flow_table_t* tbl, zon_flow_t* flow);
+
 // lock tells whether flow_table_lock is taken; the bucket locks always are.
 bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bool lock);
 bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* half_flow1,

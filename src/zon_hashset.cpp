@@ -10,7 +10,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <memory>
 #include <new>
 
 #include <sched.h>
@@ -30,24 +29,11 @@ static_assert(std::is_sorted(hash_array_primes.begin(), hash_array_primes.end() 
 
 constexpr int smallest_table = hash_array_primes.front();
 
-// Lines that nobody writes cost no memory: the heap hands out untouched pages.
-bool build_fronts(hashset_storage* set, size_t count) {
-    set->memory_of_fronts = zon_heap_zalloc(count + 1, sizeof(bucket_front));
-    if (set->memory_of_fronts == nullptr)
-        return false;
-    void* aligned = set->memory_of_fronts;
-    size_t room = (count + 1) * sizeof(bucket_front);
-    set->fronts = static_cast<bucket_front*>(
-        std::align(sizeof(bucket_front), count * sizeof(bucket_front), aligned, room));
-    return true;
-}
-
 bool build_array(zon_hashset set, int buckets) {
     const auto count = static_cast<size_t>(buckets);
     set->array = static_cast<zon_hashset_hdr**>(zon_heap_zalloc(count, sizeof(zon_hashset_hdr*)));
     set->items_in_bucket = static_cast<uint8_t*>(zon_heap_zalloc(count, 1));
-    if (set->array == nullptr || set->items_in_bucket == nullptr ||
-        !build_fronts(storage_of(set), count))
+    if (set->array == nullptr || set->items_in_bucket == nullptr)
         return false;
     set->array_size = buckets;
     set->resize_threshold_down = buckets / 5;
@@ -58,7 +44,6 @@ bool build_array(zon_hashset set, int buckets) {
 void free_parts(zon_hashset set) {
     std::free(set->array);
     std::free(set->items_in_bucket);
-    std::free(storage_of(set)->memory_of_fronts);
     std::free(storage_of(set));
 }
 
@@ -190,12 +175,12 @@ zon_hashset_item zon_hashset_get(zon_hashset set, zon_hashset_item item_key, int
 
 pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item item1, int bucket1,
                                            zon_hashset_item item2, zon_hashset_same same,
-                                           void* same_context) {
+                                           zon_hashset_linked linked, void* context) {
     const auto b1 = static_cast<uint32_t>(bucket1);
     const uint32_t b2 = bucket_of(set, set->hash_function(item2, set->calc_context));
     {
         held_buckets<2> held(set, {b1, b2});
-        if (bucket_holds_same(set, b1, item1, same, same_context))
+        if (bucket_holds_same(set, b1, item1, same, context))
             return pair_insert_result::already_present;
         if (bucket_is_full(set, b1))
             return pair_insert_result::first_refused;
@@ -205,6 +190,7 @@ pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item ite
             return pair_insert_result::second_refused;
         }
         link_at_head(set, item2, b2);
+        linked(item1, item2, context);
     }
     relaxed_add(set->used, 2);
     return pair_insert_result::linked;

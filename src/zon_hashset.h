@@ -76,15 +76,16 @@ void zon_hashset_remove_full(zon_hashset set, zon_hashset_item item1, zon_hashse
 enum class pair_insert_result { linked, first_refused, second_refused, already_present };
 // Tells whether an item that is in the set stands for the same thing as a new one.
 using zon_hashset_same = bool (*)(const void* new_item, const void* item, void* context);
+using zon_hashset_linked = void (*)(zon_hashset_item item1, zon_hashset_item item2, void* context);
 
 // Links both halves of a new flow at once, so that no thread ever sees one of them alone, unless an
 // item that counts as the same as the first is there already. The second is not compared:
 // translated or re-keyed flows may share a reverse key, and then the newest is found. The caller
 // holds the flow's lock throughout. bucket1 is the first item's bucket, as a get for it just
-// reported.
+// reported. linked is called with both items in, before their buckets are let go.
 pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item item1, int bucket1,
                                            zon_hashset_item item2, zon_hashset_same same,
-                                           void* same_context);
+                                           zon_hashset_linked linked, void* context);
 
 // Two items that are in the set, and records that hash and compare as they will after they were
 // rewritten.

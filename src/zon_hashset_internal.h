@@ -7,7 +7,6 @@
 #include <array>
 #include <utility>
 
-#include "zon_bucket_front.h"
 #include "zon_engine_inline.h"
 #include "zon_fast_modulo.h"
 #include "zon_hashset.h"
@@ -17,8 +16,6 @@
 struct hashset_storage : zon_hashset_ {
     fast_modulo bucket_of_hash;
     fast_modulo stripe_of_bucket;
-    bucket_front* fronts;  // one a bucket, on lines of their own
-    void* memory_of_fronts;
 };
 
 inline hashset_storage* storage_of(zon_hashset set) {
@@ -81,27 +78,6 @@ inline bool bucket_is_full(zon_hashset set, uint32_t bucket) {
     return set->max_bucket_depth != 0 && set->items_in_bucket[bucket] >= set->max_bucket_depth;
 }
 
-inline bucket_front& front_of(zon_hashset set, uint32_t bucket) {
-    return storage_of(set)->fronts[bucket];
-}
-inline uint16_t tag_of(zon_hashset set, zon_hashset_item item) {
-    return bucket_front::tag_of(set->hash_function(item, set->calc_context));
-}
-
-// An item left: those of the chain that had no room at the front move up behind its oldest.
-inline void refill_front(zon_hashset set, uint32_t bucket) {
-    bucket_front& front = front_of(set, bucket);
-    const zon_half_flow_t* oldest = front.oldest();
-    bool behind = oldest == nullptr;
-    for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr && front.has_room_at_end();
-         header = header->next) {
-        const zon_hashset_item item = item_of(set, header);
-        if (behind)
-            front.append(tag_of(set, item), static_cast<zon_half_flow_t*>(item), flow_of(item));
-        behind = behind || item == oldest;
-    }
-}
-
 // Links an item at the head of its bucket, whose lock is held.
 inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     zon_hashset_hdr* header = header_of(set, item);
@@ -112,8 +88,6 @@ inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket
     header->pointer_to_us = head;
     *head = header;
     ++set->items_in_bucket[bucket];
-    front_of(set, bucket)
-        .push(tag_of(set, item), static_cast<zon_half_flow_t*>(item), flow_of(item));
 }
 
 // Unlinks an item from its bucket, whose lock is held, and so is that of the item's flow.
@@ -123,10 +97,6 @@ inline void unlink(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
         header->next->pointer_to_us = header->pointer_to_us;
     *header->pointer_to_us = header->next;
     --set->items_in_bucket[bucket];
-    bucket_front& front = front_of(set, bucket);
-    front.remove(static_cast<zon_half_flow_t*>(item));
-    if (front.has_room_at_end() && front.entries() < set->items_in_bucket[bucket])
-        refill_front(set, bucket);
 }
 
 inline bool is_linked(zon_hashset set, zon_hashset_item item) {

@@ -44,23 +44,24 @@ constexpr bool after(uint32_t a, uint32_t b) {
 // One packet of a connection. Only direction and flags are read at once: without checks most
 // packets need no more.
 struct segment {
-    explicit segment(const zon_dp_fe_t& packet)
-        : fe(packet),
-          from(packet.i2r_flag ? side::initiator : side::responder),
-          flags(packet.l4_start[13] & judged_flags) {}
+    explicit segment(const tcp_segment& of)
+        : header(of.header),
+          length(of.payload),
+          from(of.from_initiator ? side::initiator : side::responder),
+          flags(of.header[13] & judged_flags) {}
 
     bool has(uint8_t any_of) const { return (flags & any_of) != 0; }
     bool lacks(uint8_t all_of) const { return !has(all_of); }
     bool has_exactly(uint8_t these) const { return flags == these; }
-    uint32_t seq() const { return load_be32(fe.l4_start + 4); }
-    uint32_t ack() const { return load_be32(fe.l4_start + 8); }
-    uint32_t window() const { return load_be16(fe.l4_start + 14); }
-    // The accessor only reads; its handle type is C's and has no const.
-    uint32_t payload() const { return zon_token_tcp_datalen(const_cast<zon_dp_fe_t*>(&fe)); }
+    uint32_t seq() const { return load_be32(header + 4); }
+    uint32_t ack() const { return load_be32(header + 8); }
+    uint32_t window() const { return load_be16(header + 14); }
+    uint32_t payload() const { return length; }
     // Sequence numbers that SYN and FIN take up; one, even when both are set.
     uint32_t control() const { return has(flag_syn | flag_fin) ? 1 : 0; }
 
-    const zon_dp_fe_t& fe;
+    const uint8_t* const header;
+    const uint32_t length;
     const side from;
     const uint8_t flags;
 };
@@ -340,7 +341,7 @@ verdict in_syn_rcvd(const segment& seg, zon_l4_state_t& l4, bool checked) {
 }
 
 // estab: the three steps of the handshake are done.
-verdict in_estab(const segment& seg, zon_l4_state_t& l4, bool checked) {
+[[gnu::flatten]] verdict in_estab(const segment& seg, zon_l4_state_t& l4, bool checked) {
     const judged seen =
         checked ? check_segment(seg, l4, false, gap::is_final) : so_far(ZON_L4_NOERR);
     if (seen.is_final)
@@ -398,42 +399,49 @@ verdict in_time_wait(const segment& seg) {
     return seg.has(flag_rst) ? ZON_L4_INVALID_FLAGS : ZON_L4_INVALID_STATE;
 }
 
-const zon_dp_fe_t& packet_of(zon_fe_handle fe) {
-    return *static_cast<const zon_dp_fe_t*>(fe);
+segment segment_of(zon_fe_handle fe) {
+    const auto& packet = *static_cast<const zon_dp_fe_t*>(fe);
+    return segment({packet.l4_start, zon_token_tcp_datalen(fe), packet.i2r_flag != 0});
 }
 
 }  // namespace
 
 zon_l4_retcode valid_tcp_seq(zon_fe_handle fe, zon_tcp_state_info* snd_info,
                              const zon_tcp_state_info* rcv_info, bool receiver_got_fin) {
-    return judge_sequence(segment(packet_of(fe)), *snd_info, *rcv_info, receiver_got_fin);
+    return judge_sequence(segment_of(fe), *snd_info, *rcv_info, receiver_got_fin);
 }
 
 bool valid_tcp_ack(zon_fe_handle fe, zon_tcp_state_info* snd_info,
                    const zon_tcp_state_info* rcv_info) {
-    return judge_acknowledgement(segment(packet_of(fe)), *snd_info, *rcv_info);
+    return judge_acknowledgement(segment_of(fe), *snd_info, *rcv_info);
 }
 
-zon_l4_retcode zon_dp_l4_engine_tcp(const zon_fe_handle zon_fe, zon_l4_state_t* l4_info,
-                                    bool process_tcp_state_checks) {
-    const segment seg(packet_of(zon_fe));
-    switch (l4_info->tcp_state) {
+zon_l4_retcode zon_track_tcp(const tcp_segment& of, zon_l4_state_t& l4, bool checked) {
+    const segment seg(of);
+    switch (l4.tcp_state) {
     case ZON_TCP_LISTEN:
-        return in_listen(seg, *l4_info, process_tcp_state_checks);
+        return in_listen(seg, l4, checked);
     case ZON_TCP_SYNSENT:
-        return in_syn_sent(seg, *l4_info, process_tcp_state_checks);
+        return in_syn_sent(seg, l4, checked);
     case ZON_TCP_SYNRCVD:
-        return in_syn_rcvd(seg, *l4_info, process_tcp_state_checks);
+        return in_syn_rcvd(seg, l4, checked);
     case ZON_TCP_ESTAB:
-        return in_estab(seg, *l4_info, process_tcp_state_checks);
+        return in_estab(seg, l4, checked);
     case ZON_TCP_CLOSEWAIT:
-        return in_close_wait(seg, *l4_info, process_tcp_state_checks);
+        return in_close_wait(seg, l4, checked);
     case ZON_TCP_LASTACK:
-        return in_last_ack(seg, *l4_info, process_tcp_state_checks);
+        return in_last_ack(seg, l4, checked);
     case ZON_TCP_TIMEWAIT:
         return in_time_wait(seg);
     case ZON_TCP_CLOSED:
     default:
         return ZON_L4_INVALID_STATE;
     }
+}
+
+zon_l4_retcode zon_dp_l4_engine_tcp(const zon_fe_handle zon_fe, zon_l4_state_t* l4_info,
+                                    bool process_tcp_state_checks) {
+    const auto& packet = *static_cast<const zon_dp_fe_t*>(zon_fe);
+    return zon_track_tcp({packet.l4_start, zon_token_tcp_datalen(zon_fe), packet.i2r_flag != 0},
+                         *l4_info, process_tcp_state_checks);
 }

@@ -8,6 +8,15 @@
 
 #include "zon_fe_inline.h"
 
+// What of a TCP packet the tracker judges.
+struct tcp_segment {
+    const uint8_t* header;  // 16 bytes of it are read
+    uint32_t payload;       // bytes, by the length fields of the headers
+    bool from_initiator;
+};
+
+zon_l4_retcode zon_track_tcp(const tcp_segment& segment, zon_l4_state_t& l4, bool checked);
+
 zon_l4_retcode zon_dp_l4_engine_tcp(const zon_fe_handle zon_fe, zon_l4_state_t* l4_info,
                                     bool process_tcp_state_checks);
 

@@ -88,7 +88,7 @@ public:
     }
 
 private:
-    static constexpr uint32_t buffers = 16;
+    static constexpr uint32_t buffers = 32;  // as many as a burst may hold at once
     using buffer = std::array<uint8_t, 64>;
 
     static void put(uint8_t* at, uint32_t host_order) {
@@ -156,6 +156,17 @@ public:
         return zon_handle_captured_packet(packet, packet_size, 0, nullptr, &seen, &error);
     }
 
+    static constexpr uint32_t burst_size = 32;
+    void put_into_burst(uint32_t slot, uint8_t* packet) {
+        burst_[slot].iphdr = packet;
+        burst_[slot].captured_length = packet_size;
+        burst_[slot].pkt_indications = &burst_seen_[slot];
+    }
+    // How many packets have no flow.
+    uint32_t send_burst() {
+        return burst_size - zon_handle_packet_burst(burst_.data(), burst_size);
+    }
+
     // Both sides have sent, so that the packets of packet_writer::established fit.
     void establish(uint32_t connection) {
         if (packet_writer::is_tcp(connection)) {
@@ -170,6 +181,10 @@ public:
 
     packet_writer packets;
     zon_pkt_indications_t seen{};
+
+private:
+    std::array<zon_burst_packet_t, burst_size> burst_{};
+    std::array<zon_pkt_indications_t, burst_size> burst_seen_{};
 };
 
 class stopwatch {

@@ -6,10 +6,29 @@
 
 #pragma once
 
+#include <atomic>
+#include <cerrno>
+#include <cstdint>
 #include <utility>
 
 #include "osal/zon_lock_order.h"
 #include "zon_engine_defs.h"
+
+// A lock as it lies in memory, on a line of its own.
+struct alignas(64) recursive_lock {
+    std::atomic<uintptr_t> owner;    // the thread that holds it, 0 for none
+    uint32_t depth;                  // the owner's alone
+    std::atomic<uint32_t> sleepers;  // threads that may have to be woken
+    std::atomic<uint32_t> wakings;   // what they sleep on
+#ifdef ZON_CHECK_LOCK_ORDER
+    const void* order_class;  // what the lock is for; null: not checked
+    int order_entry;          // its place in a pool
+#endif
+};
+
+inline recursive_lock* lock_at(zon_lock_t lock) {
+    return static_cast<recursive_lock*>(lock);
+}
 
 // Memory for one lock, zero-filled; null without memory. zon_lock_init makes it a lock, free()
 // releases it after zon_lock_destroy.
@@ -17,18 +36,97 @@ zon_lock_t zon_lock_allocate();
 void zon_lock_init(zon_lock_t lock);
 void zon_lock_destroy(zon_lock_t lock);
 
-// Return the result of the platform, which is 0 for success.
+namespace lock_detail {
+
+// Different for any two threads that run at one time.
+inline uintptr_t this_thread() {
+    uintptr_t thread;
+    asm("mov %%fs:0, %0" : "=r"(thread));
+    return thread;
+}
+
+// Sleeps until the lock can be had.
+void wait_for(recursive_lock& lock);
+void wake_one(recursive_lock& lock);
+
+inline bool take_if_free(recursive_lock& lock, uintptr_t thread) {
+    uintptr_t nobody = 0;
+    if (lock.owner.load(std::memory_order_relaxed) != nobody ||
+        !lock.owner.compare_exchange_strong(nobody, thread, std::memory_order_acquire,
+                                            std::memory_order_relaxed))
+        return false;
+    lock.depth = 1;
+    return true;
+}
+
+inline bool try_to_take(recursive_lock& lock) {
+    const uintptr_t thread = this_thread();
+    if (take_if_free(lock, thread)) [[likely]]
+        return true;
+    if (lock.owner.load(std::memory_order_relaxed) != thread)
+        return false;
+    ++lock.depth;
+    return true;
+}
+
+inline void take(recursive_lock& lock) {
+    if (!try_to_take(lock)) [[unlikely]]
+        wait_for(lock);
+}
+
+inline int let_go(recursive_lock& lock) {
+    if (lock.owner.load(std::memory_order_relaxed) != this_thread()) [[unlikely]]
+        return EPERM;
+    if (--lock.depth != 0)
+        return 0;
+    // A plain store: packets that follow need not wait until everybody has seen it.
+    lock.owner.store(0, std::memory_order_release);
+    if (lock.sleepers.load(std::memory_order_relaxed) != 0) [[unlikely]]
+        wake_one(lock);
+    return 0;
+}
+
+}  // namespace lock_detail
+
+#ifdef ZON_CHECK_LOCK_ORDER
+
+bool zon_try_lock_internal(zon_lock_t lock);
 int zon_lock_internal(zon_lock_t lock);
 int zon_unlock_internal(zon_lock_t lock);
+
+// Called behind every release, for tests that let other threads in there; null: nothing is.
+extern std::atomic<void (*)()> zon_after_unlock;
+
+#else
+
 // True when the lock was taken; never waits.
-bool zon_try_lock_internal(zon_lock_t lock);
+inline bool zon_try_lock_internal(zon_lock_t lock) {
+    return lock_detail::try_to_take(*lock_at(lock));
+}
+// Returns 0.
+inline int zon_lock_internal(zon_lock_t lock) {
+    lock_detail::take(*lock_at(lock));
+    return 0;
+}
+// 0, or EPERM for a thread that does not hold the lock: then nothing changes.
+inline int zon_unlock_internal(zon_lock_t lock) {
+    return lock_detail::let_go(*lock_at(lock));
+}
+
+#endif
 
 // A row of size locks. Null without memory; the owner keeps the size.
 zon_lock_pool_t zon_lock_create_pool(int size);
 void zon_lock_destroy_pool(zon_lock_pool_t pool, int size);
-zon_lock_t zon_lock_get_pool_lock(zon_lock_pool_t pool, int entry);
-int zon_lock_pool_internal(zon_lock_pool_t pool, int entry);
-int zon_unlock_pool_internal(zon_lock_pool_t pool, int entry);
+inline zon_lock_t zon_lock_get_pool_lock(zon_lock_pool_t pool, int entry) {
+    return static_cast<recursive_lock*>(pool) + entry;
+}
+inline int zon_lock_pool_internal(zon_lock_pool_t pool, int entry) {
+    return zon_lock_internal(zon_lock_get_pool_lock(pool, entry));
+}
+inline int zon_unlock_pool_internal(zon_lock_pool_t pool, int entry) {
+    return zon_unlock_internal(zon_lock_get_pool_lock(pool, entry));
+}
 
 // Holds one level of a lock for a scope; a null lock holds nothing.
 class [[nodiscard]] held_lock {

@@ -18,7 +18,8 @@ enum zon_memory_type : int32_t {
     ZON_MEM_TYPE_MAX = 7
 };
 
-// Sizes of the two records that the platform has no declaration of.
+// Sizes of the records that the platform has no declaration of.
+inline constexpr size_t zon_flow_record_size = 320;
 inline constexpr size_t zon_super_context_size = 288;
 inline constexpr size_t zon_flow_list_element_size = 16;
 

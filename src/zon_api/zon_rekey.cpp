@@ -133,10 +133,11 @@ zon_error_t update_side(const reporter& report, const zon_flow_tuple_t* flow_tup
             return report.no_memory(family);
         }
     }
-    flow->private_mirrored = 0;
-    const bool linked = move_half_flow(half, key, is_new);
-    if (linked)
+    zon_flow_table_unindex(g_zon->flow_tbl, flow.get());
+    if (move_half_flow(half, key, is_new)) {
+        zon_flow_table_index_anew(g_zon->flow_tbl, flow.get());
         return zon_error_none;
+    }
     give_side_back(flow.get(), report.side, half);
     flow.release();
     return report.bucket_full();
@@ -167,11 +168,13 @@ int zon_flow_update_vrf(zon_fid_t fid, uint32_t new_vrf_id) {
     locked_flow flow = zon_fid_table_lookup(g_zon->fid_table, fid);
     if (!flow)
         return 0;
+    zon_flow_table_unindex(g_zon->flow_tbl, flow.get());
     // The half flows stay in their buckets: the VRF is not part of the hash. Lookups compare it
     // meanwhile, so it is stored as one atomic word.
     for (const zon_flow_direction_e side : {ZON_DIR_INITIATOR, ZON_DIR_RESPONDER})
         if (zon_half_flow_t* half = zon_half_flow_of(flow.get(), side))
             relaxed_store(half->key.vrf_id, new_vrf_id);
+    zon_flow_table_index_anew(g_zon->flow_tbl, flow.get());
     // Kept on purpose: this level of the lock stays with the caller.
     std::move(flow).hand_over();
     return 0;

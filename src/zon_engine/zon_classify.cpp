@@ -13,8 +13,6 @@
 #include "zon_engine/zon_flow_accounting.h"
 #include "zon_engine/zon_half_open.h"
 #include "zon_engine/zon_packet.h"
-#include "zon_engine/zon_state_trace.h"
-#include "zon_super_ctx_table.h"
 
 namespace {
 
@@ -64,21 +62,9 @@ attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
 locked_flow find_or_make(packet_in_engine& packet) {
     int bucket = 0;
     if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
-        [[likely]] {
-        packet.found = half;
+        [[likely]]
         return locked_flow::adopt(half->flow);
-    }
     return find_or_make_after_miss(packet, bucket);
-}
-
-void account_payload(zon_flow_t* flow, zon_pkt_indications_t* seen) {
-    if (seen->l4_payload_size == 0)
-        return;
-    flow->num_l7_bytes += seen->l4_payload_size;
-    if (flow->first_payload_seen_on_pkt_num == 0) {
-        seen->first_payload = 1;
-        flow->first_payload_seen_on_pkt_num = flow->packet_number;
-    }
 }
 
 // A report repeats the number of its packet: its payload is counted once.
@@ -93,46 +79,14 @@ void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
         seen->first_payload = 1;
 }
 
-// The steps that both modes end with.
-template <class last_step>
-zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t packet_number,
-                 last_step trace) {
-    if (packet.fe->protocol == ZON_TCP_PROT &&
-        relaxed_load(packet.capabilities->zon_engine_client_bypass) != 0) [[unlikely]]
-        run_bypass_callbacks(flow.get(), packet.indications);
-    zon_half_open_follow(flow.get(), packet.fe);
-    account_aging(flow.get(), packet);
-    report_last_packet(flow.get(), packet);
-    fill_indications(flow.get(), packet, packet_number);
-    trace();
-    const zon_fid_t fid = flow->fid;
-    // Under the lock that is held anyway: nobody deletes the flow before it has joined its super
-    // contexts.
-    if (packet.indications->fif != 0) [[unlikely]]
-        zon_super_context_process_fif(flow.get(), packet.context);
-    return fid;
-}
-
 }  // namespace
 
 zon_fid_t zon_classify_packet(packet_in_engine& packet) {
     locked_flow flow = find_or_make(packet);
     if (!flow) [[unlikely]]
         return 0;
-
-    ++flow->packet_number;
-    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe, packet.found);
-    state_trace trace(flow.get());
-    packet.indications->l4_error =
-        zon_l4_engine(packet.fe, &flow->l4state,
-                      relaxed_load(packet.capabilities->zon_engine_tcp_state_checks) != 0);
-    if (packet.indications->l4_error != ZON_L4_NOERR) [[unlikely]]
-        trace_l4_error(flow.get(), packet.indications->l4_error);
-    packet.indications->l4_payload_size = payload_size_of(packet.fe);
-    account_payload(flow.get(), packet.indications);
-    const uint32_t packet_number = flow->packet_number;
-    return finish(std::move(flow), packet, packet_number,
-                  [&] { trace.print_if_changed(packet.fe); });
+    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe);
+    return account_packet(std::move(flow), packet);
 }
 
 zon_fid_t zon_synchronise_packet(packet_in_engine& packet, zon_fid_t fid,
@@ -143,7 +97,7 @@ zon_fid_t zon_synchronise_packet(packet_in_engine& packet, zon_fid_t fid,
         return 0;
     if (reported_number == 1)
         packet.indications->fif = 1;
-    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe, nullptr);
+    packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe);
     flow->l4state.sess_state = static_cast<uint8_t>(reported_state);
     packet.indications->l4_payload_size = payload_size_of(packet.fe);
     account_reported_payload(flow.get(), packet.indications, reported_number);

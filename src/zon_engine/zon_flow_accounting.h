@@ -7,9 +7,12 @@
 #include "osal/zon_timer.h"
 #include "zon_bytes.h"
 #include "zon_engine/zon_clients.h"
+#include "zon_engine/zon_half_open.h"
 #include "zon_engine/zon_packet.h"
+#include "zon_engine/zon_state_trace.h"
 #include "zon_key_hash.h"
 #include "zon_l4.h"
+#include "zon_super_ctx_table.h"
 #include "zon_timer_common.h"
 
 inline constexpr uint32_t udp_header_size = 8;
@@ -30,20 +33,13 @@ inline bool is_source_of(const zon_dp_fe_t* fe, const typename family::address& 
 }
 
 // The packet runs from the initiator to the responder when its source is the initiator's address.
-// The half flow that led here, if one did, is in the cache and the other one likely not: where the
-// sides mirror each other, the address is read from the one that was found.
-inline bool runs_from_initiator(const zon_flow_t* flow, const zon_dp_fe_t* fe,
-                                const zon_half_flow_t* found) {
-    const bool by_responder = flow->private_mirrored != 0 && found == flow->responder_flow;
-    const zon_half_flow_t* side = by_responder ? found : flow->initiator_flow;
-    zon_require(side->key.key_type <= ZON_IPV6_LAST_KEY,
+inline bool runs_from_initiator(const zon_flow_t* flow, const zon_dp_fe_t* fe) {
+    const zon_half_flow_t* initiator = flow->initiator_flow;
+    zon_require(initiator->key.key_type <= ZON_IPV6_LAST_KEY,
                 "flow->initiator_flow->key.key_type <= ZON_IPV6_LAST_KEY", "zon_engine");
-    if (zon_key_is_ipv4(side->key.key_type)) {
-        const zon_ipv4_key_t& key = *zon_full_key<ipv4_family>(side);
-        return is_source_of<ipv4_family>(fe, by_responder ? key.dst_ip : key.src_ip);
-    }
-    const zon_ipv6_key_t& key = *zon_full_key<ipv6_family>(side);
-    return is_source_of<ipv6_family>(fe, by_responder ? key.dst_ip : key.src_ip);
+    return zon_key_is_ipv4(initiator->key.key_type)
+               ? is_source_of<ipv4_family>(fe, zon_full_key<ipv4_family>(initiator)->src_ip)
+               : is_source_of<ipv6_family>(fe, zon_full_key<ipv6_family>(initiator)->src_ip);
 }
 
 // Payload bytes by the length fields of the headers, modulo 2^16.
@@ -65,13 +61,19 @@ inline uint32_t payload_size_of(const zon_dp_fe_t* fe) {
     }
 }
 
-inline void run_bypass_callbacks(zon_flow_t* flow, const zon_pkt_indications_t* seen) {
+struct payload_of_packet {
+    uint32_t size;
+    bool is_first;  // of the flow
+};
+
+inline void run_bypass_callbacks(zon_flow_t* flow, bool is_first_packet, bool was_promoted,
+                                 payload_of_packet payload) {
     const client_function called;
     for (const auto* client = zon_first_client(g_zon); client != nullptr;
          client = zon_next_client(client))
         if (const zon_client_bypass_cb_t bypass = zon_callback_of(client->bypass_cb))
-            bypass(seen->l4_payload_size, seen->fif != 0, seen->was_promoted != 0,
-                   seen->first_payload != 0, &flow->bypass_id);
+            bypass(payload.size, is_first_packet, was_promoted, payload.is_first,
+                   &flow->bypass_id);
 }
 
 // The idle time is chosen once, by the state after the first packet.
@@ -121,4 +123,52 @@ inline void fill_indications(const zon_flow_t* flow, const packet_in_engine& pac
     seen->bypass_id = flow->bypass_id;
     seen->flow_pkt_count = packet_number;
     seen->l7_flow_bytes = flow->num_l7_bytes;
+}
+
+// Whether it is the flow's first payload.
+inline bool account_payload(zon_flow_t* flow, uint32_t payload) {
+    flow->num_l7_bytes += payload;
+    if (payload == 0 || flow->first_payload_seen_on_pkt_num != 0)
+        return false;
+    flow->first_payload_seen_on_pkt_num = flow->packet_number;
+    return true;
+}
+
+// The steps that both modes end with.
+template <class last_step>
+zon_fid_t finish(locked_flow flow, const packet_in_engine& packet, uint32_t packet_number,
+                 last_step trace) {
+    if (packet.fe->protocol == ZON_TCP_PROT &&
+        relaxed_load(packet.capabilities->zon_engine_client_bypass) != 0) [[unlikely]]
+        run_bypass_callbacks(
+            flow.get(), packet.indications->fif != 0, packet.indications->was_promoted != 0,
+            {packet.indications->l4_payload_size, packet.indications->first_payload != 0});
+    zon_half_open_follow(flow.get(), packet.fe);
+    account_aging(flow.get(), packet);
+    report_last_packet(flow.get(), packet);
+    fill_indications(flow.get(), packet, packet_number);
+    trace();
+    const zon_fid_t fid = flow->fid;
+    // Under the lock that is held anyway: nobody deletes the flow before it has joined its super
+    // contexts.
+    if (packet.indications->fif != 0) [[unlikely]]
+        zon_super_context_process_fif(flow.get(), packet.context);
+    return fid;
+}
+
+// A packet whose direction is known brings its flow up to date and is told what was found.
+inline zon_fid_t account_packet(locked_flow flow, const packet_in_engine& packet) {
+    ++flow->packet_number;
+    const state_trace trace(flow.get());
+    packet.indications->l4_error =
+        zon_l4_engine(packet.fe, &flow->l4state,
+                      relaxed_load(packet.capabilities->zon_engine_tcp_state_checks) != 0);
+    if (packet.indications->l4_error != ZON_L4_NOERR) [[unlikely]]
+        trace_l4_error(flow.get(), packet.indications->l4_error);
+    packet.indications->l4_payload_size = payload_size_of(packet.fe);
+    packet.indications->first_payload =
+        account_payload(flow.get(), packet.indications->l4_payload_size);
+    const uint32_t packet_number = flow->packet_number;
+    return finish(std::move(flow), packet, packet_number,
+                  [&] { trace.print_if_changed(packet.fe); });
 }

@@ -75,10 +75,9 @@ attempted_flow made_meanwhile(packet_in_engine& packet) {
 
 // Shows the key to a host's NAT, so that the responder's side is stored under the translated
 // addresses. The key holds ports in words, the hook takes 16-bit ones.
-// False when there is none.
-bool translate_addresses(packet_in_engine& packet) {
+void translate_addresses(packet_in_engine& packet) {
     if (!zon_key_is_ipv4(packet.key->key.key_type) || !zon_ipnat_enabled(packet.context))
-        return false;
+        return;
     zon_ipv4_key_t& key = *zon_full_key<ipv4_family>(packet.key);
     auto src_port = static_cast<uint16_t>(key.src_port);
     auto dst_port = static_cast<uint16_t>(key.dst_port);
@@ -86,7 +85,6 @@ bool translate_addresses(packet_in_engine& packet) {
                               static_cast<uint8_t>(key.l4_protocol));
     key.src_port = src_port;
     key.dst_port = dst_port;
-    return true;
 }
 
 [[gnu::cold]] attempted_flow refuse_insert(packet_in_engine& packet, locked_flow flow) {
@@ -144,7 +142,7 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
         return refuse_for_memory(packet,
                                  "\nZON Engine: Could not allocate memory for the half flow");
     }
-    flow->private_mirrored = !translate_addresses(packet);
+    translate_addresses(packet);
     zon_copy_key_to_half_flow(flow->responder_flow, &packet.key->key);
     zon_swap_key(&flow->responder_flow->key);
     flow->initiator_flow->flow = flow.get();

@@ -69,16 +69,7 @@ private:
     size_t count_ = 0;
 };
 
-// The front names all items of a short bucket and is read without the lock. What is read of it
-// while somebody changes it may be out of date, but always is a record.
 void look_through(zon_hashset set, uint32_t bucket, oldest_flows& oldest) {
-    const bucket_front& front = front_of(set, bucket);
-    if (front.has_room_at_end()) {
-        for (unsigned at = 0; at < bucket_front::size; ++at)
-            if (zon_flow_t* flow = front.flow_at(at))
-                oldest.consider(flow);
-        return;
-    }
     held_bucket held(set, bucket);
     for (zon_hashset_hdr* header = set->array[bucket]; header != nullptr; header = header->next)
         oldest.consider(flow_of(item_of(set, header)));

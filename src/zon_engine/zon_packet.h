@@ -13,7 +13,6 @@ struct packet_in_engine {
     zon_error_t* error;
     zon_tunnel_type_e tunnel;
     const zon_capability_counter_t* capabilities;
-    const zon_half_flow_t* found = nullptr;  // what the lookup led to; null for a flow just made
 };
 
 // Finds or makes the packet's flow, brings it up to date and fills the indications; 0 when the

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <type_traits>
 
 #include "zon_engine/zon_packet.h"
 #include "zon_engine_defs.h"
@@ -87,6 +88,13 @@ inline void preset_indications(const arriving_packet& arriving, const zon_dp_fe_
 // no half flow of ours. Storage of the larger family serves both.
 class scratch_half_flow {
 public:
+    template <class family>
+    void set(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_l4_port_t ports) {
+        if constexpr (std::is_same_v<family, ipv4_family>)
+            set_ipv4(arriving, fe, ports);
+        else
+            set_ipv6(arriving, fe, ports);
+    }
     void set_ipv4(const arriving_packet& arriving, const zon_dp_fe_t& fe, zon_l4_port_t ports) {
         zon_ipv4_key_t* key = zon_full_key<ipv4_family>(head());
         *key = {ZON_IPV4_KEY_COMPLETE,

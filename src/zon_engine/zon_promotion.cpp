@@ -63,6 +63,7 @@ void complete_in_place(zon_flow_t* flow, uint32_t complete) {
     const key_types announced = types_of(flow);
     for (zon_half_flow_t* half : {flow->initiator_flow, flow->responder_flow})
         relaxed_store(half->key.key_type, complete);
+    zon_flow_table_index_anew(g_zon->flow_tbl, flow);
     // Last, so that no packet misses both the announced and the complete key.
     count_out(announced);
 }

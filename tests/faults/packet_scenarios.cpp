@@ -143,6 +143,21 @@ zon_error_t build_all() {
 using p = packet_set;
 constexpr refusals refused = {answered_false};
 
+// The second and the third packet of the burst are of the flow that the first one makes.
+zon_error_t take_burst() {
+    std::array<zon_pkt_indications_t, 4> seen{};
+    std::array<zon_burst_packet_t, 4> burst{};
+    bytes* const taken[] = {&packets().udp4, &packets().udp4_reply, &packets().udp4,
+                            &packets().syn6};
+    for (size_t i = 0; i < burst.size(); ++i) {
+        burst[i].iphdr = taken[i]->data();
+        burst[i].captured_length = static_cast<uint32_t>(taken[i]->size());
+        burst[i].pkt_indications = &seen[i];
+    }
+    zon_handle_packet_burst(burst.data(), static_cast<uint32_t>(burst.size()));
+    return first_of({burst[0].error, burst[1].error, burst[2].error, burst[3].error});
+}
+
 constexpr scenario rows[] = {
     {"udp_over_ipv4", stage::timers, nullptr, take<&p::udp4>, no_memory},
     {"udp_over_ipv6", stage::timers, nullptr, take<&p::udp6>, no_memory},
@@ -160,6 +175,7 @@ constexpr scenario rows[] = {
      no_memory_inside},
     {"ipv6_in_ipv4", stage::timers, nullptr, take<&p::in_ip>, no_memory_inside},
     {"teredo", stage::timers, nullptr, take<&p::teredo>, no_memory_inside},
+    {"burst", stage::timers, nullptr, take_burst, no_memory},
     {"trusted_packet", stage::engine, nullptr, trust_a_packet, no_memory},
     {"synchronised_packets", stage::engine, nullptr, synchronise, no_memory},
     {"classification_by_key", stage::engine, nullptr, classify_by_key, no_memory},

@@ -2,6 +2,8 @@
 
 #include "zon_flow_table.h"
 
+#include "zon_connection.h"
+
 #include <gtest/gtest.h>
 
 #include <cstdlib>
@@ -21,9 +23,9 @@ using zon_test::key_type_name;
 using zon_test::levels_held;
 
 // A flow by value, its two half flows and its lock, which is held as inserting code holds it.
-class flow_record {
+class two_sided {
 public:
-    explicit flow_record(const key_fields& fields) : initiator_(fields), responder_(fields) {
+    explicit two_sided(const key_fields& fields) : initiator_(fields), responder_(fields) {
         zon_swap_key(&responder_.key());
         flow_.flow_lock = zon_lock_allocate();
         zon_lock_init(flow_.flow_lock);
@@ -33,13 +35,13 @@ public:
         flow_.initiator_flow->flow = &flow_;
         flow_.responder_flow->flow = &flow_;
     }
-    ~flow_record() {
+    ~two_sided() {
         zon_unlock_internal(flow_.flow_lock);
         zon_lock_destroy(flow_.flow_lock);
         std::free(flow_.flow_lock);
     }
-    flow_record(const flow_record&) = delete;
-    flow_record& operator=(const flow_record&) = delete;
+    two_sided(const two_sided&) = delete;
+    two_sided& operator=(const two_sided&) = delete;
 
     zon_flow_t* flow() { return &flow_; }
     zon_half_flow_t* initiator() { return initiator_.half(); }
@@ -49,7 +51,8 @@ public:
 private:
     key_record initiator_;
     key_record responder_;
-    zon_flow_t flow_{};
+    flow_record record_{};
+    zon_flow_t& flow_ = record_.flow;
 };
 
 struct table_statistics {
@@ -74,9 +77,9 @@ protected:
         table = zon_flow_table_create(13, 3, depth);
         ASSERT_NE(table, nullptr);
     }
-    flow_record& make(const key_fields& fields = {}) { return flows.emplace_back(fields); }
-    flow_record& put(const key_fields& fields = {}) {
-        flow_record& made = make(fields);
+    two_sided& make(const key_fields& fields = {}) { return flows.emplace_back(fields); }
+    two_sided& put(const key_fields& fields = {}) {
+        two_sided& made = make(fields);
         EXPECT_TRUE(zon_flow_table_insert(table, made.initiator()));
         EXPECT_TRUE(zon_flow_table_insert(table, made.responder()));
         return made;
@@ -103,7 +106,7 @@ protected:
     }
 
     zon_flow_table_t* table = nullptr;
-    std::list<flow_record> flows;
+    std::list<two_sided> flows;
 };
 
 // ---- creation ----
@@ -135,7 +138,7 @@ INSTANTIATE_TEST_SUITE_P(rows, flow_table_size,
 // ---- insert and lookup ----
 
 TEST_F(flow_table, keeps_the_level_of_the_flow_lock_through_inserts) {
-    flow_record& made = make();
+    two_sided& made = make();
     EXPECT_TRUE(zon_flow_table_insert(table, made.initiator()));
     EXPECT_EQ(made.lock_levels(), 1);
     EXPECT_TRUE(zon_flow_table_insert_direct(table, made.responder(), bucket_of(made.responder())));
@@ -145,7 +148,7 @@ TEST_F(flow_table, keeps_the_level_of_the_flow_lock_through_inserts) {
 }
 
 TEST_F(flow_table, hands_a_found_flow_over_locked) {
-    flow_record& made = put();
+    two_sided& made = put();
     key_record wanted;
     int bucket = -1;
     EXPECT_EQ(zon_flow_table_lookup(table, wanted.half(), &bucket), made.initiator());
@@ -155,7 +158,7 @@ TEST_F(flow_table, hands_a_found_flow_over_locked) {
 }
 
 TEST_F(flow_table, finds_both_directions_of_a_flow) {
-    flow_record& made = put();
+    two_sided& made = put();
     key_record reply;
     zon_swap_key(&reply.key());
     EXPECT_EQ(find(key_fields{}), made.initiator());
@@ -174,9 +177,9 @@ TEST_F(flow_table, tells_flows_of_one_bucket_apart_by_vrf_and_protocol) {
     other_vrf.vrf_id = 1;
     key_fields other_protocol;
     other_protocol.protocol = 17;
-    flow_record& plain = put();
-    flow_record& in_vrf = put(other_vrf);
-    flow_record& udp = put(other_protocol);
+    two_sided& plain = put();
+    two_sided& in_vrf = put(other_vrf);
+    two_sided& udp = put(other_protocol);
     EXPECT_EQ(find(key_fields{}), plain.initiator());
     EXPECT_EQ(find(other_vrf), in_vrf.initiator());
     EXPECT_EQ(find(other_protocol), udp.initiator());
@@ -184,9 +187,9 @@ TEST_F(flow_table, tells_flows_of_one_bucket_apart_by_vrf_and_protocol) {
 
 TEST_F(flow_table, at_depth_one_refuses_a_second_flow_in_a_bucket_and_still_finds_the_first) {
     create(1);
-    flow_record& first = make();
+    two_sided& first = make();
     EXPECT_TRUE(zon_flow_table_insert(table, first.initiator()));
-    flow_record& second = make(with_forward_bucket(bucket_of(first.initiator()), {}));
+    two_sided& second = make(with_forward_bucket(bucket_of(first.initiator()), {}));
     EXPECT_FALSE(zon_flow_table_insert(table, second.initiator()));
     EXPECT_EQ(second.lock_levels(), 1);
     EXPECT_FALSE(zon_flow_table_insert_direct(table, second.initiator(), bucket_of(second.initiator())));
@@ -197,7 +200,7 @@ TEST_F(flow_table, at_depth_one_refuses_a_second_flow_in_a_bucket_and_still_find
 }
 
 TEST_F(flow_table, finds_a_complete_key_without_a_supplied_hash_and_not_with_a_wrong_one) {
-    flow_record& made = put();
+    two_sided& made = put();
     key_record wanted;
     wanted.key().hash_value = zon_hash_calc(wanted.half(), nullptr) + 1;
     wanted.key().hash_valid = 0;
@@ -207,7 +210,7 @@ TEST_F(flow_table, finds_a_complete_key_without_a_supplied_hash_and_not_with_a_w
 }
 
 TEST_F(flow_table, finds_a_key_that_was_stored_under_a_supplied_hash_by_that_hash_only) {
-    flow_record& made = make();
+    two_sided& made = make();
     made.initiator()->key.hash_value = zon_hash_calc(made.initiator(), nullptr) + 1;
     made.initiator()->key.hash_valid = 1;
     ASSERT_TRUE(zon_flow_table_insert(table, made.initiator()));
@@ -223,7 +226,7 @@ TEST_F(flow_table, answers_a_destination_only_key_of_any_protocol_and_vrf) {
     for (const uint32_t type : types) {
         key_fields announced;
         announced.type = type;
-        flow_record& made = put(announced);
+        two_sided& made = put(announced);
         key_fields wanted = announced;
         wanted.protocol = 17;
         wanted.vrf_id = 4711;
@@ -236,7 +239,7 @@ TEST_F(flow_table, answers_a_destination_only_key_of_any_protocol_and_vrf) {
 }
 
 TEST_F(flow_table, does_not_find_a_flow_in_deletion) {
-    flow_record& made = put();
+    two_sided& made = put();
     made.flow()->private_dying = 1;
     EXPECT_EQ(find(key_fields{}), nullptr);
 }
@@ -262,11 +265,11 @@ TEST(flow_table_that_is_missing, refuses_everything_and_does_nothing) {
 // ---- delete ----
 
 TEST_F(flow_table, counts_each_half_flow_that_is_deleted_singly_and_a_whole_flow_once) {
-    flow_record& made = put();
+    two_sided& made = put();
     EXPECT_TRUE(zon_flow_table_delete(table, made.initiator(), true));
     EXPECT_TRUE(zon_flow_table_delete(table, made.responder(), false));
     EXPECT_EQ(table->profile_delete, 2U);
-    flow_record& other = put();
+    two_sided& other = put();
     EXPECT_TRUE(zon_flow_table_delete_full_flow(table, other.initiator(), other.responder(), true));
     EXPECT_EQ(table->profile_delete, 3U);
     EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
@@ -274,15 +277,15 @@ TEST_F(flow_table, counts_each_half_flow_that_is_deleted_singly_and_a_whole_flow
 }
 
 TEST_F(flow_table, leaves_no_lock_behind_a_deletion) {
-    flow_record& made = put();
+    two_sided& made = put();
     zon_flow_table_delete(table, made.initiator(), true);
     EXPECT_EQ(levels_held(table->flow_table_lock), 0);
     EXPECT_EQ(made.lock_levels(), 1);
 }
 
 TEST_F(flow_table, counts_but_does_not_unlink_half_flows_that_are_outside) {
-    flow_record& inside = put();
-    flow_record& outside = make();  // its headers have no link back
+    two_sided& inside = put();
+    two_sided& outside = make();  // its headers have no link back
     EXPECT_TRUE(zon_flow_table_delete(table, outside.initiator(), true));
     EXPECT_TRUE(zon_flow_table_delete_full_flow(table, outside.initiator(), outside.responder(), true));
     EXPECT_EQ(table->profile_delete, 2U);
@@ -291,11 +294,11 @@ TEST_F(flow_table, counts_but_does_not_unlink_half_flows_that_are_outside) {
 }
 
 TEST_F(flow_table, unlinks_the_one_half_of_a_flow_that_is_inside) {
-    flow_record& half_inside = make();
+    two_sided& half_inside = make();
     ASSERT_TRUE(zon_flow_table_insert(table, half_inside.responder()));
     EXPECT_TRUE(zon_flow_table_delete_full_flow(table, half_inside.initiator(), half_inside.responder(), false));
     EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
-    flow_record& other_half = make();
+    two_sided& other_half = make();
     ASSERT_TRUE(zon_flow_table_insert(table, other_half.initiator()));
     EXPECT_TRUE(zon_flow_table_delete_full_flow(table, other_half.initiator(), other_half.responder(), false));
     EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
@@ -305,7 +308,7 @@ TEST_F(flow_table, unlinks_the_one_half_of_a_flow_that_is_inside) {
 
 class flow_insert : public flow_table {
 protected:
-    pair_insert_result insert(flow_record& made) {
+    pair_insert_result insert(two_sided& made) {
         const pair_insert_result result =
             zon_flow_table_insert_flow(table, made.flow(), bucket_of(made.initiator()));
         EXPECT_EQ(made.lock_levels(), 1) << "the level of the flow's lock changed";
@@ -314,7 +317,7 @@ protected:
 };
 
 TEST_F(flow_insert, links_both_halves_and_counts_two) {
-    flow_record& made = make();
+    two_sided& made = make();
     EXPECT_EQ(insert(made), pair_insert_result::linked);
     EXPECT_EQ(table->profile_insert, 2U);
     EXPECT_EQ(table->profile_delete, 0U);
@@ -323,9 +326,9 @@ TEST_F(flow_insert, links_both_halves_and_counts_two) {
 
 TEST_F(flow_insert, counts_nothing_when_the_initiator_is_refused) {
     create(1);
-    flow_record& blocker = make(with_forward_bucket(bucket_of(make().initiator()), {}, 50000));
+    two_sided& blocker = make(with_forward_bucket(bucket_of(make().initiator()), {}, 50000));
     ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
-    flow_record& made = make();
+    two_sided& made = make();
     EXPECT_EQ(insert(made), pair_insert_result::first_refused);
     EXPECT_EQ(table->profile_insert, 1U);
     EXPECT_EQ(table->profile_delete, 0U);
@@ -334,9 +337,9 @@ TEST_F(flow_insert, counts_nothing_when_the_initiator_is_refused) {
 
 TEST_F(flow_insert, counts_one_in_and_one_out_when_the_responder_is_refused) {
     create(1);
-    flow_record& made = make();
+    two_sided& made = make();
     ASSERT_NE(bucket_of(made.initiator()), bucket_of(made.responder())) << "the example needs two buckets";
-    flow_record& blocker = make(with_forward_bucket(bucket_of(made.responder()), {}, 50000));
+    two_sided& blocker = make(with_forward_bucket(bucket_of(made.responder()), {}, 50000));
     ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
     EXPECT_EQ(insert(made), pair_insert_result::second_refused);
     EXPECT_EQ(table->profile_insert, 2U);
@@ -382,18 +385,18 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST_F(flow_insert, passes_over_a_flow_in_deletion) {
-    flow_record& leaving = make();
+    two_sided& leaving = make();
     insert(leaving);
     leaving.flow()->private_dying = 1;
     EXPECT_EQ(insert(make()), pair_insert_result::linked);
 }
 
 TEST_F(flow_insert, lets_two_flows_share_a_reverse_key) {
-    flow_record& first = make();
+    two_sided& first = make();
     insert(first);
     key_fields other;
     other.src_port = 50000;
-    flow_record& second = make(other);
+    two_sided& second = make(other);
     *zon_full_key<ipv4_family>(second.responder()) = *zon_full_key<ipv4_family>(first.responder());
     EXPECT_EQ(insert(second), pair_insert_result::linked);
     EXPECT_EQ(find(first.responder()), second.responder()) << "the newest is found";
@@ -439,7 +442,7 @@ struct half_walk {
 };
 
 TEST_F(flow_table, walks_all_half_flows_under_its_lock_whatever_the_callback_returns) {
-    flow_record& made = put();
+    two_sided& made = put();
     half_walk walk{table, {}};
     zon_flow_table_iterate_half_flow(
         table,
@@ -476,7 +479,7 @@ TEST_F(flow_table, holds_twice_as_many_elements_as_flows) {
 // ---- statistics and counters ----
 
 TEST_F(flow_table, reports_its_statistics_and_the_live_counts_of_announced_keys) {
-    flow_record& made = put();
+    two_sided& made = put();
     zon_flow_table_delete(table, made.initiator(), true);
     table->profile_passively_aged = 5;
     const table_statistics seen = statistics_of(table);

@@ -32,16 +32,20 @@ protected:
     }
     pair_insert_result insert() {
         return zon_hashset_insert_pair(set_, first->item(), static_cast<int>(first->half().key.hash_value % 13),
-                                       second->item(), counts_as_same, nullptr);
+                                       second->item(), counts_as_same,
+                                       [](zon_hashset_item, zon_hashset_item, void*) { ++linked; }, nullptr);
     }
     numbered_item* first = nullptr;
     numbered_item* second = nullptr;
+    static inline int linked = 0;  // how often the set has told so
 };
 
 TEST_F(pair_of_halves, is_linked_at_once_and_counts_two) {
     create();
     make_pair(1, 2);
+    linked = 0;
     EXPECT_EQ(insert(), pair_insert_result::linked);
+    EXPECT_EQ(linked, 1);
     EXPECT_EQ(chain(1), items{first->item()});
     EXPECT_EQ(chain(2), items{second->item()});
     EXPECT_EQ(zon_hashset_size(set_), 2);

@@ -12,6 +12,8 @@
 #include <mutex>
 #include <thread>
 
+#include "osal/zon_lock.h"
+
 #if defined(__has_feature)
 #if __has_feature(thread_sanitizer)
 #define ZON_TEST_LOCKS_ARE_WATCHED
@@ -24,7 +26,23 @@
 
 static constinit thread_local uint32_t unlocks = 0x9E3779B9;
 
-// Takes the place of the C library's: engine, runtime and standard library call it.
+static void stumble() {
+    if (!zon_test::lock_stumbles::wanted())
+        return;
+    unlocks = unlocks * 1664525 + 1013904223;
+    if (unlocks >> 26 == 0)
+        sched_yield();
+}
+
+#ifdef ZON_CHECK_LOCK_ORDER
+// The engine's locks.
+static const bool engine_stumbles = [] {
+    zon_after_unlock = stumble;
+    return true;
+}();
+#endif
+
+// Takes the place of the C library's: the runtime and the standard library call it.
 extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
     using function = int (*)(pthread_mutex_t*);
     static constinit std::atomic<function> unlock{nullptr};
@@ -34,11 +52,7 @@ extern "C" int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
         unlock.store(next, std::memory_order_relaxed);
     }
     const int result = next(mutex);
-    if (zon_test::lock_stumbles::wanted()) {
-        unlocks = unlocks * 1664525 + 1013904223;
-        if (unlocks >> 26 == 0)
-            sched_yield();
-    }
+    stumble();
     return result;
 }
 

@@ -2,22 +2,20 @@
 
 #pragma once
 
-#include <pthread.h>
-
 #include <cstdio>
 
 #include "support/flow_reader.h"
 
 namespace zon_test {
 
-// The system's number of the thread that holds a lock, or 0; a guess while threads run.
-inline int owner_of(zon_lock_t lock) {
-    return static_cast<const pthread_mutex_t*>(lock)->__data.__owner;
+// The pthread_t of the thread that holds a lock, or 0; a guess while threads run.
+inline uintptr_t owner_of(zon_lock_t lock) {
+    return lock_at(lock)->owner.load(std::memory_order_relaxed);
 }
 
 inline void print_owner(const char* name, int entry, zon_lock_t lock) {
-    if (const int owner = owner_of(lock); owner != 0)
-        std::fprintf(stderr, "  %s %d is held by thread %d\n", name, entry, owner);
+    if (const uintptr_t owner = owner_of(lock); owner != 0)
+        std::fprintf(stderr, "  %s %d is held by thread 0x%zx\n", name, entry, owner);
 }
 
 inline void print_held_locks() {

@@ -5,17 +5,15 @@
 
 #pragma once
 
-#include <pthread.h>
-
 #include "osal/zon_lock.h"
 
 namespace zon_test {
 
 inline void obstruct(zon_lock_t lock) {
-    pthread_mutex_lock(static_cast<pthread_mutex_t*>(lock));
+    lock_detail::take(*lock_at(lock));
 }
 inline void clear_obstructed(zon_lock_t lock) {
-    pthread_mutex_unlock(static_cast<pthread_mutex_t*>(lock));
+    lock_detail::let_go(*lock_at(lock));
 }
 
 }  // namespace zon_test

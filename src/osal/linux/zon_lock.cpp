@@ -1,4 +1,4 @@
-// zon_lock.cpp - recursive locks on POSIX mutexes.
+// zon_lock.cpp - recursive locks: how threads wait for one another.
 //
 // Owns   nothing: whoever asked for a lock or a row of locks keeps it and gives it back.
 // Locks  all of the engine's are made here; their order is in docs/locking.md.
@@ -6,72 +6,84 @@
 
 #include "osal/zon_lock.h"
 
-#include <pthread.h>
+#include <linux/futex.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cstdlib>
-#include <type_traits>
+#include <cstring>
+#include <ctime>
+#include <new>
 
-#include "zon_lock_place.h"
+#include "zon_lock_classes.h"
 
 namespace {
 
-struct lock_memory {
-    pthread_mutex_t mutex;  // first: a lock's address is its mutex's
-    [[no_unique_address]] lock_place place;
-};
-static_assert(!std::is_empty_v<lock_place> || sizeof(lock_memory) == sizeof(pthread_mutex_t));
+// A thread that holds a flow is done with it sooner than sleeping and waking take.
+constexpr int looks_before_sleep = 200;
 
-lock_memory* memory_of(zon_lock_t lock) {
-    return static_cast<lock_memory*>(lock);
+// Whoever lets a lock go looks for sleepers without waiting until its store is seen everywhere: a
+// thread that falls asleep in this very moment may be missed, and looks again after so long.
+constexpr timespec longest_sleep{0, 200'000};
+
+static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
+
+void sleep_on(std::atomic<uint32_t>& word, uint32_t expected) {
+    syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, &longest_sleep, nullptr, 0);
 }
-pthread_mutex_t* as_mutex(zon_lock_t lock) {
-    return &memory_of(lock)->mutex;
+
+void* allocate_locks(size_t count) {
+    const size_t bytes = count * sizeof(recursive_lock);
+    void* memory = std::aligned_alloc(alignof(recursive_lock), bytes);
+    return memory == nullptr ? nullptr : std::memset(memory, 0, bytes);
 }
 
 }  // namespace
 
+namespace lock_detail {
+
+[[gnu::cold]] void wait_for(recursive_lock& lock) {
+    const uintptr_t thread = this_thread();
+    for (int look = 0; look < looks_before_sleep; ++look) {
+        if (take_if_free(lock, thread))
+            return;
+        __builtin_ia32_pause();
+    }
+    lock.sleepers.fetch_add(1, std::memory_order_seq_cst);
+    for (;;) {
+        const uint32_t wakings = lock.wakings.load(std::memory_order_relaxed);
+        if (take_if_free(lock, thread))
+            break;
+        sleep_on(lock.wakings, wakings);
+    }
+    lock.sleepers.fetch_sub(1, std::memory_order_relaxed);
+}
+
+[[gnu::cold]] void wake_one(recursive_lock& lock) {
+    lock.wakings.fetch_add(1, std::memory_order_relaxed);
+    syscall(SYS_futex, &lock.wakings, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+}
+
+}  // namespace lock_detail
+
 zon_lock_t zon_lock_allocate() {
-    return calloc(1, sizeof(lock_memory));
+    return allocate_locks(1);
 }
 
 void zon_lock_init(zon_lock_t lock) {
-    pthread_mutexattr_t recursive;
-    pthread_mutexattr_init(&recursive);
-    pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
-    // The attribute holds no resource, so that there is nothing to destroy.
-    pthread_mutex_init(as_mutex(lock), &recursive);
+    new (lock) recursive_lock{};
 }
 
 void zon_lock_destroy(zon_lock_t lock) {
-    lock_place::forgotten(lock);
-    pthread_mutex_destroy(as_mutex(lock));
-}
-
-int zon_lock_internal(zon_lock_t lock) {
-    memory_of(lock)->place.wanted(lock);
-    const int result = pthread_mutex_lock(as_mutex(lock));
-    if (result == 0)
-        memory_of(lock)->place.taken(lock);
-    return result;
-}
-
-int zon_unlock_internal(zon_lock_t lock) {
-    const int result = pthread_mutex_unlock(as_mutex(lock));
-    if (result == 0)
-        lock_place::released(lock);
-    return result;
-}
-
-bool zon_try_lock_internal(zon_lock_t lock) {
-    const bool taken = pthread_mutex_trylock(as_mutex(lock)) == 0;
-    if (taken)
-        memory_of(lock)->place.taken(lock);
-    return taken;
+#ifdef ZON_CHECK_LOCK_ORDER
+    vem_lock_forgotten(lock);
+#else
+    (void)lock;
+#endif
 }
 
 zon_lock_pool_t zon_lock_create_pool(int size) {
-    const size_t count = size < 1 ? 0 : static_cast<size_t>(size);
-    zon_lock_pool_t pool = calloc(count, sizeof(lock_memory));
+    zon_lock_pool_t pool = allocate_locks(size < 1 ? 1 : static_cast<size_t>(size));
     if (pool == nullptr)
         return nullptr;
     for (int entry = 0; entry < size; ++entry)
@@ -85,27 +97,58 @@ void zon_lock_destroy_pool(zon_lock_pool_t pool, int size) {
     free(pool);
 }
 
-zon_lock_t zon_lock_get_pool_lock(zon_lock_pool_t pool, int entry) {
-    return memory_of(pool) + entry;
-}
-
-int zon_lock_pool_internal(zon_lock_pool_t pool, int entry) {
-    return zon_lock_internal(zon_lock_get_pool_lock(pool, entry));
-}
-
-int zon_unlock_pool_internal(zon_lock_pool_t pool, int entry) {
-    return zon_unlock_internal(zon_lock_get_pool_lock(pool, entry));
-}
-
 #ifdef ZON_CHECK_LOCK_ORDER
 
+std::atomic<void (*)()> zon_after_unlock{nullptr};
+
+static const vem_lock_class* class_of(const recursive_lock& lock) {
+    return static_cast<const vem_lock_class*>(lock.order_class);
+}
+
+static void note_taken(const recursive_lock& lock) {
+    if (lock.order_class != nullptr)
+        vem_lock_taken(class_of(lock), &lock, lock.order_entry);
+}
+
+bool zon_try_lock_internal(zon_lock_t at) {
+    recursive_lock& lock = *lock_at(at);
+    const bool taken = lock_detail::try_to_take(lock);
+    if (taken)
+        note_taken(lock);
+    return taken;
+}
+
+int zon_lock_internal(zon_lock_t at) {
+    recursive_lock& lock = *lock_at(at);
+    if (lock.order_class != nullptr)
+        vem_lock_wanted(class_of(lock), at, lock.order_entry);
+    lock_detail::take(lock);
+    note_taken(lock);
+    return 0;
+}
+
+int zon_unlock_internal(zon_lock_t at) {
+    const int result = lock_detail::let_go(*lock_at(at));
+    if (result != 0)
+        return result;
+    // The lock is no longer held: its memory may have gone already.
+    vem_lock_released(at);
+    if (const auto then = zon_after_unlock.load(std::memory_order_relaxed))
+        then();
+    return 0;
+}
+
 void zon_lock_set_class(zon_lock_t lock, lock_class of) {
-    memory_of(lock)->place = {zon_vem_lock_class(of), 0};
+    lock_at(lock)->order_class = zon_vem_lock_class(of);
+    lock_at(lock)->order_entry = 0;
 }
 
 void zon_lock_set_class_of_pool(zon_lock_pool_t pool, int size, lock_class of) {
-    for (int entry = 0; entry < size; ++entry)
-        memory_of(pool)[entry].place = {zon_vem_lock_class(of), entry};
+    for (int entry = 0; entry < size; ++entry) {
+        recursive_lock* lock = lock_at(zon_lock_get_pool_lock(pool, entry));
+        lock->order_class = zon_vem_lock_class(of);
+        lock->order_entry = entry;
+    }
 }
 
 #endif

@@ -4,7 +4,7 @@
 // Locks  none.
 // Empty where the order is not checked.
 
-#include "zon_lock_place.h"
+#include "zon_lock_classes.h"
 
 #ifdef ZON_CHECK_LOCK_ORDER
 

@@ -45,7 +45,7 @@ constexpr chunk_row chunk_rows[] = {
      sizeof(zon_ipv4_half_flow_t), "ZON Data Path IPV4 Half Flow Memory Chunk"},
     {ZON_IPV6_HALF_FLOW_MEM_TYPE, &zon_chunk_mem_t::zon_ipv6_half_flow_mem,
      sizeof(zon_ipv6_half_flow_t), "ZON Data Path IPV6 Half Flow Memory Chunk"},
-    {ZON_FLOW_MEM_TYPE, &zon_chunk_mem_t::zon_flow_mem, sizeof(zon_flow_t),
+    {ZON_FLOW_MEM_TYPE, &zon_chunk_mem_t::zon_flow_mem, zon_flow_record_size,
      "ZON Data Path Flow Memory Chunk"},
     {ZON_SUPER_CTX_MEM_TYPE, &zon_chunk_mem_t::zon_super_ctx_mem, zon_super_context_size,
      "ZON Data Path Super Context Memory Chunk"},

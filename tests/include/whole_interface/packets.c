@@ -26,6 +26,15 @@ void use_packets(void) {
                                    ZON_L4_UNI_ESTABLISHED, 50) == flow &&
               zon_flow_get_packet_count(flow, &count) == zon_error_none && count == 50,
           "and 50 later");
+    zon_burst_packet_t burst[2];
+    memset(burst, 0, sizeof burst);
+    burst[0].iphdr = burst[1].iphdr = packet.bytes;
+    burst[0].captured_length = sizeof packet.bytes;
+    burst[1].captured_length = 27;
+    burst[0].pkt_indications = burst[1].pkt_indications = &seen;
+    check(zon_handle_packet_burst(burst, 2) == 1 && burst[0].fid == flow && burst[1].fid == 0 &&
+              burst[1].error == zon_error_parameter_invalid,
+          "of a burst, the packet that is whole");
 
     zon_dp_fe_t fe;
     memset(&fe, 0, sizeof fe);

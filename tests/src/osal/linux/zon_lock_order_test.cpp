@@ -12,7 +12,7 @@
 #include <thread>
 #include <vector>
 
-#include "osal/linux/zon_lock_place.h"
+#include "osal/linux/zon_lock_classes.h"
 #include "osal/zon_mem.h"
 #include "support/engine_fixture.h"
 #include "vem/vem_lock_order.h"

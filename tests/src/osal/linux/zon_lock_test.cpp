@@ -3,11 +3,11 @@
 #include "osal/zon_lock.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
-
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -53,7 +53,7 @@ TEST(lock_memory, is_zero_filled_and_not_yet_a_lock) {
     zon_lock_t lock = zon_lock_allocate();
     ASSERT_NE(lock, nullptr);
     const auto* bytes = static_cast<const unsigned char*>(lock);
-    EXPECT_TRUE(std::all_of(bytes, bytes + sizeof(pthread_mutex_t),
+    EXPECT_TRUE(std::all_of(bytes, bytes + sizeof(recursive_lock),
                             [](unsigned char byte) { return byte == 0; }));
     free(lock);
 }
@@ -85,6 +85,39 @@ TEST_F(single_lock, is_tried_recursively_by_its_holder) {
     zon_unlock_internal(lock);
     EXPECT_FALSE(free_for_others(lock));
     zon_unlock_internal(lock);
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+TEST_F(single_lock, is_not_let_go_by_a_thread_that_does_not_hold_it) {
+    EXPECT_EQ(zon_unlock_internal(lock), EPERM) << "nobody holds it";
+    zon_lock_internal(lock);
+    std::thread([this] { EXPECT_EQ(zon_unlock_internal(lock), EPERM); }).join();
+    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_EQ(zon_unlock_internal(lock), 0);
+    EXPECT_EQ(zon_unlock_internal(lock), EPERM) << "once too often";
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+// Each waits long enough to fall asleep, since the holder lets go only when all of them sleep.
+TEST_F(single_lock, wakes_everybody_who_fell_asleep_over_it) {
+    constexpr uint32_t threads = 4;
+    zon_lock_internal(lock);
+    std::vector<std::thread> sleepers;
+    int served = 0;
+    for (uint32_t i = 0; i < threads; ++i)
+        sleepers.emplace_back([&] {
+            zon_lock_internal(lock);
+            ++served;
+            zon_unlock_internal(lock);
+        });
+    while (lock_at(lock)->sleepers.load() != threads)
+        std::this_thread::yield();
+    EXPECT_EQ(served, 0);
+    zon_unlock_internal(lock);
+    for (std::thread& sleeper : sleepers)
+        sleeper.join();
+    EXPECT_EQ(served, static_cast<int>(threads));
+    EXPECT_EQ(lock_at(lock)->sleepers.load(), 0u);
     EXPECT_TRUE(free_for_others(lock));
 }
 
@@ -154,16 +187,14 @@ TEST_F(single_lock, of_a_flow_is_released_when_its_holder_takes_another_flow) {
     EXPECT_TRUE(free_for_others(lock));
 }
 
-TEST_F(lock_pool, is_a_row_of_consecutive_mutexes) {
+TEST_F(lock_pool, is_a_row_of_locks_that_share_no_cache_line) {
+    static_assert(sizeof(recursive_lock) % 64 == 0);
+    EXPECT_EQ(reinterpret_cast<uintptr_t>(pool) % 64, 0u);
     EXPECT_EQ(zon_lock_get_pool_lock(pool, 0), pool);
-    const auto address = [this](int entry) {
-        return static_cast<char*>(zon_lock_get_pool_lock(pool, entry));
-    };
-    // Where the order of locks is checked, more than the mutex belongs to each.
-    const ptrdiff_t stride = address(1) - address(0);
-    EXPECT_GE(stride, static_cast<ptrdiff_t>(sizeof(pthread_mutex_t)));
     for (int entry = 1; entry < size; ++entry)
-        EXPECT_EQ(address(entry) - address(entry - 1), stride);
+        EXPECT_EQ(static_cast<char*>(zon_lock_get_pool_lock(pool, entry)) -
+                      static_cast<char*>(zon_lock_get_pool_lock(pool, entry - 1)),
+                  static_cast<ptrdiff_t>(sizeof(recursive_lock)));
 }
 
 TEST_F(lock_pool, lets_one_thread_lock_an_entry_twice_in_sequence) {

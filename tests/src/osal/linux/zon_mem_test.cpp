@@ -34,7 +34,7 @@ constexpr type_row type_rows[] = {
      true},
     {"ipv6_half_flow", ZON_IPV6_HALF_FLOW_MEM_TYPE, 2, &zon_chunk_mem_t::zon_ipv6_half_flow_mem, 96,
      false},
-    {"flow", ZON_FLOW_MEM_TYPE, 3, &zon_chunk_mem_t::zon_flow_mem, 248, true},
+    {"flow", ZON_FLOW_MEM_TYPE, 3, &zon_chunk_mem_t::zon_flow_mem, zon_flow_record_size, true},
     {"super_ctx", ZON_SUPER_CTX_MEM_TYPE, 4, &zon_chunk_mem_t::zon_super_ctx_mem, 288, false},
     {"flow_list_element", ZON_FLOW_LIST_ELEMENT_MEM_TYPE, 5, &zon_chunk_mem_t::zon_flow_list_mem,
      16, false},

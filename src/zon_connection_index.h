@@ -1,0 +1,107 @@
+// zon_connection_index.h - from a connection to its flow on one cache line and without a lock.
+//
+// The hash set of half flows is the truth; the index repeats those of its flows that a packet of
+// either direction must find: both keys complete, each the other's reverse, hashed by the engine,
+// and no newer flow under either of them. What a reader finds is a guess: it locks the flow and
+// proves under that lock that the flow is still named and is the packet's.
+//
+// Written only by threads that hold the flow in question; a line that is full names no more flows,
+// so that newcomers never push out connections that are at work.
+
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <bit>
+#include <cstddef>
+#include <cstdint>
+#include <utility>
+
+#include "zon_connection.h"
+
+class connection_index {
+public:
+    // A flow that may be the wanted one, and what names it; no flow where none may be.
+    struct guess {
+        zon_flow_t* flow = nullptr;
+        const std::atomic<uint64_t>* entry = nullptr;
+        uint64_t word = 0;
+
+        // Under the flow's lock: nobody took the name away since.
+        bool still_stands() const { return entry->load(std::memory_order_acquire) == word; }
+    };
+
+    connection_index() = default;
+    ~connection_index();
+    connection_index(const connection_index&) = delete;
+    connection_index& operator=(const connection_index&) = delete;
+
+    // Room for so many flows, with few lines that overflow. False without memory.
+    bool create(uint32_t max_flows, uint32_t seed);
+
+    uint64_t hash_of(const connection<ipv4_family>& of) const {
+        return folded(of.words[0] ^ seeds_[0], of.words[1] ^ seeds_[1] ^ std::rotl(of.words[2], 32));
+    }
+    uint64_t hash_of(const connection<ipv6_family>& of) const {
+        const uint64_t addresses = folded(of.words[2] ^ seeds_[0], of.words[3] ^ seeds_[1]) ^
+                                   folded(of.words[4] ^ seeds_[1], of.words[5] ^ seeds_[0]);
+        return folded(of.words[0] ^ addresses, of.words[1] ^ seeds_[1]);
+    }
+
+    void prefetch(uint64_t hash) const { __builtin_prefetch(&line_of(hash)); }
+
+    [[gnu::always_inline]] guess find(uint64_t hash) const {
+        const line& searched = line_of(hash);
+        const unsigned hits = hits_in(searched, tag_of(hash), entries_of_line{});
+        if (hits == 0)
+            return {};
+        const std::atomic<uint64_t>& entry = searched[static_cast<size_t>(std::countr_zero(hits))];
+        const uint64_t word = entry.load(std::memory_order_acquire);
+        // Between the two looks another flow may have taken the place, or none.
+        return {flow_of(word), &entry, word};
+    }
+
+    // False when the line is full.
+    bool put(uint64_t hash, zon_flow_t* flow);
+    void remove(uint64_t hash, const zon_flow_t* flow);
+    // Takes out whatever flow may be the connection's.
+    void remove_all(uint64_t hash);
+
+private:
+    using line = std::array<std::atomic<uint64_t>, 8>;
+    static_assert(sizeof(line) == 64);
+    using entries_of_line = std::make_index_sequence<8>;
+
+    static constexpr int tag_shift = 48;  // user addresses have 47 bits
+    static constexpr uint64_t address_mask = (uint64_t{1} << tag_shift) - 1;
+
+    // Never 0, which is what stands in a free entry.
+    static uint64_t tag_of(uint64_t hash) { return hash >> tag_shift | 1; }
+    static zon_flow_t* flow_of(uint64_t word) {
+        return reinterpret_cast<zon_flow_t*>(word & address_mask);
+    }
+    static uint64_t word_of(uint64_t hash, const zon_flow_t* flow) {
+        return tag_of(hash) << tag_shift | reinterpret_cast<uintptr_t>(flow);
+    }
+    // Without a branch for each entry: which one it will be, nobody can predict.
+    template <size_t... at>
+    static unsigned hits_in(const line& searched, uint64_t tag, std::index_sequence<at...>) {
+        return ((static_cast<unsigned>(
+                     searched[at].load(std::memory_order_relaxed) >> tag_shift == tag)
+                 << at) |
+                ...);
+    }
+
+    static uint64_t folded(uint64_t a, uint64_t b) {
+        __extension__ using wide = unsigned __int128;
+        const wide product = static_cast<wide>(a) * b;
+        return static_cast<uint64_t>(product) ^ static_cast<uint64_t>(product >> 64);
+    }
+
+    line& line_of(uint64_t hash) const { return lines_[hash & line_mask_]; }
+
+    line* lines_ = nullptr;
+    uint64_t line_mask_ = 0;
+    std::array<uint64_t, 2> seeds_{};
+    void* memory_ = nullptr;
+};

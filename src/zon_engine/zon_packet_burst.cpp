@@ -1,0 +1,195 @@
+// zon_packet_burst.cpp - takes many packets in at once. What one packet waits for is asked for while
+// others are read: first all headers, then the lines of the index, then those of the flows; then the
+// packets are taken one after another, as if each had come alone.
+//
+// Owns   nothing; the packets of a group are on the stack.
+// Locks  one flow's at a time.
+
+#include <algorithm>
+#include <array>
+#include <span>
+
+#include "zon_engine/zon_plain_packet.h"
+#include "zon_pkt_inline.h"
+
+namespace {
+
+// Enough for the memory to be busy all the time, few enough to stay in the first cache.
+constexpr size_t group_size = 32;
+
+// A packet on its way; what stands in it beyond the kind depends on that.
+struct prepared_packet {
+    enum class kind : uint8_t { plain_ipv4, plain_ipv6, other };
+
+    union {
+        plain_packet<ipv4_family> v4;
+        plain_packet<ipv6_family> v6;
+    };
+    uint64_t hash;
+    connection_index::guess guess;
+    kind is;
+
+    template <class family>
+    plain_packet<family>& of() {
+        if constexpr (std::is_same_v<family, ipv4_family>)
+            return v4;
+        else
+            return v6;
+    }
+};
+
+using group = std::span<zon_burst_packet_t>;
+using prepared_group = std::array<prepared_packet, group_size>;
+
+arriving_packet arriving_of(zon_burst_packet_t& packet, zon_t* engine) {
+    return {engine, packet.iphdr, packet.captured_length, packet.vrf_id, packet.pkt_ctx,
+            packet.pkt_indications, &packet.error, 0, ZON_L4_CLOSED, 0};
+}
+
+void take_alone(zon_burst_packet_t& packet) {
+    packet.fid = zon_handle_captured_packet(packet.iphdr, packet.captured_length, packet.vrf_id,
+                                            packet.pkt_ctx, packet.pkt_indications, &packet.error);
+}
+
+void fetch_headers(group packets) {
+    for (const zon_burst_packet_t& packet : packets)
+        __builtin_prefetch(packet.iphdr);
+}
+
+template <class family>
+[[gnu::always_inline]] inline bool prepare_if_plain(const arriving_packet& arriving,
+                                                    const connection_index& index,
+                                                    prepared_packet& prepared) {
+    plain_packet<family>& plain = prepared.of<family>();
+    if (!read_plain_packet<false>(arriving, plain)) [[unlikely]]
+        return false;
+    prepared.hash = index.hash_of(plain.between);
+    index.prefetch(prepared.hash);
+    return true;
+}
+
+[[gnu::always_inline]] inline prepared_packet::kind prepare(const arriving_packet& arriving, const connection_index& index,
+                              prepared_packet& prepared) {
+    using kind = prepared_packet::kind;
+    if (arriving.ip == nullptr || arriving.captured == 0 || arriving.indications == nullptr)
+        return kind::other;
+    switch (arriving.ip[0] >> 4) {
+    case 4:
+        return prepare_if_plain<ipv4_family>(arriving, index, prepared) ? kind::plain_ipv4
+                                                                        : kind::other;
+    case 6:
+        return prepare_if_plain<ipv6_family>(arriving, index, prepared) ? kind::plain_ipv6
+                                                                        : kind::other;
+    default:
+        return kind::other;
+    }
+}
+
+void read_headers(group packets, zon_t* engine, prepared_group& prepared) {
+    const connection_index& index = index_of(engine->flow_tbl);
+    for (size_t i = 0; i < packets.size(); ++i)
+        prepared[i].is = prepare(arriving_of(packets[i], engine), index, prepared[i]);
+}
+
+void fetch_flows(group packets, zon_t* engine, prepared_group& prepared) {
+    const connection_index& index = index_of(engine->flow_tbl);
+    for (size_t i = 0; i < packets.size(); ++i) {
+        prepared_packet& packet = prepared[i];
+        if (packet.is == prepared_packet::kind::other)
+            continue;
+        packet.guess = index.find(packet.hash);
+        if (packet.guess.flow != nullptr)
+            prefetch_flow(packet.guess.flow);
+        __builtin_prefetch(packets[i].pkt_indications, 1);
+        __builtin_prefetch(reinterpret_cast<char*>(packets[i].pkt_indications) + 64, 1);
+    }
+}
+
+// False when the packet has to be taken alone: it has changed nothing then.
+template <class family>
+[[gnu::always_inline]] inline bool take_prepared(zon_burst_packet_t& packet, zon_t* engine,
+                                                 prepared_packet& prepared) {
+    if (prepared.guess.flow == nullptr || packet.pkt_indications->hash_valid == 1) [[unlikely]]
+        return false;
+    const plain_packet<family>& plain = prepared.of<family>();
+    locked_flow flow = locked_flow::adopt(zon_lock_guess(prepared.guess, plain.between));
+    if (!flow) [[unlikely]]
+        return false;
+    packet.error = zon_error_none;
+    packet.fid = account_plain_packet(std::move(flow), arriving_of(packet, engine), plain);
+    return true;
+}
+
+bool take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
+    switch (prepared.is) {
+    case prepared_packet::kind::plain_ipv4:
+        return take_prepared<ipv4_family>(packet, engine, prepared);
+    case prepared_packet::kind::plain_ipv6:
+        return take_prepared<ipv6_family>(packet, engine, prepared);
+    default:
+        return false;
+    }
+}
+
+// Client functions that a packet runs may switch off what made later ones plain, and a packet that
+// is taken alone may be the first of a tunnel: behind it nothing is taken for granted.
+bool still_plain(zon_burst_packet_t& packet, zon_t* engine, const prepared_packet& prepared) {
+    const arriving_packet arriving = arriving_of(packet, engine);
+    prepared_packet again;
+    switch (prepared.is) {
+    case prepared_packet::kind::plain_ipv4:
+        return read_plain_packet<false>(arriving, again.v4);
+    case prepared_packet::kind::plain_ipv6:
+        return read_plain_packet<false>(arriving, again.v6);
+    default:
+        return false;
+    }
+}
+
+bool runs_bypass_functions(const zon_t* engine) {
+    return relaxed_load(engine->params.capability_counter.zon_engine_client_bypass) != 0;
+}
+
+// How many of the packets have a flow.
+uint32_t take_group(group packets, zon_t* engine) {
+    prepared_group prepared;
+    fetch_headers(packets);
+    read_headers(packets, engine, prepared);
+    fetch_flows(packets, engine, prepared);
+    bool may_have_changed = runs_bypass_functions(engine);
+    uint32_t with_flow = 0;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        if ((may_have_changed && !still_plain(packets[i], engine, prepared[i])) ||
+            !take(packets[i], engine, prepared[i])) {
+            take_alone(packets[i]);
+            may_have_changed = true;
+        }
+        with_flow += packets[i].fid != 0;
+    }
+    return with_flow;
+}
+
+// There is no engine, or half of one: each packet is told so.
+uint32_t take_each_alone(group packets) {
+    uint32_t with_flow = 0;
+    for (zon_burst_packet_t& packet : packets) {
+        take_alone(packet);
+        with_flow += packet.fid != 0;
+    }
+    return with_flow;
+}
+
+}  // namespace
+
+uint32_t zon_handle_packet_burst(zon_burst_packet_t* packets, uint32_t count) {
+    if (packets == nullptr)
+        return 0;
+    zon_t* engine = g_zon;
+    const group all(packets, count);
+    if (engine == nullptr || engine->flow_tbl == nullptr)
+        return take_each_alone(all);
+    uint32_t with_flow = 0;
+    for (size_t first = 0; first < all.size(); first += group_size)
+        with_flow += take_group(all.subspan(first, std::min(group_size, all.size() - first)), engine);
+    return with_flow;
+}

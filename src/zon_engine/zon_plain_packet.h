@@ -1,0 +1,237 @@
+// zon_plain_packet.h - the straight way of a packet: whole TCP or UDP right behind a plain IP
+// header, of a connection that the index names. It reads the packet once, takes one lock and writes
+// the indications once; whatever it cannot do is left to the steps in zon_packet_entry.h, which
+// tell the same of such packets.
+
+#pragma once
+
+#include <algorithm>
+
+#include "osal/zon_debug.h"
+#include "zon_connection_lookup.h"
+#include "zon_engine/zon_flow_accounting.h"
+#include "zon_engine/zon_packet_entry.h"
+#include "zon_ipv6_tunnel_inline.h"
+
+inline constexpr uint32_t ipv4_header_min_size = 20;
+inline constexpr uint32_t ipv6_header_size = 40;
+
+template <class family>
+struct plain_packet {
+    uint8_t* ip;
+    uint8_t* l4;
+    uint32_t l3_payload;      // bytes behind the IP header, by its length fields, modulo 2^16
+    uint32_t l4_header_size;  // bytes
+    uint32_t l4_payload;      // bytes, by the length fields of the headers, modulo 2^16
+    zon_l4_port_t ports;
+    bool is_tcp;  // or UDP
+    connection<family> between;
+
+    // 0 for neither, which no plain packet is.
+    static constexpr uint16_t l3_protocol =
+        std::is_same_v<family, ipv4_family> ? ZON_L3_IPV4 : ZON_L3_IPV6;
+
+    uint8_t protocol() const { return is_tcp ? ZON_TCP_PROT : ZON_UDP_PROT; }
+    zon_dp_fe_t handle() const {
+        zon_dp_fe_t fe{};
+        if constexpr (std::is_same_v<family, ipv4_family>)
+            zon_dp_fe_extract_fields_ipv4(ip, &fe);
+        else
+            zon_dp_fe_extract_ipv6_header(ip, &fe);
+        return fe;
+    }
+};
+
+inline zon_l4_port_t ports_at(const uint8_t* l4) {
+    return {load_be16(l4), load_be16(l4 + 2)};
+}
+
+// What lies behind the IP header, in bytes: by the IP header, and of that what may be read.
+struct bytes_behind_ip {
+    size_t promised;
+    size_t readable;
+};
+
+// Reads the transport header, if it is one of TCP or UDP, whole and wanted by somebody. TCP and UDP
+// packets alternate as they please: what differs between them is chosen without a branch.
+template <bool trusted, class family>
+[[gnu::always_inline]] inline bool read_plain_l4(const zon_t* engine, bytes_behind_ip bytes,
+                                                 uint8_t protocol, plain_packet<family>& plain) {
+    constexpr uint32_t tcp_min = 20;
+    const zon_capability_counter_t& enabled = engine->params.capability_counter;
+    const bool is_tcp = protocol == ZON_TCP_PROT;
+    if (!is_tcp & (protocol != ZON_UDP_PROT)) [[unlikely]]
+        return false;
+    if (!trusted && bytes.readable < udp_header_size + is_tcp * (tcp_min - udp_header_size))
+        [[unlikely]]
+        return false;
+    // The data offset of TCP (RFC 9293 3.1), the length of UDP (RFC 768).
+    const uint32_t word = load_be16(plain.l4 + 4 + is_tcp * 8);
+    const auto pick = [is_tcp](uint32_t tcp, uint32_t udp) {
+        return static_cast<uint32_t>(connection_detail::choose(is_tcp, tcp, udp));
+    };
+    plain.l4_header_size = pick((word >> 12) * 4U, udp_header_size);
+    if constexpr (!trusted) {
+        const uint32_t least = pick(tcp_min, udp_header_size);
+        const uint32_t length = pick(plain.l4_header_size, word);
+        const size_t limit = connection_detail::choose(is_tcp, bytes.readable, bytes.promised);
+        if ((length < least) | (length > limit)) [[unlikely]]
+            return false;
+    }
+    const uint32_t& capability = (&enabled.zon_engine_flow_tcp)[!is_tcp];
+    if (relaxed_load(capability) == 0) [[unlikely]]
+        return false;
+    plain.is_tcp = is_tcp;
+    plain.l4_payload =
+        static_cast<uint16_t>(pick(plain.l3_payload, word) - plain.l4_header_size);
+    plain.ports = ports_at(plain.l4);
+    return true;
+}
+static_assert(offsetof(zon_capability_counter_t, zon_engine_flow_udp) ==
+              offsetof(zon_capability_counter_t, zon_engine_flow_tcp) + sizeof(uint32_t));
+
+// A first look at the two bytes behind the UDP header: neither an IPv6 packet nor an indicator
+// means no Teredo. The search itself is the detour's.
+inline bool may_be_teredo(const uint8_t* udp, size_t readable) {
+    return readable < udp_header_size + 2 || udp[8] >> 4 == 6 || load_be16(udp + 8) <= 1;
+}
+
+// False, and nothing said of the packet, when it is not plain.
+template <bool trusted>
+[[gnu::always_inline]] inline bool read_plain_packet(const arriving_packet& arriving,
+                                                     plain_packet<ipv4_family>& plain) {
+    uint8_t* ip = arriving.ip;
+    if (!trusted && arriving.captured < ipv4_header_min_size) [[unlikely]]
+        return false;
+    const uint32_t header = ipv4_header_size(ip);
+    const uint32_t total = load_be16(ip + 2);
+    const size_t readable = trusted ? total : std::min<size_t>(arriving.captured, total);
+    if (!trusted && (header < ipv4_header_min_size || header > readable)) [[unlikely]]
+        return false;
+    if ((load_be16(ip + 6) & 0x3FFF) != 0) [[unlikely]]  // a fragment
+        return false;
+    plain.ip = ip;
+    plain.l4 = ip + header;
+    plain.l3_payload = static_cast<uint16_t>(total - header);
+    const bytes_behind_ip bytes{total - header, readable - header};
+    if (!read_plain_l4<trusted>(arriving.engine, bytes, ip[9], plain)) [[unlikely]]
+        return false;
+    if (is_teredo_active(arriving.engine) && !plain.is_tcp &&
+        may_be_teredo(plain.l4, bytes.readable)) [[unlikely]]
+        return false;
+    plain.between = connection_of(load_be32(ip + 12), load_be32(ip + 16), plain.ports.src_port,
+                                  plain.ports.dst_port, plain.protocol(), arriving.vrf_id);
+    return true;
+}
+
+template <bool trusted>
+[[gnu::always_inline]] inline bool read_plain_packet(const arriving_packet& arriving,
+                                                     plain_packet<ipv6_family>& plain) {
+    uint8_t* ip = arriving.ip;
+    if (!trusted && arriving.captured < ipv6_header_size) [[unlikely]]
+        return false;
+    if (relaxed_load(zon_debug_flag_fe)) [[unlikely]]
+        return false;
+    plain.ip = ip;
+    plain.l4 = ip + ipv6_header_size;
+    plain.l3_payload = load_be16(ip + 4);
+    const size_t promised = plain.l3_payload;
+    const size_t readable =
+        trusted ? promised : std::min<size_t>(arriving.captured - ipv6_header_size, promised);
+    if (!read_plain_l4<trusted>(arriving.engine, {promised, readable}, ip[6], plain)) [[unlikely]]
+        return false;
+    uint32_t source[4];
+    uint32_t destination[4];
+    zon_load_ipv6_address(source, ip + 8);
+    zon_load_ipv6_address(destination, ip + 24);
+    plain.between = connection_of(source, destination, plain.ports.src_port, plain.ports.dst_port,
+                                  plain.protocol(), arriving.vrf_id);
+    return true;
+}
+
+template <class family>
+[[gnu::cold, gnu::noinline]] void trace_plain_packet(const state_trace& trace,
+                                                     const plain_packet<family>& plain,
+                                                     bool from_initiator) {
+    zon_dp_fe_t fe = plain.handle();
+    fe.i2r_flag = from_initiator;
+    trace.print_if_changed(&fe);
+}
+
+template <class family>
+[[gnu::cold, gnu::noinline]] void go_on_half_open(zon_flow_t* flow,
+                                                  const plain_packet<family>& plain,
+                                                  bool from_initiator) {
+    zon_dp_fe_t fe = plain.handle();
+    fe.i2r_flag = from_initiator;
+    zon_half_open_go_on(flow, &fe);
+}
+
+// What the engine found in a packet of a known flow.
+struct found_in_packet {
+    zon_l4_retcode l4_error;
+    payload_of_packet payload;
+    bool from_initiator;
+    bool is_last;
+};
+
+template <class family>
+[[gnu::always_inline]] inline void write_indications(zon_pkt_indications_t& seen,
+                                                     const zon_flow_t* flow,
+                                                     const plain_packet<family>& plain,
+                                                     const found_in_packet& found) {
+    seen.flow = flow->fid;
+    seen.l7_flow_bytes = flow->num_l7_bytes;
+    seen.flow_pkt_count = flow->packet_number;
+    seen.l4_payload_size = found.payload.size;
+    seen.l3_payload_size = plain.l3_payload;
+    seen.l3_header_size = static_cast<uint32_t>(plain.l4 - plain.ip);
+    seen.bypass_id = flow->bypass_id;
+    seen.l4_port = plain.ports;
+    seen.l3_protocol = plain.l3_protocol;
+    seen.is_initiator = found.from_initiator;
+    seen.fif = 0;
+    seen.lif = found.is_last;
+    seen.first_payload = found.payload.is_first;
+    seen.was_promoted = 0;
+    seen.packet_seen = 1;
+    seen.l4_protocol = plain.protocol();
+    seen.is_fragment = 0;
+    seen.l4_error = found.l4_error;
+    seen.tunnel_type = ZON_TUNNEL_TYPE_NONE;
+    seen.l3_start = plain.ip;
+    seen.l4_start = plain.l4;
+    seen.l7_start = plain.l4 + plain.l4_header_size;
+}
+
+// Brings the flow up to date and tells what was found.
+template <class family>
+[[gnu::always_inline]] inline zon_fid_t account_plain_packet(locked_flow flow,
+                                                             const arriving_packet& arriving,
+                                                             const plain_packet<family>& plain) {
+    const zon_capability_counter_t& enabled = arriving.engine->params.capability_counter;
+    const flow_record& record = *record_of(flow.get());
+    const bool from_initiator =
+        record.same_address | (plain.between.from_lower == record.initiator_is_lower);
+    const uint32_t payload = plain.l4_payload;
+    const state_trace trace(flow.get());
+    ++flow->packet_number;
+    const zon_l4_retcode l4_error =
+        plain.is_tcp ? zon_track_tcp({plain.l4, payload, from_initiator}, flow->l4state,
+                                       relaxed_load(enabled.zon_engine_tcp_state_checks) != 0)
+                       : zon_track_udp(from_initiator, flow->l4state);
+    if (l4_error != ZON_L4_NOERR) [[unlikely]]
+        trace_l4_error(flow.get(), l4_error);
+    const payload_of_packet counted{payload, account_payload(flow.get(), payload)};
+    if (relaxed_load(enabled.zon_engine_client_bypass) != 0 && plain.is_tcp) [[unlikely]]
+        run_bypass_callbacks(flow.get(), false, false, counted);
+    if (flow->private_half_open != 0) [[unlikely]]
+        go_on_half_open(flow.get(), plain, from_initiator);
+    const bool is_closed = flow->l4state.sess_state == ZON_L4_CLOSED;
+    flow->should_reset_timer = !is_closed;
+    write_indications(*arriving.indications, flow.get(), plain,
+                      {l4_error, counted, from_initiator, is_closed});
+    if (relaxed_load(zon_debug)) [[unlikely]]
+        trace_plain_packet(trace, plain, from_initiator);
+    return flow->fid;
+}
