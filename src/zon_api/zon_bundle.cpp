@@ -154,9 +154,14 @@ private:
         const std::lock_guard guard(links);
         if (zon_flow_is_dying(parent_.get()))
             return nullptr;
-        const zon_flow_t* leads_here =
-            last_ == nullptr ? first_child(parent_.get()) : sibling_of(last_);
-        return leads_here == child ? child : first_unvisited();
+        return follower_of_last() == child ? child : first_unvisited();
+    }
+
+    // Null when the last one went: its record may lead through the list of another parent by now.
+    const zon_flow_t* follower_of_last() const {
+        if (last_ == nullptr)
+            return first_child(parent_.get());
+        return relaxed_load(last_->bundle_parent) == parent_.get() ? sibling_of(last_) : nullptr;
     }
 
     zon_flow_t* first_unvisited() const {

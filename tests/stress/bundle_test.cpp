@@ -306,6 +306,31 @@ TEST_F(kept_family, child_that_goes_while_a_walk_waits_is_not_visited_nor_who_ta
     EXPECT_EQ(found, std::vector<zon_fid_t>{children_[1]});
 }
 
+class kept_family_beside_another : public kept_family {
+protected:
+    kept_family_beside_another() { parameters.max_flows = 4; }
+};
+
+// The records of both children serve the children of another parent, in the same order.
+TEST_F(kept_family_beside_another, children_that_went_lead_a_waiting_walk_to_no_other_family) {
+    const zon_fid_t other_parent = send(connection_packet::udp(9)).fid;
+    ASSERT_NE(other_parent, 0u);
+    promote_both();
+    const zon_lock_t lock = keep(1);
+    std::vector<zon_fid_t> found;
+    parked_thread walker([&found, this] { found = children_of(parent_, false); });
+    walker.wait_until_parked();
+    for (const zon_fid_t child : children_)
+        EXPECT_TRUE(zon_delete_flow_tamonet(child, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+    for (const uint32_t number : {0U, 1U})
+        EXPECT_EQ(announce(5 + number, other_parent), children_[number]) << "in the order of leaving";
+    for (const uint32_t number : {0U, 1U})
+        EXPECT_EQ(send(connection_packet::udp(5 + number)).fid, children_[number]);
+    EXPECT_EQ(zon_flow_unlock(lock), zon_error_none);
+    walker.finish();
+    EXPECT_EQ(found, std::vector<zon_fid_t>{children_[1]}) << "visited before the walk waited";
+}
+
 class reused_parents : public stress_engine {
 protected:
     reused_parents() {
