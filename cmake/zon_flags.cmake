@@ -30,4 +30,9 @@ if(ZON_FUZZ)
   add_compile_options(-fsanitize=fuzzer-no-link)
 endif()
 
+if(ZON_COVERAGE)
+  add_compile_options(-fprofile-instr-generate -fcoverage-mapping)
+  add_link_options(-fprofile-instr-generate)
+endif()
+
 find_package(Threads REQUIRED)
