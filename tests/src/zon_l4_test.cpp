@@ -6,7 +6,7 @@
 
 #include <climits>
 
-#include "zon_tcp_packet.h"
+#include "support/tcp_packet.h"
 
 namespace {
 

@@ -10,7 +10,7 @@
 #include <set>
 
 #include "zon_tcp.h"
-#include "zon_tcp_rules.h"
+#include "support/tcp_rules.h"
 
 namespace {
 

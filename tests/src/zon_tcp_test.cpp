@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "zon_tcp_packet.h"
+#include "support/tcp_packet.h"
 
 namespace {
 

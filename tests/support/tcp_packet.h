@@ -1,4 +1,4 @@
-// zon_tcp_packet.h - a TCP packet in memory and the parse handle that belongs to it.
+// tcp_packet.h - a TCP packet in memory and the parse handle that belongs to it.
 
 #pragma once
 

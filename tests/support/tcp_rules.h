@@ -1,4 +1,4 @@
-// zon_tcp_rules.h - reads the tables of docs/states/tcp.md and judges packets by them.
+// tcp_rules.h - reads the tables of docs/states/tcp.md and judges packets by them.
 //
 // Slow, and shares nothing with the tracker but the records of the interface.
 
@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "zon_tcp_packet.h"
+#include "support/tcp_packet.h"
 
 namespace tcp_test {
 
