@@ -392,6 +392,12 @@ ZON_API zon_error_t zon_config_set_hash_seed(uint32_t seed);
  * find that one replaced.
  *   35 above 100; the share stays as it was */
 ZON_API zon_error_t zon_config_set_half_open_share(uint32_t percent);
+/* Whether the next engine (zon_init, zon_restart) asks the system for huge pages (2 MiB) for its
+ * tables and its flows: with many flows, packets then wait less for memory. Tables are touched as a
+ * whole when they are made, and memory is taken 2 MiB at a time. false at load. Where the system
+ * has none to give (/sys/kernel/mm/transparent_hugepage/enabled is "never") nothing changes. Always
+ * 0. */
+ZON_API zon_error_t zon_config_set_huge_pages(bool wanted);
 /* Flows of IPv4 that fit into so many bytes: one is accounted at 392 bytes, its record of 248 and
  * two half flows of 72.
  *   9 null pointer */

@@ -37,6 +37,7 @@ void zon_private_stop_timer(zon_flow_t* flow);
 extern uint32_t zon_hash_seed_of_next_engine;
 // The same of zon_config_set_half_open_share, in percent.
 extern uint32_t zon_half_open_share_of_next_engine;
+extern bool zon_huge_pages_for_next_engine;
 
 // ---- deletion (zon_api) ----
 

@@ -53,3 +53,6 @@ void zon_private_chunk_free_or_trace(zon_memory_type mem_type, void* data, void*
 
 // Zero-filled memory from the general heap, for tables and arrays; released with free().
 void* zon_heap_zalloc(size_t count, size_t size);
+
+// Whether large tables and the chunks' memory are asked for in huge pages from now on.
+void zon_mem_use_huge_pages(bool wanted);

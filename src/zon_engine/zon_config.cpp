@@ -23,6 +23,7 @@ constexpr uint32_t whole_percent = 100;
 
 uint32_t zon_hash_seed_of_next_engine = 0;
 uint32_t zon_half_open_share_of_next_engine = 0;
+bool zon_huge_pages_for_next_engine = false;
 
 zon_error_t zon_config_set_hash_seed(uint32_t seed) {
     zon_hash_seed_of_next_engine = seed;
@@ -33,6 +34,11 @@ zon_error_t zon_config_set_half_open_share(uint32_t percent) {
     if (percent > whole_percent)
         return zon_error_parameter_invalid;
     zon_half_open_share_of_next_engine = percent;
+    return zon_error_none;
+}
+
+zon_error_t zon_config_set_huge_pages(bool wanted) {
+    zon_huge_pages_for_next_engine = wanted;
     return zon_error_none;
 }
 

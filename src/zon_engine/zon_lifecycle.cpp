@@ -147,6 +147,7 @@ zon_error_t zon_init(uint32_t max_flows_supported, uint32_t pre_flow_timer, uint
     params.max_bucket_depth = max_bucket_depth;
     params.create_chunk_elements = create_chunk_elements;
     params.max_mem_buffer_init = max_mem_buffer_init;
+    zon_mem_use_huge_pages(zon_huge_pages_for_next_engine);
     zon_hash_seed_in_force = zon_hash_seed_of_next_engine;
     zon_half_open_bound(max_flows_supported, zon_half_open_share_of_next_engine);
 

@@ -76,7 +76,8 @@ zon_error_t use_configuration() {
                        zon_set_default_params(&params) == zon_error_none &&
                        zon_config_set_max_flows(4000) == zon_error_none &&
                        zon_config_set_hash_seed(0) == zon_error_none &&
-                       zon_config_set_half_open_share(0) == zon_error_none;
+                       zon_config_set_half_open_share(0) == zon_error_none &&
+                       zon_config_set_huge_pages(false) == zon_error_none;
     zon_timer_set_type(zon_get_tw_internal(), &timer, ZON_TIMER_FLOW_IDLE);
     zon_set_debug(true);
     zon_set_debug(false);

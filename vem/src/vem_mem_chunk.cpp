@@ -4,8 +4,11 @@
 // Locks  one mutex a chunk, innermost.
 #include "vem/vem_mem_chunk.h"
 
+#include <sys/mman.h>
+
 #include <algorithm>
 #include <array>
+#include <atomic>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -64,13 +67,20 @@ void allow(void* memory, size_t bytes) {
 #endif
 }
 
-// Large pieces are whole and aligned for huge pages, should the system give them; none are asked
-// for, so that memory is taken page by page as records are handed out.
+std::atomic<bool> huge_pages_wanted{false};
+
+// Large pieces are whole and aligned for huge pages. Unless those are wanted none are asked for, so
+// that memory is taken page by page as records are handed out.
 piece_header* obtain_piece(size_t wanted) {
-    const size_t alignment = wanted >= huge_page ? huge_page : cache_line;
+    const bool is_large = wanted >= huge_page;
+    const size_t alignment = is_large ? huge_page : cache_line;
     const size_t bytes = rounded_up(wanted, alignment);
     void* memory = std::aligned_alloc(alignment, bytes);
-    return memory == nullptr ? nullptr : new (memory) piece_header{nullptr, bytes};
+    if (memory == nullptr)
+        return nullptr;
+    if (is_large && huge_pages_wanted.load(std::memory_order_relaxed))
+        madvise(memory, bytes, MADV_HUGEPAGE);  // a wish: without them all works, only slower
+    return new (memory) piece_header{nullptr, bytes};
 }
 
 }  // namespace
@@ -179,4 +189,8 @@ bool vem_mem_chunk_free(vem_chunk_type chunk, void* element) {
 bool vem_mem_chunk_destroy(vem_chunk_type chunk) {
     delete chunk;
     return chunk != nullptr;
+}
+
+void vem_mem_use_huge_pages(bool wanted) {
+    huge_pages_wanted.store(wanted, std::memory_order_relaxed);
 }

@@ -120,6 +120,7 @@ void use_texts_and_defaults(void) {
     check(zon_config_set_max_flows(5000) == zon_error_none && ZON_DEFAULT_MAX_FLOWS == 5000,
           "and one of them alone");
     check(zon_config_set_hash_seed(0) == zon_error_none, "the hash stays plain");
+    check(zon_config_set_huge_pages(false) == zon_error_none, "pages stay small");
     check(zon_config_set_half_open_share(101) == zon_error_parameter_invalid &&
               zon_config_set_half_open_share(0) == zon_error_none,
           "half-open flows stay unbounded");

@@ -42,6 +42,10 @@ bool vem_mem_chunk_free(vem_chunk_type chunk, void* element);
 /* Gives all memory back to the heap. */
 bool vem_mem_chunk_destroy(vem_chunk_type chunk);
 
+/* Asks the system for huge pages (2 MiB) for the memory that chunks take from now on; off at load.
+ * The system may not give any. */
+void vem_mem_use_huge_pages(bool wanted);
+
 #ifdef __cplusplus
 }
 #endif
