@@ -1,64 +1,64 @@
-// packet_path_bench.cpp - what a packet of a known flow costs: N established flows, half TCP with
-// state checks and half UDP, hit in random order in both directions, while a second thread exists.
+// packet_path_bench.cpp - what a packet of a known flow costs: N established flows, half TCP and
+// half UDP, hit in random order in both directions, while a second thread exists.
 //
 //   packet_path_bench --benchmark_repetitions=9 --benchmark_report_aggregates_only=true
 //
-// `skeleton` touches the memory that no packet can do without, under one recursive lock, and does
-// nothing else.
-
-#include <benchmark/benchmark.h>
-#include <pthread.h>
+// Every row contains the writing of its packets; `write_packets` is that alone.
 
 #include <memory>
+#include <string>
 #include <vector>
 
 #include "support/bench_engine.h"
-#include "support/second_thread.h"
+#include "support/measure.h"
+#include "support/random_order.h"
 
 namespace zon_bench {
 namespace {
 
-// Making a million flows takes longer than measuring them: one engine is kept from run to run.
-bench_engine& engine_with(uint32_t flows) {
-    static std::unique_ptr<bench_engine> engine;
-    static uint32_t size = 0;
-    if (size != flows) {
-        engine.reset();
-        engine = std::make_unique<bench_engine>(flows);
-        for (uint32_t connection = 0; connection < flows; ++connection)
-            engine->establish(connection);
-        size = flows;
+struct kept_engine {
+    std::unique_ptr<bench_engine> engine;
+    double bytes_per_flow = 0;
+};
+
+// Making a million flows takes longer than measuring them: one engine is kept from row to row.
+kept_engine& engine_of(const engine_options& options) {
+    static kept_engine kept;
+    if (!kept.engine || !(kept.engine->options() == options)) {
+        kept.engine.reset();
+        const double before = resident_bytes();
+        kept.engine = std::make_unique<bench_engine>(options);
+        kept.engine->establish_all(options.max_flows);
+        kept.bytes_per_flow = (resident_bytes() - before) / options.max_flows;
     }
-    return *engine;
+    return kept;
 }
 
-template <zon_fid_t (bench_engine::*entry)(uint8_t*)>
-void hit(benchmark::State& state) {
-    const auto flows = static_cast<uint32_t>(state.range(0));
-    bench_engine& engine = engine_with(flows);
-    random_order next(2 * flows);
-    uint32_t lost = 0;
-    const stopwatch watch;
-    for (auto _ : state) {
-        const uint32_t which = next();
-        lost += (engine.*entry)(engine.packets.established(which >> 1, (which & 1) != 0)) == 0;
-    }
-    state.counters["ns_per_packet"] = watch.ns_per(static_cast<double>(state.iterations()));
+void end_row(benchmark::State& state, double ns_per_packet, uint32_t lost) {
+    state.counters["ns_per_packet"] = ns_per_packet;
     if (lost != 0)
         state.SkipWithError("packets without a flow");
 }
 
-void zon_handle_packet_hit(benchmark::State& state) {
-    hit<&bench_engine::send>(state);
-}
-void zon_handle_captured_packet_hit(benchmark::State& state) {
-    hit<&bench_engine::send_captured>(state);
+using entry = zon_fid_t (packet_source::*)(uint8_t*);
+
+void hit(benchmark::State& state, const engine_options& options, entry handle) {
+    kept_engine& kept = engine_of(options);
+    bench_engine& engine = *kept.engine;
+    random_order next(2 * options.max_flows);
+    uint32_t lost = 0;
+    const stopwatch watch;
+    for (auto _ : state) {
+        const uint32_t which = next();
+        lost += (engine.*handle)(engine.packets.established(which >> 1, (which & 1) != 0)) == 0;
+    }
+    end_row(state, watch.ns_per(static_cast<double>(state.iterations())), lost);
+    state.counters["bytes_per_flow"] = kept.bytes_per_flow;
 }
 
-void zon_handle_packet_burst_hit(benchmark::State& state) {
-    const auto flows = static_cast<uint32_t>(state.range(0));
-    bench_engine& engine = engine_with(flows);
-    random_order next(2 * flows);
+void hit_burst(benchmark::State& state, const engine_options& options) {
+    bench_engine& engine = *engine_of(options).engine;
+    random_order next(2 * options.max_flows);
     uint32_t lost = 0;
     const stopwatch watch;
     for (auto _ : state) {
@@ -68,99 +68,57 @@ void zon_handle_packet_burst_hit(benchmark::State& state) {
         }
         lost += engine.send_burst();
     }
-    state.counters["ns_per_packet"] =
-        watch.ns_per(static_cast<double>(state.iterations() * bench_engine::burst_size));
-    if (lost != 0)
-        state.SkipWithError("packets without a flow");
+    end_row(state,
+            watch.ns_per(static_cast<double>(state.iterations() * bench_engine::burst_size)), lost);
 }
 
-// ---- the skeleton -----------------------------------------------------------------------------
-
-// The sizes of the engine's records: 248 bytes a flow, 72 bytes a direction, a pointer a bucket.
-struct skeleton_flow {
-    uint64_t words[31];
-};
-struct skeleton_half {
-    skeleton_half* next;
-    skeleton_flow* flow;
-    uint64_t words[7];
-};
-static_assert(sizeof(skeleton_flow) == 248 && sizeof(skeleton_half) == 72);
-
-class skeleton_table {
-public:
-    explicit skeleton_table(uint32_t flows)
-        : flows_(flows), halves_(2 * flows), buckets_(2 * flows) {
-        pthread_mutexattr_t recursive;
-        pthread_mutexattr_init(&recursive);
-        pthread_mutexattr_settype(&recursive, PTHREAD_MUTEX_RECURSIVE);
-        pthread_mutex_init(&lock_, &recursive);
-        for (uint32_t i = 0; i < 2 * flows; ++i) {
-            halves_[i].flow = &flows_[i / 2];
-            halves_[i].words[0] = i;
-            halves_[i].next = nullptr;
-            buckets_[bucket_of(i)] = &halves_[i];
-        }
-    }
-    ~skeleton_table() { pthread_mutex_destroy(&lock_); }
-    skeleton_table(const skeleton_table&) = delete;
-    skeleton_table& operator=(const skeleton_table&) = delete;
-
-    // One bucket head, one half flow, the four lines of its record.
-    bool touch(uint32_t which) {
-        skeleton_half* half = buckets_[bucket_of(which)];
-        pthread_mutex_lock(&lock_);
-        const bool found = half->words[0] == which;
-        skeleton_flow* flow = half->flow;
-        ++flow->words[0];
-        ++flow->words[8];
-        ++flow->words[16];
-        ++flow->words[24];
-        pthread_mutex_unlock(&lock_);
-        return found;
-    }
-
-private:
-    // Each half flow in a bucket of its own, anywhere in the array.
-    uint32_t bucket_of(uint32_t which) const {
-        return static_cast<uint32_t>((static_cast<uint64_t>(which) * 2654435761U + 7) %
-                                     buckets_.size());
-    }
-
-    pthread_mutex_t lock_;
-    std::vector<skeleton_flow> flows_;
-    std::vector<skeleton_half> halves_;
-    std::vector<skeleton_half*> buckets_;
-};
-
-void skeleton(benchmark::State& state) {
-    const auto flows = static_cast<uint32_t>(state.range(0));
-    skeleton_table table(flows);
-    random_order next(2 * flows);
-    uint32_t lost = 0;
+// The packets alone, into the same buffers and in the same order.
+void write_packets(benchmark::State& state, families family) {
+    packet_writer packets(family);
+    random_order next(2'000'000);
     const stopwatch watch;
-    for (auto _ : state)
-        lost += !table.touch(next());
-    state.counters["ns_per_packet"] = watch.ns_per(static_cast<double>(state.iterations()));
-    if (lost != 0)
-        state.SkipWithError("half flows that share a bucket");
+    for (auto _ : state) {
+        const uint32_t which = next();
+        benchmark::DoNotOptimize(packets.established(which >> 1, (which & 1) != 0));
+        benchmark::ClobberMemory();
+    }
+    end_row(state, watch.ns_per(static_cast<double>(state.iterations())), 0);
 }
 
-BENCHMARK(zon_handle_packet_hit)->Arg(50)->Arg(5'000)->Arg(100'000)->Arg(1'000'000);
-BENCHMARK(zon_handle_captured_packet_hit)->Arg(5'000)->Arg(100'000)->Arg(1'000'000);
-BENCHMARK(zon_handle_packet_burst_hit)
-    ->Arg(50)->Arg(5'000)->Arg(100'000)->Arg(1'000'000)->Arg(4'000'000);
-BENCHMARK(skeleton)->Arg(50)->Arg(5'000)->Arg(100'000)->Arg(1'000'000);
+std::string row_name(const char* what, const engine_options& options) {
+    return std::string(what) + "/" + name_of(options.family) +
+           "/checks:" + (options.tcp_checks ? "on" : "off") +
+           "/clients:" + std::to_string(options.clients) +
+           "/flows:" + std::to_string(options.max_flows);
+}
+
+void add_rows(const engine_options& options) {
+    benchmark::RegisterBenchmark(row_name("one_at_a_time", options).c_str(), hit, options,
+                                 &packet_source::send);
+    benchmark::RegisterBenchmark(row_name("captured", options).c_str(), hit, options,
+                                 &packet_source::send_captured);
+    benchmark::RegisterBenchmark(row_name("burst", options).c_str(), hit_burst, options);
+}
+
+void add_all_rows() {
+    constexpr families every_family[] = {families::ipv4, families::ipv6, families::mixed};
+    for (const families family : every_family) {
+        const std::string name = std::string("write_packets/") + name_of(family);
+        benchmark::RegisterBenchmark(name.c_str(), write_packets, family);
+        for (const uint32_t flows : {5'000U, 100'000U, 1'000'000U, 4'000'000U})
+            add_rows({flows, family});
+    }
+    for (const uint32_t flows : {5'000U, 1'000'000U})
+        add_rows({flows, families::ipv4, false});
+    for (const uint32_t clients : {1U, 8U})
+        for (const uint32_t flows : {5'000U, 100'000U})
+            add_rows({flows, families::ipv4, true, clients});
+}
 
 }  // namespace
 }  // namespace zon_bench
 
 int main(int argc, char** argv) {
-    const zon_bench::second_thread idle;
-    benchmark::Initialize(&argc, argv);
-    if (benchmark::ReportUnrecognizedArguments(argc, argv))
-        return 1;
-    benchmark::RunSpecifiedBenchmarks();
-    benchmark::Shutdown();
-    return 0;
+    zon_bench::add_all_rows();
+    return zon_bench::run_benchmarks(argc, argv);
 }

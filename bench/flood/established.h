@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "flood_engine.h"
+#include "support/random_order.h"
 
 namespace zon_bench {
 

@@ -1,20 +1,14 @@
-// bench_engine.h - an engine of a given size, and packets of any of its connections without memory
-// of their own.
-//
-// A packet is written into one of a few buffers just before it is handed in, as a network card does
-// it: what is measured then is the memory of the engine, not that of a million prepared packets.
-// Even connections are TCP, odd ones UDP.
+// bench_engine.h - an engine of a given size, and whoever sends it packets.
 
 #pragma once
 
 #include <array>
-#include <bit>
-#include <chrono>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
+#include "support/packet_writer.h"
 #include "zon.h"
 
 namespace zon_bench {
@@ -26,126 +20,20 @@ inline void require(bool condition, const char* what) {
     std::exit(1);
 }
 
-inline uint32_t big_endian(uint32_t word) {
-    return std::endian::native == std::endian::little ? __builtin_bswap32(word) : word;
-}
-
-// Cheap numbers for the order of packets; the sequence is the same on every run.
-class random_order {
-public:
-    explicit random_order(uint32_t below) : below_(below) {}
-    uint32_t operator()() {
-        state_ ^= state_ << 13;
-        state_ ^= state_ >> 7;
-        state_ ^= state_ << 17;
-        return static_cast<uint32_t>(((state_ >> 32) * below_) >> 32);
-    }
-
-private:
-    uint64_t state_ = 88172645463325252ULL;
-    uint64_t below_;
+struct engine_options {
+    uint32_t max_flows = 0;
+    families family = families::ipv4;
+    bool tcp_checks = true;
+    // Each is told of every TCP packet, and hangs an object on every flow.
+    uint32_t clients = 0;
+    uint32_t max_threads = 10;  // the ZON_DEFAULT_MAX_CONCURRENCY of the library
+    bool operator==(const engine_options&) const = default;
 };
 
-// IPv4 headers of 20 bytes, and behind them 20 bytes of TCP or 8 of UDP and some payload.
-inline constexpr uint32_t packet_size = 46;
-
-class packet_writer {
+// One thread's packets.
+class packet_source {
 public:
-    struct tcp_fields {
-        uint32_t seq;
-        uint32_t ack;
-        uint8_t flags;
-    };
-    static constexpr tcp_fields syn{1000, 0, 0x02};
-    static constexpr tcp_fields syn_ack{2000, 1001, 0x12};
-    static constexpr tcp_fields ack_of_initiator{1001, 2001, 0x10};
-    static constexpr tcp_fields ack_of_responder{2001, 1001, 0x10};
-
-    packet_writer() {
-        for (auto& packet : tcp_)
-            prepare(packet, 6);
-        for (auto& packet : udp_)
-            prepare(packet, 17);
-    }
-
-    static bool is_tcp(uint32_t connection) { return (connection & 1) == 0; }
-
-    // A packet of an established connection.
-    uint8_t* established(uint32_t connection, bool back) {
-        if (!is_tcp(connection))
-            return udp(connection, back);
-        return tcp(connection, back, back ? ack_of_responder : ack_of_initiator);
-    }
-    uint8_t* tcp(uint32_t connection, bool back, const tcp_fields& fields) {
-        uint8_t* packet = address(tcp_[next_++ % buffers].data(), connection, back);
-        put(packet + 24, fields.seq);
-        put(packet + 28, fields.ack);
-        packet[33] = fields.flags;
-        return packet;
-    }
-    uint8_t* udp(uint32_t connection, bool back) {
-        return address(udp_[next_++ % buffers].data(), connection, back);
-    }
-
-private:
-    static constexpr uint32_t buffers = 32;  // as many as a burst may hold at once
-    using buffer = std::array<uint8_t, 64>;
-
-    static void put(uint8_t* at, uint32_t host_order) {
-        const uint32_t word = big_endian(host_order);
-        std::memcpy(at, &word, sizeof word);
-    }
-    static void prepare(buffer& packet, uint8_t protocol) {
-        packet = {0x45, 0, 0, packet_size, 0, 0, 0, 0, 64, protocol};
-        if (protocol == 6) {
-            packet[3] = 40;
-            packet[32] = 0x50;
-            packet[34] = packet[35] = 0xFF;
-        } else {
-            packet[25] = packet_size - 20;
-        }
-    }
-    // From 10.0.0.0 plus the number to one of 16 servers, and back.
-    static uint8_t* address(uint8_t* packet, uint32_t connection, bool back) {
-        const uint32_t client = 0x0A000000 + connection;
-        const uint32_t server = 0xC0000200 + connection % 16;
-        const uint32_t client_port = 1024 + (connection * 7) % 60000;
-        put(packet + 12, back ? server : client);
-        put(packet + 16, back ? client : server);
-        put(packet + 20, back ? 443U << 16 | client_port : client_port << 16 | 443U);
-        return packet;
-    }
-
-    std::array<buffer, buffers> tcp_;
-    std::array<buffer, buffers> udp_;
-    uint32_t next_ = 0;
-};
-
-class bench_engine {
-public:
-    explicit bench_engine(uint32_t max_flows) {
-        require(zon_init(max_flows, 0, ZON_DEFAULT_MIN_INIT_FLOWS, ZON_DEFAULT_MAX_CONCURRENCY,
-                         ZON_DEFAULT_MAX_COLLISION_SIZE, ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
-                         ZON_DEFAULT_MAX_MEM_BUFFER_INIT) == zon_error_none,
-                "no engine");
-        require(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
-                                  &g_zon->zon_timer_process_create),
-                "no timers");
-        zon_client_id_e client = 0;
-        require(zon_client_feature_register(&client) == zon_error_none, "no client");
-        constexpr auto wanted = ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP |
-                                ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS;
-        require(zon_client_enable_engine_capability(
-                    client, static_cast<zon_capability_e>(wanted)) == zon_error_none,
-                "no capabilities");
-        // Nothing ages while it is measured.
-        for (const uint8_t protocol : {uint8_t{6}, uint8_t{17}})
-            for (int state = ZON_L4_ENUM_START; state < ZON_L4_ENUM_END; ++state)
-                zon_set_default_aging(protocol, static_cast<zon_l4_flow_state_e>(state), 3'600'000);
-    }
-    ~bench_engine() { zon_destroy(); }
-    bench_engine(const bench_engine&) = delete;
-    bench_engine& operator=(const bench_engine&) = delete;
+    explicit packet_source(families family) : packets(family) {}
 
     zon_fid_t send(uint8_t* packet) {
         zon_error_t error;
@@ -166,17 +54,19 @@ public:
     uint32_t send_burst() {
         return burst_size - zon_handle_packet_burst(burst_.data(), burst_size);
     }
+    zon_fid_t flow_of_burst(uint32_t slot) const { return burst_[slot].fid; }
 
     // Both sides have sent, so that the packets of packet_writer::established fit.
-    void establish(uint32_t connection) {
-        if (packet_writer::is_tcp(connection)) {
-            send(packets.tcp(connection, false, packet_writer::syn));
+    zon_fid_t establish(uint32_t connection) {
+        const zon_fid_t fid = send(packets.first(connection));
+        if (packet_writer::is_tcp(connection))
             send(packets.tcp(connection, true, packet_writer::syn_ack));
-        }
         for (const bool back : {false, true}) {
-            require(send(packets.established(connection, back)) != 0, "a packet without a flow");
+            require(send(packets.established(connection, back)) == fid && fid != 0,
+                    "a packet without its flow");
             require(seen.l4_error == ZON_L4_NOERR, "a packet that the tracker complains of");
         }
+        return fid;
     }
 
     packet_writer packets;
@@ -187,15 +77,76 @@ private:
     std::array<zon_pkt_indications_t, burst_size> burst_seen_{};
 };
 
-class stopwatch {
+class bench_engine : public packet_source {
 public:
-    double seconds() const {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - start_).count();
+    explicit bench_engine(const engine_options& options)
+        : packet_source(options.family), options_(options) {
+        require(zon_init(options.max_flows, an_hour_ms, ZON_DEFAULT_MIN_INIT_FLOWS, options.max_threads,
+                         ZON_DEFAULT_MAX_COLLISION_SIZE, ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
+                         ZON_DEFAULT_MAX_MEM_BUFFER_INIT) == zon_error_none,
+                "no engine");
+        require(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                                  &g_zon->zon_timer_process_create),
+                "no timers");
+        const int checks = options.tcp_checks ? ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS : 0;
+        add_client(ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP | checks, count_end);
+        for (uint32_t client = 0; client < options.clients; ++client) {
+            watching_[client] = add_client(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS, forget_object);
+            zon_client_register_bypass_cb(watching_[client], look_at_packet);
+        }
+        set_idle_time_ms(an_hour_ms);  // nothing ages while it is measured
     }
-    double ns_per(double count) const { return seconds() * 1e9 / count; }
+    explicit bench_engine(uint32_t max_flows) : bench_engine(engine_options{max_flows}) {}
+    ~bench_engine() { zon_destroy(); }
+    bench_engine(const bench_engine&) = delete;
+    bench_engine& operator=(const bench_engine&) = delete;
+
+    const engine_options& options() const { return options_; }
+    // Since the program began, modulo 2^32.
+    static uint32_t ended_flows() { return ended_flows_.load(std::memory_order_relaxed); }
+
+    static void set_idle_time_ms(uint32_t ms) {
+        for (const uint8_t protocol : {uint8_t{6}, uint8_t{17}})
+            for (int state = ZON_L4_ENUM_START; state < ZON_L4_ENUM_END; ++state)
+                zon_set_default_aging(protocol, static_cast<zon_l4_flow_state_e>(state), ms);
+    }
+
+    void establish_all(uint32_t flows) {
+        for (uint32_t connection = 0; connection < flows; ++connection) {
+            const zon_fid_t fid = establish(connection);
+            for (uint32_t client = 0; client < options_.clients; ++client)
+                require(zon_flow_attach_fo(fid, watching_[client], ZON_DIR_BI, &object_) ==
+                            zon_error_none,
+                        "no object on a flow");
+        }
+    }
 
 private:
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    static constexpr uint32_t an_hour_ms = 3'600'000;
+
+    static void look_at_packet(uint32_t, bool, bool, bool, uint32_t*) {}
+    static void forget_object(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e,
+                              zon_client_id_e) {}
+    static void count_end(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e,
+                          zon_client_id_e) {
+        ended_flows_.fetch_add(1, std::memory_order_relaxed);
+    }
+
+    static zon_client_id_e add_client(int capabilities, zon_client_fo_delete_cb_t at_the_end) {
+        zon_client_id_e client = 0;
+        require(zon_client_feature_register(&client) == zon_error_none, "no client");
+        zon_client_register_delete_cb(client, at_the_end);
+        require(zon_client_enable_engine_capability(
+                    client, static_cast<zon_capability_e>(capabilities)) == zon_error_none,
+                "no capabilities");
+        return client;
+    }
+
+    static inline std::atomic<uint32_t> ended_flows_{0};
+
+    engine_options options_;
+    std::array<zon_client_id_e, 31> watching_{};
+    int object_ = 0;
 };
 
 }  // namespace zon_bench

@@ -1,0 +1,167 @@
+// threads_bench.cpp - how packets of one and of two threads get on with each other.
+//
+//   threads_bench        pin it to as many processors as threads are measured
+//
+// `apart`    each thread has connections of its own, as a network card deals them out;
+// `anywhere` any thread meets packets of any connection.
+// ns_per_packet is wall time divided by the packets of all threads: with perfect scaling two
+// threads halve it.
+
+#include <algorithm>
+#include <barrier>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/bench_engine.h"
+#include "support/measure.h"
+#include "support/random_order.h"
+
+namespace zon_bench {
+namespace {
+
+// Runs body(thread) on so many threads and returns the seconds from their common start to the end
+// of the last.
+template <class function>
+double run_together(uint32_t threads, function body) {
+    std::barrier start(threads + 1);
+    std::vector<std::thread> running;
+    for (uint32_t at = 0; at < threads; ++at)
+        running.emplace_back([&start, &body, at] {
+            start.arrive_and_wait();
+            body(at);
+        });
+    start.arrive_and_wait();
+    const stopwatch watch;
+    for (auto& thread : running)
+        thread.join();
+    return watch.seconds();
+}
+
+struct load {
+    uint32_t flows;
+    uint32_t threads;
+    uint32_t max_threads;
+};
+
+bench_engine& established_engine(const load& of) {
+    static std::unique_ptr<bench_engine> engine;
+    engine_options wanted{of.flows};
+    wanted.max_threads = of.max_threads;
+    if (!engine || !(engine->options() == wanted)) {
+        engine.reset();
+        engine = std::make_unique<bench_engine>(wanted);
+        engine->establish_all(of.flows);
+    }
+    return *engine;
+}
+
+enum class share { apart, anywhere };
+constexpr uint32_t packets_per_thread = 1U << 20;
+
+// Packets of a part of the connections, both directions.
+uint32_t hit_part(packet_source& source, uint32_t first, uint32_t connections, uint64_t seed,
+                  bool in_bursts) {
+    random_order next(2 * connections, seed);
+    const auto packet = [&] {
+        const uint32_t which = next();
+        return source.packets.established(first + (which >> 1), (which & 1) != 0);
+    };
+    uint32_t lost = 0;
+    if (!in_bursts) {
+        for (uint32_t i = 0; i < packets_per_thread; ++i)
+            lost += source.send(packet()) == 0;
+        return lost;
+    }
+    for (uint32_t i = 0; i < packets_per_thread; i += packet_source::burst_size) {
+        for (uint32_t slot = 0; slot < packet_source::burst_size; ++slot)
+            source.put_into_burst(slot, packet());
+        lost += source.send_burst();
+    }
+    return lost;
+}
+
+void established(benchmark::State& state, const load& of, share shared, bool in_bursts) {
+    established_engine(of);
+    const uint32_t part = shared == share::apart ? of.flows / 2 : of.flows;
+    std::atomic<uint32_t> lost = 0;
+    double total = 0;
+    for (auto _ : state) {
+        const double seconds = run_together(of.threads, [&](uint32_t thread) {
+            packet_source source(families::ipv4);
+            const uint32_t first = shared == share::apart ? thread * part : 0;
+            // One thread alone meets all connections in either way.
+            lost += hit_part(source, of.threads == 1 ? 0 : first,
+                             of.threads == 1 ? of.flows : part, 0x9E3779B97F4A7C15 + thread,
+                             in_bursts);
+        });
+        state.SetIterationTime(seconds);
+        total += seconds;
+    }
+    state.counters["ns_per_packet"] = total * 1e9 /
+                                      (static_cast<double>(state.iterations()) * packets_per_thread *
+                                       of.threads);
+    if (lost != 0)
+        state.SkipWithError("packets without a flow");
+}
+
+void new_flows(benchmark::State& state, const load& of) {
+    engine_options options{of.flows};
+    options.max_threads = of.max_threads;
+    bench_engine engine(options);
+    std::vector<zon_fid_t> fids(of.flows);
+    const scattered order(of.flows);
+    const uint32_t part = of.flows / of.threads;
+    double total = 0;
+    for (auto _ : state) {
+        const double seconds = run_together(of.threads, [&](uint32_t thread) {
+            packet_source source(families::ipv4);
+            for (uint32_t at = thread * part; at < (thread + 1) * part; ++at)
+                fids[at] = source.send(source.packets.first(order[at]));
+        });
+        state.SetIterationTime(seconds);
+        total += seconds;
+        require(std::find(fids.begin(), fids.end(), 0) == fids.end(), "a packet without a flow");
+        for (const zon_fid_t fid : fids)
+            zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+    }
+    state.counters["ns_per_flow"] =
+        total * 1e9 / (static_cast<double>(state.iterations()) * of.flows);
+}
+
+std::string name_of(const char* what, const load& of) {
+    return std::string(what) + "/flows:" + std::to_string(of.flows) +
+           "/max_threads:" + std::to_string(of.max_threads) +
+           "/threads:" + std::to_string(of.threads);
+}
+
+template <class... arguments>
+void add(const char* what, const load& of, arguments... body) {
+    benchmark::RegisterBenchmark(name_of(what, of).c_str(), body...)->UseManualTime();
+}
+
+void add_all_rows() {
+    for (const uint32_t flows : {5'000U, 1'000'000U})
+        for (const uint32_t max_threads : {10U, 64U, 1024U}) {
+            for (const uint32_t threads : {1U, 2U}) {
+                const load of{flows, threads, max_threads};
+                add("established/apart", of, established, of, share::apart, false);
+                add("established/anywhere", of, established, of, share::anywhere, false);
+                add("established_burst/apart", of, established, of, share::apart, true);
+                add("established_burst/anywhere", of, established, of, share::anywhere, true);
+            }
+            for (const uint32_t threads : {1U, 2U}) {
+                const load of{flows, threads, max_threads};
+                add("new_flows", of, new_flows, of);
+            }
+        }
+}
+
+}  // namespace
+}  // namespace zon_bench
+
+int main(int argc, char** argv) {
+    zon_bench::add_all_rows();
+    return zon_bench::run_benchmarks(argc, argv);
+}
