@@ -27,6 +27,7 @@ struct engine_options {
     // Each is told of every TCP packet, and hangs an object on every flow.
     uint32_t clients = 0;
     uint32_t max_threads = 10;  // the ZON_DEFAULT_MAX_CONCURRENCY of the library
+    bool tunnels = false;         // looks into them
     bool operator==(const engine_options&) const = default;
 };
 
@@ -89,7 +90,10 @@ public:
                                   &g_zon->zon_timer_process_create),
                 "no timers");
         const int checks = options.tcp_checks ? ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS : 0;
-        add_client(ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP | checks, count_end);
+        const int tunnels =
+            options.tunnels ? ZON_CAPABILITY_ENABLE_IPV6INIP | ZON_CAPABILITY_ENABLE_TEREDO : 0;
+        add_client(ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP | checks | tunnels,
+                   count_end);
         for (uint32_t client = 0; client < options.clients; ++client) {
             watching_[client] = add_client(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS, forget_object);
             zon_client_register_bypass_cb(watching_[client], look_at_packet);
