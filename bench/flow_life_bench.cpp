@@ -6,6 +6,7 @@
 // An iteration is a whole table of flows; the counter tells the time for one of them.
 
 #include <algorithm>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -64,19 +65,6 @@ void delete_all(const std::vector<zon_fid_t>& fids) {
 
 using creator = void (*)(bench_engine&, uint32_t, std::vector<zon_fid_t>&);
 
-// A new engine each time: the records are made on the way.
-void create_in_a_new_engine(benchmark::State& state, families family, uint32_t flows) {
-    std::vector<zon_fid_t> fids(flows);
-    row result(state, flows);
-    for (auto _ : state) {
-        bench_engine engine({flows, family});
-        const stopwatch watch;
-        create_all(engine, flows, fids);
-        result.took(watch.seconds());
-        require(engine.seen.fif == 1 && fids.back() != 0, "no new flow");
-    }
-}
-
 enum class phase { creation, deletion };
 
 // The records are there already, as in an engine that has run for a while.
@@ -97,6 +85,21 @@ void create_and_delete(benchmark::State& state, families family, uint32_t flows,
         delete_all(fids);
         result.took(timed == phase::creation ? creating : deletion_watch.seconds());
         require(engine.ended_flows() - before == flows, "flows that stayed");
+    }
+}
+
+// A full engine from nothing, and back to nothing.
+void make_or_destroy(benchmark::State& state, families family, uint32_t flows, phase timed) {
+    std::vector<zon_fid_t> fids(flows);
+    row result(state, flows);
+    for (auto _ : state) {
+        const stopwatch making;
+        auto engine = std::make_unique<bench_engine>(engine_options{flows, family});
+        create_all(*engine, flows, fids);
+        const double seconds = making.seconds();
+        const stopwatch destroying;
+        engine.reset();
+        result.took(timed == phase::creation ? seconds : destroying.seconds());
     }
 }
 
@@ -156,12 +159,13 @@ void add_rows(families family, uint32_t flows) {
             std::string(what) + "/" + name_of(family) + "/flows:" + std::to_string(flows);
         benchmark::RegisterBenchmark(name.c_str(), body...)->UseManualTime();
     };
-    add("create_in_a_new_engine", create_in_a_new_engine, family, flows);
     add("create", create_and_delete, family, flows, create_all, phase::creation);
     add("create_in_bursts", create_and_delete, family, flows, create_all_in_bursts,
         phase::creation);
     add("delete", create_and_delete, family, flows, create_all, phase::deletion);
     add("expire", expire, family, flows);
+    add("make_engine", make_or_destroy, family, flows, phase::creation);
+    add("destroy_engine", make_or_destroy, family, flows, phase::deletion);
 }
 
 void add_all_rows() {

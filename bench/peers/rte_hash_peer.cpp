@@ -6,6 +6,7 @@
 #include <rte_hash.h>
 #include <rte_hash_crc.h>
 #include <rte_malloc.h>
+#include <sched.h>
 
 #include "peers/peer_table.h"
 
@@ -60,12 +61,13 @@ double rte_bytes() {
 }
 
 void start_dpdk(char* program) {
-    char arguments[][32] = {"--no-huge", "--no-pci",     "--in-memory", "--no-telemetry",
-                            "-m",        "2048",         "--log-level", "error",
-                            "--lcores",  "0@(0-63)"};
-    std::vector<char*> all{program};
-    for (char(&argument)[32] : arguments)
-        all.push_back(argument);
+    std::vector<std::string> arguments{program, "--no-huge", "--no-pci",
+                                       "--no-telemetry", "-m", "2048", "--log-level", "error"};
+    // Where the program is pinned to.
+    arguments.push_back("--lcores=0@" + std::to_string(sched_getcpu()));
+    std::vector<char*> all;
+    for (std::string& argument : arguments)
+        all.push_back(argument.data());
     require(rte_eal_init(static_cast<int>(all.size()), all.data()) >= 0, "no DPDK");
 }
 
