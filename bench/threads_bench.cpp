@@ -150,6 +150,26 @@ void new_flows(benchmark::State& state, const load& of) {
         total * 1e9 / (static_cast<double>(state.iterations()) * of.flows);
 }
 
+// What it takes a word to reach the other thread: two of them hand it to and fro. The shortest time
+// counts, since a thread that waits awake loses its processor now and then.
+void line_transfer(benchmark::State& state) {
+    constexpr int turns = 2'000;
+    double least = 1;
+    for (auto _ : state) {
+        alignas(64) std::atomic<uint32_t> holder = 0;
+        const double seconds = run_together(2, [&](uint32_t thread) {
+            for (int turn = 0; turn < turns; ++turn) {
+                while (holder.load(std::memory_order_acquire) != thread) {
+                }
+                holder.store(1 - thread, std::memory_order_release);
+            }
+        });
+        state.SetIterationTime(seconds);
+        least = std::min(least, seconds);
+    }
+    state.counters["ns_per_transfer"] = least * 1e9 / (2 * turns);
+}
+
 std::string name_of(const char* what, const load& of) {
     return std::string(what) + "/flows:" + std::to_string(of.flows) +
            "/max_threads:" + std::to_string(of.max_threads) +
@@ -162,6 +182,9 @@ void add(const char* what, const load& of, arguments... body) {
 }
 
 void add_all_rows() {
+    // Threads that share a processor would wait for the end of its time slice.
+    if (std::thread::hardware_concurrency() > 1)
+        benchmark::RegisterBenchmark("line_transfer", line_transfer)->UseManualTime();
     // The last number gives every one of 5,000 flows a lock of its own.
     for (const uint32_t flows : {5'000U, 1'000'000U})
         for (const uint32_t max_threads : {10U, 64U, 1024U, 8192U}) {

@@ -83,7 +83,7 @@ void find_in_bulk_with_size(benchmark::State& state, uint32_t flows) {
 
 int main(int argc, char** argv) {
     using namespace zon_bench;
-    prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
+    keep_to_small_pages();
     start_dpdk(argv[0]);
     add_peer_rows("peer/rte_hash_bulk", find_in_bulk_with_size);
     add_peer_rows("peer/rte_hash", find_one_at_a_time<rte_table>);

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 
 #include "support/second_thread.h"
 
@@ -37,10 +38,15 @@ inline double resident_bytes() {
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
+inline void keep_to_small_pages() {
+    if (std::getenv("ZON_BENCH_LARGE_PAGES") == nullptr)
+        prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
+}
+
 // Every program of the tables runs under the same conditions: pages of the usual size, whatever the
 // machine's default for large ones, and a second thread that sleeps.
 inline int run_benchmarks(int argc, char** argv) {
-    prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
+    keep_to_small_pages();
     const second_thread idle;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
