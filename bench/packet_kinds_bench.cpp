@@ -53,10 +53,10 @@ void add_rows(const char* what, const bytes& packet) {
 }
 
 void add_all_rows() {
-    add_rows("ipv4", ipv4().udp(4000, 53).build());
+    add_rows("ipv4", ipv4().udp(4000, 53).payload(64).build());
     add_rows("ipv4_options", ipv4().ip_options(bytes(12, 1)).udp(4000, 53).build());
     add_rows("ipv4_first_fragment", ipv4().fragment(0, true).udp(4000, 53).payload(64).build());
-    add_rows("ipv6", ipv6().udp(4000, 53).build());
+    add_rows("ipv6", ipv6().udp(4000, 53).payload(64).build());
     add_rows("ipv6_one_extension", ipv6().hop_by_hop().udp(4000, 53).build());
     add_rows("ipv6_four_extensions", ipv6()
                                          .hop_by_hop()

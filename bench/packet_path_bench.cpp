@@ -68,8 +68,8 @@ void hit_burst(benchmark::State& state, const engine_options& options) {
         }
         lost += engine.send_burst();
     }
-    end_row(state,
-            watch.ns_per(static_cast<double>(state.iterations() * bench_engine::burst_size)), lost);
+    end_row(state, watch.ns_per(static_cast<double>(state.iterations() * bench_engine::burst_size)),
+            lost);
 }
 
 // The packets alone, into the same buffers and in the same order.

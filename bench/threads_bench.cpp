@@ -44,12 +44,10 @@ double run_together(uint32_t threads, function body) {
         });
     for (auto& thread : running)
         thread.join();
-    const auto first = std::min_element(spans.begin(), spans.end(), [](const span& a, const span& b) {
-        return a.start < b.start;
-    });
-    const auto last = std::max_element(spans.begin(), spans.end(), [](const span& a, const span& b) {
-        return a.end < b.end;
-    });
+    const auto first = std::min_element(
+        spans.begin(), spans.end(), [](const span& a, const span& b) { return a.start < b.start; });
+    const auto last = std::max_element(spans.begin(), spans.end(),
+                                       [](const span& a, const span& b) { return a.end < b.end; });
     return std::chrono::duration<double>(last->end - first->start).count();
 }
 
@@ -106,16 +104,14 @@ void established(benchmark::State& state, const load& of, share shared, bool in_
             packet_source source(families::ipv4);
             const uint32_t first = shared == share::apart ? thread * part : 0;
             // One thread alone meets all connections in either way.
-            lost += hit_part(source, of.threads == 1 ? 0 : first,
-                             of.threads == 1 ? of.flows : part, 0x9E3779B97F4A7C15 + thread,
-                             in_bursts);
+            lost += hit_part(source, of.threads == 1 ? 0 : first, of.threads == 1 ? of.flows : part,
+                             0x9E3779B97F4A7C15 + thread, in_bursts);
         });
         state.SetIterationTime(seconds);
         total += seconds;
     }
-    state.counters["ns_per_packet"] = total * 1e9 /
-                                      (static_cast<double>(state.iterations()) * packets_per_thread *
-                                       of.threads);
+    state.counters["ns_per_packet"] =
+        total * 1e9 / (static_cast<double>(state.iterations()) * packets_per_thread * of.threads);
     if (lost != 0)
         state.SkipWithError("packets without a flow");
 }

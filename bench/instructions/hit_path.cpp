@@ -56,8 +56,9 @@ extern "C" [[gnu::noinline]] uint32_t hit_packets(script& of) {
             with_flow += zon_handle_packet_burst(&of.order[first], packet_source::burst_size);
     } else if (of.entry == "captured") {
         for (zon_burst_packet_t& packet : of.order)
-            with_flow += zon_handle_captured_packet(packet.iphdr, packet.captured_length, 0, nullptr,
-                                                    packet.pkt_indications, &packet.error) != 0;
+            with_flow +=
+                zon_handle_captured_packet(packet.iphdr, packet.captured_length, 0, nullptr,
+                                           packet.pkt_indications, &packet.error) != 0;
     } else {
         for (zon_burst_packet_t& packet : of.order)
             with_flow += zon_handle_packet(packet.iphdr, 0, nullptr, packet.pkt_indications,

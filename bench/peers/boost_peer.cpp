@@ -44,9 +44,8 @@ private:
         peer_record* record;
     };
     template <peer_key entry::*key>
-    using by =
-        boost::multi_index::hashed_unique<boost::multi_index::member<entry, peer_key, key>,
-                                          peer_hash>;
+    using by = boost::multi_index::hashed_unique<boost::multi_index::member<entry, peer_key, key>,
+                                                 peer_hash>;
     boost::multi_index_container<
         entry, boost::multi_index::indexed_by<by<&entry::forth>, by<&entry::back>>>
         flows_;

@@ -44,8 +44,8 @@ struct peer_hash {
         uint64_t words[2];
         std::memcpy(words, &key, sizeof words);
         __extension__ using wide = unsigned __int128;
-        const wide product = static_cast<wide>(words[0] ^ 0x9E3779B97F4A7C15) *
-                             (words[1] ^ 0xD6E8FEB86659FD93);
+        const wide product =
+            static_cast<wide>(words[0] ^ 0x9E3779B97F4A7C15) * (words[1] ^ 0xD6E8FEB86659FD93);
         return static_cast<size_t>(product) ^ static_cast<size_t>(product >> 64);
     }
 };

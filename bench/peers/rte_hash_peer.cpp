@@ -61,8 +61,8 @@ double rte_bytes() {
 }
 
 void start_dpdk(char* program) {
-    std::vector<std::string> arguments{program, "--no-huge", "--no-pci",
-                                       "--no-telemetry", "-m", "2048", "--log-level", "error"};
+    std::vector<std::string> arguments{program, "--no-huge", "--no-pci",    "--no-telemetry",
+                                       "-m",    "2048",      "--log-level", "error"};
     // Where the program is pinned to.
     arguments.push_back("--lcores=0@" + std::to_string(sched_getcpu()));
     std::vector<char*> all;

@@ -48,8 +48,8 @@ void hash_ipv6(benchmark::State& state) {
     for (auto _ : state) {
         const uint32_t source[4] = {0x20010DB8, 0, 0, last};
         const uint32_t destination[4] = {0x20010DB8, 1, 0, 7};
-        last = static_cast<uint32_t>(index.hash_of(connection_of(
-            source, destination, uint16_t{40000}, uint16_t{443}, uint8_t{6}, 0)));
+        last = static_cast<uint32_t>(index.hash_of(
+            connection_of(source, destination, uint16_t{40000}, uint16_t{443}, uint8_t{6}, 0)));
     }
     benchmark::DoNotOptimize(last);
 }

@@ -70,12 +70,8 @@ void add_all_rows() {
     add_rows("ipv4_options", ipv4().ip_options(bytes(12, 1)).tcp(40000, 443));
     add_rows("ipv6", ipv6().tcp(40000, 443));
     add_rows("ipv6_one_extension", ipv6().hop_by_hop().tcp(40000, 443));
-    add_rows("ipv6_four_extensions", ipv6()
-                                         .hop_by_hop()
-                                         .destination_options()
-                                         .routing(2)
-                                         .authentication()
-                                         .tcp(40000, 443));
+    add_rows("ipv6_four_extensions",
+             ipv6().hop_by_hop().destination_options().routing(2).authentication().tcp(40000, 443));
     const bytes origin_indication{0, 0, 0x27, 0x10, 0x3F, 0xFF, 0xFD, 0xFE};
     benchmark::RegisterBenchmark("teredo", search_teredo, bytes{});
     benchmark::RegisterBenchmark("teredo_with_origin", search_teredo, origin_indication);

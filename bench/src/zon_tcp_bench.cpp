@@ -81,9 +81,9 @@ void whole_connection(benchmark::State& state) {
     }
     if (objections != ZON_L4_NOERR || !closed)
         state.SkipWithError("a connection that does not end");
-    state.counters["ns_per_packet"] = benchmark::Counter(
-        static_cast<double>(state.iterations()) * 6e-9,
-        benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
+    state.counters["ns_per_packet"] =
+        benchmark::Counter(static_cast<double>(state.iterations()) * 6e-9,
+                           benchmark::Counter::kIsRate | benchmark::Counter::kInvert);
 }
 
 BENCHMARK(established<true>)->Name("tcp_established/checks:on");

@@ -27,7 +27,7 @@ struct engine_options {
     // Each is told of every TCP packet, and hangs an object on every flow.
     uint32_t clients = 0;
     uint32_t max_threads = 10;  // the ZON_DEFAULT_MAX_CONCURRENCY of the library
-    bool tunnels = false;         // looks into them
+    bool tunnels = false;       // looks into them
     bool operator==(const engine_options&) const = default;
 };
 
@@ -82,10 +82,11 @@ class bench_engine : public packet_source {
 public:
     explicit bench_engine(const engine_options& options)
         : packet_source(options.family), options_(options) {
-        require(zon_init(options.max_flows, an_hour_ms, ZON_DEFAULT_MIN_INIT_FLOWS, options.max_threads,
-                         ZON_DEFAULT_MAX_COLLISION_SIZE, ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
-                         ZON_DEFAULT_MAX_MEM_BUFFER_INIT) == zon_error_none,
-                "no engine");
+        require(
+            zon_init(options.max_flows, an_hour_ms, ZON_DEFAULT_MIN_INIT_FLOWS, options.max_threads,
+                     ZON_DEFAULT_MAX_COLLISION_SIZE, ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
+                     ZON_DEFAULT_MAX_MEM_BUFFER_INIT) == zon_error_none,
+            "no engine");
         require(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
                                   &g_zon->zon_timer_process_create),
                 "no timers");

@@ -64,8 +64,7 @@ public:
     }
     // What a connection begins with.
     uint8_t* first(uint32_t connection) {
-        return is_tcp(connection) ? tcp(connection, false, syn)
-                                  : udp(connection, false);
+        return is_tcp(connection) ? tcp(connection, false, syn) : udp(connection, false);
     }
     uint8_t* tcp(uint32_t connection, bool back, const tcp_fields& fields) {
         uint8_t* packet = next(protocol_tcp, connection);
@@ -96,7 +95,8 @@ private:
         std::memcpy(at, &word, sizeof word);
     }
     static void prepare_ipv4(buffer& packet, protocol wanted) {
-        packet = {0x45, 0, 0, wanted == protocol_tcp ? uint8_t{40} : uint8_t{46}, 0, 0, 0, 0, 64, wanted};
+        packet = {0x45, 0,  0,     wanted == protocol_tcp ? uint8_t{40} : uint8_t{46}, 0, 0, 0,
+                  0,    64, wanted};
         prepare_l4(packet.data() + 20, wanted);
     }
     static void prepare_ipv6(buffer& packet, protocol wanted) {
