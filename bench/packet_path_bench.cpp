@@ -89,6 +89,7 @@ std::string row_name(const char* what, const engine_options& options) {
     return std::string(what) + "/" + name_of(options.family) +
            "/checks:" + (options.tcp_checks ? "on" : "off") +
            "/clients:" + std::to_string(options.clients) +
+           (options.huge_pages ? "/huge_pages" : "") +
            "/flows:" + std::to_string(options.max_flows);
 }
 
@@ -113,6 +114,11 @@ void add_all_rows() {
     for (const uint32_t clients : {1U, 8U})
         for (const uint32_t flows : {5'000U, 100'000U})
             add_rows({flows, families::ipv4, true, clients});
+    for (const uint32_t flows : {100'000U, 1'000'000U, 4'000'000U}) {
+        engine_options options{flows};
+        options.huge_pages = true;
+        add_rows(options);
+    }
 }
 
 }  // namespace

@@ -83,7 +83,7 @@ void find_in_bulk_with_size(benchmark::State& state, uint32_t flows) {
 
 int main(int argc, char** argv) {
     using namespace zon_bench;
-    keep_to_small_pages();
+    allow_huge_pages(false);
     start_dpdk(argv[0]);
     add_peer_rows("peer/rte_hash_bulk", find_in_bulk_with_size);
     add_peer_rows("peer/rte_hash", find_one_at_a_time<rte_table>);

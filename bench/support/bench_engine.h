@@ -9,6 +9,7 @@
 #include <cstdlib>
 
 #include "support/packet_writer.h"
+#include "support/page_size.h"
 #include "zon.h"
 
 namespace zon_bench {
@@ -28,6 +29,7 @@ struct engine_options {
     uint32_t clients = 0;
     uint32_t max_threads = 10;  // the ZON_DEFAULT_MAX_CONCURRENCY of the library
     bool tunnels = false;       // looks into them
+    bool huge_pages = false;
     bool operator==(const engine_options&) const = default;
 };
 
@@ -82,6 +84,8 @@ class bench_engine : public packet_source {
 public:
     explicit bench_engine(const engine_options& options)
         : packet_source(options.family), options_(options) {
+        allow_huge_pages(options.huge_pages);
+        zon_config_set_huge_pages(options.huge_pages);
         require(
             zon_init(options.max_flows, an_hour_ms, ZON_DEFAULT_MIN_INIT_FLOWS, options.max_threads,
                      ZON_DEFAULT_MAX_COLLISION_SIZE, ZON_DEFAULT_MAX_CHUNK_CREATE_ELEMENTS,
@@ -102,7 +106,10 @@ public:
         set_idle_time_ms(an_hour_ms);  // nothing ages while it is measured
     }
     explicit bench_engine(uint32_t max_flows) : bench_engine(engine_options{max_flows}) {}
-    ~bench_engine() { zon_destroy(); }
+    ~bench_engine() {
+        zon_destroy();
+        allow_huge_pages(false);
+    }
     bench_engine(const bench_engine&) = delete;
     bench_engine& operator=(const bench_engine&) = delete;
 

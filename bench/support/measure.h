@@ -3,14 +3,13 @@
 #pragma once
 
 #include <benchmark/benchmark.h>
-#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 
+#include "support/page_size.h"
 #include "support/second_thread.h"
 
 namespace zon_bench {
@@ -38,15 +37,10 @@ inline double resident_bytes() {
     return static_cast<double>(resident) * static_cast<double>(sysconf(_SC_PAGESIZE));
 }
 
-inline void keep_to_small_pages() {
-    if (std::getenv("ZON_BENCH_LARGE_PAGES") == nullptr)
-        prctl(PR_SET_THP_DISABLE, 1, 0, 0, 0);
-}
-
 // Every program of the tables runs under the same conditions: pages of the usual size, whatever the
-// machine's default for large ones, and a second thread that sleeps.
+// machine's default for huge ones, and a second thread that sleeps.
 inline int run_benchmarks(int argc, char** argv) {
-    keep_to_small_pages();
+    allow_huge_pages(false);
     const second_thread idle;
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv))
