@@ -149,7 +149,7 @@ void new_flows(benchmark::State& state, const load& of) {
 // What it takes a word to reach the other thread: two of them hand it to and fro. The shortest time
 // counts, since a thread that waits awake loses its processor now and then.
 void line_transfer(benchmark::State& state) {
-    constexpr int turns = 2'000;
+    constexpr int turns = 1'000;
     double least = 1;
     for (auto _ : state) {
         alignas(64) std::atomic<uint32_t> holder = 0;
