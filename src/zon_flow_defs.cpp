@@ -43,9 +43,10 @@ void zon_swap_key(zon_key_t* key) {
     key->key_type = reversed_type(key->key_type);
 }
 
+// Two copies of known size: one of a size that is chosen here would be a slow loop.
 void zon_copy_key(zon_key_t* dst, const zon_key_t* src) {
-    if (!zon_key_type_is_valid(src->key_type))
-        return;
-    std::memcpy(static_cast<void*>(dst), src,
-                zon_key_is_ipv4(src->key_type) ? sizeof(zon_ipv4_key_t) : sizeof(zon_ipv6_key_t));
+    if (zon_key_is_ipv4(src->key_type))
+        std::memcpy(static_cast<void*>(dst), src, sizeof(zon_ipv4_key_t));
+    else if (zon_key_type_is_valid(src->key_type))
+        std::memcpy(static_cast<void*>(dst), src, sizeof(zon_ipv6_key_t));
 }

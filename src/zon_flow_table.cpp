@@ -90,6 +90,23 @@ zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* hal
     }));
 }
 
+template <class family>
+zon_half_flow_t* search_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow,
+                                 flow_buckets* buckets) {
+    zon_hashset set = tbl->table;
+    const typename family::key& wanted = *zon_full_key<family>(half_flow);
+    const uint32_t b = bucket_of(set, hash_of_complete_key<family>(wanted));
+    prefetch_bucket(set, b);
+    const uint32_t reverse = bucket_of(set, hash_of_reverse_key<family>(wanted));
+    prefetch_bucket(set, reverse);
+    *buckets = {static_cast<int>(b), static_cast<int>(reverse)};
+    zon_hashset_item found = find_locked(set, b, [&wanted](zon_hashset_item item) {
+        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
+    });
+    prefetch_first_item(set, reverse);
+    return static_cast<zon_half_flow_t*>(found);
+}
+
 enum class vrf_star_keys { count, do_not_count };
 
 // The keys of one type are compared as far as they are known. A complete key is also a connection
@@ -148,14 +165,22 @@ zon_hashset_same same_connection_for(const zon_flow_t* announced) {
 
 // The keys of both halves, each the reverse of the other, are those of a connection that the index
 // can name.
+template <class key>
+bool is_reverse(const key& one, const key& other) {
+    return one.src_port == other.dst_port && one.dst_port == other.src_port &&
+           same_address(one.src_ip, other.dst_ip) && same_address(one.dst_ip, other.src_ip) &&
+           one.l4_protocol == other.l4_protocol &&
+           relaxed_load(one.vrf_id) == relaxed_load(other.vrf_id);
+}
+template <class key>
+bool has_one_end(const key& of) {
+    return of.src_port == of.dst_port && same_address(of.src_ip, of.dst_ip);
+}
 template <class family>
 bool is_one_connection(const typename family::key& initiator,
                        const typename family::key& responder) {
-    if (!may_be_indexed<family>(initiator) || !may_be_indexed<family>(responder))
-        return false;
-    const connection<family> one = connection_of<family>(initiator);
-    const connection<family> other = connection_of<family>(responder);
-    return std::ranges::equal(one.words, other.words) && one.from_lower != other.from_lower;
+    return may_be_indexed<family>(initiator) && may_be_indexed<family>(responder) &&
+           is_reverse(initiator, responder) && !has_one_end(initiator);
 }
 
 template <class family>
@@ -348,11 +373,14 @@ bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_f
     return count_single(tbl, half_flow, linked);
 }
 
-pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow, int bucket) {
-    const pair_insert_result result =
-        zon_hashset_insert_pair(tbl->table, flow->initiator_flow, bucket, flow->responder_flow,
-                                same_connection_any_family<vrf_star_keys::count>, name_new_flow,
-                                tbl);
+pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow,
+                                              flow_buckets buckets) {
+    zon_hashset set = tbl->table;
+    if (buckets.responder < 0)
+        buckets.responder = static_cast<int>(bucket_of(set, hash_of_key(flow->responder_flow)));
+    const pair_insert_result result = zon_hashset_insert_pair(
+        set, flow->initiator_flow, buckets.initiator, flow->responder_flow, buckets.responder,
+        same_connection_any_family<vrf_star_keys::count>, name_new_flow, tbl);
     if (result == pair_insert_result::linked) {
         relaxed_add(tbl->profile_insert, 2);
     } else if (result == pair_insert_result::second_refused) {
@@ -410,6 +438,14 @@ zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
         return static_cast<zon_half_flow_t*>(
             zon_hashset_get(tbl->table, const_cast<zon_half_flow_t*>(half_flow), bucket));
     }
+}
+
+zon_half_flow_t* zon_flow_table_search_locked(zon_flow_table_t* tbl,
+                                              const zon_half_flow_t* half_flow,
+                                              flow_buckets* buckets) {
+    return half_flow->key.key_type == ZON_IPV4_KEY_COMPLETE
+               ? search_complete<ipv4_family>(tbl, half_flow, buckets)
+               : search_complete<ipv6_family>(tbl, half_flow, buckets);
 }
 
 bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bool lock) {

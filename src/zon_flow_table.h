@@ -45,9 +45,17 @@ void zon_flow_table_destroy(zon_flow_table_t* tbl);
 bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow);
 bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, int bucket);
 
-// Links both halves of a new flow in one step unless a flow of the initiator's key is there; bucket
-// is the initiator's, as a failed lookup reported. After second_refused neither is linked.
-pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow, int bucket);
+// The buckets of a new flow's two keys. One below 0 is not known.
+struct flow_buckets {
+    int initiator;
+    int responder;
+};
+
+// Links both halves of a new flow in one step unless a flow of the initiator's key is there; the
+// initiator's bucket is the one that a failed lookup reported. After second_refused neither is
+// linked.
+pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow,
+                                              flow_buckets buckets);
 
 // Gives both halves of a flow that was announced with unknown parts the keys of a packet and moves
 // them to their new buckets in one step: the initiator takes the packet's key, the responder its
@@ -60,6 +68,11 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
 // either case.
 zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow, int* bucket);
+// The same for a complete key that the index was asked for in vain: only the set is searched, and
+// while it is, what a new flow of the key needs is fetched.
+zon_half_flow_t* zon_flow_table_search_locked(zon_flow_table_t* tbl,
+                                              const zon_half_flow_t* half_flow,
+                                              flow_buckets* buckets);
 inline zon_half_flow_t* zon_flow_table_lookup(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow, int* bucket) {
     return zon_flow_table_lookup_locked(tbl, half_flow, bucket);

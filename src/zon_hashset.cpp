@@ -174,10 +174,11 @@ zon_hashset_item zon_hashset_get(zon_hashset set, zon_hashset_item item_key, int
 }
 
 pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item item1, int bucket1,
-                                           zon_hashset_item item2, zon_hashset_same same,
-                                           zon_hashset_linked linked, void* context) {
+                                           zon_hashset_item item2, int bucket2,
+                                           zon_hashset_same same, zon_hashset_linked linked,
+                                           void* context) {
     const auto b1 = static_cast<uint32_t>(bucket1);
-    const uint32_t b2 = bucket_of(set, set->hash_function(item2, set->calc_context));
+    const auto b2 = static_cast<uint32_t>(bucket2);
     {
         held_buckets<2> held(set, {b1, b2});
         if (bucket_holds_same(set, b1, item1, same, context))

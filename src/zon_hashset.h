@@ -81,11 +81,12 @@ using zon_hashset_linked = void (*)(zon_hashset_item item1, zon_hashset_item ite
 // Links both halves of a new flow at once, so that no thread ever sees one of them alone, unless an
 // item that counts as the same as the first is there already. The second is not compared:
 // translated or re-keyed flows may share a reverse key, and then the newest is found. The caller
-// holds the flow's lock throughout. bucket1 is the first item's bucket, as a get for it just
-// reported. linked is called with both items in, before their buckets are let go.
+// holds the flow's lock throughout. The buckets are those of the items' hashes, as a get for them
+// reports. linked is called with both items in, before their buckets are let go.
 pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item item1, int bucket1,
-                                           zon_hashset_item item2, zon_hashset_same same,
-                                           zon_hashset_linked linked, void* context);
+                                           zon_hashset_item item2, int bucket2,
+                                           zon_hashset_same same, zon_hashset_linked linked,
+                                           void* context);
 
 // Two items that are in the set, and records that hash and compare as they will after they were
 // rewritten.

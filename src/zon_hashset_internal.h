@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <tuple>
 #include <utility>
 
 #include "zon_engine_inline.h"
@@ -58,7 +59,10 @@ public:
     held_buckets(zon_hashset set, std::array<uint32_t, count> buckets) : set_(set) {
         std::transform(buckets.begin(), buckets.end(), stripes_.begin(),
                        [set](uint32_t bucket) { return stripe_of(set, bucket); });
-        std::sort(stripes_.begin(), stripes_.end());
+        if constexpr (count == 2)
+            std::tie(stripes_[0], stripes_[1]) = std::minmax({stripes_[0], stripes_[1]});
+        else
+            std::sort(stripes_.begin(), stripes_.end());
         for (const int stripe : stripes_)
             zon_lock_pool_internal(set_->bucket_locks, stripe);
     }
@@ -78,6 +82,17 @@ inline bool bucket_is_full(zon_hashset set, uint32_t bucket) {
     return set->max_bucket_depth != 0 && set->items_in_bucket[bucket] >= set->max_bucket_depth;
 }
 
+// Whoever is about to change a bucket has what he will write fetched. No lock is needed.
+inline void prefetch_bucket(zon_hashset set, uint32_t bucket) {
+    __builtin_prefetch(&set->array[bucket], 1);
+    __builtin_prefetch(&set->items_in_bucket[bucket], 1);
+    __builtin_prefetch(zon_lock_get_pool_lock(set->bucket_locks, stripe_of(set, bucket)), 1);
+}
+inline void prefetch_first_item(zon_hashset set, uint32_t bucket) {
+    if (const zon_hashset_hdr* first = relaxed_load(set->array[bucket]))
+        __builtin_prefetch(first, 1);
+}
+
 // Links an item at the head of its bucket, whose lock is held.
 inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     zon_hashset_hdr* header = header_of(set, item);
@@ -86,7 +101,7 @@ inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket
     if (*head != nullptr)
         (*head)->pointer_to_us = &header->next;
     header->pointer_to_us = head;
-    *head = header;
+    relaxed_store(*head, header);
     ++set->items_in_bucket[bucket];
 }
 
@@ -95,7 +110,7 @@ inline void unlink(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     zon_hashset_hdr* header = header_of(set, item);
     if (header->next != nullptr)
         header->next->pointer_to_us = header->pointer_to_us;
-    *header->pointer_to_us = header->next;
+    relaxed_store(*header->pointer_to_us, header->next);
     --set->items_in_bucket[bucket];
 }
 

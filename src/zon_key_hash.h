@@ -2,6 +2,8 @@
 
 #pragma once
 
+#include <algorithm>
+
 #include "osal/zon_debug.h"
 #include "zon_engine_defs.h"
 #include "zon_flow_defs.h"
@@ -45,6 +47,19 @@ template <class family>
         return key.hash_value;
     return jenkins_hashword_2006(known_words<family>(key), 2 * (family::address_words + 1),
                                  zon_hash_seed_in_force);
+}
+
+// The hash of the reverse of a complete key.
+template <class family>
+[[gnu::always_inline]] inline uint32_t hash_of_reverse_key(const typename family::key& key) {
+    if (key.hash_valid == 1) [[unlikely]]
+        return key.hash_value;
+    constexpr size_t endpoint = family::address_words + 1;
+    const uint32_t* words = known_words<family>(key);
+    uint32_t reversed[2 * endpoint];
+    std::copy_n(words + endpoint, endpoint, reversed);
+    std::copy_n(words, endpoint, reversed + endpoint);
+    return jenkins_hashword_2006(reversed, 2 * endpoint, zon_hash_seed_in_force);
 }
 
 inline uint32_t hash_of_key(const zon_half_flow_t* half_flow) {

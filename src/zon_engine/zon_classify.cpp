@@ -60,11 +60,16 @@ attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
 }
 
 locked_flow find_or_make(packet_in_engine& packet) {
-    int bucket = 0;
-    if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
-        [[likely]]
+    zon_half_flow_t* half;
+    flow_buckets buckets{0, -1};
+    if (packet.is_in_no_index)
+        half = zon_flow_table_search_locked(g_zon->flow_tbl, packet.key, &buckets);
+    else
+        half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &buckets.initiator);
+    if (half != nullptr)
         return locked_flow::adopt(half->flow);
-    return find_or_make_after_miss(packet, bucket);
+    packet.reverse_bucket = buckets.responder;
+    return find_or_make_after_miss(packet, buckets.initiator);
 }
 
 // A report repeats the number of its packet: its payload is counted once.

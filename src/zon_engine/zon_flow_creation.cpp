@@ -78,6 +78,7 @@ attempted_flow made_meanwhile(packet_in_engine& packet) {
 void translate_addresses(packet_in_engine& packet) {
     if (!zon_key_is_ipv4(packet.key->key.key_type) || !zon_ipnat_enabled(packet.context))
         return;
+    packet.reverse_bucket = -1;
     zon_ipv4_key_t& key = *zon_full_key<ipv4_family>(packet.key);
     auto src_port = static_cast<uint16_t>(key.src_port);
     auto dst_port = static_cast<uint16_t>(key.dst_port);
@@ -148,7 +149,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     flow->initiator_flow->flow = flow.get();
     flow->responder_flow->flow = flow.get();
 
-    switch (zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), bucket)) {
+    switch (zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(),
+                                       {bucket, packet.reverse_bucket})) {
     case pair_insert_result::linked:
         break;
     case pair_insert_result::already_present:

@@ -13,6 +13,8 @@ struct packet_in_engine {
     zon_error_t* error;
     zon_tunnel_type_e tunnel;
     const zon_capability_counter_t* capabilities;
+    bool is_in_no_index = false;  // the index of connections was asked, and led to no flow
+    int reverse_bucket = -1;      // of the key's reverse; below 0: not known
 };
 
 // Finds or makes the packet's flow, brings it up to date and fills the indications; 0 when the
@@ -39,5 +41,6 @@ struct attempted_flow {
 // Tries the packet against announced flows and turns the first that matches into a real one.
 attempted_flow zon_promote_announced_flow(packet_in_engine& packet);
 
-// Makes a new flow; bucket is the key's, as the failed lookup reported it.
+// Makes a new flow; bucket is the key's, as the failed lookup reported it. The reverse's is
+// forgotten when a host translates addresses.
 attempted_flow zon_create_flow(packet_in_engine& packet, int bucket);

@@ -13,13 +13,45 @@
 
 namespace {
 
-// The packet's flow is one that the index does not name, or not known yet, or reported.
 template <class family>
-[[gnu::noinline]] zon_fid_t search_flow(arriving_packet arriving, zon_dp_fe_t fe) {
+zon_dp_fe_t handle_of_plain(uint8_t* ip) {
+    plain_packet<family> plain;
+    plain.ip = ip;
+    return plain.handle();
+}
+
+// The packet's flow is one that the index does not name, or not known yet. Takes no more than fits
+// into registers: a packet that is kept in memory for this would cost those of known flows.
+template <class family>
+[[gnu::noinline]] zon_fid_t search_flow(zon_t* engine, uint8_t* ip, uint32_t vrf_id, void* context,
+                                        zon_pkt_indications_t* indications, zon_error_t* error) {
+    const arriving_packet arriving{engine,      ip,    zon_no_end, vrf_id,        context,
+                                   indications, error, 0,          ZON_L4_CLOSED, 0};
+    zon_dp_fe_t fe = handle_of_plain<family>(ip);
+    preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
+    scratch_half_flow scratch;
+    scratch.set<family>(arriving, fe, ports_at(fe.l4_start));
+    packet_in_engine packet{scratch.head(),        &fe,
+                            context,               indications,
+                            error,                 ZON_TUNNEL_TYPE_NONE,
+                            &engine->params.capability_counter};
+    packet.is_in_no_index = true;
+    return zon_classify_packet(packet);
+}
+
+// The platform says which flow it is, or the host which hash.
+template <class family>
+[[gnu::cold, gnu::noinline]] zon_fid_t take_reported(arriving_packet arriving, zon_dp_fe_t fe) {
     preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
     scratch_half_flow scratch;
     scratch.set<family>(arriving, fe, ports_at(fe.l4_start));
     return run_engine(arriving, scratch.head(), fe, ZON_TUNNEL_TYPE_NONE);
+}
+
+template <class family>
+[[gnu::always_inline]] inline zon_fid_t search_flow(const arriving_packet& arriving) {
+    return search_flow<family>(arriving.engine, arriving.ip, arriving.vrf_id, arriving.context,
+                               arriving.indications, arriving.error);
 }
 
 template <bool trusted, class family>
@@ -27,15 +59,16 @@ template <bool trusted, class family>
     plain_packet<family> plain;
     if (!read_plain_packet<trusted>(arriving, plain)) [[unlikely]]
         return zon_take_detour(arriving);
+    if (arriving.reported_fid != 0 || arriving.indications->hash_valid == 1) [[unlikely]]
+        return take_reported<family>(arriving, plain.handle());
     const connection_index& index = index_of(arriving.engine->flow_tbl);
     const connection_index::guess guess = index.find(index.hash_of(plain.between));
-    if (guess.flow == nullptr || arriving.reported_fid != 0 ||
-        arriving.indications->hash_valid == 1) [[unlikely]]
-        return search_flow<family>(arriving, plain.handle());
+    if (guess.flow == nullptr) [[unlikely]]
+        return search_flow<family>(arriving);
     prefetch_flow(guess.flow);
     locked_flow flow = locked_flow::adopt(zon_lock_guess(guess, plain.between));
     if (!flow) [[unlikely]]
-        return search_flow<family>(arriving, plain.handle());
+        return search_flow<family>(arriving);
     return account_plain_packet(std::move(flow), arriving, plain);
 }
 

@@ -157,7 +157,8 @@ insertion make_and_insert(const zon_key_t* key, zon_fid_t parent_fid, bool compa
     const counted_types counts(halves);
     const pair_insert_result result =
         compare
-            ? zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), bucket_for(halves.initiator))
+            ? zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(),
+                                         {bucket_for(halves.initiator), -1})
             : insert_singly(flow.get());
     if (result == pair_insert_result::linked) {
         zon_timer_flow_start(zon_get_tw_internal(), &flow->timer,

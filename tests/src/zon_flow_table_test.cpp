@@ -310,7 +310,7 @@ class flow_insert : public flow_table {
 protected:
     pair_insert_result insert(two_sided& made) {
         const pair_insert_result result =
-            zon_flow_table_insert_flow(table, made.flow(), bucket_of(made.initiator()));
+            zon_flow_table_insert_flow(table, made.flow(), {bucket_of(made.initiator()), -1});
         EXPECT_EQ(made.lock_levels(), 1) << "the level of the flow's lock changed";
         return result;
     }

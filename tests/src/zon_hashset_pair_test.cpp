@@ -31,8 +31,9 @@ protected:
         hashset::TearDown();
     }
     pair_insert_result insert() {
-        return zon_hashset_insert_pair(set_, first->item(), static_cast<int>(first->half().key.hash_value % 13),
-                                       second->item(), counts_as_same,
+        const auto bucket_of = [](numbered_item& of) { return static_cast<int>(of.half().key.hash_value % 13); };
+        return zon_hashset_insert_pair(set_, first->item(), bucket_of(*first), second->item(), bucket_of(*second),
+                                       counts_as_same,
                                        [](zon_hashset_item, zon_hashset_item, void*) { ++linked; }, nullptr);
     }
     numbered_item* first = nullptr;
