@@ -15,6 +15,9 @@
 // without memory, counted in error_stats. The usage counter counts the attempt, on purpose.
 zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type);
 void zon_deallocate_half_flow(zon_half_flow_t* half_flow);
+// The same for both halves of a flow. On false the flow has the initiator's half or none.
+bool zon_allocate_half_flows(uint8_t half_flow_key_type, zon_flow_t* flow);
+void zon_deallocate_half_flows(zon_half_flow_t* one, zon_half_flow_t* other);
 
 // Look up a key; a complete key that finds nothing is tried once more as an announced one. The flow
 // comes back locked.

@@ -46,6 +46,13 @@ bool zon_mem_chunk_free(void* data, zon_memory_type mem_type, void* chunk_ptr);
 void* zon_private_chunk_malloc(zon_memory_type mem_type, void* chunk_ptr);
 bool zon_private_chunk_free(zon_memory_type mem_type, void* data, void* chunk_ptr);
 
+// Several at once under one lock. The first tells how many there were; the second is false when the
+// elements, none of which is null, or some of them were refused.
+uint32_t zon_private_chunk_malloc_many(zon_memory_type mem_type, void** records, uint32_t wanted,
+                                       void* chunk_ptr);
+bool zon_private_chunk_free_many(zon_memory_type mem_type, void* const* records, uint32_t count,
+                                 void* chunk_ptr);
+
 // Gives an element back and traces a refusal; the element is lost then.
 void zon_private_chunk_free_or_trace(zon_memory_type mem_type, void* data, void* chunk_ptr,
                                      const char* file = __builtin_FILE(),

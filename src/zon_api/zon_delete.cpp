@@ -78,6 +78,18 @@ void discard_half_flow(const zon_flow_t* flow, zon_half_flow_t* half) {
     zon_deallocate_half_flow(half);
 }
 
+void discard_half_flows(const zon_flow_t* flow, zon_half_flow_t* initiator,
+                        zon_half_flow_t* responder) {
+    if (initiator == nullptr || responder == nullptr) {
+        discard_half_flow(flow, initiator);
+        discard_half_flow(flow, responder);
+        return;
+    }
+    zon_flow_fo_release_side(flow, initiator);
+    zon_flow_fo_release_side(flow, responder);
+    zon_deallocate_half_flows(initiator, responder);
+}
+
 void remove_half_flows(zon_flow_t* flow) {
     zon_half_flow_t* initiator = zon_half_flow_of(flow, ZON_DIR_INITIATOR);
     zon_half_flow_t* responder = zon_half_flow_of(flow, ZON_DIR_RESPONDER);
@@ -85,8 +97,7 @@ void remove_half_flows(zon_flow_t* flow) {
         zon_flow_table_delete_full_flow(g_zon->flow_tbl, initiator, responder, false);
     else if (initiator != nullptr || responder != nullptr)
         zon_flow_table_delete(g_zon->flow_tbl, initiator != nullptr ? initiator : responder, false);
-    discard_half_flow(flow, initiator);
-    discard_half_flow(flow, responder);
+    discard_half_flows(flow, initiator, responder);
     zon_free_given_back(flow, ZON_DIR_INITIATOR);
     zon_free_given_back(flow, ZON_DIR_RESPONDER);
 }

@@ -131,12 +131,10 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
 
     const auto key_type =
         static_cast<uint8_t>(std::min<uint32_t>(packet.key->key.key_type, UINT8_MAX));
-    flow->initiator_flow = zon_allocate_half_flow(key_type);
-    if (flow->initiator_flow != nullptr) {
+    const bool has_halves = zon_allocate_half_flows(key_type, flow.get());
+    if (flow->initiator_flow != nullptr)
         zon_copy_key_to_half_flow(flow->initiator_flow, &packet.key->key);
-        flow->responder_flow = zon_allocate_half_flow(key_type);
-    }
-    if (flow->responder_flow == nullptr) {
+    if (!has_halves) {
         abandon(std::move(flow));
         if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
             return other;

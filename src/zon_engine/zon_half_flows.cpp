@@ -5,6 +5,7 @@
 
 #include "zon_engine_inline.h"
 
+#include "osal/zon_debug.h"
 #include "osal/zon_timer.h"
 
 namespace {
@@ -52,6 +53,41 @@ zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type) {
     }
     half_flow->fo_list = nullptr;
     return half_flow;
+}
+
+bool zon_allocate_half_flows(uint8_t half_flow_key_type, zon_flow_t* flow) {
+    zon_require(half_flow_key_type <= ZON_IPV6_LAST_KEY, "half_flow_key_type <= ZON_IPV6_LAST_KEY");
+    const half_flow_kind kind = kind_of(half_flow_key_type);
+    void* halves[2]{};
+    const uint32_t taken =
+        zon_private_chunk_malloc_many(kind.memory, halves, 2, &g_zon->zon_chunk_ptr);
+    // Counts the attempts, as if there had been one after another.
+    relaxed_add(g_zon->memory_usage_stats.*kind.usage, taken == 0 ? 1 : 2);
+    flow->initiator_flow = static_cast<zon_half_flow_t*>(halves[0]);
+    flow->responder_flow = static_cast<zon_half_flow_t*>(halves[1]);
+    if (taken < 2) [[unlikely]] {
+        relaxed_add(g_zon->error_stats.half_flow_alloc_errors, 1);
+        return false;
+    }
+    flow->initiator_flow->fo_list = nullptr;
+    flow->responder_flow->fo_list = nullptr;
+    return true;
+}
+
+void zon_deallocate_half_flows(zon_half_flow_t* one, zon_half_flow_t* other) {
+    const bool of_one_family =
+        zon_key_is_ipv4(one->key.key_type) == zon_key_is_ipv4(other->key.key_type);
+    if (!of_one_family || !zon_key_type_is_valid(one->key.key_type) ||
+        !zon_key_type_is_valid(other->key.key_type)) [[unlikely]] {
+        zon_deallocate_half_flow(one);
+        zon_deallocate_half_flow(other);
+        return;
+    }
+    const half_flow_kind kind = kind_of(one->key.key_type);
+    void* const halves[] = {one, other};
+    if (!zon_private_chunk_free_many(kind.memory, halves, 2, &g_zon->zon_chunk_ptr)) [[unlikely]]
+        zon_buginf("Could not free memory %s: %d", __FILE__, __LINE__);
+    relaxed_add(g_zon->memory_usage_stats.*kind.usage, -2);
 }
 
 void zon_deallocate_half_flow(zon_half_flow_t* half_flow) {

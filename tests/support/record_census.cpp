@@ -2,6 +2,7 @@
 
 #include "record_census.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 
@@ -58,6 +59,10 @@ extern "C" vem_chunk_type __wrap_vem_mem_chunk_create(size_t size, uint32_t step
 extern "C" void* __wrap_vem_mem_chunk_malloc(vem_chunk_type chunk);
 extern "C" bool __wrap_vem_mem_chunk_free(vem_chunk_type chunk, void* element);
 extern "C" bool __wrap_vem_mem_chunk_destroy(vem_chunk_type chunk);
+extern "C" uint32_t __wrap_vem_mem_chunk_malloc_many(vem_chunk_type chunk, void** records,
+                                                     uint32_t wanted);
+extern "C" bool __wrap_vem_mem_chunk_free_many(vem_chunk_type chunk, void* const* elements,
+                                               uint32_t number);
 
 extern "C" vem_chunk_type __wrap_vem_mem_chunk_create(size_t size, uint32_t step, int a, int b,
                                                       int c, const char* name) {
@@ -79,6 +84,22 @@ extern "C" bool __wrap_vem_mem_chunk_free(vem_chunk_type chunk, void* element) {
     const bool freed = __real_vem_mem_chunk_free(chunk, element);
     count(chunk, freed ? -1 : 0);
     return freed;
+}
+
+// Several are asked for one by one, so that each can fail.
+extern "C" uint32_t __wrap_vem_mem_chunk_malloc_many(vem_chunk_type chunk, void** records,
+                                                     uint32_t wanted) {
+    uint32_t taken = 0;
+    while (taken < wanted && (records[taken] = __wrap_vem_mem_chunk_malloc(chunk)) != nullptr)
+        ++taken;
+    return taken;
+}
+
+extern "C" bool __wrap_vem_mem_chunk_free_many(vem_chunk_type chunk, void* const* elements,
+                                               uint32_t number) {
+    return std::all_of(elements, elements + number, [chunk](void* element) {
+        return __wrap_vem_mem_chunk_free(chunk, element);
+    });
 }
 
 extern "C" bool __wrap_vem_mem_chunk_destroy(vem_chunk_type chunk) {

@@ -39,6 +39,32 @@ private:
     pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
 };
 
+// The same for a mutex that the system knows nothing of. Who notifies holds that mutex.
+class condition_of_brief_mutex {
+public:
+    constexpr condition_of_brief_mutex() = default;
+
+    template <class mutex>
+    void wait(std::unique_lock<mutex>& lock) {
+        // Taken anew at the end, also when the thread is ended in its sleep.
+        struct taking_anew {
+            std::unique_lock<mutex>& lock;
+            ~taking_anew() { lock.lock(); }
+        } const at_end{lock};
+        std::unique_lock sleeping(sleep_mutex_);
+        lock.unlock();
+        changed_.wait(sleeping);
+    }
+    void notify_all() {
+        const std::lock_guard sleeping(sleep_mutex_);
+        changed_.notify_all();
+    }
+
+private:
+    std::mutex sleep_mutex_;
+    condition changed_;
+};
+
 }  // namespace vem
 
 #endif

@@ -103,8 +103,28 @@ struct vem_chunk_ {
 
     void set_name(const char* name) { std::strncpy(name_.data(), name, name_.size() - 1); }
 
-    void* take() {
+    // How many of the wanted records there were.
+    uint32_t take(void** records, uint32_t wanted) {
         const std::lock_guard lock(mutex_);
+        uint32_t taken = 0;
+        while (taken < wanted && (records[taken] = take_one()) != nullptr) {
+            ++taken;
+        }
+        fetch_next();
+        return taken;
+    }
+
+    // The last one is handed out first.
+    void give_back(void* const* records, uint32_t count) {
+        const std::lock_guard lock(mutex_);
+        for (uint32_t at = 0; at < count; ++at) {
+            free_ = new (records[at]) free_record{free_};
+            forbid(records[at], record_bytes_);
+        }
+    }
+
+private:
+    void* take_one() {
         if (free_ != nullptr) {
             free_record* record = free_;
             allow(record, record_bytes_);
@@ -120,13 +140,15 @@ struct vem_chunk_ {
         return record;
     }
 
-    void give_back(void* memory) {
-        const std::lock_guard lock(mutex_);
-        free_ = new (memory) free_record{free_};
-        forbid(memory, record_bytes_);
+    // Records were often freed long ago: the next one is on its way before it is asked for.
+    void fetch_next() const {
+        const char* next = reinterpret_cast<const char*>(free_);
+        for (size_t at = 0; next != nullptr && at < std::min(record_bytes_, 2 * cache_line);
+             at += cache_line) {
+            __builtin_prefetch(next + at, 1);
+        }
     }
 
-private:
     // Each piece is twice the last one, up to a huge page, so that the heap is asked rarely.
     bool grow() {
         piece_header* piece = obtain_piece(piece_bytes_);
@@ -175,14 +197,23 @@ vem_chunk_type vem_mem_chunk_create(size_t element_size, uint32_t create_element
 }
 
 void* vem_mem_chunk_malloc(vem_chunk_type chunk) {
-    return chunk == nullptr ? nullptr : chunk->take();
+    void* record = nullptr;
+    return vem_mem_chunk_malloc_many(chunk, &record, 1) == 0 ? nullptr : record;
+}
+
+uint32_t vem_mem_chunk_malloc_many(vem_chunk_type chunk, void** records, uint32_t count) {
+    return chunk == nullptr ? 0 : chunk->take(records, count);
 }
 
 bool vem_mem_chunk_free(vem_chunk_type chunk, void* element) {
-    if (chunk == nullptr || element == nullptr) {
+    return vem_mem_chunk_free_many(chunk, &element, 1);
+}
+
+bool vem_mem_chunk_free_many(vem_chunk_type chunk, void* const* elements, uint32_t count) {
+    if (chunk == nullptr || std::find(elements, elements + count, nullptr) != elements + count) {
         return false;
     }
-    chunk->give_back(element);
+    chunk->give_back(elements, count);
     return true;
 }
 

@@ -18,6 +18,7 @@
 #include "osal/zon_debug.h"
 #include "osal/zon_lock_order.h"
 #include "vem/vem_mem_chunk.h"
+#include "zon_relaxed.h"
 
 void** zon_private_ipv4_flow_mem_buffer;
 int32_t zon_private_ipv4_flow_mem_buffer_count;
@@ -95,19 +96,32 @@ ready_stack* stack_of(zon_memory_type mem_type) {
     }
 }
 
-// A slot is cleared when its record leaves, so that destruction gives back only what is on the
-// stack.
-void* pop(ready_stack& stack) {
+// How many of the wanted records were on the stack. A slot is cleared when its record leaves, so
+// that destruction gives back only what is on the stack. One that was empty at a glance is left
+// alone.
+uint32_t pop(ready_stack& stack, void** records, uint32_t wanted) {
+    if (relaxed_load(stack.count) < 1)
+        return 0;
     const std::lock_guard hold(stack.mutex);
-    return stack.count < 1 ? nullptr : std::exchange(stack.slots[--stack.count], nullptr);
+    uint32_t taken = 0;
+    for (; taken < wanted && stack.count > 0; ++taken) {
+        relaxed_store(stack.count, stack.count - 1);
+        records[taken] = std::exchange(stack.slots[stack.count], nullptr);
+    }
+    return taken;
 }
 
-bool push(ready_stack& stack, void* data) {
+// How many of the records the stack had room for.
+uint32_t push(ready_stack& stack, void* const* records, uint32_t count) {
+    if (relaxed_load(stack.count) >= relaxed_load(stack.count_init))
+        return 0;
     const std::lock_guard hold(stack.mutex);
-    if (stack.count >= stack.count_init)
-        return false;
-    stack.slots[stack.count++] = data;
-    return true;
+    uint32_t put = 0;
+    for (; put < count && stack.count < stack.count_init; ++put) {
+        stack.slots[stack.count] = records[put];
+        relaxed_store(stack.count, stack.count + 1);
+    }
+    return put;
 }
 
 // Null for a type without a chunk and without a chunk set.
@@ -118,12 +132,18 @@ vem_chunk_type chunk_of(zon_memory_type mem_type, const void* chunk_ptr) {
     return static_cast<const zon_chunk_mem_t*>(chunk_ptr)->*chunk_rows[mem_type - 1].handle;
 }
 
+// Other threads glance at the counts without the mutex.
+void set_counts(ready_stack& stack, int32_t records) {
+    relaxed_store(stack.count, records);
+    relaxed_store(stack.count_init, records);
+}
+
 // Arrays that an earlier, failed creation left behind are given back here.
 bool make_array(ready_stack& stack, size_t slots) {
     const std::lock_guard hold(stack.mutex);
     free(stack.slots);
     stack.slots = static_cast<void**>(zon_heap_zalloc(slots, sizeof(void*)));
-    stack.count = stack.count_init = 0;
+    set_counts(stack, 0);
     return stack.slots != nullptr;
 }
 
@@ -138,7 +158,7 @@ void fill(ready_stack& stack, vem_chunk_type chunk, size_t wanted) {
         if (stack.slots[filled] == nullptr)
             break;
     }
-    stack.count = stack.count_init = filled;
+    set_counts(stack, filled);
 }
 
 // The ready records of a chunk that is gone are gone with it.
@@ -147,7 +167,7 @@ void drain(ready_stack& stack, vem_chunk_type chunk) {
     for (int32_t slot = 0; slot < stack.count_init; ++slot)
         if (void* data = std::exchange(stack.slots[slot], nullptr); data != nullptr)
             vem_mem_chunk_free(chunk, data);
-    stack.count = stack.count_init = 0;
+    set_counts(stack, 0);
     free(std::exchange(stack.slots, nullptr));
 }
 
@@ -206,16 +226,34 @@ bool zon_mem_chunk_free(void* data, zon_memory_type mem_type, void* chunk_ptr) {
 }
 
 void* zon_private_chunk_malloc(zon_memory_type mem_type, void* chunk_ptr) {
-    if (ready_stack* stack = stack_of(mem_type); stack != nullptr)
-        if (void* data = pop(*stack); data != nullptr)
-            return data;
+    void* data = nullptr;
+    if (ready_stack* stack = stack_of(mem_type); stack != nullptr && pop(*stack, &data, 1) != 0)
+        return data;
     return zon_mem_chunk_malloc(mem_type, chunk_ptr);
+}
+
+uint32_t zon_private_chunk_malloc_many(zon_memory_type mem_type, void** records, uint32_t wanted,
+                                       void* chunk_ptr) {
+    ready_stack* stack = stack_of(mem_type);
+    const uint32_t ready = stack == nullptr ? 0 : pop(*stack, records, wanted);
+    const vem_chunk_type chunk = chunk_of(mem_type, chunk_ptr);
+    if (ready == wanted || chunk == nullptr)
+        return ready;
+    return ready + vem_mem_chunk_malloc_many(chunk, records + ready, wanted - ready);
 }
 
 bool zon_private_chunk_free(zon_memory_type mem_type, void* data, void* chunk_ptr) {
     ready_stack* stack = data == nullptr ? nullptr : stack_of(mem_type);
-    return (stack != nullptr && push(*stack, data)) ||
+    return (stack != nullptr && push(*stack, &data, 1) != 0) ||
            zon_mem_chunk_free(data, mem_type, chunk_ptr);
+}
+
+bool zon_private_chunk_free_many(zon_memory_type mem_type, void* const* records, uint32_t count,
+                                 void* chunk_ptr) {
+    ready_stack* stack = stack_of(mem_type);
+    const uint32_t kept = stack == nullptr ? 0 : push(*stack, records, count);
+    return kept == count || vem_mem_chunk_free_many(chunk_of(mem_type, chunk_ptr), records + kept,
+                                                    count - kept);
 }
 
 void zon_private_chunk_free_or_trace(zon_memory_type mem_type, void* data, void* chunk_ptr,
