@@ -105,6 +105,13 @@ zon_flow_t* take_free_record_locked(zon_fid_table_t* fid_table) {
     return nullptr;
 }
 
+// A free record was often used long ago: the next one is on its way before it is taken.
+void prefetch_for_reset(const zon_flow_t* flow) {
+    const auto* bytes = reinterpret_cast<const char*>(record_of(flow));
+    for (size_t line = 0; line < sizeof(flow_record); line += 64)
+        __builtin_prefetch(bytes + line, 1);
+}
+
 // The head of the free list if its lock is free, or the next one whose lock is; null at the limit
 // and without memory. While all of them are busy it comes again.
 zon_flow_t* take_new_flow_locked(zon_fid_table_t* fid_table) {
@@ -121,6 +128,8 @@ zon_flow_t* take_new_flow_locked(zon_fid_table_t* fid_table) {
         zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, flow->fid)",
                     "zon_fid_table_new_flow");
         fid_table->table[flow->fid - 1] = flow;
+        if (fid_table->free_head != nullptr)
+            prefetch_for_reset(fid_table->free_head);
         return flow;
     }
 }

@@ -100,11 +100,13 @@ zon_half_flow_t* search_complete(zon_flow_table_t* tbl, const zon_half_flow_t* h
     const uint32_t reverse = bucket_of(set, hash_of_reverse_key<family>(wanted));
     prefetch_bucket(set, reverse);
     *buckets = {static_cast<int>(b), static_cast<int>(reverse)};
-    zon_hashset_item found = find_locked(set, b, [&wanted](zon_hashset_item item) {
-        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
-    });
     prefetch_first_item(set, reverse);
-    return static_cast<zon_half_flow_t*>(found);
+    // An empty bucket holds no flow, whoever has its lock.
+    if (relaxed_load(set->array[b]) == nullptr)
+        return nullptr;
+    return static_cast<zon_half_flow_t*>(find_locked(set, b, [&wanted](zon_hashset_item item) {
+        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
+    }));
 }
 
 enum class vrf_star_keys { count, do_not_count };

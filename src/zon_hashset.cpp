@@ -74,13 +74,13 @@ bool insert_into(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     return linked;
 }
 
-// Nothing for an item that is known to be outside the set. The bucket's lock is held: the link back
-// is rewritten when the neighbours come and go.
-void remove_from(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
+// How many items left the set: none when the item is known to be outside it. The bucket's lock is
+// held: the link back is rewritten when the neighbours come and go.
+int remove_from(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     if (!is_linked(set, item))
-        return;
+        return 0;
     unlink(set, item, bucket);
-    relaxed_add(set->used, -1);
+    return 1;
 }
 
 bool bucket_holds_same(zon_hashset set, uint32_t bucket, const void* item, zon_hashset_same same,
@@ -209,8 +209,8 @@ pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& m
     held_buckets<4> held(set, {old1, old2, new1, new2});
     if (bucket_holds_same(set, new1, move.wanted1, same, move.same_context))
         return pair_insert_result::already_present;
-    remove_from(set, move.item1, old1);
-    remove_from(set, move.item2, old2);
+    relaxed_add(set->used,
+                -(remove_from(set, move.item1, old1) + remove_from(set, move.item2, old2)));
     rewrite(move.item1, move.wanted1);
     rewrite(move.item2, move.wanted2);
     header_of(set, move.item1)->pointer_to_us = nullptr;
@@ -231,15 +231,14 @@ pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& m
 void zon_hashset_remove(zon_hashset set, zon_hashset_item item) {
     const uint32_t bucket = bucket_of(set, set->hash_function(item, set->calc_context));
     held_bucket held(set, bucket);
-    remove_from(set, item, bucket);
+    relaxed_add(set->used, -remove_from(set, item, bucket));
 }
 
 void zon_hashset_remove_full(zon_hashset set, zon_hashset_item item1, zon_hashset_item item2) {
     const uint32_t b1 = bucket_of(set, set->hash_function(item1, set->calc_context));
     const uint32_t b2 = bucket_of(set, set->hash_function(item2, set->calc_context));
     held_buckets<2> held(set, {b1, b2});
-    remove_from(set, item1, b1);
-    remove_from(set, item2, b2);
+    relaxed_add(set->used, -(remove_from(set, item1, b1) + remove_from(set, item2, b2)));
 }
 
 void zon_hashset_iterate(zon_hashset set, zon_hashset_iteration_handler handler, void* ctx) {

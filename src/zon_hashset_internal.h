@@ -86,7 +86,6 @@ inline bool bucket_is_full(zon_hashset set, uint32_t bucket) {
 inline void prefetch_bucket(zon_hashset set, uint32_t bucket) {
     __builtin_prefetch(&set->array[bucket], 1);
     __builtin_prefetch(&set->items_in_bucket[bucket], 1);
-    __builtin_prefetch(zon_lock_get_pool_lock(set->bucket_locks, stripe_of(set, bucket)), 1);
 }
 inline void prefetch_first_item(zon_hashset set, uint32_t bucket) {
     if (const zon_hashset_hdr* first = relaxed_load(set->array[bucket]))

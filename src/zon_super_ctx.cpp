@@ -65,6 +65,16 @@ zon_super_context_t* find(zon_super_context_table_t* table, uint32_t context,
     return zon_super_context_table_lookup(table, &key);
 }
 
+bool nobody_looks_up(const zon_super_context_table_t* table) {
+    const auto& lookups = table->lookup_funcs;
+    return load_function(lookups[0]) == nullptr && load_function(lookups[1]) == nullptr &&
+           load_function(lookups[2]) == nullptr && load_function(lookups[3]) == nullptr;
+}
+bool is_in_none(const zon_flow_t* flow) {
+    return flow->super_ctx[0] == nullptr && flow->super_ctx[1] == nullptr &&
+           flow->super_ctx[2] == nullptr && flow->super_ctx[3] == nullptr;
+}
+
 // ---- joining ----
 
 // Under the lock. A record from the chunk holds arbitrary content: the slots must not look
@@ -260,6 +270,8 @@ zon_error_t with_slot(zon_flow_ptr_t flow, zon_super_context_types_e type, zon_c
 void zon_super_context_process_fif(zon_flow_t* flow, void* pkt_ctx) {
     zon_super_context_table_t* table = the_table();
     if (table == nullptr || flow == nullptr)
+        return;
+    if (nobody_looks_up(table) && is_in_none(flow)) [[likely]]
         return;
     for (int type = 0; type < ZON_SUPER_CONTEXT_MAX; ++type) {
         const auto lookup = load_function(table->lookup_funcs[type]);

@@ -59,19 +59,6 @@ attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
     }
 }
 
-locked_flow find_or_make(packet_in_engine& packet) {
-    zon_half_flow_t* half;
-    flow_buckets buckets{0, -1};
-    if (packet.is_in_no_index)
-        half = zon_flow_table_search_locked(g_zon->flow_tbl, packet.key, &buckets);
-    else
-        half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &buckets.initiator);
-    if (half != nullptr)
-        return locked_flow::adopt(half->flow);
-    packet.reverse_bucket = buckets.responder;
-    return find_or_make_after_miss(packet, buckets.initiator);
-}
-
 // A report repeats the number of its packet: its payload is counted once.
 void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
                               uint32_t reported_number) {
@@ -86,8 +73,21 @@ void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
 
 }  // namespace
 
+locked_flow zon_find_or_make_flow(packet_in_engine& packet) {
+    zon_half_flow_t* half;
+    flow_buckets buckets{0, -1};
+    if (packet.is_in_no_index)
+        half = zon_flow_table_search_locked(g_zon->flow_tbl, packet.key, &buckets);
+    else
+        half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &buckets.initiator);
+    if (half != nullptr)
+        return locked_flow::adopt(half->flow);
+    packet.reverse_bucket = buckets.responder;
+    return find_or_make_after_miss(packet, buckets.initiator);
+}
+
 zon_fid_t zon_classify_packet(packet_in_engine& packet) {
-    locked_flow flow = find_or_make(packet);
+    locked_flow flow = zon_find_or_make_flow(packet);
     if (!flow) [[unlikely]]
         return 0;
     packet.fe->i2r_flag = runs_from_initiator(flow.get(), packet.fe);

@@ -17,6 +17,9 @@ struct packet_in_engine {
     int reverse_bucket = -1;      // of the key's reverse; below 0: not known
 };
 
+// The packet's flow, found or made; empty when it gets none.
+locked_flow zon_find_or_make_flow(packet_in_engine& packet);
+
 // Finds or makes the packet's flow, brings it up to date and fills the indications; 0 when the
 // packet gets no flow.
 zon_fid_t zon_classify_packet(packet_in_engine& packet);

@@ -13,30 +13,32 @@
 
 namespace {
 
-template <class family>
-zon_dp_fe_t handle_of_plain(uint8_t* ip) {
-    plain_packet<family> plain;
-    plain.ip = ip;
-    return plain.handle();
-}
-
 // The packet's flow is one that the index does not name, or not known yet. Takes no more than fits
-// into registers: a packet that is kept in memory for this would cost those of known flows.
+// into registers and reads the packet again: one that is kept in memory for this would cost those
+// of known flows.
 template <class family>
 [[gnu::noinline]] zon_fid_t search_flow(zon_t* engine, uint8_t* ip, uint32_t vrf_id, void* context,
                                         zon_pkt_indications_t* indications, zon_error_t* error) {
     const arriving_packet arriving{engine,      ip,    zon_no_end, vrf_id,        context,
                                    indications, error, 0,          ZON_L4_CLOSED, 0};
-    zon_dp_fe_t fe = handle_of_plain<family>(ip);
+    plain_packet<family> plain;
+    if (!read_plain_packet<true>(arriving, plain)) [[unlikely]]
+        return zon_take_detour(arriving);
+    zon_dp_fe_t fe = plain.handle();
     preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
     scratch_half_flow scratch;
-    scratch.set<family>(arriving, fe, ports_at(fe.l4_start));
+    scratch.set<family>(arriving, fe, plain.ports);
     packet_in_engine packet{scratch.head(),        &fe,
                             context,               indications,
                             error,                 ZON_TUNNEL_TYPE_NONE,
                             &engine->params.capability_counter};
     packet.is_in_no_index = true;
-    return zon_classify_packet(packet);
+    locked_flow flow = zon_find_or_make_flow(packet);
+    if (!flow) [[unlikely]]
+        return 0;
+    const bool from_initiator = runs_from_initiator(flow.get(), &fe);
+    return account_directed_packet(std::move(flow), arriving, plain, from_initiator,
+                                   {indications->fif != 0, indications->was_promoted != 0});
 }
 
 // The platform says which flow it is, or the host which hash.

@@ -167,12 +167,19 @@ template <class family>
     zon_half_open_go_on(flow, &fe);
 }
 
-// What the engine found in a packet of a known flow.
+// What a packet may be the first of.
+struct first_packet {
+    bool in_flow;
+    bool after_promotion;
+};
+
+// What the engine found in a packet.
 struct found_in_packet {
     zon_l4_retcode l4_error;
     payload_of_packet payload;
     bool from_initiator;
     bool is_last;
+    first_packet is_first;
 };
 
 template <class family>
@@ -190,10 +197,10 @@ template <class family>
     seen.l4_port = plain.ports;
     seen.l3_protocol = plain.l3_protocol;
     seen.is_initiator = found.from_initiator;
-    seen.fif = 0;
+    seen.fif = found.is_first.in_flow;
     seen.lif = found.is_last;
     seen.first_payload = found.payload.is_first;
-    seen.was_promoted = 0;
+    seen.was_promoted = found.is_first.after_promotion;
     seen.packet_seen = 1;
     seen.l4_protocol = plain.protocol();
     seen.is_fragment = 0;
@@ -206,13 +213,12 @@ template <class family>
 
 // Brings the flow up to date and tells what was found.
 template <class family>
-[[gnu::always_inline]] inline zon_fid_t account_plain_packet(locked_flow flow,
-                                                             const arriving_packet& arriving,
-                                                             const plain_packet<family>& plain) {
+[[gnu::always_inline]] inline zon_fid_t account_directed_packet(locked_flow flow,
+                                                                const arriving_packet& arriving,
+                                                                const plain_packet<family>& plain,
+                                                                bool from_initiator,
+                                                                first_packet is_first) {
     const zon_capability_counter_t& enabled = arriving.engine->params.capability_counter;
-    const flow_record& record = *record_of(flow.get());
-    const bool from_initiator =
-        record.same_address | (plain.between.from_lower == record.initiator_is_lower);
     const uint32_t payload = plain.l4_payload;
     const state_trace trace(flow.get());
     ++flow->packet_number;
@@ -224,14 +230,32 @@ template <class family>
         trace_l4_error(flow.get(), l4_error);
     const payload_of_packet counted{payload, account_payload(flow.get(), payload)};
     if (relaxed_load(enabled.zon_engine_client_bypass) != 0 && plain.is_tcp) [[unlikely]]
-        run_bypass_callbacks(flow.get(), false, false, counted);
+        run_bypass_callbacks(flow.get(), is_first.in_flow, is_first.after_promotion, counted);
     if (flow->private_half_open != 0) [[unlikely]]
         go_on_half_open(flow.get(), plain, from_initiator);
     const bool is_closed = flow->l4state.sess_state == ZON_L4_CLOSED;
-    flow->should_reset_timer = !is_closed;
+    if (is_first.in_flow)
+        start_aging(flow.get(), plain.protocol());
+    else
+        flow->should_reset_timer = !is_closed;
     write_indications(*arriving.indications, flow.get(), plain,
-                      {l4_error, counted, from_initiator, is_closed});
+                      {l4_error, counted, from_initiator, is_closed, is_first});
     if (relaxed_load(zon_debug)) [[unlikely]]
         trace_plain_packet(trace, plain, from_initiator);
-    return flow->fid;
+    const zon_fid_t fid = flow->fid;
+    // Nobody deletes the flow before it has joined its super contexts.
+    if (is_first.in_flow)
+        zon_super_context_process_fif(flow.get(), arriving.context);
+    return fid;
+}
+
+// The packet's flow is one that the index names.
+template <class family>
+[[gnu::always_inline]] inline zon_fid_t account_plain_packet(locked_flow flow,
+                                                             const arriving_packet& arriving,
+                                                             const plain_packet<family>& plain) {
+    const flow_record& record = *record_of(flow.get());
+    const bool from_initiator =
+        record.same_address | (plain.between.from_lower == record.initiator_is_lower);
+    return account_directed_packet(std::move(flow), arriving, plain, from_initiator, {});
 }
