@@ -101,9 +101,6 @@ zon_half_flow_t* search_complete(zon_flow_table_t* tbl, const zon_half_flow_t* h
     prefetch_bucket(set, reverse);
     *buckets = {static_cast<int>(b), static_cast<int>(reverse)};
     prefetch_first_item(set, reverse);
-    // An empty bucket holds no flow, whoever has its lock.
-    if (relaxed_load(set->array[b]) == nullptr)
-        return nullptr;
     return static_cast<zon_half_flow_t*>(find_locked(set, b, [&wanted](zon_hashset_item item) {
         return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
     }));
@@ -179,10 +176,14 @@ bool has_one_end(const key& of) {
     return of.src_port == of.dst_port && same_address(of.src_ip, of.dst_ip);
 }
 template <class family>
+bool can_be_reversed(const typename family::key& key) {
+    return may_be_indexed<family>(key) && !has_one_end(key);
+}
+template <class family>
 bool is_one_connection(const typename family::key& initiator,
                        const typename family::key& responder) {
-    return may_be_indexed<family>(initiator) && may_be_indexed<family>(responder) &&
-           is_reverse(initiator, responder) && !has_one_end(initiator);
+    return can_be_reversed<family>(initiator) && may_be_indexed<family>(responder) &&
+           is_reverse(initiator, responder);
 }
 
 template <class family>
@@ -241,6 +242,17 @@ void name_new_flow(zon_hashset_item initiator, zon_hashset_item responder, void*
         unname_all(tbl, static_cast<const zon_half_flow_t*>(initiator));
         unname_all(tbl, static_cast<const zon_half_flow_t*>(responder));
     }
+}
+
+// The same for a flow whose responder's key was made of the initiator's by reversing it.
+void name_new_reversed_flow(zon_hashset_item initiator, zon_hashset_item responder, void* table) {
+    auto* tbl = static_cast<zon_flow_table_t*>(table);
+    const auto* half = static_cast<const zon_half_flow_t*>(initiator);
+    if (half->key.key_type == ZON_IPV4_KEY_COMPLETE &&
+        can_be_reversed<ipv4_family>(*zon_full_key<ipv4_family>(half))) [[likely]]
+        name_in_index<ipv4_family>(tbl, half->flow);
+    else
+        name_new_flow(initiator, responder, table);
 }
 
 // The half flow's bucket is locked.
@@ -378,11 +390,13 @@ bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_f
 pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t* flow,
                                               flow_buckets buckets) {
     zon_hashset set = tbl->table;
-    if (buckets.responder < 0)
+    const bool is_reversed = buckets.responder >= 0;
+    if (!is_reversed)
         buckets.responder = static_cast<int>(bucket_of(set, hash_of_key(flow->responder_flow)));
-    const pair_insert_result result = zon_hashset_insert_pair(
-        set, flow->initiator_flow, buckets.initiator, flow->responder_flow, buckets.responder,
-        same_connection_any_family<vrf_star_keys::count>, name_new_flow, tbl);
+    const pair_insert_result result =
+        zon_hashset_insert_pair(set, flow->initiator_flow, buckets.initiator, flow->responder_flow,
+                                buckets.responder, same_connection_any_family<vrf_star_keys::count>,
+                                is_reversed ? name_new_reversed_flow : name_new_flow, tbl);
     if (result == pair_insert_result::linked) {
         relaxed_add(tbl->profile_insert, 2);
     } else if (result == pair_insert_result::second_refused) {

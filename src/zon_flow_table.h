@@ -45,7 +45,8 @@ void zon_flow_table_destroy(zon_flow_table_t* tbl);
 bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow);
 bool zon_flow_table_insert_direct(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, int bucket);
 
-// The buckets of a new flow's two keys. One below 0 is not known.
+// The buckets of a new flow's two keys. The responder's is below 0 where it is not known; who knows
+// it has made the responder's key by reversing the initiator's.
 struct flow_buckets {
     int initiator;
     int responder;

@@ -9,6 +9,7 @@
 
 #include "zon_super_ctx.h"
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <mutex>
@@ -66,13 +67,12 @@ zon_super_context_t* find(zon_super_context_table_t* table, uint32_t context,
 }
 
 bool nobody_looks_up(const zon_super_context_table_t* table) {
-    const auto& lookups = table->lookup_funcs;
-    return load_function(lookups[0]) == nullptr && load_function(lookups[1]) == nullptr &&
-           load_function(lookups[2]) == nullptr && load_function(lookups[3]) == nullptr;
+    return std::ranges::all_of(table->lookup_funcs,
+                               [](const auto& lookup) { return load_function(lookup) == nullptr; });
 }
 bool is_in_none(const zon_flow_t* flow) {
-    return flow->super_ctx[0] == nullptr && flow->super_ctx[1] == nullptr &&
-           flow->super_ctx[2] == nullptr && flow->super_ctx[3] == nullptr;
+    return std::ranges::all_of(flow->super_ctx,
+                               [](const void* joined) { return joined == nullptr; });
 }
 
 // ---- joining ----

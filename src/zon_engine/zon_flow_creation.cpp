@@ -147,8 +147,8 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     flow->initiator_flow->flow = flow.get();
     flow->responder_flow->flow = flow.get();
 
-    switch (zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(),
-                                       {bucket, packet.reverse_bucket})) {
+    switch (
+        zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), {bucket, packet.reverse_bucket})) {
     case pair_insert_result::linked:
         break;
     case pair_insert_result::already_present:

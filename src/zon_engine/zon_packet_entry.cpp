@@ -15,7 +15,7 @@ namespace {
 
 // The packet's flow is one that the index does not name, or not known yet. Takes no more than fits
 // into registers and reads the packet again: one that is kept in memory for this would cost those
-// of known flows.
+// of known flows, and a copy of it is slower to make than to read anew.
 template <class family>
 [[gnu::noinline]] zon_fid_t search_flow(zon_t* engine, uint8_t* ip, uint32_t vrf_id, void* context,
                                         zon_pkt_indications_t* indications, zon_error_t* error) {
@@ -25,12 +25,15 @@ template <class family>
     if (!read_plain_packet<true>(arriving, plain)) [[unlikely]]
         return zon_take_detour(arriving);
     zon_dp_fe_t fe = plain.handle();
-    preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
+    preset_indications(*indications, plain);
     scratch_half_flow scratch;
     scratch.set<family>(arriving, fe, plain.ports);
-    packet_in_engine packet{scratch.head(),        &fe,
-                            context,               indications,
-                            error,                 ZON_TUNNEL_TYPE_NONE,
+    packet_in_engine packet{scratch.head(),
+                            &fe,
+                            context,
+                            indications,
+                            error,
+                            ZON_TUNNEL_TYPE_NONE,
                             &engine->params.capability_counter};
     packet.is_in_no_index = true;
     locked_flow flow = zon_find_or_make_flow(packet);
@@ -43,7 +46,7 @@ template <class family>
 
 // The platform says which flow it is, or the host which hash.
 template <class family>
-[[gnu::cold, gnu::noinline]] zon_fid_t take_reported(arriving_packet arriving, zon_dp_fe_t fe) {
+[[gnu::noinline]] zon_fid_t take_reported(arriving_packet arriving, zon_dp_fe_t fe) {
     preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
     scratch_half_flow scratch;
     scratch.set<family>(arriving, fe, ports_at(fe.l4_start));

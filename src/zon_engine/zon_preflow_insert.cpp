@@ -156,10 +156,9 @@ insertion make_and_insert(const zon_key_t* key, zon_fid_t parent_fid, bool compa
     prepare(flow.get(), halves, parent);
     const counted_types counts(halves);
     const pair_insert_result result =
-        compare
-            ? zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(),
-                                         {bucket_for(halves.initiator), -1})
-            : insert_singly(flow.get());
+        compare ? zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(),
+                                             {bucket_for(halves.initiator), -1})
+                : insert_singly(flow.get());
     if (result == pair_insert_result::linked) {
         zon_timer_flow_start(zon_get_tw_internal(), &flow->timer,
                              relaxed_load(g_zon->timer_defaults.pre_flow_default), &flow->fid);

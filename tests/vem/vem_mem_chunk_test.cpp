@@ -48,6 +48,33 @@ TEST(vem_mem_chunk, accepts_null) {
     EXPECT_FALSE(chunk.give_back(nullptr));
 }
 
+TEST(vem_mem_chunk, hands_out_several_as_it_would_one_by_one) {
+    vem_chunk_type chunk = vem_mem_chunk_create(72, 4, 0, 0, 0, nullptr);
+    void* fresh[6]{};
+    ASSERT_EQ(vem_mem_chunk_malloc_many(chunk, fresh, 6), 6U);
+    EXPECT_EQ(std::set<void*>(fresh, fresh + 6).size(), 6U);
+    EXPECT_TRUE(vem_mem_chunk_free_many(chunk, fresh, 3));
+    EXPECT_EQ(vem_mem_chunk_malloc(chunk), fresh[2]) << "freed last";
+    void* again[3]{};
+    ASSERT_EQ(vem_mem_chunk_malloc_many(chunk, again, 3), 3U);
+    EXPECT_EQ(again[0], fresh[1]);
+    EXPECT_EQ(again[1], fresh[0]);
+    EXPECT_EQ(std::count(fresh, fresh + 6, again[2]), 0) << "a new one";
+    EXPECT_EQ(vem_mem_chunk_malloc_many(chunk, again, 0), 0U);
+    EXPECT_TRUE(vem_mem_chunk_destroy(chunk));
+}
+
+TEST(vem_mem_chunk, takes_several_back_or_none) {
+    vem_chunk_type chunk = vem_mem_chunk_create(72, 4, 0, 0, 0, nullptr);
+    void* record = vem_mem_chunk_malloc(chunk);
+    void* with_null[] = {record, nullptr};
+    EXPECT_FALSE(vem_mem_chunk_free_many(chunk, with_null, 2));
+    EXPECT_NE(vem_mem_chunk_malloc(chunk), record) << "it was taken back";
+    EXPECT_FALSE(vem_mem_chunk_free_many(nullptr, &record, 1));
+    EXPECT_EQ(vem_mem_chunk_malloc_many(nullptr, &record, 1), 0U);
+    EXPECT_TRUE(vem_mem_chunk_destroy(chunk));
+}
+
 TEST(vem_mem_chunk, needs_no_name_and_no_step) {
     vem_chunk_type chunk = vem_mem_chunk_create(24, 0, 0, 0, 0, nullptr);
     ASSERT_NE(chunk, nullptr);

@@ -16,8 +16,8 @@ namespace {
 constexpr int looks_before_sleep = 200;
 
 // Whoever gives the mutex back looks for sleepers without waiting until his store is seen
-// everywhere: a thread that falls asleep in this very moment may be missed, and looks again after so
-// long.
+// everywhere: a thread that falls asleep in this very moment may be missed, and looks again after
+// so long.
 constexpr timespec longest_sleep{0, 200'000};
 
 }  // namespace

@@ -143,10 +143,8 @@ private:
     // Records were often freed long ago: the next one is on its way before it is asked for.
     void fetch_next() const {
         const char* next = reinterpret_cast<const char*>(free_);
-        for (size_t at = 0; next != nullptr && at < std::min(record_bytes_, 2 * cache_line);
-             at += cache_line) {
-            __builtin_prefetch(next + at, 1);
-        }
+        __builtin_prefetch(next, 1);
+        __builtin_prefetch(next + last_line_, 1);
     }
 
     // Each piece is twice the last one, up to a huge page, so that the heap is asked rarely.
@@ -168,6 +166,7 @@ private:
     }
 
     const size_t record_bytes_;
+    const size_t last_line_ = std::min(record_bytes_ - record_alignment, cache_line);
     const size_t step_bytes_;  // the least that a piece has, header and all
     size_t piece_bytes_;       // what the next piece has
     vem::chunk_mutex mutex_;

@@ -34,7 +34,7 @@ struct alignas(64) wheel_entry {
     std::atomic<bool> cancelled{false};  // the expiry of `running` was cancelled
     timing_wheel* wheel = nullptr;
     vem_tw_timer* running = nullptr;  // its callback runs; no other wheel gets the entry meanwhile
-    condition_of_brief_mutex idle;  // `running` has become NULL
+    condition_of_brief_mutex idle;    // `running` has become NULL
 
     void publish_next_due() { next_due_us.store(wheel->next_due_us()); }
 };

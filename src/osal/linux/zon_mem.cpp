@@ -252,8 +252,8 @@ bool zon_private_chunk_free_many(zon_memory_type mem_type, void* const* records,
                                  void* chunk_ptr) {
     ready_stack* stack = stack_of(mem_type);
     const uint32_t kept = stack == nullptr ? 0 : push(*stack, records, count);
-    return kept == count || vem_mem_chunk_free_many(chunk_of(mem_type, chunk_ptr), records + kept,
-                                                    count - kept);
+    return kept == count ||
+           vem_mem_chunk_free_many(chunk_of(mem_type, chunk_ptr), records + kept, count - kept);
 }
 
 void zon_private_chunk_free_or_trace(zon_memory_type mem_type, void* data, void* chunk_ptr,

@@ -66,6 +66,36 @@ TEST_F(half_flows, of_ipv4_come_from_the_ready_ones_last_in_first_out) {
     EXPECT_EQ(zon_private_ipv4_flow_mem_buffer[3], taken[3]);
 }
 
+TEST_F(half_flows, come_and_go_in_pairs_as_they_would_one_by_one) {
+    ASSERT_EQ(zon_private_ipv4_flow_mem_buffer_count, 4);
+    zon_half_flow_t* const top = static_cast<zon_half_flow_t*>(zon_private_ipv4_flow_mem_buffer[3]);
+    zon_half_flow_t* const next =
+        static_cast<zon_half_flow_t*>(zon_private_ipv4_flow_mem_buffer[2]);
+    zon_flow_t flow{};
+    ASSERT_TRUE(zon_allocate_half_flows(ZON_IPV4_KEY_COMPLETE, &flow));
+    EXPECT_EQ(flow.initiator_flow, top);
+    EXPECT_EQ(flow.responder_flow, next);
+    EXPECT_EQ(top->fo_list, nullptr);
+    EXPECT_EQ(next->fo_list, nullptr);
+    EXPECT_EQ(usage().ipv4_half_flow_alloc_count, 2U);
+    top->key.key_type = next->key.key_type = ZON_IPV4_KEY_COMPLETE;
+    zon_deallocate_half_flows(top, next);
+    EXPECT_EQ(usage().ipv4_half_flow_alloc_count, 0U);
+    EXPECT_EQ(zon_private_ipv4_flow_mem_buffer[3], next) << "given back last";
+    EXPECT_EQ(zon_private_ipv4_flow_mem_buffer[2], top);
+}
+
+TEST_F(half_flows, of_a_pair_go_to_the_memory_of_their_own_family) {
+    zon_half_flow_t* ipv4 = allocate(ZON_IPV4_KEY_COMPLETE);
+    zon_half_flow_t* ipv6 = allocate(ZON_IPV6_KEY_COMPLETE);
+    zon_deallocate_half_flows(ipv4, ipv6);
+    EXPECT_EQ(usage().ipv4_half_flow_alloc_count, 0U);
+    EXPECT_EQ(usage().ipv6_half_flow_alloc_count, 0U);
+    EXPECT_EQ(zon_private_ipv4_flow_mem_buffer_count, 4);
+    EXPECT_EQ(allocate(ZON_IPV6_KEY_COMPLETE), ipv6);
+    zon_deallocate_half_flow(ipv6);
+}
+
 TEST_F(half_flows, of_ipv6_always_come_from_the_chunk) {
     EXPECT_EQ(zon_private_ipv6_flow_mem_buffer_count_init, 0);
     zon_half_flow_t* half = allocate(ZON_IPV6_KEY_COMPLETE);

@@ -36,14 +36,15 @@ vem_chunk_type vem_mem_chunk_create(size_t element_size, uint32_t create_element
 /* A record with arbitrary content, or NULL when the heap is exhausted. */
 void* vem_mem_chunk_malloc(vem_chunk_type chunk);
 
-/* Several at once, the first in records[0]; tells how many there were, fewer than count when the heap
- * is exhausted. */
+/* Several at once, the first in records[0]; tells how many there were, fewer than count when the
+ * heap is exhausted. */
 uint32_t vem_mem_chunk_malloc_many(vem_chunk_type chunk, void** records, uint32_t count);
 
 /* Takes back a record of this chunk; false for NULL. */
 bool vem_mem_chunk_free(vem_chunk_type chunk, void* element);
 
-/* Takes back several, as if one after another; false, and none is taken, when one of them is NULL. */
+/* Takes back several, as if one after another; false, and none is taken, when one of them is
+ * NULL. */
 bool vem_mem_chunk_free_many(vem_chunk_type chunk, void* const* elements, uint32_t count);
 
 /* Gives all memory back to the heap. */
