@@ -339,7 +339,10 @@ const std::vector<operation_row> operation_rows = {
          zon_client_feature_register(&id);
      }},
     {lock_class::memory,
-     [](zon_flow_t*) { zon_private_chunk_malloc(ZON_FLOW_MEM_TYPE, &g_zon->zon_chunk_ptr); }},
+     [](zon_flow_t*) {
+         // Of flow records none is ready any more: a stack at its end is passed by.
+         zon_private_chunk_malloc(ZON_IPV4_HALF_FLOW_MEM_TYPE, &g_zon->zon_chunk_ptr);
+     }},
 };
 
 class locks_of_the_engine : public zon_test::engine_fixture {
