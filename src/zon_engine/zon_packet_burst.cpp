@@ -42,8 +42,16 @@ using group = std::span<zon_burst_packet_t>;
 using prepared_group = std::array<prepared_packet, group_size>;
 
 arriving_packet arriving_of(zon_burst_packet_t& packet, zon_t* engine) {
-    return {engine, packet.iphdr, packet.captured_length, packet.vrf_id, packet.pkt_ctx,
-            packet.pkt_indications, &packet.error, 0, ZON_L4_CLOSED, 0};
+    return {engine,
+            packet.iphdr,
+            packet.captured_length,
+            packet.vrf_id,
+            packet.pkt_ctx,
+            packet.pkt_indications,
+            &packet.error,
+            0,
+            ZON_L4_CLOSED,
+            0};
 }
 
 void take_alone(zon_burst_packet_t& packet) {
@@ -68,8 +76,9 @@ template <class family>
     return true;
 }
 
-[[gnu::always_inline]] inline prepared_packet::kind prepare(const arriving_packet& arriving, const connection_index& index,
-                              prepared_packet& prepared) {
+[[gnu::always_inline]] inline prepared_packet::kind prepare(const arriving_packet& arriving,
+                                                            const connection_index& index,
+                                                            prepared_packet& prepared) {
     using kind = prepared_packet::kind;
     if (arriving.ip == nullptr || arriving.captured == 0 || arriving.indications == nullptr)
         return kind::other;
@@ -190,6 +199,7 @@ uint32_t zon_handle_packet_burst(zon_burst_packet_t* packets, uint32_t count) {
         return take_each_alone(all);
     uint32_t with_flow = 0;
     for (size_t first = 0; first < all.size(); first += group_size)
-        with_flow += take_group(all.subspan(first, std::min(group_size, all.size() - first)), engine);
+        with_flow +=
+            take_group(all.subspan(first, std::min(group_size, all.size() - first)), engine);
     return with_flow;
 }

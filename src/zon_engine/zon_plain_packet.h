@@ -82,8 +82,7 @@ template <bool trusted, class family>
     if (relaxed_load(capability) == 0) [[unlikely]]
         return false;
     plain.is_tcp = is_tcp;
-    plain.l4_payload =
-        static_cast<uint16_t>(pick(plain.l3_payload, word) - plain.l4_header_size);
+    plain.l4_payload = static_cast<uint16_t>(pick(plain.l3_payload, word) - plain.l4_header_size);
     plain.ports = ports_at(plain.l4);
     return true;
 }
@@ -251,8 +250,8 @@ template <class family>
     ++flow->packet_number;
     const zon_l4_retcode l4_error =
         plain.is_tcp ? zon_track_tcp({plain.l4, payload, from_initiator}, flow->l4state,
-                                       relaxed_load(enabled.zon_engine_tcp_state_checks) != 0)
-                       : zon_track_udp(from_initiator, flow->l4state);
+                                     relaxed_load(enabled.zon_engine_tcp_state_checks) != 0)
+                     : zon_track_udp(from_initiator, flow->l4state);
     if (l4_error != ZON_L4_NOERR) [[unlikely]]
         trace_l4_error(flow.get(), l4_error);
     const payload_of_packet counted{payload, account_payload(flow.get(), payload)};

@@ -86,6 +86,7 @@ TEST(every_operation, is_reached_by_the_short_form) {
     EXPECT_GE(reached.tunnelled, 100U);
     EXPECT_GE(reached.translated, 100U);
     EXPECT_GE(reached.rekeyed_and_found, 600U);
+    EXPECT_GE(reached.indexed, 100000U);
     EXPECT_GE(reached.family_walks, 20U);
     for (const known part : {known::announced, known::any_vrf, known::destination, known::source})
         EXPECT_GE(reached.promoted_from[static_cast<size_t>(part)], 100U)

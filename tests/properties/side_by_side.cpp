@@ -8,6 +8,8 @@
 #include <cstring>
 #include <future>
 
+#include "support/index_oracle.h"
+
 namespace zon_test {
 
 reached_so_far side_by_side::reached;
@@ -113,6 +115,12 @@ void side_by_side::restart(uint8_t how) {
     begin_engine();
 }
 
+void side_by_side::expect_sound_index() {
+    const index_look look = look_at_index();
+    reached.indexed += look.named;
+    expect("index of connections", look.difference, std::string());
+}
+
 // ---- the steps ----
 
 void side_by_side::run(const operation& step) {
@@ -165,6 +173,7 @@ void side_by_side::run(const operation& step) {
             run_flow_step(step);
     }
     expect_told();
+    expect_sound_index();
     expect_flows();
     expect_figures();
 }

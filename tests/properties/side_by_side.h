@@ -1,7 +1,8 @@
 // side_by_side.h - the engine and its model, led through the same operations and compared after each
 // one.
 //
-// The engine is looked at through its public interface alone. A difference is thrown as
+// The engine is looked at through its public interface alone, save that its index of connections is
+// compared with its chains. A difference is thrown as
 // std::runtime_error; what is left of the engine goes with the object.
 
 #pragma once
@@ -26,7 +27,7 @@ namespace zon_test {
 struct reached_so_far {
     size_t scripts = 0, steps = 0, packets = 0, flows = 0, promotions = 0, deletions = 0,
            refused = 0, vetoed = 0, aged = 0, family_walks = 0, tunnelled = 0, translated = 0,
-           rekeyed_and_found = 0;
+           rekeyed_and_found = 0, indexed = 0;
     std::array<size_t, 5> promoted_from{};
     std::map<op, size_t> of_kind;
 };
@@ -64,6 +65,7 @@ private:
     void expect_report(const zon_flow_report_t& report, const flow_of_model& of);
     void expect_table();
     void expect_figures();
+    static void expect_sound_index();
     void expect_no_lock_held();
 
     // ---- packets ----
