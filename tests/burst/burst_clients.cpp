@@ -105,10 +105,15 @@ void burst_run::toggle_capability() {
         ZON_CAPABILITY_ENABLE_IPV6INIP, ZON_CAPABILITY_ENABLE_TEREDO,
         ZON_CAPABILITY_ENABLE_CLIENT_BYPASS, ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS};
     const zon_capability_e which = any[below(std::size(any))];
-    const zon_client_id_e client = some_client();
-    const zon_error_t error = one_in(3) ? zon_client_disable_engine_capability(client, which)
-                                        : zon_client_enable_engine_capability(client, which);
-    tell("capability", {static_cast<uint64_t>(which), client, static_cast<uint64_t>(error)});
+    // Switched off by all it is out of force, whoever had it.
+    const bool by_all = one_in(2);
+    const bool off = by_all || one_in(3);
+    for (const zon_client_id_e client : clients_)
+        if (by_all || client == clients_[random_() % clients_.size()])
+            tell("capability", {static_cast<uint64_t>(which), client,
+                                static_cast<uint64_t>(
+                                    off ? zon_client_disable_engine_capability(client, which)
+                                        : zon_client_enable_engine_capability(client, which))});
 }
 
 void burst_run::announce() {

@@ -135,13 +135,17 @@ void burst_run::begin_engine() {
         zon_client_feature_register(&client);
         burst_clients::register_functions(client);
     }
-    constexpr int32_t usual = ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP |
-                              ZON_CAPABILITY_ENABLE_IPV6INIP | ZON_CAPABILITY_ENABLE_TEREDO;
-    zon_client_enable_engine_capability(clients_[0], static_cast<zon_capability_e>(usual));
+    enable_what_is_usual();
+}
+
+void burst_run::enable_what_is_usual() {
+    int32_t usual = ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP |
+                    ZON_CAPABILITY_ENABLE_IPV6INIP | ZON_CAPABILITY_ENABLE_TEREDO;
     if (seed_ % 2 == 0)
-        zon_client_enable_engine_capability(clients_[0], ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS);
+        usual |= ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS;
     if (seed_ % 3 == 0)
-        zon_client_enable_engine_capability(clients_[1], ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
+        usual |= ZON_CAPABILITY_ENABLE_CLIENT_BYPASS;
+    zon_client_enable_engine_capability(clients_[0], static_cast<zon_capability_e>(usual));
 }
 
 void burst_run::hand_in(burst& packets, step_outcome& outcome) {
@@ -197,6 +201,8 @@ step_outcome burst_run::step() {
     count(outcome);
     if (one_in(3))
         act();
+    if (!one_in(3))
+        enable_what_is_usual();
     zon_clock_advance_us(one_in(10) ? below(4'000'000) : below(20'000));
     outcome.figures += figures();
     if (++steps_ % steps_between_dumps == 0)

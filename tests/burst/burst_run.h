@@ -72,6 +72,7 @@ private:
     friend struct burst_clients;
 
     void begin_engine();
+    void enable_what_is_usual();
     void hand_in(burst& packets, step_outcome& outcome);
     void count(const step_outcome& outcome);
     std::string figures();

@@ -54,7 +54,7 @@ burst_traffic::talk burst_traffic::new_talk() {
 burst_traffic::talk& burst_traffic::some_talk() {
     if (one_in(200))
         favourite_ = below(static_cast<uint32_t>(talks_.size()));
-    const uint32_t reach = one_in(3) ? static_cast<uint32_t>(talks_.size()) : 8;
+    const uint32_t reach = !is_calm_ && one_in(3) ? static_cast<uint32_t>(talks_.size()) : 8;
     talk& chosen = talks_[(favourite_ + below(reach)) % talks_.size()];
     if (one_in(400))
         chosen = new_talk();
@@ -104,33 +104,31 @@ bytes burst_traffic::in_tunnel(talk& of, size_t side) {
                      one_in(4) ? teredo_origin() : bytes{});
 }
 
+scripted_packet burst_traffic::next_content(talk& of) {
+    const size_t side = below(2);
+    const uint32_t dice = is_calm_ ? 0 : below(100);
+    if (dice >= 86)
+        return rubbish_.next();
+    bytes content = dice < 72   ? packet_of(of, side)
+                    : dice < 80 ? fragment_of(of, side)
+                                : in_tunnel(of, side);
+    const size_t whole = content.size();
+    if (!is_calm_ && one_in(40))
+        return {std::move(content), below(static_cast<uint32_t>(whole) + 1)};
+    return {std::move(content), whole};
+}
+
 arriving_packet_of_burst burst_traffic::next_packet() {
     arriving_packet_of_burst packet;
     talk& of = some_talk();
-    const size_t side = below(2);
-    bytes content;
-    const uint32_t dice = below(100);
-    if (dice < 72)
-        content = packet_of(of, side);
-    else if (dice < 80)
-        content = fragment_of(of, side);
-    else if (dice < 86)
-        content = in_tunnel(of, side);
-    size_t captured = content.size();
-    if (dice >= 86) {
-        scripted_packet made = rubbish_.next();
-        content = std::move(made.content);
-        captured = made.captured;
-    } else if (one_in(40)) {
-        captured = below(static_cast<uint32_t>(content.size()) + 1);
-    }
-    packet.captured = static_cast<uint32_t>(captured);
-    packet.content = std::make_unique<uint8_t[]>(captured);
-    std::copy_n(content.begin(), captured, packet.content.get());
-    packet.has_header = !one_in(150);
-    packet.has_indications = !one_in(150);
+    const scripted_packet made = next_content(of);
+    packet.captured = static_cast<uint32_t>(made.captured);
+    packet.content = std::make_unique<uint8_t[]>(made.captured);
+    std::copy_n(made.content.begin(), made.captured, packet.content.get());
+    packet.has_header = is_calm_ || !one_in(150);
+    packet.has_indications = is_calm_ || !one_in(150);
     packet.has_note = !one_in(10);
-    packet.vrf_id = one_in(50) ? below(4) : of.vrf_id;
+    packet.vrf_id = !is_calm_ && one_in(50) ? below(4) : of.vrf_id;
     packet.note = {++number_, one_in(30), one_in(40)};
     if (is_hashed_ && one_in(8))
         packet.hash_valid = one_in(6) ? 2 : 1;
@@ -139,6 +137,7 @@ arriving_packet_of_burst burst_traffic::next_packet() {
 }
 
 burst burst_traffic::next() {
+    is_calm_ = one_in(2);
     burst packets(one_in(4) ? below(5) : below(largest_burst + 1));
     std::generate(packets.begin(), packets.end(), [this] { return next_packet(); });
     return packets;

@@ -62,6 +62,7 @@ private:
     void vary_tcp(talk& of, size_t side, bytes& packet, size_t header, uint32_t payload);
     bytes fragment_of(talk& of, size_t side);
     bytes in_tunnel(talk& of, size_t side);
+    scripted_packet next_content(talk& of);
     arriving_packet_of_burst next_packet();
 
     std::mt19937 random_;
@@ -69,6 +70,7 @@ private:
     bool is_hashed_;
     uint32_t number_ = 0;
     size_t favourite_ = 0;
+    bool is_calm_ = false;  // the burst at hand: plain packets of a few connections alone
     std::vector<talk> talks_;
 };
 
