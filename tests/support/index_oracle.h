@@ -100,13 +100,13 @@ const zon_half_flow_t* by_chain(ptrdiff_t bucket, const typename family::key& wa
 
 template <class family>
 const zon_half_flow_t* by_index(const typename family::key& wanted) {
-    const connection<family> of = connection_of<family>(wanted);
+    const ::connection<family> of = connection_of<family>(wanted);
     const connection_index& index = index_of(g_zon->flow_tbl);
     const connection_index::guess guess = index.find(index.hash_of(of));
     if (guess.flow == nullptr || zon_flow_is_dying(guess.flow) ||
-        !is_connection_of(*record_of(guess.flow), of))
+        !is_connection_of(*::record_of(guess.flow), of))
         return nullptr;
-    return of.from_lower == record_of(guess.flow)->initiator_is_lower ? guess.flow->initiator_flow
+    return of.from_lower == ::record_of(guess.flow)->initiator_is_lower ? guess.flow->initiator_flow
                                                                       : guess.flow->responder_flow;
 }
 
@@ -186,7 +186,7 @@ inline index_look look_at_index() {
     // Whatever a record says of its connection, a packet may ask for.
     for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
          flow = flow->next_flow) {
-        const uint64_t* words = record_of(flow)->connection_words;
+        const uint64_t* words = ::record_of(flow)->connection_words;
         switch (words[0] >> 56) {
         case 4:
             ask<ipv4_family>(look, key_of_words(words, ipv4_family{}));

@@ -107,6 +107,7 @@ bool while_locked(const actor& by, const connection& which, bool back, action us
 void send_forward(actor& by);
 void send_back(actor& by);
 void send_fragments_and_tunnels(actor& by);
+void send_in_bursts(actor& by);
 void query_and_set(actor& by);
 void hang_objects(actor& by);
 void announce_and_walk(actor& by);

@@ -9,6 +9,7 @@
 
 #include "stress/mixed/traffic.h"
 #include "support/flow_reader.h"
+#include "support/index_oracle.h"
 #include "support/table_census.h"
 #include "zon_engine/zon_half_open.h"
 
@@ -22,6 +23,7 @@ constexpr std::array<const char*, static_cast<size_t>(feat::count)> feat_names =
     "packet forbidden by a client",
     "packet of a locked flow",
     "packet of the kit",
+    "packet in a burst",
     "packet synchronised",
     "last packet cleaned up",
     "later fragment followed",
@@ -265,6 +267,7 @@ void ledger::expect_engine_agrees() const {
     expect_one_flow_a_connection();
     expect_flows_and_packets();
     expect_statistics();
+    EXPECT_EQ(look_at_index().difference, "");
     EXPECT_TRUE(no_lock_is_held());
     EXPECT_EQ(zon_flow_table_is_available(g_zon->flow_tbl), zon_error_none);
     EXPECT_EQ(zon_fid_table_is_available(g_zon->fid_table), zon_error_none);

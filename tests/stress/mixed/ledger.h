@@ -36,6 +36,7 @@ enum class feat : uint8_t {
     packet_forbidden,
     packet_of_locked_flow,
     packet_of_the_kit,
+    packet_in_burst,
     packet_synchronised,
     last_packet_cleaned_up,
     later_fragment_followed,

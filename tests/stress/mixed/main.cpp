@@ -23,7 +23,7 @@ namespace {
 
 struct options {
     std::chrono::seconds duration{3};
-    uint32_t threads = 8;
+    uint32_t threads = 9;
     uint32_t seed = stress_seed;
     bool is_long = false;
 };
@@ -145,7 +145,7 @@ void read_arguments(int argc, char** argv) {
             chosen.duration = std::chrono::minutes(value);
         else if (name == "--seconds")
             chosen.duration = std::chrono::seconds(value);
-        else if (name == "--threads" && value >= 8)
+        else if (name == "--threads" && value >= 9)
             chosen.threads = value;
         else if (name == "--seed")
             chosen.seed = value;

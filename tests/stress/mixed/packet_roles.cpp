@@ -1,10 +1,16 @@
 // packet_roles.cpp - threads that hand packets in: both directions of the same new connections,
-// fragments, tunnels, the packet kit, reports of a platform.
+// fragments, tunnels, bursts, the packet kit, reports of a platform.
 
 #include "stress/mixed/actor.h"
 
 namespace zon_test {
 namespace {
+
+void note_sent(const actor& by, const connection& which, const answer& got) {
+    const bool wildcard =
+        which.what == kind::expected && which.announced_as() != ZON_FLOW_TUPLE_TYPE_COMPLETE;
+    by.book().note_packet(got.fid, got.error, got.seen, wildcard);
+}
 
 // Mostly traffic; now and then a connection opens, closes or breaks off.
 uint8_t flags_of_next(const actor& by) {
@@ -101,6 +107,43 @@ void synchronise(const actor& by) {
     });
 }
 
+struct packet_in_burst {
+    connection which;
+    bytes content;
+    packet_note note;
+    answer got;
+};
+
+packet_in_burst next_in_burst(const actor& by) {
+    constexpr kind kinds[] = {kind::plain,  kind::plain,     kind::plain,  kind::expected,
+                              kind::moved,  kind::tunnelled, kind::cut_up, kind::parent,
+                              kind::forbidden};
+    packet_in_burst packet;
+    packet.which = by.one_in(3) ? by.newest() : by.any_of(kinds[by.self.below(std::size(kinds))]);
+    const bool back = by.one_in(2);
+    if (packet.which.what == kind::cut_up)
+        packet.content = fragment_of(packet.which, by.self.below(3), by.self.below(4));
+    else if (packet.which.what == kind::moved && back)
+        packet.content = reply_to_moved(packet.which);
+    else
+        packet.content = packet_of(packet.which, back,
+                                   packet.which.what == kind::parent ? tcp_ack : flags_of_next(by));
+    packet.note = {packet.which.what == kind::forbidden, group_of(packet.which)};
+    return packet;
+}
+
+void expect_answer_in_burst(const actor& by, const packet_in_burst& packet) {
+    const answer& got = packet.got;
+    if (packet.which.what == kind::forbidden) {
+        EXPECT_EQ(got.fid, 0U);
+        EXPECT_EQ(got.error, zon_error_client_pre_create_prevented);
+    } else if (packet.which.what == kind::parent) {
+        EXPECT_EQ(got.fid, by.cast.parents.at(packet.which.number));
+    }
+    EXPECT_EQ(got.seen.packet_seen, 1);
+    EXPECT_EQ(got.seen.flow, got.fid);
+}
+
 }  // namespace
 
 answer send_packet(const actor& by, const connection& which, bytes packet, uint32_t vrf_id) {
@@ -111,9 +154,7 @@ answer send_packet(const actor& by, const connection& which, bytes packet, uint3
                                              vrf_id, &note, &got.seen, &got.error);
     else
         got.fid = zon_handle_packet(packet.data(), vrf_id, &note, &got.seen, &got.error);
-    const bool wildcard =
-        which.what == kind::expected && which.announced_as() != ZON_FLOW_TUPLE_TYPE_COMPLETE;
-    by.book().note_packet(got.fid, got.error, got.seen, wildcard);
+    note_sent(by, which, got);
     return got;
 }
 
@@ -148,6 +189,29 @@ void send_fragments_and_tunnels(actor& by) {
     const answer got = send_packet(by, which, packet_of(which, by.one_in(2)));
     if (got.fid != 0 && got.seen.tunnel_type != ZON_TUNNEL_TYPE_NONE)
         by.book().did(feat::tunnel_followed);
+}
+
+void send_in_bursts(actor& by) {
+    std::vector<packet_in_burst> packets(1 + by.self.below(8));
+    std::vector<zon_burst_packet_t> row;
+    for (packet_in_burst& packet : packets) {
+        packet = next_in_burst(by);
+        row.push_back({packet.content.data(), static_cast<uint32_t>(packet.content.size()), 0,
+                       &packet.note, &packet.got.seen, zon_error_none, 0});
+    }
+    by.self.doing("send a burst");
+    const uint32_t with_flow =
+        zon_handle_packet_burst(row.data(), static_cast<uint32_t>(row.size()));
+    uint32_t counted = 0;
+    for (size_t i = 0; i < packets.size(); ++i) {
+        packets[i].got.fid = row[i].fid;
+        packets[i].got.error = row[i].error;
+        counted += row[i].fid != 0;
+        expect_answer_in_burst(by, packets[i]);
+        note_sent(by, packets[i].which, packets[i].got);
+        by.book().did(feat::packet_in_burst);
+    }
+    EXPECT_EQ(with_flow, counted);
 }
 
 }  // namespace zon_test

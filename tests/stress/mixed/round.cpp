@@ -20,6 +20,7 @@ constexpr role roles[] = {
     {"forward", send_forward},
     {"back", send_back},
     {"deleter and clock", delete_and_turn_clock},
+    {"bursts", send_in_bursts},
     {"announcer", announce_and_walk},
     {"objects", hang_objects},
     {"mover and onlooker", move_and_look},
