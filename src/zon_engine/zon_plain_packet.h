@@ -174,6 +174,7 @@ struct first_packet {
 
 // What the engine found in a packet.
 struct found_in_packet {
+    uint32_t number;  // in its flow; a client's function may hand in packets of the flow meanwhile
     zon_l4_retcode l4_error;
     payload_of_packet payload;
     bool from_initiator;
@@ -215,7 +216,7 @@ template <class family>
                                                      const found_in_packet& found) {
     seen.flow = flow->fid;
     seen.l7_flow_bytes = flow->num_l7_bytes;
-    seen.flow_pkt_count = flow->packet_number;
+    seen.flow_pkt_count = found.number;
     seen.l4_payload_size = found.payload.size;
     seen.l3_payload_size = plain.l3_payload;
     seen.l3_header_size = static_cast<uint32_t>(plain.l4 - plain.ip);
@@ -247,7 +248,7 @@ template <class family>
     const zon_capability_counter_t& enabled = arriving.engine->params.capability_counter;
     const uint32_t payload = plain.l4_payload;
     const state_trace trace(flow.get());
-    ++flow->packet_number;
+    const uint32_t number = ++flow->packet_number;
     const zon_l4_retcode l4_error =
         plain.is_tcp ? zon_track_tcp({plain.l4, payload, from_initiator}, flow->l4state,
                                      relaxed_load(enabled.zon_engine_tcp_state_checks) != 0)
@@ -265,7 +266,7 @@ template <class family>
     else
         flow->should_reset_timer = !is_closed;
     write_indications(*arriving.indications, flow.get(), plain,
-                      {l4_error, counted, from_initiator, is_closed, is_first});
+                      {number, l4_error, counted, from_initiator, is_closed, is_first});
     if (relaxed_load(zon_debug)) [[unlikely]]
         trace_plain_packet(trace, plain, from_initiator);
     const zon_fid_t fid = flow->fid;
