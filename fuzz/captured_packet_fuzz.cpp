@@ -20,8 +20,7 @@ struct handed_packet {
     exact_block block;
     packet_answer answer{};
 
-    explicit handed_packet(const packet_of_program& packet)
-        : from(packet), block(packet.content) {}
+    explicit handed_packet(const packet_of_program& packet) : from(packet), block(packet.content) {}
 };
 
 // Distances within the packet, so that two lives of an engine can be compared.

@@ -48,10 +48,10 @@ void burst_clients::bypass(uint32_t payload, bool first, bool promoted, bool fir
 void burst_clients::deleted(zon_flow_ptr_t fid, void* initiator, void* responder, void* whole,
                             zon_flow_deletion_reason_e reason, zon_client_id_e client) {
     ++running_->reached.deletions;
-    running_->tell("deleted", {fid, reinterpret_cast<uintptr_t>(initiator),
-                               reinterpret_cast<uintptr_t>(responder),
-                               reinterpret_cast<uintptr_t>(whole), static_cast<uint64_t>(reason),
-                               client});
+    running_->tell(
+        "deleted",
+        {fid, reinterpret_cast<uintptr_t>(initiator), reinterpret_cast<uintptr_t>(responder),
+         reinterpret_cast<uintptr_t>(whole), static_cast<uint64_t>(reason), client});
     running_->maybe_act();
 }
 
@@ -63,8 +63,8 @@ bool burst_clients::find_context(void* note, uint32_t* context) {
 }
 
 void burst_clients::context_gone(uint32_t context, zon_super_context_types_e type, void** object) {
-    running_->tell("context gone", {context, static_cast<uint64_t>(type),
-                                    reinterpret_cast<uintptr_t>(*object)});
+    running_->tell("context gone",
+                   {context, static_cast<uint64_t>(type), reinterpret_cast<uintptr_t>(*object)});
 }
 
 // ---- what clients and host do ----
@@ -101,8 +101,8 @@ void burst_run::act() {
 
 void burst_run::toggle_capability() {
     constexpr zon_capability_e any[] = {
-        ZON_CAPABILITY_ENABLE_TCP,      ZON_CAPABILITY_ENABLE_UDP,
-        ZON_CAPABILITY_ENABLE_IPV6INIP, ZON_CAPABILITY_ENABLE_TEREDO,
+        ZON_CAPABILITY_ENABLE_TCP,           ZON_CAPABILITY_ENABLE_UDP,
+        ZON_CAPABILITY_ENABLE_IPV6INIP,      ZON_CAPABILITY_ENABLE_TEREDO,
         ZON_CAPABILITY_ENABLE_CLIENT_BYPASS, ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS};
     const zon_capability_e which = any[below(std::size(any))];
     // Switched off by all it is out of force, whoever had it.
@@ -110,10 +110,10 @@ void burst_run::toggle_capability() {
     const bool off = by_all || one_in(3);
     for (const zon_client_id_e client : clients_)
         if (by_all || client == clients_[random_() % clients_.size()])
-            tell("capability", {static_cast<uint64_t>(which), client,
-                                static_cast<uint64_t>(
-                                    off ? zon_client_disable_engine_capability(client, which)
-                                        : zon_client_enable_engine_capability(client, which))});
+            tell("capability",
+                 {static_cast<uint64_t>(which), client,
+                  static_cast<uint64_t>(off ? zon_client_disable_engine_capability(client, which)
+                                            : zon_client_enable_engine_capability(client, which))});
 }
 
 void burst_run::announce() {
@@ -142,8 +142,8 @@ void burst_run::set_fields() {
         return tell("state", {static_cast<uint64_t>(zon_flow_set_l4_state(
                                  fid, static_cast<zon_l4_flow_state_e>(below(7))))});
     case 1:
-        return tell("application", {static_cast<uint64_t>(
-                                       zon_flow_set_application_id(fid, below(100)))});
+        return tell("application",
+                    {static_cast<uint64_t>(zon_flow_set_application_id(fid, below(100)))});
     case 2:
         return tell("bypass", {static_cast<uint64_t>(zon_flow_set_dpi_bypass_id(fid, below(100)))});
     case 3:
@@ -178,8 +178,7 @@ void burst_run::hand_in_from_inside() {
     const zon_flow_tuple_t tuple = traffic_.some_tuple(random_);
     if (tuple.src_ip.addr_type != ZON_IP_ADDR_IPV4)
         return;
-    packet_builder packet =
-        packet_builder::ipv4(tuple.src_ip.u.v4_addr, tuple.dst_ip.u.v4_addr);
+    packet_builder packet = packet_builder::ipv4(tuple.src_ip.u.v4_addr, tuple.dst_ip.u.v4_addr);
     if (tuple.l4_protocol == ZON_TCP_PROT)
         packet.tcp(tuple.src_port, tuple.dst_port).flags(tcp_ack);
     else

@@ -97,8 +97,13 @@ TEST(bursts, without_an_engine_are_told_so) {
     zon_pkt_indications_t seen{};
     std::array<zon_burst_packet_t, 2> row{};
     for (zon_burst_packet_t& one : row)
-        one = {packet.data(), static_cast<uint32_t>(packet.size()), 0, nullptr, &seen,
-               zon_error_none, 9};
+        one = {packet.data(),
+               static_cast<uint32_t>(packet.size()),
+               0,
+               nullptr,
+               &seen,
+               zon_error_none,
+               9};
     row[1].pkt_indications = nullptr;
     EXPECT_EQ(zon_handle_packet_burst(row.data(), 2), 0U);
     EXPECT_EQ(row[0].error, zon_error_engine_not_init);

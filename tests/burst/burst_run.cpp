@@ -166,9 +166,9 @@ void burst_run::hand_in(burst& packets, step_outcome& outcome) {
         outcome.with_flow = zon_handle_packet_burst(row.data(), static_cast<uint32_t>(row.size()));
     } else {
         for (zon_burst_packet_t& packet : row) {
-            packet.fid = zon_handle_captured_packet(packet.iphdr, packet.captured_length,
-                                                    packet.vrf_id, packet.pkt_ctx,
-                                                    packet.pkt_indications, &packet.error);
+            packet.fid =
+                zon_handle_captured_packet(packet.iphdr, packet.captured_length, packet.vrf_id,
+                                           packet.pkt_ctx, packet.pkt_indications, &packet.error);
             outcome.with_flow += packet.fid != 0;
         }
     }
@@ -234,8 +234,8 @@ void burst_run::count(const step_outcome& outcome) {
         reached.fragments += seen.is_fragment;
         reached.promoted += seen.was_promoted;
         reached.tunnelled += seen.tunnel_type != ZON_TUNNEL_TYPE_NONE;
-        reached.checked_sequences += seen.l4_error >= ZON_L4_INVALID_ACK &&
-                                     seen.l4_error <= ZON_L4_RST_IN_WIND;
+        reached.checked_sequences +=
+            seen.l4_error >= ZON_L4_INVALID_ACK && seen.l4_error <= ZON_L4_RST_IN_WIND;
         reached.first += seen.fif;
         if (seen.fif != 0)
             new_ones.push_back(packet.fid);
@@ -256,8 +256,9 @@ void burst_run::tell(const char* what, std::array<uint64_t, 6> numbers) {
 std::string burst_run::figures() {
     std::ostringstream out;
     const zon_flow_table_t& table = *g_zon->flow_tbl;
-    out << "half flows " << table.table->used << "\ncounts " << table.profile_insert << " " << table.profile_delete << " "
-        << table.profile_passively_aged << " " << table.has_incomplete_inserts;
+    out << "half flows " << table.table->used << "\ncounts " << table.profile_insert << " "
+        << table.profile_delete << " " << table.profile_passively_aged << " "
+        << table.has_incomplete_inserts;
     for (const uint32_t count : table.active_preflow_count)
         out << " " << count;
     const auto words = [&out](const char* what, const auto& record) {

@@ -50,7 +50,7 @@ private:
         uint32_t vrf_id = 0;
         std::array<uint32_t, 2> hosts{};
         std::array<uint16_t, 2> ports{};
-        std::array<bytes, 2> packets;       // of either direction, varied in place
+        std::array<bytes, 2> packets;        // of either direction, varied in place
         std::array<uint32_t, 2> sequence{};  // what either side sends next
     };
 

@@ -115,9 +115,9 @@ struct packet_in_burst {
 };
 
 packet_in_burst next_in_burst(const actor& by) {
-    constexpr kind kinds[] = {kind::plain,  kind::plain,     kind::plain,  kind::expected,
-                              kind::moved,  kind::tunnelled, kind::cut_up, kind::parent,
-                              kind::forbidden};
+    constexpr kind kinds[] = {kind::plain,    kind::plain,  kind::plain,
+                              kind::expected, kind::moved,  kind::tunnelled,
+                              kind::cut_up,   kind::parent, kind::forbidden};
     packet_in_burst packet;
     packet.which = by.one_in(3) ? by.newest() : by.any_of(kinds[by.self.below(std::size(kinds))]);
     const bool back = by.one_in(2);

@@ -3,6 +3,9 @@
 #include "osal/zon_lock.h"
 
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
@@ -135,6 +138,55 @@ TEST_F(single_lock, keeps_others_out_of_a_critical_section) {
     first.join();
     second.join();
     EXPECT_EQ(in_order, 4000);
+}
+
+// Levels, tries and waits of several threads at once; what is read and written inside belongs to one
+// of them at a time.
+TEST_F(single_lock, keeps_levels_apart_from_those_of_other_threads) {
+    constexpr int threads = 4;
+    constexpr int turns = 1500;
+    int inside = 0;
+    int done = 0;
+    int strangers = 0;
+    const auto take_turns = [&](int first) {
+        for (int turn = first; turn < first + turns; ++turn) {
+            const int levels = 1 + turn % 3;
+            for (int level = 0; level < levels; ++level)
+                if (turn % 2 == 0 || !zon_try_lock_internal(lock))
+                    zon_lock_internal(lock);
+            strangers += ++inside != 1;
+            --inside;
+            ++done;
+            for (int level = 0; level < levels; ++level)
+                zon_unlock_internal(lock);
+        }
+    };
+    std::vector<std::thread> all;
+    for (int number = 0; number < threads; ++number)
+        all.emplace_back(take_turns, number);
+    for (std::thread& thread : all)
+        thread.join();
+    EXPECT_EQ(done, threads * turns);
+    EXPECT_EQ(strangers, 0);
+    EXPECT_EQ(zon_unlock_internal(lock), EPERM) << "a level was left";
+    EXPECT_EQ(lock_at(lock)->sleepers.load(), 0u);
+    EXPECT_TRUE(free_for_others(lock));
+}
+
+// Whoever forks goes on in the child, with the same locks.
+TEST_F(single_lock, is_held_by_the_thread_that_forked_in_its_child_too) {
+    zon_lock_internal(lock);
+    const pid_t child = fork();
+    if (child == 0) {
+        const bool goes_on = zon_try_lock_internal(lock) && zon_unlock_internal(lock) == 0 &&
+                             zon_unlock_internal(lock) == 0 && zon_unlock_internal(lock) == EPERM;
+        _exit(goes_on ? 0 : 1);
+    }
+    int status = -1;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+    EXPECT_FALSE(free_for_others(lock)) << "what a child does is its own";
+    zon_unlock_internal(lock);
 }
 
 TEST_F(single_lock, is_held_for_the_scope_of_a_holder) {
