@@ -77,6 +77,7 @@ private:
     void count(const step_outcome& outcome);
     std::string figures();
     std::string all_flows();
+    std::string dump();
     uint32_t below(uint32_t end) { return static_cast<uint32_t>(random_()) % end; }
     bool one_in(uint32_t many) { return below(many) == 0; }
 
