@@ -10,6 +10,7 @@
 #include "support/captured_output.h"
 #include "support/fixed_time_stamp.h"
 #include "support/index_oracle.h"
+#include "support/same_indications.h"
 #include "zon_flow_table.h"
 
 namespace zon_test {
@@ -74,11 +75,14 @@ std::string difference_of_lines(const std::string& one, const std::string& other
 
 }  // namespace
 
+bool packet_outcome::operator==(const packet_outcome& other) const {
+    return fid == other.fid && error == other.error && same_indications(seen, other.seen);
+}
+
 std::string difference_of(const step_outcome& one_by_one, const step_outcome& in_bursts) {
     std::ostringstream out;
     for (size_t i = 0; i < std::min(one_by_one.packets.size(), in_bursts.packets.size()); ++i)
-        if (std::memcmp(&one_by_one.packets[i], &in_bursts.packets[i], sizeof(packet_outcome)) !=
-            0) {
+        if (!(one_by_one.packets[i] == in_bursts.packets[i])) {
             out << "packet " << i << " of " << one_by_one.packets.size() << ": alone "
                 << text_of(one_by_one.packets[i]) << "; in a burst "
                 << text_of(in_bursts.packets[i]);

@@ -34,6 +34,8 @@ struct packet_outcome {
     zon_fid_t fid = 0;
     zon_error_t error = zon_error_none;
     zon_pkt_indications_t seen{};  // addresses as distances from the packet's first byte
+
+    bool operator==(const packet_outcome& other) const;
 };
 
 // All that a step showed.
