@@ -15,17 +15,19 @@ namespace {
 
 // The packet's flow is one that the index does not name, or not known yet. Takes no more than fits
 // into registers and reads the packet again: one that is kept in memory for this would cost those
-// of known flows, and a copy of it is slower to make than to read anew.
-template <class family>
-[[gnu::noinline]] zon_fid_t search_flow(zon_t* engine, uint8_t* ip, uint32_t vrf_id, void* context,
+// of known flows, and a copy of it is slower to make than to read anew. With all checks again, since
+// another thread may have changed meanwhile what clients want.
+template <bool trusted, class family>
+[[gnu::noinline]] zon_fid_t search_flow(zon_t* engine, uint8_t* ip, size_t captured,
+                                        uint32_t vrf_id, void* context,
                                         zon_pkt_indications_t* indications, zon_error_t* error) {
-    const arriving_packet arriving{engine,      ip,    zon_no_end, vrf_id,        context,
-                                   indications, error, 0,          ZON_L4_CLOSED, 0};
+    const arriving_packet arriving{engine,      ip,    captured, vrf_id,        context,
+                                   indications, error, 0,        ZON_L4_CLOSED, 0};
     plain_packet<family> plain;
-    if (!read_plain_packet<true>(arriving, plain)) [[unlikely]]
+    if (!read_plain_packet<trusted>(arriving, plain)) [[unlikely]]
         return zon_take_detour(arriving);
     zon_dp_fe_t fe = plain.handle();
-    preset_indications(*indications, plain);
+    preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
     scratch_half_flow scratch;
     scratch.set<family>(arriving, fe, plain.ports);
     packet_in_engine packet{scratch.head(),
@@ -53,10 +55,11 @@ template <class family>
     return run_engine(arriving, scratch.head(), fe, ZON_TUNNEL_TYPE_NONE);
 }
 
-template <class family>
+template <bool trusted, class family>
 [[gnu::always_inline]] inline zon_fid_t search_flow(const arriving_packet& arriving) {
-    return search_flow<family>(arriving.engine, arriving.ip, arriving.vrf_id, arriving.context,
-                               arriving.indications, arriving.error);
+    return search_flow<trusted, family>(arriving.engine, arriving.ip, arriving.captured,
+                                        arriving.vrf_id, arriving.context, arriving.indications,
+                                        arriving.error);
 }
 
 template <bool trusted, class family>
@@ -69,11 +72,11 @@ template <bool trusted, class family>
     const connection_index& index = index_of(arriving.engine->flow_tbl);
     const connection_index::guess guess = index.find(index.hash_of(plain.between));
     if (guess.flow == nullptr) [[unlikely]]
-        return search_flow<family>(arriving);
+        return search_flow<trusted, family>(arriving);
     prefetch_flow(guess.flow);
     locked_flow flow = locked_flow::adopt(zon_lock_guess(guess, plain.between));
     if (!flow) [[unlikely]]
-        return search_flow<family>(arriving);
+        return search_flow<trusted, family>(arriving);
     return account_plain_packet(std::move(flow), arriving, plain);
 }
 

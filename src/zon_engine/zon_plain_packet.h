@@ -182,33 +182,6 @@ struct found_in_packet {
     first_packet is_first;
 };
 
-// What a packet tells that gets no flow.
-template <class family>
-inline void preset_indications(zon_pkt_indications_t& seen, const plain_packet<family>& plain) {
-    seen.flow = 0;
-    seen.l7_flow_bytes = 0;
-    seen.flow_pkt_count = 0;
-    seen.l4_payload_size = 0;
-    seen.l3_payload_size = plain.l3_payload;
-    seen.l3_header_size = static_cast<uint32_t>(plain.l4 - plain.ip);
-    seen.bypass_id = 0;
-    seen.l4_port = {0, 0};
-    seen.l3_protocol = plain.l3_protocol;
-    seen.is_initiator = 0;
-    seen.fif = 0;
-    seen.lif = 0;
-    seen.first_payload = 0;
-    seen.was_promoted = 0;
-    seen.packet_seen = 1;
-    seen.l4_protocol = plain.protocol();
-    seen.is_fragment = 0;
-    seen.l4_error = ZON_L4_NOERR;
-    seen.tunnel_type = ZON_TUNNEL_TYPE_NONE;
-    seen.l3_start = plain.ip;
-    seen.l4_start = nullptr;
-    seen.l7_start = nullptr;
-}
-
 template <class family>
 [[gnu::always_inline]] inline void write_indications(zon_pkt_indications_t& seen,
                                                      const zon_flow_t* flow,

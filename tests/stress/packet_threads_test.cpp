@@ -3,6 +3,8 @@
 #include <set>
 #include <vector>
 
+#include "support/guarded_memory.h"
+#include "support/packet_builder.h"
 #include "support/stress_engine.h"
 #include "zon_flow_table_inline.h"
 
@@ -107,6 +109,37 @@ TEST_P(packets_on_threads, make_one_flow_while_clients_are_asked) {
     for (uint32_t round = 0; round < rounds; ++round)
         expect_one_flow(seen[round], round);
     EXPECT_EQ(half_flows(), 2 * rounds);
+}
+
+// Between two looks at a packet somebody may begin to want tunnels, which are searched for in the
+// payload: here it is cut off, with nothing readable behind.
+TEST_P(packets_on_threads, are_read_within_their_bytes_while_wishes_change) {
+    constexpr uint32_t packets = 60000;
+    constexpr size_t captured = 28;  // both headers
+    std::atomic<bool> is_done{false};
+    stress_crew crew;
+    crew.add("cut packets", [&is_done](stress_thread&) {
+        guarded_memory memory(captured);
+        for (uint32_t i = 0; i < packets; ++i) {
+            const bytes whole = packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+                                    .udp(static_cast<uint16_t>(1 + i), 53)
+                                    .payload(40)
+                                    .build();
+            zon_pkt_indications_t seen{};
+            zon_error_t error = zon_error_none;
+            zon_handle_captured_packet(memory.place(whole, captured), captured, 0, nullptr, &seen,
+                                       &error);
+            EXPECT_NE(error, zon_error_parameter_invalid);
+        }
+        is_done = true;
+    });
+    crew.add("wishes", [this, &is_done](stress_thread&) {
+        while (!is_done) {
+            enable(ZON_CAPABILITY_ENABLE_TEREDO);
+            disable(ZON_CAPABILITY_ENABLE_TEREDO);
+        }
+    });
+    run(crew);
 }
 
 // ---- announced flows --------------------------------------------------------------------------
