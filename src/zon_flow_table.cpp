@@ -76,6 +76,15 @@ zon_half_flow_t* find_in_index(zon_flow_table_t* tbl, const typename family::key
 }
 
 template <class family>
+zon_half_flow_t* find_in_chain(zon_hashset set, uint32_t bucket,
+                               const typename family::key& wanted) {
+    return static_cast<zon_half_flow_t*>(
+        find_locked(set, bucket, [&wanted](zon_hashset_item item) {
+            return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
+        }));
+}
+
+template <class family>
 zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow,
                                int* bucket) {
     zon_hashset set = tbl->table;
@@ -85,9 +94,7 @@ zon_half_flow_t* find_complete(zon_flow_table_t* tbl, const zon_half_flow_t* hal
         *bucket = static_cast<int>(b);
     if (zon_half_flow_t* found = find_in_index<family>(tbl, wanted))
         return found;
-    return static_cast<zon_half_flow_t*>(find_locked(set, b, [&wanted](zon_hashset_item item) {
-        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
-    }));
+    return find_in_chain<family>(set, b, wanted);
 }
 
 template <class family>
@@ -101,9 +108,7 @@ zon_half_flow_t* search_complete(zon_flow_table_t* tbl, const zon_half_flow_t* h
     prefetch_bucket(set, reverse);
     *buckets = {static_cast<int>(b), static_cast<int>(reverse)};
     prefetch_first_item(set, reverse);
-    return static_cast<zon_half_flow_t*>(find_locked(set, b, [&wanted](zon_hashset_item item) {
-        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
-    }));
+    return find_in_chain<family>(set, b, wanted);
 }
 
 enum class vrf_star_keys { count, do_not_count };
@@ -244,14 +249,20 @@ void name_new_flow(zon_hashset_item initiator, zon_hashset_item responder, void*
     }
 }
 
+template <class family>
+bool name_if_reversed(zon_flow_table_t* tbl, const zon_half_flow_t* initiator) {
+    if (!is_complete<family>(initiator) ||
+        !can_be_reversed<family>(*zon_full_key<family>(initiator)))
+        return false;
+    name_in_index<family>(tbl, initiator->flow);
+    return true;
+}
+
 // The same for a flow whose responder's key was made of the initiator's by reversing it.
 void name_new_reversed_flow(zon_hashset_item initiator, zon_hashset_item responder, void* table) {
     auto* tbl = static_cast<zon_flow_table_t*>(table);
     const auto* half = static_cast<const zon_half_flow_t*>(initiator);
-    if (half->key.key_type == ZON_IPV4_KEY_COMPLETE &&
-        can_be_reversed<ipv4_family>(*zon_full_key<ipv4_family>(half))) [[likely]]
-        name_in_index<ipv4_family>(tbl, half->flow);
-    else
+    if (!name_if_reversed<ipv4_family>(tbl, half) && !name_if_reversed<ipv6_family>(tbl, half))
         name_new_flow(initiator, responder, table);
 }
 
