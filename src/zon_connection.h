@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <iterator>
 
+#include "osal/zon_lock.h"
 #include "osal/zon_mem.h"
 #include "zon_flow_defs.h"
 #include "zon_relaxed.h"
@@ -100,19 +101,28 @@ inline connection<family> connection_of(const typename family::key& key) {
 }
 
 // A flow as it is allocated: what hosts know, then what proves that a packet is the flow's, written
-// under the flow's lock. It begins so far into its first cache line that what a packet of a known
-// flow touches, from the identifier on, begins the second: four lines instead of five.
+// under the flow's lock, and a lock for engines that have one for each flow. It begins so far into
+// its first cache line that what a packet of a known flow touches, from the identifier on, begins
+// the second: four lines instead of five.
 struct alignas(64) flow_record {
-    uint64_t lead;
+    uint64_t connection_hash;
     zon_flow_t flow;
     uint64_t connection_words[6];
-    uint64_t connection_hash;
-    bool initiator_is_lower;
-    bool same_address;
+    recursive_lock own_lock;
 };
 static_assert(sizeof(flow_record) == zon_flow_record_size);
 static_assert((offsetof(flow_record, flow) + offsetof(zon_flow_t, fid)) % 64 == 0 &&
               offsetof(flow_record, connection_words) % 64 == 0);
+
+// What zon_flow_t::private_indexed says while packets find the flow without a search.
+enum indexed_flags : uint8_t { is_indexed = 1, initiator_is_lower = 2, ends_share_address = 4 };
+
+// Whether a packet of the connection of a flow that is indexed runs from the initiator. Where both
+// ends have one address all packets do, on purpose.
+inline bool runs_from_initiator(const zon_flow_t* flow, bool from_lower) {
+    const uint8_t flags = flow->private_indexed;
+    return ((flags & ends_share_address) != 0) | (from_lower == ((flags & initiator_is_lower) != 0));
+}
 
 inline flow_record* record_of(zon_flow_t* flow) {
     return reinterpret_cast<flow_record*>(reinterpret_cast<char*>(flow) -

@@ -1,6 +1,6 @@
 // zon_fid_table.cpp - flow records and their identifiers.
 //
-// Owns   every flow record ever made, and the pool of flow locks.
+// Owns   every flow record ever made, and the flow locks: a pool, or one in each record.
 // Locks  fid_table_lock; under it flow locks are tried for, never awaited, because clients look up
 //        flows while they hold another one's lock (docs/locking.md).
 
@@ -38,9 +38,29 @@ bool is_hidden(const zon_flow_t* flow) {
     return zon_flow_is_dying(flow) && flow != flow_in_deletion;
 }
 
+// Where there are as many locks as flows, each record brings its own, on a line that a packet touches
+// anyway. Records live as long as the table, as the pool does.
+bool records_have_locks(const zon_fid_table_t* fid_table) {
+    return fid_table->lock_pool_size >= fid_table->capacity;
+}
+
 // An engine made for no threads at all still has one flow lock.
-uint32_t pool_size_of(uint32_t concurrency_level) {
-    return std::max(1U, concurrency_level);
+int pool_size_of(const zon_fid_table_t* fid_table) {
+    return records_have_locks(fid_table)
+               ? 0
+               : static_cast<int>(std::max(1U, fid_table->lock_pool_size));
+}
+
+// The record has its identifier.
+zon_lock_t lock_for(zon_fid_table_t* fid_table, flow_record* record) {
+    if (!records_have_locks(fid_table))
+        return zon_lock_get_pool_lock(
+            fid_table->locks,
+            static_cast<int>((record->flow.fid - 1) %
+                             static_cast<uint32_t>(pool_size_of(fid_table))));
+    zon_lock_init(&record->own_lock);
+    zon_lock_set_class(&record->own_lock, lock_class::flow);
+    return &record->own_lock;
 }
 
 void append_to_free_list(zon_fid_table_t* fid_table, zon_flow_t* flow) {
@@ -59,9 +79,7 @@ void zon_fid_table_add_record(zon_fid_table_t* fid_table, flow_record* record) {
     flow->fid = fid_table->allocated + 1;
     zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)",
                 "zon_fid_table_allocate_more");
-    flow->flow_lock = zon_lock_get_pool_lock(
-        fid_table->locks,
-        static_cast<int>(fid_table->allocated % pool_size_of(fid_table->lock_pool_size)));
+    flow->flow_lock = lock_for(fid_table, record);
     flow->marked_for_delete = true;
     zon_private_link_flow(flow);
     append_to_free_list(fid_table, flow);
@@ -156,13 +174,13 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
         static_cast<zon_flow_t**>(zon_heap_zalloc(std::max(1U, max_flows), sizeof(zon_flow_t*)));
     fid_table->chunk_size = flow_block_alloc_size;
     fid_table->lock_pool_size = concurrency_level;
-    fid_table->locks = zon_lock_create_pool(static_cast<int>(pool_size_of(concurrency_level)));
+    const int pool_size = pool_size_of(fid_table);
+    fid_table->locks = zon_lock_create_pool(pool_size);
     fid_table->fid_table_lock = zon_lock_allocate();
     if (fid_table->table == nullptr || fid_table->locks == nullptr ||
         fid_table->fid_table_lock == nullptr) {
         if (fid_table->locks != nullptr)
-            zon_lock_destroy_pool(fid_table->locks,
-                                  static_cast<int>(pool_size_of(concurrency_level)));
+            zon_lock_destroy_pool(fid_table->locks, pool_size);
         std::free(fid_table->fid_table_lock);
         std::free(fid_table->table);
         std::free(memory);
@@ -170,8 +188,7 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
     }
     zon_lock_init(fid_table->fid_table_lock);
     zon_lock_set_class(fid_table->fid_table_lock, lock_class::fid_table);
-    zon_lock_set_class_of_pool(fid_table->locks, static_cast<int>(pool_size_of(concurrency_level)),
-                               lock_class::flow);
+    zon_lock_set_class_of_pool(fid_table->locks, pool_size, lock_class::flow);
     if (can_make_more(fid_table))
         zon_fid_table_allocate_more(fid_table);
     return fid_table;
@@ -182,11 +199,11 @@ void zon_fid_table_destroy(zon_fid_table_t* fid_table) {
         return;
     while (zon_flow_t* flow = fid_table->free_head) {
         fid_table->free_head = flow->next_free;
+        zon_lock_destroy(&record_of(flow)->own_lock);
         zon_private_chunk_free_or_trace(ZON_FLOW_MEM_TYPE, record_of(flow), &g_zon->zon_chunk_ptr);
     }
     std::free(fid_table->table);
-    zon_lock_destroy_pool(fid_table->locks,
-                          static_cast<int>(pool_size_of(fid_table->lock_pool_size)));
+    zon_lock_destroy_pool(fid_table->locks, pool_size_of(fid_table));
     zon_lock_destroy(fid_table->fid_table_lock);
     std::free(fid_table->fid_table_lock);
     storage_of(fid_table)->~fid_table_storage();

@@ -71,8 +71,8 @@ zon_half_flow_t* find_in_index(zon_flow_table_t* tbl, const typename family::key
     zon_flow_t* flow = zon_find_connection_locked(tbl, of, index_of(tbl).hash_of(of));
     if (flow == nullptr)
         return nullptr;
-    return of.from_lower == record_of(flow)->initiator_is_lower ? flow->initiator_flow
-                                                                : flow->responder_flow;
+    const bool initiator_lower = (flow->private_indexed & initiator_is_lower) != 0;
+    return of.from_lower == initiator_lower ? flow->initiator_flow : flow->responder_flow;
 }
 
 template <class family>
@@ -203,9 +203,11 @@ void name_in_index(zon_flow_table_t* tbl, zon_flow_t* flow) {
         connection_of<family>(*zon_full_key<family>(flow->initiator_flow));
     std::ranges::copy(of.words, record.connection_words);
     record.connection_hash = index_of(tbl).hash_of(of);
-    record.initiator_is_lower = of.from_lower;
-    record.same_address = of.same_address;
-    flow->private_indexed = index_of(tbl).put(record.connection_hash, flow);
+    flow->private_indexed =
+        static_cast<uint8_t>(is_indexed | (of.from_lower ? initiator_is_lower : 0) |
+                             (of.same_address ? ends_share_address : 0));
+    if (!index_of(tbl).put(record.connection_hash, flow))
+        flow->private_indexed = 0;
 }
 
 // Whoever was found by this key may no longer be the newest.

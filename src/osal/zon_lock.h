@@ -14,15 +14,13 @@
 #include "osal/zon_lock_order.h"
 #include "zon_engine_defs.h"
 
-// A lock as it lies in memory, on a line of its own.
-struct alignas(64) recursive_lock {
-    std::atomic<uintptr_t> owner;    // the thread that holds it, 0 for none
-    uint32_t depth;                  // the owner's alone
-    std::atomic<uint32_t> sleepers;  // threads that may have to be woken
-    std::atomic<uint32_t> wakings;   // what they sleep on
+// A lock as it lies in memory.
+struct recursive_lock {
+    std::atomic<uint64_t> holder;   // who holds it and how often; 0: nobody
+    std::atomic<uint32_t> waiting;  // how many may have to be woken; above: how often that was done
 #ifdef ZON_CHECK_LOCK_ORDER
-    const void* order_class;  // what the lock is for; null: not checked
     int order_entry;          // its place in a pool
+    const void* order_class;  // what the lock is for; null: not checked
 #endif
 };
 
@@ -38,50 +36,78 @@ void zon_lock_destroy(zon_lock_t lock);
 
 namespace lock_detail {
 
+// A thread is known by what its thread pointer holds above the lowest four bits, which are zero; the
+// levels that it holds are counted above the pointer's 47.
+constexpr int pointer_bits_dropped = 4;
+constexpr uint64_t one_level = uint64_t{1} << (47 - pointer_bits_dropped);
+constexpr uint64_t thread_mask = one_level - 1;
+
+constexpr uint32_t one_sleeper = 1;
+constexpr uint32_t sleepers_mask = 0xFFFF;
+constexpr uint32_t one_waking = sleepers_mask + 1;
+
 // Different for any two threads that run at one time.
-inline uintptr_t this_thread() {
-    uintptr_t thread;
-    asm("mov %%fs:0, %0" : "=r"(thread));
-    return thread;
+inline uint64_t this_thread() {
+    uint64_t pointer;
+    asm("mov %%fs:0, %0" : "=r"(pointer));
+    return pointer >> pointer_bits_dropped;
+}
+
+inline bool is_held_by(uint64_t holder, uint64_t thread) {
+    return ((holder ^ thread) & thread_mask) == 0;
 }
 
 // Sleeps until the lock can be had.
 void wait_for(recursive_lock& lock);
 void wake_one(recursive_lock& lock);
 
-inline bool take_if_free(recursive_lock& lock, uintptr_t thread) {
-    uintptr_t nobody = 0;
-    if (lock.owner.load(std::memory_order_relaxed) != nobody ||
-        !lock.owner.compare_exchange_strong(nobody, thread, std::memory_order_acquire,
-                                            std::memory_order_relaxed))
-        return false;
-    lock.depth = 1;
-    return true;
+inline bool take_if_free(recursive_lock& lock, uint64_t thread) {
+    uint64_t nobody = 0;
+    return lock.holder.load(std::memory_order_relaxed) == nobody &&
+           lock.holder.compare_exchange_strong(nobody, thread + one_level,
+                                               std::memory_order_acquire,
+                                               std::memory_order_relaxed);
 }
 
-inline bool try_to_take(recursive_lock& lock) {
-    const uintptr_t thread = this_thread();
+enum class taken { yes, no, too_often };
+
+inline taken try_to_take(recursive_lock& lock) {
+    const uint64_t thread = this_thread();
     if (take_if_free(lock, thread)) [[likely]]
-        return true;
-    if (lock.owner.load(std::memory_order_relaxed) != thread)
-        return false;
-    ++lock.depth;
-    return true;
+        return taken::yes;
+    const uint64_t holder = lock.holder.load(std::memory_order_relaxed);
+    if (!is_held_by(holder, thread))
+        return taken::no;
+    if (holder + one_level < holder) [[unlikely]]
+        return taken::too_often;
+    lock.holder.store(holder + one_level, std::memory_order_relaxed);
+    return taken::yes;
 }
 
-inline void take(recursive_lock& lock) {
-    if (!try_to_take(lock)) [[unlikely]]
+inline int take(recursive_lock& lock) {
+    switch (try_to_take(lock)) {
+    case taken::no:
         wait_for(lock);
+        return 0;
+    case taken::too_often:
+        return EAGAIN;
+    default:
+        return 0;
+    }
 }
 
 inline int let_go(recursive_lock& lock) {
-    if (lock.owner.load(std::memory_order_relaxed) != this_thread()) [[unlikely]]
+    const uint64_t holder = lock.holder.load(std::memory_order_relaxed);
+    if (!is_held_by(holder, this_thread())) [[unlikely]]
         return EPERM;
-    if (--lock.depth != 0)
+    const uint64_t rest = holder - one_level;
+    if (rest >= one_level) {
+        lock.holder.store(rest, std::memory_order_relaxed);
         return 0;
+    }
     // A plain store: packets that follow need not wait until everybody has seen it.
-    lock.owner.store(0, std::memory_order_release);
-    if (lock.sleepers.load(std::memory_order_relaxed) != 0) [[unlikely]]
+    lock.holder.store(0, std::memory_order_release);
+    if ((lock.waiting.load(std::memory_order_relaxed) & sleepers_mask) != 0) [[unlikely]]
         wake_one(lock);
     return 0;
 }
@@ -101,12 +127,11 @@ extern std::atomic<void (*)()> zon_after_unlock;
 
 // True when the lock was taken; never waits.
 inline bool zon_try_lock_internal(zon_lock_t lock) {
-    return lock_detail::try_to_take(*lock_at(lock));
+    return lock_detail::try_to_take(*lock_at(lock)) == lock_detail::taken::yes;
 }
-// Returns 0.
+// 0, or EAGAIN for a thread that holds the lock two million times: then nothing changes.
 inline int zon_lock_internal(zon_lock_t lock) {
-    lock_detail::take(*lock_at(lock));
-    return 0;
+    return lock_detail::take(*lock_at(lock));
 }
 // 0, or EPERM for a thread that does not hold the lock: then nothing changes.
 inline int zon_unlock_internal(zon_lock_t lock) {
@@ -115,11 +140,19 @@ inline int zon_unlock_internal(zon_lock_t lock) {
 
 #endif
 
-// A row of size locks. Null without memory; the owner keeps the size.
+// In front of a row of locks.
+struct alignas(64) lock_pool_head {
+    int stride_bits;  // the distance from one lock to the next
+};
+
+// A row of size locks. Null without memory; the owner keeps the size. Few locks have a line each, so
+// that threads with different ones do not disturb each other; of many a thread seldom meets two, and
+// four share a line.
 zon_lock_pool_t zon_lock_create_pool(int size);
 void zon_lock_destroy_pool(zon_lock_pool_t pool, int size);
 inline zon_lock_t zon_lock_get_pool_lock(zon_lock_pool_t pool, int entry) {
-    return static_cast<recursive_lock*>(pool) + entry;
+    auto* head = static_cast<lock_pool_head*>(pool);
+    return reinterpret_cast<char*>(head + 1) + (static_cast<size_t>(entry) << head->stride_bits);
 }
 inline int zon_lock_pool_internal(zon_lock_pool_t pool, int entry) {
     return zon_lock_internal(zon_lock_get_pool_lock(pool, entry));

@@ -19,7 +19,11 @@ enum zon_memory_type : int32_t {
 };
 
 // Sizes of the records that the platform has no declaration of.
+#ifdef ZON_CHECK_LOCK_ORDER
+inline constexpr size_t zon_flow_record_size = 384;  // its lock knows what it is for
+#else
 inline constexpr size_t zon_flow_record_size = 320;
+#endif
 inline constexpr size_t zon_super_context_size = 288;
 inline constexpr size_t zon_flow_list_element_size = 16;
 

@@ -254,8 +254,6 @@ template <class family>
 [[gnu::always_inline]] inline zon_fid_t account_plain_packet(locked_flow flow,
                                                              const arriving_packet& arriving,
                                                              const plain_packet<family>& plain) {
-    const flow_record& record = *record_of(flow.get());
-    const bool from_initiator =
-        record.same_address | (plain.between.from_lower == record.initiator_is_lower);
+    const bool from_initiator = runs_from_initiator(flow.get(), plain.between.from_lower);
     return account_directed_packet(std::move(flow), arriving, plain, from_initiator, {});
 }

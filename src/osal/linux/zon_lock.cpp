@@ -10,6 +10,8 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
@@ -32,42 +34,49 @@ void sleep_on(std::atomic<uint32_t>& word, uint32_t expected) {
     syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, &longest_sleep, nullptr, 0);
 }
 
-void* allocate_locks(size_t count) {
-    const size_t bytes = count * sizeof(recursive_lock);
-    void* memory = std::aligned_alloc(alignof(recursive_lock), bytes);
+// What is all zeros is a free lock.
+void* allocate_zeros(size_t bytes) {
+    void* memory = std::aligned_alloc(64, bytes);
     return memory == nullptr ? nullptr : std::memset(memory, 0, bytes);
 }
+
+constexpr int line_bits = 6;
+constexpr int packed_bits = std::bit_width(sizeof(recursive_lock) - 1);
+static_assert(packed_bits < line_bits);
+
+// With so many locks two threads are rarely on one line at a time.
+constexpr int fewest_packed = 4096;
 
 }  // namespace
 
 namespace lock_detail {
 
 [[gnu::cold]] void wait_for(recursive_lock& lock) {
-    const uintptr_t thread = this_thread();
+    const uint64_t thread = this_thread();
     for (int look = 0; look < looks_before_sleep; ++look) {
         if (take_if_free(lock, thread))
             return;
         __builtin_ia32_pause();
     }
-    lock.sleepers.fetch_add(1, std::memory_order_seq_cst);
+    lock.waiting.fetch_add(one_sleeper, std::memory_order_seq_cst);
     for (;;) {
-        const uint32_t wakings = lock.wakings.load(std::memory_order_relaxed);
+        const uint32_t waiting = lock.waiting.load(std::memory_order_relaxed);
         if (take_if_free(lock, thread))
             break;
-        sleep_on(lock.wakings, wakings);
+        sleep_on(lock.waiting, waiting);
     }
-    lock.sleepers.fetch_sub(1, std::memory_order_relaxed);
+    lock.waiting.fetch_sub(one_sleeper, std::memory_order_relaxed);
 }
 
 [[gnu::cold]] void wake_one(recursive_lock& lock) {
-    lock.wakings.fetch_add(1, std::memory_order_relaxed);
-    syscall(SYS_futex, &lock.wakings, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
+    lock.waiting.fetch_add(one_waking, std::memory_order_relaxed);
+    syscall(SYS_futex, &lock.waiting, FUTEX_WAKE_PRIVATE, 1, nullptr, nullptr, 0);
 }
 
 }  // namespace lock_detail
 
 zon_lock_t zon_lock_allocate() {
-    return allocate_locks(1);
+    return allocate_zeros(size_t{1} << line_bits);
 }
 
 void zon_lock_init(zon_lock_t lock) {
@@ -83,9 +92,13 @@ void zon_lock_destroy(zon_lock_t lock) {
 }
 
 zon_lock_pool_t zon_lock_create_pool(int size) {
-    zon_lock_pool_t pool = allocate_locks(size < 1 ? 1 : static_cast<size_t>(size));
-    if (pool == nullptr)
+    const int stride_bits = size < fewest_packed ? line_bits : packed_bits;
+    const size_t bytes = static_cast<size_t>(std::max(size, 1)) << stride_bits;
+    constexpr size_t line = size_t{1} << line_bits;
+    void* memory = allocate_zeros(sizeof(lock_pool_head) + (bytes + line - 1) / line * line);
+    if (memory == nullptr)
         return nullptr;
+    zon_lock_pool_t pool = new (memory) lock_pool_head{stride_bits};
     for (int entry = 0; entry < size; ++entry)
         zon_lock_init(zon_lock_get_pool_lock(pool, entry));
     return pool;
@@ -112,19 +125,20 @@ static void note_taken(const recursive_lock& lock) {
 
 bool zon_try_lock_internal(zon_lock_t at) {
     recursive_lock& lock = *lock_at(at);
-    const bool taken = lock_detail::try_to_take(lock);
-    if (taken)
-        note_taken(lock);
-    return taken;
+    if (lock_detail::try_to_take(lock) != lock_detail::taken::yes)
+        return false;
+    note_taken(lock);
+    return true;
 }
 
 int zon_lock_internal(zon_lock_t at) {
     recursive_lock& lock = *lock_at(at);
     if (lock.order_class != nullptr)
         vem_lock_wanted(class_of(lock), at, lock.order_entry);
-    lock_detail::take(lock);
-    note_taken(lock);
-    return 0;
+    const int result = lock_detail::take(lock);
+    if (result == 0)
+        note_taken(lock);
+    return result;
 }
 
 int zon_unlock_internal(zon_lock_t at) {
