@@ -48,7 +48,7 @@ public:
         return folded(of.words[0] ^ addresses, of.words[1] ^ seeds_[1]);
     }
 
-    void prefetch(uint64_t hash) const { __builtin_prefetch(&line_of(hash)); }
+    void touch_line(uint64_t hash) const { touch(&line_of(hash)); }
 
     [[gnu::always_inline]] guess find(uint64_t hash) const {
         const line& searched = line_of(hash);

@@ -25,6 +25,14 @@ inline connection_index& index_of(zon_flow_table_t* tbl) {
     return storage_of(tbl)->index;
 }
 
+inline void touch_first_line(const zon_flow_t* flow) {
+    touch(reinterpret_cast<const char*>(record_of(flow)) + 64);
+}
+inline void touch_flow(const zon_flow_t* flow) {
+    const auto* bytes = reinterpret_cast<const char*>(record_of(flow));
+    for (size_t line = 64; line < sizeof(flow_record); line += 64)
+        touch(bytes + line);
+}
 // What a packet of a known flow touches: state, counters, lock, marks and the proof.
 inline void prefetch_flow(const zon_flow_t* flow) {
     const auto* bytes = reinterpret_cast<const char*>(record_of(flow));

@@ -5,6 +5,8 @@
 
 #pragma once
 
+#include <cstdint>
+
 template <class word>
 inline word relaxed_load(const word& at) {
     return __atomic_load_n(&at, __ATOMIC_RELAXED);
@@ -23,4 +25,11 @@ inline void relaxed_store(bool& at, bool value) {
 template <class word>
 inline word relaxed_add(word& at, int by) {
     return __atomic_add_fetch(&at, static_cast<word>(by), __ATOMIC_RELAXED);
+}
+
+// Reads a byte for the line to come, not for its value. Requests for lines whose page the processor
+// has to look up may get lost when they stand close together; reads do not.
+inline void touch(const void* at) {
+    uint32_t byte;
+    asm volatile("movzbl %1, %0" : "=r"(byte) : "m"(*static_cast<const char*>(at)));
 }

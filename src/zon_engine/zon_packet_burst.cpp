@@ -25,7 +25,7 @@ struct prepared_packet {
         plain_packet<ipv4_family> v4;
         plain_packet<ipv6_family> v6;
     };
-    uint64_t hash;
+    uint64_t hash = 0;
     connection_index::guess guess;
     kind is;
 
@@ -72,7 +72,6 @@ template <class family>
     if (!read_plain_packet<false>(arriving, plain)) [[unlikely]]
         return false;
     prepared.hash = index.hash_of(plain.between);
-    index.prefetch(prepared.hash);
     return true;
 }
 
@@ -94,21 +93,32 @@ template <class family>
     }
 }
 
-void read_headers(group packets, zon_t* engine, prepared_group& prepared) {
-    const connection_index& index = index_of(engine->flow_tbl);
+void read_headers(group packets, zon_t* engine, const connection_index& index,
+                  prepared_group& prepared) {
     for (size_t i = 0; i < packets.size(); ++i)
         prepared[i].is = prepare(arriving_of(packets[i], engine), index, prepared[i]);
 }
 
-void fetch_flows(group packets, zon_t* engine, prepared_group& prepared) {
-    const connection_index& index = index_of(engine->flow_tbl);
+// The processor looks up many pages at once as long as the requests stand close together, so they are
+// made in loops that do little else. That is also why a flow's first line goes before the others.
+void fetch_index_lines(size_t count, const connection_index& index,
+                       const prepared_group& prepared) {
+    for (size_t i = 0; i < count; ++i)
+        index.touch_line(prepared[i].hash);
+}
+
+void find_flows(size_t count, const connection_index& index, prepared_group& prepared) {
+    for (size_t i = 0; i < count; ++i)
+        prepared[i].guess = prepared[i].is == prepared_packet::kind::other
+                                ? connection_index::guess{}
+                                : index.find(prepared[i].hash);
+}
+
+void fetch_flows(group packets, const prepared_group& prepared) {
+    for (size_t i = 0; i < packets.size(); ++i)
+        if (prepared[i].guess.flow != nullptr) [[likely]]
+            touch_flow(prepared[i].guess.flow);
     for (size_t i = 0; i < packets.size(); ++i) {
-        prepared_packet& packet = prepared[i];
-        if (packet.is == prepared_packet::kind::other)
-            continue;
-        packet.guess = index.find(packet.hash);
-        if (packet.guess.flow != nullptr)
-            prefetch_flow(packet.guess.flow);
         __builtin_prefetch(packets[i].pkt_indications, 1);
         __builtin_prefetch(reinterpret_cast<char*>(packets[i].pkt_indications) + 64, 1);
     }
@@ -162,9 +172,12 @@ bool runs_bypass_functions(const zon_t* engine) {
 // How many of the packets have a flow.
 uint32_t take_group(group packets, zon_t* engine) {
     prepared_group prepared;
+    const connection_index& index = index_of(engine->flow_tbl);
     fetch_headers(packets);
-    read_headers(packets, engine, prepared);
-    fetch_flows(packets, engine, prepared);
+    read_headers(packets, engine, index, prepared);
+    fetch_index_lines(packets.size(), index, prepared);
+    find_flows(packets.size(), index, prepared);
+    fetch_flows(packets, prepared);
     bool may_have_changed = runs_bypass_functions(engine);
     uint32_t with_flow = 0;
     for (size_t i = 0; i < packets.size(); ++i) {
