@@ -68,3 +68,17 @@ template <class family>
     prefetch_flow(guess.flow);
     return zon_lock_guess(guess, wanted);
 }
+
+// The words that a complete key is hashed of: address and port of the source, then of the
+// destination.
+template <class family>
+struct connection_ends {
+    static constexpr size_t words_of_end = family::address_words + 1;
+    uint32_t words[2 * words_of_end];
+
+    bool operator==(const connection_ends&) const = default;
+};
+
+// The buckets of a connection that the engine itself hashes.
+flow_buckets zon_buckets_of(const zon_flow_table_t* tbl, const connection_ends<ipv4_family>& ends);
+flow_buckets zon_buckets_of(const zon_flow_table_t* tbl, const connection_ends<ipv6_family>& ends);

@@ -102,13 +102,14 @@ zon_half_flow_t* search_complete(zon_flow_table_t* tbl, const zon_half_flow_t* h
                                  flow_buckets* buckets) {
     zon_hashset set = tbl->table;
     const typename family::key& wanted = *zon_full_key<family>(half_flow);
-    const uint32_t b = bucket_of(set, hash_of_complete_key<family>(wanted));
-    prefetch_bucket(set, b);
-    const uint32_t reverse = bucket_of(set, hash_of_reverse_key<family>(wanted));
-    prefetch_bucket(set, reverse);
-    *buckets = {static_cast<int>(b), static_cast<int>(reverse)};
-    prefetch_first_item(set, reverse);
-    return find_in_chain<family>(set, b, wanted);
+    if (buckets->responder < 0) {
+        buckets->initiator = static_cast<int>(bucket_of(set, hash_of_complete_key<family>(wanted)));
+        prefetch_bucket(set, static_cast<uint32_t>(buckets->initiator));
+        buckets->responder = static_cast<int>(bucket_of(set, hash_of_reverse_key<family>(wanted)));
+        prefetch_bucket(set, static_cast<uint32_t>(buckets->responder));
+        prefetch_first_item(set, static_cast<uint32_t>(buckets->responder));
+    }
+    return find_in_chain<family>(set, static_cast<uint32_t>(buckets->initiator), wanted);
 }
 
 enum class vrf_star_keys { count, do_not_count };
@@ -295,6 +296,18 @@ void name_if_newest(zon_flow_table_t* tbl, zon_flow_t* flow) {
         name_in_index<family>(tbl, flow);
 }
 
+template <class family>
+flow_buckets buckets_of(const zon_flow_table_t* tbl, const connection_ends<family>& ends) {
+    constexpr size_t words = 2 * connection_ends<family>::words_of_end;
+    uint32_t reversed[words];
+    std::rotate_copy(ends.words, ends.words + words / 2, ends.words + words, reversed);
+    const auto bucket_of_words = [tbl](const uint32_t* key_words) {
+        return static_cast<int>(bucket_of(
+            tbl->table, jenkins_hashword_2006(key_words, words, zon_hash_seed_in_force)));
+    };
+    return {bucket_of_words(ends.words), bucket_of_words(reversed)};
+}
+
 bool count_single(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, bool linked) {
     if (!linked)
         return false;
@@ -467,6 +480,13 @@ zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
         return static_cast<zon_half_flow_t*>(
             zon_hashset_get(tbl->table, const_cast<zon_half_flow_t*>(half_flow), bucket));
     }
+}
+
+flow_buckets zon_buckets_of(const zon_flow_table_t* tbl, const connection_ends<ipv4_family>& ends) {
+    return buckets_of(tbl, ends);
+}
+flow_buckets zon_buckets_of(const zon_flow_table_t* tbl, const connection_ends<ipv6_family>& ends) {
+    return buckets_of(tbl, ends);
 }
 
 zon_half_flow_t* zon_flow_table_search_locked(zon_flow_table_t* tbl,

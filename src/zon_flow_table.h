@@ -70,7 +70,8 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
 zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow, int* bucket);
 // The same for a complete key that the index was asked for in vain: only the set is searched, and
-// while it is, what a new flow of the key needs is fetched.
+// while it is, what a new flow of the key needs is fetched. Buckets that are known are taken as they
+// are.
 zon_half_flow_t* zon_flow_table_search_locked(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow,
                                               flow_buckets* buckets);

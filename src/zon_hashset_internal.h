@@ -108,6 +108,20 @@ inline void prefetch_bucket(zon_hashset set, uint32_t bucket) {
     __builtin_prefetch(&set->array[bucket], 1);
     __builtin_prefetch(&set->items_in_bucket[bucket], 1);
 }
+// Those who change many buckets, one after another, read them ahead.
+inline void touch_bucket(zon_hashset set, uint32_t bucket) {
+    touch(&set->array[bucket]);
+    touch(&set->items_in_bucket[bucket]);
+}
+// Its link and its key, which mostly lie on two lines. The memory of items is theirs as long as the set
+// lives, so that whatever is found can be read.
+inline void touch_first_item(zon_hashset set, uint32_t bucket) {
+    const zon_hashset_hdr* first = relaxed_load(set->array[bucket]);
+    if (first == nullptr)
+        return;
+    touch(first);
+    touch(reinterpret_cast<const char*>(first) + sizeof(zon_half_flow_t));
+}
 inline void prefetch_first_item(zon_hashset set, uint32_t bucket) {
     if (const zon_hashset_hdr* first = relaxed_load(set->array[bucket]))
         __builtin_prefetch(first, 1);

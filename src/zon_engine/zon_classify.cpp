@@ -32,29 +32,29 @@ bool clients_allow(packet_in_engine& packet) {
 }
 
 // One attempt at a packet whose key is not in the table.
-attempted_flow promote_or_create(packet_in_engine& packet, int bucket) {
+attempted_flow promote_or_create(packet_in_engine& packet) {
     packet.indications->fif = 1;
     if (zon_private_has_incomplete_inserts(g_zon->flow_tbl)) {
         attempted_flow promoted = zon_promote_announced_flow(packet);
         if (promoted.outcome != attempt::nothing)
             return promoted;
     }
-    return zon_create_flow(packet, bucket);
+    return zon_create_flow(packet);
 }
 
 // Empty when the packet gets no flow.
-[[gnu::noinline]] locked_flow find_or_make_after_miss(packet_in_engine& packet, int bucket) {
+[[gnu::noinline]] locked_flow find_or_make_after_miss(packet_in_engine& packet) {
     if (!clients_allow(packet))
         return {};
     for (;;) {
-        attempted_flow attempted = promote_or_create(packet, bucket);
+        attempted_flow attempted = promote_or_create(packet);
         if (attempted.outcome != attempt::again)
             return std::move(attempted.flow);
         // A packet of the same connection on another thread was faster.
         packet.indications->fif = 0;
         sched_yield();
-        if (zon_half_flow_t* half =
-                zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &bucket))
+        if (zon_half_flow_t* half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key,
+                                                                 &packet.buckets.initiator))
             return locked_flow::adopt(half->flow);
     }
 }
@@ -74,16 +74,12 @@ void account_reported_payload(zon_flow_t* flow, zon_pkt_indications_t* seen,
 }  // namespace
 
 locked_flow zon_find_or_make_flow(packet_in_engine& packet) {
-    zon_half_flow_t* half;
-    flow_buckets buckets{0, -1};
-    if (packet.is_in_no_index)
-        half = zon_flow_table_search_locked(g_zon->flow_tbl, packet.key, &buckets);
-    else
-        half = zon_flow_table_lookup_locked(g_zon->flow_tbl, packet.key, &buckets.initiator);
-    if (half != nullptr)
-        return locked_flow::adopt(half->flow);
-    packet.reverse_bucket = buckets.responder;
-    return find_or_make_after_miss(packet, buckets.initiator);
+    zon_flow_table_t* tbl = g_zon->flow_tbl;
+    zon_half_flow_t* half =
+        packet.is_in_no_index
+            ? zon_flow_table_search_locked(tbl, packet.key, &packet.buckets)
+            : zon_flow_table_lookup_locked(tbl, packet.key, &packet.buckets.initiator);
+    return half != nullptr ? locked_flow::adopt(half->flow) : find_or_make_after_miss(packet);
 }
 
 zon_fid_t zon_classify_packet(packet_in_engine& packet) {

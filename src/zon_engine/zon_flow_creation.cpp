@@ -78,7 +78,7 @@ attempted_flow made_meanwhile(packet_in_engine& packet) {
 void translate_addresses(packet_in_engine& packet) {
     if (!zon_key_is_ipv4(packet.key->key.key_type) || !zon_ipnat_enabled(packet.context))
         return;
-    packet.reverse_bucket = -1;
+    packet.buckets.responder = -1;
     zon_ipv4_key_t& key = *zon_full_key<ipv4_family>(packet.key);
     auto src_port = static_cast<uint16_t>(key.src_port);
     auto dst_port = static_cast<uint16_t>(key.dst_port);
@@ -109,14 +109,14 @@ locked_flow take_record(int bucket) {
 
 }  // namespace
 
-attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
+attempted_flow zon_create_flow(packet_in_engine& packet) {
     if (!tunnel_is_enabled(packet))
         return refuse_tunnel(packet);
 
     if (zon_half_open_is_at_bound()) [[unlikely]]
         if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
             return other;
-    locked_flow flow = take_record(bucket);
+    locked_flow flow = take_record(packet.buckets.initiator);
     if (!flow) {
         if (attempted_flow other = made_meanwhile(packet); other.outcome == attempt::done)
             return other;
@@ -147,8 +147,7 @@ attempted_flow zon_create_flow(packet_in_engine& packet, int bucket) {
     flow->initiator_flow->flow = flow.get();
     flow->responder_flow->flow = flow.get();
 
-    switch (
-        zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), {bucket, packet.reverse_bucket})) {
+    switch (zon_flow_table_insert_flow(g_zon->flow_tbl, flow.get(), packet.buckets)) {
     case pair_insert_result::linked:
         break;
     case pair_insert_result::already_present:

@@ -4,6 +4,7 @@
 
 #include "zon_engine_defs.h"
 #include "zon_engine_inline.h"
+#include "zon_flow_table.h"
 
 struct packet_in_engine {
     zon_half_flow_t* key;  // the packet's key in its own direction; scratch
@@ -13,8 +14,8 @@ struct packet_in_engine {
     zon_error_t* error;
     zon_tunnel_type_e tunnel;
     const zon_capability_counter_t* capabilities;
-    bool is_in_no_index = false;  // the index of connections was asked, and led to no flow
-    int reverse_bucket = -1;      // of the key's reverse; below 0: not known
+    bool is_in_no_index = false;   // the index of connections was asked, and led to no flow
+    flow_buckets buckets{-1, -1};  // of the key and of its reverse; below 0: not known
 };
 
 // The packet's flow, found or made; empty when it gets none.
@@ -44,6 +45,6 @@ struct attempted_flow {
 // Tries the packet against announced flows and turns the first that matches into a real one.
 attempted_flow zon_promote_announced_flow(packet_in_engine& packet);
 
-// Makes a new flow; bucket is the key's, as the failed lookup reported it. The reverse's is
-// forgotten when a host translates addresses.
-attempted_flow zon_create_flow(packet_in_engine& packet, int bucket);
+// Makes a new flow; the bucket of the key is known. The reverse's is forgotten when a host translates
+// addresses.
+attempted_flow zon_create_flow(packet_in_engine& packet);

@@ -10,6 +10,7 @@
 #include <span>
 
 #include "zon_engine/zon_plain_packet.h"
+#include "zon_hashset_internal.h"
 #include "zon_pkt_inline.h"
 
 namespace {
@@ -25,7 +26,12 @@ struct prepared_packet {
         plain_packet<ipv4_family> v4;
         plain_packet<ipv6_family> v6;
     };
+    union {
+        connection_ends<ipv4_family> ends_v4;
+        connection_ends<ipv6_family> ends_v6;
+    };
     uint64_t hash = 0;
+    flow_buckets buckets;  // of a connection that the index does not name, else below 0
     connection_index::guess guess;
     kind is;
 
@@ -35,6 +41,13 @@ struct prepared_packet {
             return v4;
         else
             return v6;
+    }
+    template <class family>
+    connection_ends<family>& ends() {
+        if constexpr (std::is_same_v<family, ipv4_family>)
+            return ends_v4;
+        else
+            return ends_v6;
     }
 };
 
@@ -114,6 +127,37 @@ void find_flows(size_t count, const connection_index& index, prepared_group& pre
                                 : index.find(prepared[i].hash);
 }
 
+bool is_unknown(const prepared_packet& packet) {
+    return packet.is != prepared_packet::kind::other && packet.guess.flow == nullptr;
+}
+
+template <class family>
+void find_buckets(const zon_flow_table_t* tbl, prepared_packet& packet) {
+    packet.ends<family>() = ends_of(packet.of<family>());
+    packet.buckets = zon_buckets_of(tbl, packet.ends<family>());
+}
+
+// What a new flow looks at and changes in the table: the heads of two buckets, and what they lead to.
+void fetch_buckets(size_t count, const zon_flow_table_t* tbl, prepared_group& prepared) {
+    std::array<int, 2 * group_size> buckets;
+    size_t found = 0;
+    for (size_t i = 0; i < count; ++i) {
+        prepared[i].buckets = {-1, -1};
+        if (!is_unknown(prepared[i]))
+            continue;
+        if (prepared[i].is == prepared_packet::kind::plain_ipv4)
+            find_buckets<ipv4_family>(tbl, prepared[i]);
+        else
+            find_buckets<ipv6_family>(tbl, prepared[i]);
+        buckets[found++] = prepared[i].buckets.initiator;
+        buckets[found++] = prepared[i].buckets.responder;
+    }
+    for (size_t i = 0; i < found; ++i)
+        touch_bucket(tbl->table, static_cast<uint32_t>(buckets[i]));
+    for (size_t i = 0; i < found; ++i)
+        touch_first_item(tbl->table, static_cast<uint32_t>(buckets[i]));
+}
+
 void fetch_flows(group packets, const prepared_group& prepared) {
     for (size_t i = 0; i < packets.size(); ++i)
         if (prepared[i].guess.flow != nullptr) [[likely]]
@@ -124,45 +168,77 @@ void fetch_flows(group packets, const prepared_group& prepared) {
     }
 }
 
-// False when the packet has to be taken alone: it has changed nothing then.
+// What decides whether a packet is plain, beside its bytes. Client functions that a packet runs may
+// change it, and a packet that is taken alone may be the first of a tunnel.
+struct what_is_plain {
+    bool tcp;
+    bool udp;
+    bool may_be_teredo;
+    bool traced;
+
+    static what_is_plain now(const zon_t* engine) {
+        const zon_capability_counter_t& enabled = engine->params.capability_counter;
+        return {relaxed_load(enabled.zon_engine_flow_tcp) != 0,
+                relaxed_load(enabled.zon_engine_flow_udp) != 0, is_teredo_active(engine),
+                relaxed_load(zon_debug_flag_fe)};
+    }
+    bool operator==(const what_is_plain&) const = default;
+};
+
+enum class taken { plain, aside };
+
+// An earlier packet of the group may have made the flow of one that no flow was known of.
 template <class family>
-[[gnu::always_inline]] inline bool take_prepared(zon_burst_packet_t& packet, zon_t* engine,
-                                                 prepared_packet& prepared) {
-    if (prepared.guess.flow == nullptr || packet.pkt_indications->hash_valid == 1) [[unlikely]]
-        return false;
+[[gnu::always_inline]] inline locked_flow lock_flow_of(zon_t* engine, prepared_packet& prepared) {
+    if (prepared.guess.flow == nullptr) [[unlikely]]
+        prepared.guess = index_of(engine->flow_tbl).find(prepared.hash);
+    if (prepared.guess.flow == nullptr) [[unlikely]]
+        return {};
+    return locked_flow::adopt(zon_lock_guess(prepared.guess, prepared.of<family>().between));
+}
+
+template <class family>
+[[gnu::noinline]] zon_fid_t search_prepared(zon_burst_packet_t& packet, zon_t* engine,
+                                            prepared_packet& prepared) {
     const plain_packet<family>& plain = prepared.of<family>();
-    locked_flow flow = locked_flow::adopt(zon_lock_guess(prepared.guess, plain.between));
-    if (!flow) [[unlikely]]
-        return false;
+    // Another packet's client function may have written to the header since.
+    const bool as_hashed = prepared.buckets.responder >= 0 && prepared.ends<family>() == ends_of(plain);
+    return search_flow_of(arriving_of(packet, engine), plain,
+                          as_hashed ? prepared.buckets : flow_buckets{-1, -1});
+}
+
+template <class family>
+[[gnu::always_inline]] inline taken take_plain(zon_burst_packet_t& packet, zon_t* engine,
+                                               prepared_packet& prepared) {
     packet.error = zon_error_none;
-    packet.fid = account_plain_packet(std::move(flow), arriving_of(packet, engine), plain);
-    return true;
+    locked_flow flow = lock_flow_of<family>(engine, prepared);
+    if (!flow) [[unlikely]] {
+        packet.fid = search_prepared<family>(packet, engine, prepared);
+        return taken::aside;
+    }
+    packet.fid = account_plain_packet(std::move(flow), arriving_of(packet, engine),
+                                      prepared.of<family>());
+    return taken::plain;
 }
 
-bool take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
-    switch (prepared.is) {
-    case prepared_packet::kind::plain_ipv4:
-        return take_prepared<ipv4_family>(packet, engine, prepared);
-    case prepared_packet::kind::plain_ipv6:
-        return take_prepared<ipv6_family>(packet, engine, prepared);
-    default:
-        return false;
+taken take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
+    const bool hashed_by_host = prepared.is != prepared_packet::kind::other &&
+                                packet.pkt_indications->hash_valid == 1;
+    if (prepared.is == prepared_packet::kind::other || hashed_by_host) [[unlikely]] {
+        take_alone(packet);
+        return taken::aside;
     }
+    return prepared.is == prepared_packet::kind::plain_ipv4
+               ? take_plain<ipv4_family>(packet, engine, prepared)
+               : take_plain<ipv6_family>(packet, engine, prepared);
 }
 
-// Client functions that a packet runs may switch off what made later ones plain, and a packet that
-// is taken alone may be the first of a tunnel: behind it nothing is taken for granted.
-bool still_plain(zon_burst_packet_t& packet, zon_t* engine, const prepared_packet& prepared) {
-    const arriving_packet arriving = arriving_of(packet, engine);
-    prepared_packet again;
-    switch (prepared.is) {
-    case prepared_packet::kind::plain_ipv4:
-        return read_plain_packet<false>(arriving, again.v4);
-    case prepared_packet::kind::plain_ipv6:
-        return read_plain_packet<false>(arriving, again.v6);
-    default:
-        return false;
-    }
+// The packet is looked at again, because something has changed that might matter to it.
+void take_anew(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
+    prepared.is = prepare(arriving_of(packet, engine), index_of(engine->flow_tbl), prepared);
+    prepared.guess = {};
+    prepared.buckets = {-1, -1};
+    take(packet, engine, prepared);
 }
 
 bool runs_bypass_functions(const zon_t* engine) {
@@ -173,19 +249,20 @@ bool runs_bypass_functions(const zon_t* engine) {
 uint32_t take_group(group packets, zon_t* engine) {
     prepared_group prepared;
     const connection_index& index = index_of(engine->flow_tbl);
+    const what_is_plain as_read = what_is_plain::now(engine);
     fetch_headers(packets);
     read_headers(packets, engine, index, prepared);
     fetch_index_lines(packets.size(), index, prepared);
     find_flows(packets.size(), index, prepared);
     fetch_flows(packets, prepared);
+    fetch_buckets(packets.size(), engine->flow_tbl, prepared);
     bool may_have_changed = runs_bypass_functions(engine);
     uint32_t with_flow = 0;
     for (size_t i = 0; i < packets.size(); ++i) {
-        if ((may_have_changed && !still_plain(packets[i], engine, prepared[i])) ||
-            !take(packets[i], engine, prepared[i])) {
-            take_alone(packets[i]);
+        if (may_have_changed && what_is_plain::now(engine) != as_read) [[unlikely]]
+            take_anew(packets[i], engine, prepared[i]);
+        else if (take(packets[i], engine, prepared[i]) == taken::aside)
             may_have_changed = true;
-        }
         with_flow += packets[i].fid != 0;
     }
     return with_flow;

@@ -26,24 +26,7 @@ template <bool trusted, class family>
     plain_packet<family> plain;
     if (!read_plain_packet<trusted>(arriving, plain)) [[unlikely]]
         return zon_take_detour(arriving);
-    zon_dp_fe_t fe = plain.handle();
-    preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
-    scratch_half_flow scratch;
-    scratch.set<family>(arriving, fe, plain.ports);
-    packet_in_engine packet{scratch.head(),
-                            &fe,
-                            context,
-                            indications,
-                            error,
-                            ZON_TUNNEL_TYPE_NONE,
-                            &engine->params.capability_counter};
-    packet.is_in_no_index = true;
-    locked_flow flow = zon_find_or_make_flow(packet);
-    if (!flow) [[unlikely]]
-        return 0;
-    const bool from_initiator = runs_from_initiator(flow.get(), &fe);
-    return account_directed_packet(std::move(flow), arriving, plain, from_initiator,
-                                   {indications->fif != 0, indications->was_promoted != 0});
+    return search_flow_of(arriving, plain, {-1, -1});
 }
 
 // The platform says which flow it is, or the host which hash.

@@ -148,6 +148,19 @@ template <bool trusted>
     return true;
 }
 
+inline connection_ends<ipv4_family> ends_of(const plain_packet<ipv4_family>& plain) {
+    return {{load_be32(plain.ip + 12), plain.ports.src_port, load_be32(plain.ip + 16),
+             plain.ports.dst_port}};
+}
+inline connection_ends<ipv6_family> ends_of(const plain_packet<ipv6_family>& plain) {
+    uint32_t source[4];
+    uint32_t destination[4];
+    zon_load_ipv6_address(source, plain.ip + 8);
+    zon_load_ipv6_address(destination, plain.ip + 24);
+    return {{source[0], source[1], source[2], source[3], plain.ports.src_port, destination[0],
+             destination[1], destination[2], destination[3], plain.ports.dst_port}};
+}
+
 template <class family>
 [[gnu::cold, gnu::noinline]] void trace_plain_packet(const state_trace& trace,
                                                      const plain_packet<family>& plain,
@@ -247,6 +260,33 @@ template <class family>
     if (is_first.in_flow)
         zon_super_context_process_fif(flow.get(), arriving.context);
     return fid;
+}
+
+// The index names no flow of the packet: its own is searched for, or made.
+template <class family>
+[[gnu::always_inline]] inline zon_fid_t search_flow_of(const arriving_packet& arriving,
+                                                       const plain_packet<family>& plain,
+                                                       flow_buckets known) {
+    zon_dp_fe_t fe = plain.handle();
+    preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
+    scratch_half_flow scratch;
+    scratch.set<family>(arriving, fe, plain.ports);
+    packet_in_engine packet{scratch.head(),
+                            &fe,
+                            arriving.context,
+                            arriving.indications,
+                            arriving.error,
+                            ZON_TUNNEL_TYPE_NONE,
+                            &arriving.engine->params.capability_counter,
+                            true,
+                            known};
+    locked_flow flow = zon_find_or_make_flow(packet);
+    if (!flow) [[unlikely]]
+        return 0;
+    const bool from_initiator = runs_from_initiator(flow.get(), &fe);
+    return account_directed_packet(
+        std::move(flow), arriving, plain, from_initiator,
+        {arriving.indications->fif != 0, arriving.indications->was_promoted != 0});
 }
 
 // The packet's flow is one that the index names.
