@@ -61,6 +61,12 @@ public:
         return {flow_of(word), &entry, word};
     }
 
+    bool has_room(uint64_t hash) const {
+        const line& of_hash = line_of(hash);
+        return std::ranges::any_of(of_hash, [](const std::atomic<uint64_t>& entry) {
+            return entry.load(std::memory_order_relaxed) == 0;
+        });
+    }
     // False when the line is full.
     bool put(uint64_t hash, zon_flow_t* flow);
     void remove(uint64_t hash, const zon_flow_t* flow);

@@ -223,14 +223,6 @@ void unname_all(zon_flow_table_t* tbl, const zon_half_flow_t* half) {
     unname_all<ipv6_family>(tbl, half);
 }
 
-// The flow is locked. Before a half flow of it leaves its bucket or changes its key.
-void unname(zon_flow_table_t* tbl, zon_flow_t* flow) {
-    if (flow->private_indexed == 0)
-        return;
-    index_of(tbl).remove(record_of(flow)->connection_hash, flow);
-    flow->private_indexed = 0;
-}
-
 template <class family>
 bool can_be_named(const zon_flow_t* flow) {
     return is_complete<family>(flow->initiator_flow) && is_complete<family>(flow->responder_flow) &&
@@ -306,6 +298,16 @@ flow_buckets buckets_of(const zon_flow_table_t* tbl, const connection_ends<famil
             tbl->table, jenkins_hashword_2006(key_words, words, zon_hash_seed_in_force)));
     };
     return {bucket_of_words(ends.words), bucket_of_words(reversed)};
+}
+
+template <class family>
+void name_if_room(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    if (!is_complete<family>(flow->initiator_flow))
+        return;
+    const connection<family> of =
+        connection_of<family>(*zon_full_key<family>(flow->initiator_flow));
+    if (index_of(tbl).has_room(index_of(tbl).hash_of(of)))
+        name_if_newest<family>(tbl, flow);
 }
 
 bool count_single(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, bool linked) {
@@ -385,15 +387,25 @@ void zon_flow_table_destroy(zon_flow_table_t* tbl) {
 }
 
 void zon_flow_table_unindex(zon_flow_table_t* tbl, zon_flow_t* flow) {
-    unname(tbl, flow);
+    if (flow->private_indexed == 0)
+        return;
+    index_of(tbl).remove(record_of(flow)->connection_hash, flow);
+    flow->private_indexed = 0;
 }
 
 void zon_flow_table_index_anew(zon_flow_table_t* tbl, zon_flow_t* flow) {
-    unname(tbl, flow);
+    zon_flow_table_unindex(tbl, flow);
     for (const zon_half_flow_t* half : {flow->initiator_flow, flow->responder_flow})
         unname_all(tbl, half);
     name_if_newest<ipv4_family>(tbl, flow);
     name_if_newest<ipv6_family>(tbl, flow);
+}
+
+void zon_flow_table_index_again(zon_flow_table_t* tbl, zon_flow_t* flow) {
+    if (flow->private_indexed != 0)
+        return;
+    name_if_room<ipv4_family>(tbl, flow);
+    name_if_room<ipv6_family>(tbl, flow);
 }
 
 bool zon_flow_table_insert(zon_flow_table_t* tbl, zon_half_flow_t* half_flow) {
@@ -447,7 +459,7 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
     wanted_initiator->flow = wanted_responder->flow = flow;
 
     held_lock table(tbl->flow_table_lock);
-    unname(tbl, flow);
+    zon_flow_table_unindex(tbl, flow);
     const relink_pair move{initiator, wanted_initiator, responder, wanted_responder, tbl};
     const pair_insert_result result = zon_hashset_relink_pair(
         tbl->table, move, same_connection_for(flow), [](zon_hashset_item item, const void* wanted) {
@@ -501,7 +513,7 @@ bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bo
     if (!has_set(tbl))
         return false;
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
-    unname(tbl, half_flow->flow);
+    zon_flow_table_unindex(tbl, half_flow->flow);
     zon_hashset_remove(tbl->table, half_flow);
     relaxed_add(tbl->profile_delete, 1);
     return true;
@@ -512,7 +524,7 @@ bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* hal
     if (!has_set(tbl))
         return false;
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
-    unname(tbl, half_flow1->flow);
+    zon_flow_table_unindex(tbl, half_flow1->flow);
     zon_hashset_remove_full(tbl->table, half_flow1, half_flow2);
     relaxed_add(tbl->profile_delete, 1);
     return true;

@@ -85,6 +85,8 @@ inline zon_half_flow_t* zon_flow_table_lookup(zon_flow_table_t* tbl,
 // is newer.
 void zon_flow_table_unindex(zon_flow_table_t* tbl, zon_flow_t* flow);
 void zon_flow_table_index_anew(zon_flow_table_t* tbl, zon_flow_t* flow);
+// A packet has found the flow by a search: from here on packets need none, if there is room by now.
+void zon_flow_table_index_again(zon_flow_table_t* tbl, zon_flow_t* flow);
 
 // lock tells whether flow_table_lock is taken; the bucket locks always are.
 bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bool lock);

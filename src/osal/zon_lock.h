@@ -57,6 +57,11 @@ inline bool is_held_by(uint64_t holder, uint64_t thread) {
     return ((holder ^ thread) & thread_mask) == 0;
 }
 
+// Whether this thread, which holds the lock, holds it once.
+inline bool is_held_once(const recursive_lock& lock) {
+    return lock.holder.load(std::memory_order_relaxed) < 2 * one_level;
+}
+
 // Sleeps until the lock can be had.
 void wait_for(recursive_lock& lock);
 void wake_one(recursive_lock& lock);
@@ -107,6 +112,7 @@ inline int let_go(recursive_lock& lock) {
     }
     // A plain store: packets that follow need not wait until everybody has seen it.
     lock.holder.store(0, std::memory_order_release);
+    std::atomic_signal_fence(std::memory_order_seq_cst);
     if ((lock.waiting.load(std::memory_order_relaxed) & sleepers_mask) != 0) [[unlikely]]
         wake_one(lock);
     return 0;

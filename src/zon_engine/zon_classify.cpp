@@ -79,7 +79,11 @@ locked_flow zon_find_or_make_flow(packet_in_engine& packet) {
         packet.is_in_no_index
             ? zon_flow_table_search_locked(tbl, packet.key, &packet.buckets)
             : zon_flow_table_lookup_locked(tbl, packet.key, &packet.buckets.initiator);
-    return half != nullptr ? locked_flow::adopt(half->flow) : find_or_make_after_miss(packet);
+    if (half == nullptr)
+        return find_or_make_after_miss(packet);
+    if (packet.is_in_no_index)
+        zon_flow_table_index_again(tbl, half->flow);
+    return locked_flow::adopt(half->flow);
 }
 
 zon_fid_t zon_classify_packet(packet_in_engine& packet) {

@@ -87,12 +87,14 @@ oldest_flows search_from(zon_hashset set, int first) {
 }
 
 // False when the flow has had a packet, has gone, is going, or is in use: records and locks outlive
-// flows, and a number is given once.
+// flows, and a number is given once. In use it also is when this very thread holds it, since a
+// client's function may hand in packets while the flow's own packet is on its way.
 bool replace(const half_open_flow& found) {
     if (try_flow(found.flow) != flow_lock_state::held)
         return false;
     locked_flow flow = locked_flow::adopt(found.flow);
-    if (flow->private_half_open != found.number || flow->marked_for_delete)
+    if (!lock_detail::is_held_once(*lock_at(flow->flow_lock)) ||
+        flow->private_half_open != found.number || flow->marked_for_delete)
         return false;
     return zon_private_delete_locked_flow(std::move(flow).hand_over(),
                                           ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE);

@@ -9,6 +9,7 @@
 
 #include "support/engine_fixture.h"
 #include "support/lock_level.h"
+#include "zon_connection.h"
 #include "zon_engine_inline.h"
 
 namespace {
@@ -214,6 +215,39 @@ TEST_F(fid_table_with_three_locks, hands_out_a_flow_whose_lock_this_thread_holds
     zon_unlock_internal(first->flow_lock);
 }
 
+class fid_table_with_a_lock_for_each_flow : public fid_table {
+protected:
+    fid_table_with_a_lock_for_each_flow() { parameters.max_threads = parameters.max_flows; }
+};
+
+TEST_F(fid_table_with_a_lock_for_each_flow, keeps_it_in_the_record) {
+    std::vector<zon_flow_t*> flows;
+    for (int i = 0; i < 12; ++i)
+        flows.push_back(take());
+    for (zon_flow_t* flow : flows)
+        EXPECT_EQ(flow->flow_lock, &::record_of(flow)->own_lock) << "fid " << flow->fid;
+}
+
+TEST_F(fid_table_with_a_lock_for_each_flow, never_gives_a_lock_to_two_flows) {
+    zon_flow_t* first = zon_fid_table_new_flow(table());
+    first->initiator_flow = first->responder_flow = nullptr;
+    EXPECT_FALSE(is_free_for_others(first->flow_lock));
+    for (int i = 0; i < 12; ++i)
+        EXPECT_TRUE(is_free_for_others(take()->flow_lock));
+    zon_unlock_internal(first->flow_lock);
+    EXPECT_TRUE(is_free_for_others(first->flow_lock));
+}
+
+TEST_F(fid_table_with_a_lock_for_each_flow, keeps_it_over_the_flows_of_a_record) {
+    zon_flow_t* first = take();
+    const zon_lock_t lock = first->flow_lock;
+    zon_lock_internal(lock);
+    recycle(first->fid);
+    EXPECT_FALSE(is_free_for_others(lock)) << "who waits for it may still do so";
+    zon_unlock_internal(lock);
+    EXPECT_EQ(first->flow_lock, lock);
+}
+
 class fid_table_without_threads : public fid_table {
 protected:
     fid_table_without_threads() { parameters.max_threads = 0; }
@@ -369,8 +403,8 @@ TEST_F(fid_table, calls_back_for_each_flow_in_use_and_outside_all_locks) {
             seen->fids.push_back(report->fid);
             seen->meanwhile.push_back(zon_fid_table_is_available(seen->table));
             seen->any_lock_held |= !is_free_for_others(seen->table->fid_table_lock);
-            for (int entry = 0; entry < 10; ++entry)
-                seen->any_lock_held |= !is_free_for_others(zon_lock_get_pool_lock(seen->table->locks, entry));
+            zon_test::for_each_flow_lock(
+                [seen](zon_lock_t lock) { seen->any_lock_held |= !is_free_for_others(lock); });
         },
         &filter);
     EXPECT_EQ(walk.fids, (std::vector<zon_fid_t>{1, 3}));

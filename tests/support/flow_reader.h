@@ -20,14 +20,21 @@ inline uint32_t flows_in_use() {
     return in_use;
 }
 
+// Calls visit with each flow lock that some record has.
+template <class visitor>
+void for_each_flow_lock(visitor visit) {
+    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
+         flow = relaxed_load(flow->next_flow))
+        visit(flow->flow_lock);
+}
+
 // No flow lock and no lock of a table is held, by whichever thread.
 inline bool no_lock_is_held() {
     const zon_fid_table_t* table = g_zon->fid_table;
     bool all_free = is_free_for_others(table->fid_table_lock) &&
                     is_free_for_others(g_zon->flow_tbl->flow_table_lock);
-    for (uint32_t entry = 0; entry < table->lock_pool_size; ++entry)
-        all_free = all_free && is_free_for_others(
-                                   zon_lock_get_pool_lock(table->locks, static_cast<int>(entry)));
+    for_each_flow_lock(
+        [&all_free](zon_lock_t lock) { all_free = all_free && is_free_for_others(lock); });
     for (int stripe = 0; stripe < g_zon->flow_tbl->table->concurrency_level; ++stripe)
         all_free = all_free && is_free_for_others(zon_lock_get_pool_lock(
                                    g_zon->flow_tbl->table->bucket_locks, stripe));

@@ -106,7 +106,7 @@ const zon_half_flow_t* by_index(const typename family::key& wanted) {
     if (guess.flow == nullptr || zon_flow_is_dying(guess.flow) ||
         !is_connection_of(*::record_of(guess.flow), of))
         return nullptr;
-    return of.from_lower == ::record_of(guess.flow)->initiator_is_lower
+    return of.from_lower == ((guess.flow->private_indexed & initiator_is_lower) != 0)
                ? guess.flow->initiator_flow
                : guess.flow->responder_flow;
 }

@@ -10,7 +10,8 @@ namespace zon_test {
 
 // The pthread_t of the thread that holds a lock, or 0; a guess while threads run.
 inline uintptr_t owner_of(zon_lock_t lock) {
-    return lock_at(lock)->owner.load(std::memory_order_relaxed);
+    const uint64_t holder = lock_at(lock)->holder.load(std::memory_order_relaxed);
+    return (holder & lock_detail::thread_mask) << lock_detail::pointer_bits_dropped;
 }
 
 inline void print_owner(const char* name, int entry, zon_lock_t lock) {
@@ -22,8 +23,9 @@ inline void print_held_locks() {
     if (g_zon == nullptr || g_zon->fid_table == nullptr || g_zon->flow_tbl == nullptr)
         return;
     const zon_fid_table_t* fids = g_zon->fid_table;
-    for (int entry = 0; entry < static_cast<int>(fids->lock_pool_size); ++entry)
-        print_owner("flow lock", entry, zon_lock_get_pool_lock(fids->locks, entry));
+    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
+         flow = relaxed_load(flow->next_flow))
+        print_owner("lock of flow", static_cast<int>(flow->fid), flow->flow_lock);
     print_owner("lock of the identifier table", 0, fids->fid_table_lock);
     print_owner("lock of the flow table", 0, g_zon->flow_tbl->flow_table_lock);
     const zon_hashset_* buckets = g_zon->flow_tbl->table;

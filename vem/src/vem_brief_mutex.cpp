@@ -17,8 +17,9 @@ constexpr int looks_before_sleep = 200;
 
 // Whoever gives the mutex back looks for sleepers without waiting until his store is seen
 // everywhere: a thread that falls asleep in this very moment may be missed, and looks again after
-// so long.
-constexpr timespec longest_sleep{0, 200'000};
+// so long. Once that has passed it is seen by everybody who gives the mutex back.
+constexpr timespec first_sleep{0, 200'000};
+constexpr timespec later_sleep{0, 50'000'000};
 
 }  // namespace
 
@@ -30,8 +31,8 @@ constexpr timespec longest_sleep{0, 200'000};
         __builtin_ia32_pause();
     }
     sleepers_.fetch_add(1, std::memory_order_seq_cst);
-    while (!try_lock()) {
-        syscall(SYS_futex, &holders_, FUTEX_WAIT_PRIVATE, 1, &longest_sleep, nullptr, 0);
+    for (const timespec* longest = &first_sleep; !try_lock(); longest = &later_sleep) {
+        syscall(SYS_futex, &holders_, FUTEX_WAIT_PRIVATE, 1, longest, nullptr, 0);
     }
     sleepers_.fetch_sub(1, std::memory_order_relaxed);
 }

@@ -29,6 +29,7 @@ public:
     }
     void unlock() {
         holders_.store(0, std::memory_order_release);
+        std::atomic_signal_fence(std::memory_order_seq_cst);
         if (sleepers_.load(std::memory_order_relaxed) != 0) [[unlikely]] {
             wake_one();
         }

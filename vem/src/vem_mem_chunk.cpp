@@ -69,16 +69,17 @@ void allow(void* memory, size_t bytes) {
 
 std::atomic<bool> huge_pages_wanted{false};
 
-// Large pieces are whole and aligned for huge pages. Unless those are wanted none are asked for, so
-// that memory is taken page by page as records are handed out.
+// Large pieces are whole and aligned for huge pages where those are wanted. The heap reserves twice as
+// much for that, which a process pays for that keeps all its memory resident.
 piece_header* obtain_piece(size_t wanted) {
-    const bool is_large = wanted >= huge_page;
-    const size_t alignment = is_large ? huge_page : cache_line;
+    const bool in_huge_pages =
+        wanted >= huge_page && huge_pages_wanted.load(std::memory_order_relaxed);
+    const size_t alignment = in_huge_pages ? huge_page : cache_line;
     const size_t bytes = rounded_up(wanted, alignment);
     void* memory = std::aligned_alloc(alignment, bytes);
     if (memory == nullptr)
         return nullptr;
-    if (is_large && huge_pages_wanted.load(std::memory_order_relaxed))
+    if (in_huge_pages)
         madvise(memory, bytes, MADV_HUGEPAGE);  // a wish: without them all works, only slower
     return new (memory) piece_header{nullptr, bytes};
 }
@@ -142,6 +143,9 @@ private:
 
     // Records were often freed long ago: the next one is on its way before it is asked for.
     void fetch_next() const {
+        if (free_ == nullptr) {
+            return;
+        }
         const char* next = reinterpret_cast<const char*>(free_);
         __builtin_prefetch(next, 1);
         __builtin_prefetch(next + last_line_, 1);

@@ -25,13 +25,15 @@ namespace {
 constexpr int looks_before_sleep = 200;
 
 // Whoever lets a lock go looks for sleepers without waiting until its store is seen everywhere: a
-// thread that falls asleep in this very moment may be missed, and looks again after so long.
-constexpr timespec longest_sleep{0, 200'000};
+// thread that falls asleep in this very moment may be missed, and looks again after so long. Once
+// that has passed it is seen by everybody who lets the lock go.
+constexpr timespec first_sleep{0, 200'000};
+constexpr timespec later_sleep{0, 50'000'000};
 
 static_assert(std::atomic<uint32_t>::is_always_lock_free && sizeof(std::atomic<uint32_t>) == 4);
 
-void sleep_on(std::atomic<uint32_t>& word, uint32_t expected) {
-    syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, &longest_sleep, nullptr, 0);
+void sleep_on(std::atomic<uint32_t>& word, uint32_t expected, const timespec& longest) {
+    syscall(SYS_futex, &word, FUTEX_WAIT_PRIVATE, expected, &longest, nullptr, 0);
 }
 
 // What is all zeros is a free lock.
@@ -59,11 +61,11 @@ namespace lock_detail {
         __builtin_ia32_pause();
     }
     lock.waiting.fetch_add(one_sleeper, std::memory_order_seq_cst);
-    for (;;) {
-        const uint32_t waiting = lock.waiting.load(std::memory_order_relaxed);
+    for (const timespec* longest = &first_sleep;; longest = &later_sleep) {
+        const uint32_t waiting = lock.waiting.load(std::memory_order_acquire);
         if (take_if_free(lock, thread))
             break;
-        sleep_on(lock.waiting, waiting);
+        sleep_on(lock.waiting, waiting, *longest);
     }
     lock.waiting.fetch_sub(one_sleeper, std::memory_order_relaxed);
 }

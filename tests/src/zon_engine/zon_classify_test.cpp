@@ -386,6 +386,46 @@ TEST_F(bypassing_clients, see_tcp_packets_while_the_capability_is_in_force_and_m
     EXPECT_EQ(bypasses.size(), 2U) << "UDP is not shown";
 }
 
+// What the host's own record says while the clients look at the packet, whichever way it takes.
+TEST_F(bypassing_clients, find_in_the_indications_what_is_known_by_then) {
+    static zon_pkt_indications_t* of_host;
+    static std::vector<zon_pkt_indications_t> seen;
+    seen.clear();
+    enable(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
+    zon_client_id_e watching = 0;
+    ASSERT_EQ(zon_client_feature_register(&watching), zon_error_none);
+    ASSERT_EQ(zon_client_register_bypass_cb(
+                  watching,
+                  [](uint32_t, bool, bool, bool, uint32_t*) { seen.push_back(*of_host); }),
+              zon_error_none);
+    for (const bool hashed_by_host : {false, true}) {
+        bytes packet = tcp4().payload(7).build();
+        zon_pkt_indications_t indications;
+        of_host = &indications;
+        seen.clear();
+        for (const bool first : {true, false}) {
+            std::memset(&indications, 0xA5, sizeof indications);
+            indications.hash_valid = hashed_by_host;
+            indications.hash_value = 99;
+            zon_error_t error;
+            ASSERT_NE(zon_handle_packet(packet.data(), hashed_by_host, nullptr, &indications, &error), 0U);
+            const zon_pkt_indications_t& told = seen.back();
+            EXPECT_EQ(told.flow, 0U);
+            EXPECT_EQ(told.flow_pkt_count, 0U);
+            EXPECT_EQ(told.l7_flow_bytes, 0U);
+            EXPECT_EQ(told.l4_payload_size, 7U);
+            EXPECT_EQ(told.l3_header_size, 20U);
+            EXPECT_EQ(told.fif, first);
+            EXPECT_EQ(told.first_payload, first);
+            EXPECT_EQ(told.packet_seen, 1);
+            EXPECT_EQ(told.l4_error, ZON_L4_NOERR);
+            EXPECT_EQ(told.l3_start, packet.data());
+            EXPECT_EQ(told.l4_start, nullptr);
+        }
+        EXPECT_EQ(seen.size(), 2U);
+    }
+}
+
 TEST_F(bypassing_clients, are_called_by_the_counters_handed_in_and_not_by_the_engines) {
     zon_capability_counter_t counters{};
     counters.zon_engine_client_bypass = 1;

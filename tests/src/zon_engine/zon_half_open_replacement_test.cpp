@@ -3,9 +3,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "support/captured_output.h"
@@ -142,14 +144,12 @@ TEST_F(three_half_open, give_no_place_while_all_are_held_elsewhere) {
 TEST_F(three_half_open, go_before_anything_of_the_packet_is_locked) {
     int locked = 0;
     in_delete_callback = [&](zon_fid_t fid) {
-        for (uint32_t entry = 0; entry < parameters.max_threads; ++entry) {
-            zon_lock_t lock =
-                zon_lock_get_pool_lock(g_zon->fid_table->locks, static_cast<int>(entry));
+        for_each_flow_lock([&](zon_lock_t lock) {
             if (is_free_for_others(lock))
-                continue;
+                return;
             ++locked;
             EXPECT_EQ(lock, record_of(fid)->flow_lock);
-        }
+        });
         EXPECT_EQ(flows_in_use(), 3U) << "the new flow is not made yet";
     };
     EXPECT_NE(syn_of_another().fid, 0U);
@@ -164,6 +164,30 @@ TEST_F(three_half_open, give_no_place_to_packets_of_delete_callbacks) {
     EXPECT_EQ(told.size(), clients) << "one flow went";
     EXPECT_EQ(zon_half_open.count, 3U);
     EXPECT_NE(syn_of_another().fid, 0U) << "the next packet replaces one again";
+}
+
+TEST_F(three_half_open, keep_their_places_while_their_own_packet_is_on_its_way) {
+    static std::vector<zon_fid_t> from_inside;
+    static bool inside;
+    from_inside.clear();
+    inside = false;
+    enable(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
+    ASSERT_EQ(zon_client_register_bypass_cb(client,
+                                            [](uint32_t, bool, bool, bool, uint32_t*) {
+                                                if (std::exchange(inside, true))
+                                                    return;
+                                                for (uint32_t number = 501; number <= 504; ++number)
+                                                    from_inside.push_back(syn(number).fid);
+                                            }),
+              zon_error_none);
+    const packet_result made = syn(500);
+    ASSERT_NE(made.fid, 0U);
+    EXPECT_EQ(from_inside.size(), 4U);
+    EXPECT_EQ(std::ranges::count(from_inside, 0U), 0);
+    EXPECT_EQ(std::ranges::count(from_inside, made.fid), 0) << "its record went to another flow";
+    EXPECT_EQ(times_told(made.fid), 0U);
+    EXPECT_EQ(handle(connection(500)).fid, made.fid);
+    EXPECT_EQ(zon_half_open.count, 3U);
 }
 
 TEST_F(three_half_open, are_not_replaced_for_a_connection_that_another_packet_has_made_meanwhile) {

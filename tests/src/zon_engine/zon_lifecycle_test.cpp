@@ -364,6 +364,35 @@ TEST_F(busy_engine, restores_capabilities_into_a_half_built_engine) {
     EXPECT_EQ(zon_destroy(), zon_error_none);
 }
 
+TEST_F(engine_life, gives_no_packet_a_flow_before_it_has_a_table) {
+    bool was_without_table = false;
+    with_each_request_failing([&was_without_table](zon_error_t) {
+        if (g_zon == nullptr || g_zon->flow_tbl != nullptr)
+            return;
+        was_without_table = true;
+        for (const int protocol : {6, 17, 41}) {
+            zon_test::bytes packet = zon_test::packet_builder::ipv4("192.0.2.1", "192.0.2.2").tcp(1, 2).build();
+            packet[9] = static_cast<uint8_t>(protocol);
+            const auto size = static_cast<uint32_t>(packet.size());
+            zon_pkt_indications_t seen{};
+            zon_error_t error = zon_error_none;
+            EXPECT_EQ(zon_handle_packet(packet.data(), 0, nullptr, &seen, &error), 0U);
+            EXPECT_EQ(error, zon_error_engine_not_init);
+            error = zon_error_none;
+            EXPECT_EQ(zon_handle_captured_packet(packet.data(), size, 0, nullptr, &seen, &error), 0U);
+            EXPECT_EQ(error, zon_error_engine_not_init);
+            zon_burst_packet_t alone{};
+            alone.iphdr = packet.data();
+            alone.captured_length = size;
+            alone.pkt_indications = &seen;
+            EXPECT_EQ(zon_handle_packet_burst(&alone, 1), 0U);
+            EXPECT_EQ(alone.error, zon_error_engine_not_init);
+        }
+    });
+    EXPECT_TRUE(was_without_table);
+    EXPECT_EQ(zon_destroy(), zon_error_none);
+}
+
 TEST_F(busy_engine, survives_a_restart_that_makes_no_engine_at_all) {
     failing_table_memory fault(0);
     EXPECT_FALSE(zon_restart());
