@@ -120,11 +120,19 @@ void fetch_index_lines(size_t count, const connection_index& index,
         index.touch_line(prepared[i].hash);
 }
 
-void find_flows(size_t count, const connection_index& index, prepared_group& prepared) {
-    for (size_t i = 0; i < count; ++i)
-        prepared[i].guess = prepared[i].is == prepared_packet::kind::other
-                                ? connection_index::guess{}
-                                : index.find(prepared[i].hash);
+// Whether all plain packets may have a flow that is known.
+bool find_flows(size_t count, const connection_index& index, prepared_group& prepared) {
+    bool all_found = true;
+    for (size_t i = 0; i < count; ++i) {
+        prepared_packet& packet = prepared[i];
+        packet.guess = {};
+        packet.buckets.responder = -1;
+        if (packet.is == prepared_packet::kind::other) [[unlikely]]
+            continue;
+        packet.guess = index.find(packet.hash);
+        all_found &= packet.guess.flow != nullptr;
+    }
+    return all_found;
 }
 
 bool is_unknown(const prepared_packet& packet) {
@@ -142,7 +150,6 @@ void fetch_buckets(size_t count, const zon_flow_table_t* tbl, prepared_group& pr
     std::array<int, 2 * group_size> buckets;
     size_t found = 0;
     for (size_t i = 0; i < count; ++i) {
-        prepared[i].buckets = {-1, -1};
         if (!is_unknown(prepared[i]))
             continue;
         if (prepared[i].is == prepared_packet::kind::plain_ipv4)
@@ -221,7 +228,7 @@ template <class family>
     return taken::plain;
 }
 
-taken take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
+[[gnu::always_inline]] inline taken take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
     const bool hashed_by_host = prepared.is != prepared_packet::kind::other &&
                                 packet.pkt_indications->hash_valid == 1;
     if (prepared.is == prepared_packet::kind::other || hashed_by_host) [[unlikely]] {
@@ -231,14 +238,6 @@ taken take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared)
     return prepared.is == prepared_packet::kind::plain_ipv4
                ? take_plain<ipv4_family>(packet, engine, prepared)
                : take_plain<ipv6_family>(packet, engine, prepared);
-}
-
-// The packet is looked at again, because something has changed that might matter to it.
-void take_anew(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
-    prepared.is = prepare(arriving_of(packet, engine), index_of(engine->flow_tbl), prepared);
-    prepared.guess = {};
-    prepared.buckets = {-1, -1};
-    take(packet, engine, prepared);
 }
 
 bool runs_bypass_functions(const zon_t* engine) {
@@ -253,14 +252,15 @@ uint32_t take_group(group packets, zon_t* engine) {
     fetch_headers(packets);
     read_headers(packets, engine, index, prepared);
     fetch_index_lines(packets.size(), index, prepared);
-    find_flows(packets.size(), index, prepared);
+    const bool all_found = find_flows(packets.size(), index, prepared);
     fetch_flows(packets, prepared);
-    fetch_buckets(packets.size(), engine->flow_tbl, prepared);
+    if (!all_found)
+        fetch_buckets(packets.size(), engine->flow_tbl, prepared);
     bool may_have_changed = runs_bypass_functions(engine);
     uint32_t with_flow = 0;
     for (size_t i = 0; i < packets.size(); ++i) {
         if (may_have_changed && what_is_plain::now(engine) != as_read) [[unlikely]]
-            take_anew(packets[i], engine, prepared[i]);
+            take_alone(packets[i]);
         else if (take(packets[i], engine, prepared[i]) == taken::aside)
             may_have_changed = true;
         with_flow += packets[i].fid != 0;

@@ -188,13 +188,15 @@ struct first_packet {
 // The clients' functions see as much of the indications as is known by now.
 template <class family>
 [[gnu::cold, gnu::noinline]] void run_bypass_functions(zon_flow_t* flow,
-                                                       const arriving_packet& arriving,
+                                                       zon_pkt_indications_t* indications,
                                                        const plain_packet<family>& plain,
                                                        zon_l4_retcode l4_error,
                                                        payload_of_packet payload,
                                                        first_packet is_first) {
+    arriving_packet arriving{};
+    arriving.indications = indications;
     preset_indications(arriving, plain.handle(), ZON_TUNNEL_TYPE_NONE);
-    zon_pkt_indications_t& seen = *arriving.indications;
+    zon_pkt_indications_t& seen = *indications;
     seen.fif = is_first.in_flow;
     seen.was_promoted = is_first.after_promotion;
     seen.l4_error = l4_error;
@@ -261,7 +263,7 @@ template <class family>
         trace_l4_error(flow.get(), l4_error);
     const payload_of_packet counted{payload, account_payload(flow.get(), payload)};
     if (relaxed_load(enabled.zon_engine_client_bypass) != 0 && plain.is_tcp) [[unlikely]]
-        run_bypass_functions(flow.get(), arriving, plain, l4_error, counted, is_first);
+        run_bypass_functions(flow.get(), arriving.indications, plain, l4_error, counted, is_first);
     if (flow->private_half_open != 0) [[unlikely]]
         go_on_half_open(flow.get(), plain, from_initiator);
     const bool is_closed = flow->l4state.sess_state == ZON_L4_CLOSED;

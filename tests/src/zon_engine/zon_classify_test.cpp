@@ -418,7 +418,7 @@ TEST_F(bypassing_clients, find_in_the_indications_what_is_known_by_then) {
             EXPECT_EQ(told.fif, first);
             EXPECT_EQ(told.first_payload, first);
             EXPECT_EQ(told.packet_seen, 1);
-            EXPECT_EQ(told.l4_error, ZON_L4_NOERR);
+            EXPECT_EQ(told.l4_error, indications.l4_error);
             EXPECT_EQ(told.l3_start, packet.data());
             EXPECT_EQ(told.l4_start, nullptr);
         }
