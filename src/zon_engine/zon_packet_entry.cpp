@@ -51,7 +51,7 @@ template <bool trusted, class family>
     if (!read_plain_packet<trusted>(arriving, plain)) [[unlikely]]
         return zon_take_detour(arriving);
     if (arriving.reported_fid != 0 || arriving.indications->hash_valid == 1) [[unlikely]]
-        return take_reported<family>(arriving, plain.handle());
+        return take_reported<family>(arriving, handle_of<family>(plain.ip));
     const connection_index& index = index_of(arriving.engine->flow_tbl);
     const connection_index::guess guess = index.find(index.hash_of(plain.between));
     if (guess.flow == nullptr) [[unlikely]]

@@ -32,15 +32,18 @@ struct plain_packet {
         std::is_same_v<family, ipv4_family> ? ZON_L3_IPV4 : ZON_L3_IPV6;
 
     uint8_t protocol() const { return is_tcp ? ZON_TCP_PROT : ZON_UDP_PROT; }
-    zon_dp_fe_t handle() const {
-        zon_dp_fe_t fe{};
-        if constexpr (std::is_same_v<family, ipv4_family>)
-            zon_dp_fe_extract_fields_ipv4(ip, &fe);
-        else
-            zon_dp_fe_extract_ipv6_header(ip, &fe);
-        return fe;
-    }
 };
+
+// The packet as those see it who are rarely asked.
+template <class family>
+inline zon_dp_fe_t handle_of(uint8_t* ip) {
+    zon_dp_fe_t fe{};
+    if constexpr (std::is_same_v<family, ipv4_family>)
+        zon_dp_fe_extract_fields_ipv4(ip, &fe);
+    else
+        zon_dp_fe_extract_ipv6_header(ip, &fe);
+    return fe;
+}
 
 inline zon_l4_port_t ports_at(const uint8_t* l4) {
     return {load_be16(l4), load_be16(l4 + 2)};
@@ -161,20 +164,19 @@ inline connection_ends<ipv6_family> ends_of(const plain_packet<ipv6_family>& pla
              destination[1], destination[2], destination[3], plain.ports.dst_port}};
 }
 
+// What stands aside takes the packet by its address: what is known of it stays in registers.
 template <class family>
-[[gnu::cold, gnu::noinline]] void trace_plain_packet(const state_trace& trace,
-                                                     const plain_packet<family>& plain,
+[[gnu::cold, gnu::noinline]] void trace_plain_packet(const state_trace& trace, uint8_t* ip,
                                                      bool from_initiator) {
-    zon_dp_fe_t fe = plain.handle();
+    zon_dp_fe_t fe = handle_of<family>(ip);
     fe.i2r_flag = from_initiator;
     trace.print_if_changed(&fe);
 }
 
 template <class family>
-[[gnu::cold, gnu::noinline]] void go_on_half_open(zon_flow_t* flow,
-                                                  const plain_packet<family>& plain,
+[[gnu::cold, gnu::noinline]] void go_on_half_open(zon_flow_t* flow, uint8_t* ip,
                                                   bool from_initiator) {
-    zon_dp_fe_t fe = plain.handle();
+    zon_dp_fe_t fe = handle_of<family>(ip);
     fe.i2r_flag = from_initiator;
     zon_half_open_go_on(flow, &fe);
 }
@@ -189,13 +191,12 @@ struct first_packet {
 template <class family>
 [[gnu::cold, gnu::noinline]] void run_bypass_functions(zon_flow_t* flow,
                                                        zon_pkt_indications_t* indications,
-                                                       const plain_packet<family>& plain,
-                                                       zon_l4_retcode l4_error,
+                                                       uint8_t* ip, zon_l4_retcode l4_error,
                                                        payload_of_packet payload,
                                                        first_packet is_first) {
     arriving_packet arriving{};
     arriving.indications = indications;
-    preset_indications(arriving, plain.handle(), ZON_TUNNEL_TYPE_NONE);
+    preset_indications(arriving, handle_of<family>(ip), ZON_TUNNEL_TYPE_NONE);
     zon_pkt_indications_t& seen = *indications;
     seen.fif = is_first.in_flow;
     seen.was_promoted = is_first.after_promotion;
@@ -263,9 +264,10 @@ template <class family>
         trace_l4_error(flow.get(), l4_error);
     const payload_of_packet counted{payload, account_payload(flow.get(), payload)};
     if (relaxed_load(enabled.zon_engine_client_bypass) != 0 && plain.is_tcp) [[unlikely]]
-        run_bypass_functions(flow.get(), arriving.indications, plain, l4_error, counted, is_first);
+        run_bypass_functions<family>(flow.get(), arriving.indications, plain.ip, l4_error, counted,
+                                     is_first);
     if (flow->private_half_open != 0) [[unlikely]]
-        go_on_half_open(flow.get(), plain, from_initiator);
+        go_on_half_open<family>(flow.get(), plain.ip, from_initiator);
     const bool is_closed = flow->l4state.sess_state == ZON_L4_CLOSED;
     if (is_first.in_flow)
         start_aging(flow.get(), plain.protocol());
@@ -274,7 +276,7 @@ template <class family>
     write_indications(*arriving.indications, flow.get(), plain,
                       {number, l4_error, counted, from_initiator, is_closed, is_first});
     if (relaxed_load(zon_debug)) [[unlikely]]
-        trace_plain_packet(trace, plain, from_initiator);
+        trace_plain_packet<family>(trace, plain.ip, from_initiator);
     const zon_fid_t fid = flow->fid;
     // Nobody deletes the flow before it has joined its super contexts.
     if (is_first.in_flow)
@@ -287,7 +289,7 @@ template <class family>
 [[gnu::always_inline]] inline zon_fid_t search_flow_of(const arriving_packet& arriving,
                                                        const plain_packet<family>& plain,
                                                        flow_buckets known) {
-    zon_dp_fe_t fe = plain.handle();
+    zon_dp_fe_t fe = handle_of<family>(plain.ip);
     preset_indications(arriving, fe, ZON_TUNNEL_TYPE_NONE);
     scratch_half_flow scratch;
     scratch.set<family>(arriving, fe, plain.ports);
