@@ -10,6 +10,9 @@
 
 #pragma once
 
+#include <emmintrin.h>
+
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <bit>
@@ -52,7 +55,7 @@ public:
 
     [[gnu::always_inline]] guess find(uint64_t hash) const {
         const line& searched = line_of(hash);
-        const unsigned hits = hits_in(searched, tag_of(hash), entries_of_line{});
+        const unsigned hits = hits_in(searched, tag_of(hash));
         if (hits == 0)
             return {};
         const std::atomic<uint64_t>& entry = searched[static_cast<size_t>(std::countr_zero(hits))];
@@ -76,7 +79,6 @@ public:
 private:
     using line = std::array<std::atomic<uint64_t>, 8>;
     static_assert(sizeof(line) == 64);
-    using entries_of_line = std::make_index_sequence<8>;
 
     static constexpr int tag_shift = 48;  // user addresses have 47 bits
     static constexpr uint64_t address_mask = (uint64_t{1} << tag_shift) - 1;
@@ -89,13 +91,28 @@ private:
     static uint64_t word_of(uint64_t hash, const zon_flow_t* flow) {
         return tag_of(hash) << tag_shift | reinterpret_cast<uintptr_t>(flow);
     }
-    // Without a branch for each entry: which one it will be, nobody can predict.
-    template <size_t... at>
-    static unsigned hits_in(const line& searched, uint64_t tag, std::index_sequence<at...>) {
-        return ((static_cast<unsigned>(
-                     searched[at].load(std::memory_order_relaxed) >> tag_shift == tag)
-                 << at) |
-                ...);
+    // Two entries as they are read by chance: what is found in them is looked at again.
+    static __m128i peek_pair(const std::atomic<uint64_t>& first) {
+        __m128i pair;
+        asm volatile("movdqa %1, %0"
+                     : "=x"(pair)
+                     : "m"(*reinterpret_cast<const __m128i*>(&first)));
+        return pair;
+    }
+    // The tags of four entries, each in 32 bits.
+    static __m128i tags_from(const line& searched, size_t first) {
+        const __m128i low = _mm_srli_epi64(peek_pair(searched[first]), tag_shift);
+        const __m128i high = _mm_srli_epi64(peek_pair(searched[first + 2]), tag_shift);
+        return _mm_castps_si128(
+            _mm_shuffle_ps(_mm_castsi128_ps(low), _mm_castsi128_ps(high), _MM_SHUFFLE(2, 0, 2, 0)));
+    }
+    // A bit for each entry with the tag, all at once: which one it will be, nobody can predict.
+    static unsigned hits_in(const line& searched, uint64_t tag) {
+        const __m128i wanted = _mm_set1_epi32(static_cast<int>(tag));
+        const __m128i low = _mm_cmpeq_epi32(tags_from(searched, 0), wanted);
+        const __m128i high = _mm_cmpeq_epi32(tags_from(searched, 4), wanted);
+        const __m128i bytes = _mm_packs_epi16(_mm_packs_epi32(low, high), _mm_setzero_si128());
+        return static_cast<unsigned>(_mm_movemask_epi8(bytes));
     }
 
     static uint64_t folded(uint64_t a, uint64_t b) {
