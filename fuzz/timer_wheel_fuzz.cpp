@@ -4,16 +4,17 @@
 // callbacks do.
 //
 // Holds  a timer fires once, at the first tick at or after its time, in the order of due times and,
-//        where these are equal, of starts.
+//        where these are equal, of shards and then of starts.
 
 #include <array>
+#include <compare>
 #include <map>
-#include <utility>
 
 #include "fuzz_input.h"
 #include "vem/vem_clock.h"
 #include "vem/vem_dm.h"
 #include "vem/vem_tw.h"
+#include "vem_wheel_registry.h"
 
 using namespace zon_fuzz;
 
@@ -28,8 +29,11 @@ public:
         const uint32_t slots = 1 + input.below(64);
         const uint32_t tick_us = ticks[input.below(5)];
         tick_us_ = tick_us;
-        require(vem_tw_init_wheel(&wheel_, slots, tick_us, 1 + input.below(4), 0, 0, 0) == 0,
+        const uint32_t levels_and_shards = input.below(8);
+        require(vem_tw_init_wheel(&wheel_, slots, tick_us, 1 + levels_and_shards % 4, 0, 0, 0) == 0,
                 "the wheel is made");
+        if (levels_and_shards >= 4)
+            make_shards();
         require(vem_dm_create(&manager_, "fuzz", 0) == 0, "the manager is made");
         require(vem_tw_attach_vdm(wheel_, manager_) == 0, "the wheel is attached");
         for (record& one : timers_)
@@ -40,6 +44,7 @@ public:
             vem_tw_timer_stop(&one.timer);
         vem_tw_destroy_wheel(&wheel_);
         vem_dm_destroy(&manager_);
+        vem::home_shard() = 0;
     }
     wheel_and_map(const wheel_and_map&) = delete;
     wheel_and_map& operator=(const wheel_and_map&) = delete;
@@ -51,18 +56,36 @@ public:
                 continue;
             }
             vem_clock_advance_us(some_ms() * 1000 / 8 + input_.byte());
-            require(expected_.empty() || expected_.begin()->first.first > vem_clock_now_us(),
+            require(expected_.empty() || expected_.begin()->first.due_us > vem_clock_now_us(),
                     "no timer that is due has been left out");
         }
     }
 
 private:
+    struct timer_place {
+        uint64_t due_us;
+        uint32_t shard;
+        uint64_t start;
+        auto operator<=>(const timer_place&) const = default;
+    };
     struct record {
         vem_tw_timer timer{};
         wheel_and_map* owner = nullptr;
-        std::pair<uint64_t, uint64_t> place{};  // in expected_: due time, order of start
+        timer_place place{};  // in expected_
         bool armed = false;
+        bool sits_in_shard = false;  // it runs or has expired: started again, it stays there
     };
+
+    // As threads do that find a shard busy.
+    void make_shards() {
+        has_shards_ = true;
+        vem::wheel_entry& entry = vem::wheel_at(1);
+        const auto handle = reinterpret_cast<uintptr_t>(wheel_);
+        for (uint32_t home = 1; home < vem::most_shards; ++home) {
+            vem::home_shard() = home;
+            require(vem::settle_in_home_shard(entry, handle) == home, "a shard is made");
+        }
+    }
 
     // Every level of the wheel gets its share.
     uint64_t some_ms() {
@@ -74,6 +97,7 @@ private:
         record& one = timers_[input_.below(timer_count)];
         if (input_.below(3) == 0) {
             forget(one);
+            one.sits_in_shard = false;
             require(vem_tw_timer_stop(&one.timer) == 0, "a timer can be stopped");
         } else {
             start(one, static_cast<uint32_t>(some_ms()));
@@ -85,7 +109,11 @@ private:
         const uint64_t since_us =
             vem_clock_now_us() - made_at_us_ + std::max<uint64_t>(ms, 1) * 1000;
         const uint64_t due_tick = (since_us + tick_us_ - 1) / tick_us_;
-        one.place = {made_at_us_ + due_tick * tick_us_, ++starts_};
+        if (has_shards_)
+            vem::home_shard() = input_.below(vem::most_shards);
+        const uint32_t shard = one.sits_in_shard ? one.place.shard : vem::home_shard();
+        one.place = {made_at_us_ + due_tick * tick_us_, shard, ++starts_};
+        one.sits_in_shard = true;
         one.armed = true;
         expected_.emplace(one.place, &one);
         require(vem_tw_timer_start(wheel_, &one.timer, ms, expired, &one) == 0, "a timer starts");
@@ -101,7 +129,7 @@ private:
     }
     void check_expiry(record& one) {
         require(!expected_.empty() && expected_.begin()->second == &one, "it is this one's turn");
-        require(one.place.first == vem_clock_now_us(), "it fires at its time");
+        require(one.place.due_us == vem_clock_now_us(), "it fires at its time");
         forget(one);
         require(!vem_tw_timer_running(&one.timer), "a timer that fires runs no more");
         // Only while there is input: a turn over weeks would go on for ever.
@@ -116,7 +144,8 @@ private:
     uint64_t tick_us_ = 0;
     uint64_t starts_ = 0;
     std::array<record, timer_count> timers_;
-    std::map<std::pair<uint64_t, uint64_t>, record*> expected_;
+    bool has_shards_ = false;
+    std::map<timer_place, record*> expected_;
 };
 
 }  // namespace

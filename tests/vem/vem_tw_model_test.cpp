@@ -4,12 +4,14 @@
 
 #include <algorithm>
 #include <cmath>
+#include <compare>
 #include <map>
 #include <random>
 #include <string>
-#include <utility>
+#include <thread>
 #include <vector>
 
+#include "vem/src/vem_wheel_registry.h"
 #include "vem_attached_wheel.h"
 
 namespace {
@@ -99,11 +101,13 @@ TEST_P(wheel_of_any_shape, is_never_early_and_at_most_two_ticks_late) {
     }
 }
 
+enum class shards { one, all };
+
 // Many timers, a model of when each has to fire and in which order, and a script that stirs both.
 class stirred_timers {
 public:
-    stirred_timers(attached_wheel& wheel, uint64_t tick_us, uint32_t seed)
-        : wheel_(wheel), tick_us_(tick_us), random_(seed), timers_(timer_count) {
+    stirred_timers(attached_wheel& wheel, uint64_t tick_us, uint32_t seed, shards used)
+        : wheel_(wheel), tick_us_(tick_us), random_(seed), used_(used), timers_(timer_count) {
         for (record& timer : timers_) {
             timer.owner = this;
         }
@@ -115,7 +119,7 @@ public:
                 const uint64_t to_us = vem_clock_now_us() + random_.ms(longest_ms()) * ms_us / 8;
                 vem_clock_advance_to_us(to_us + random_.below(1000));
                 ASSERT_TRUE(expected_.empty() ||
-                            expected_.begin()->first.first > vem_clock_now_us())
+                            expected_.begin()->first.due_us > vem_clock_now_us())
                     << "a timer did not fire, step " << step_;
             } else {
                 stir();
@@ -131,11 +135,19 @@ public:
 private:
     static constexpr uint32_t timer_count = 400;
 
+    struct timer_place {
+        uint64_t due_us = 0;
+        uint32_t shard = 0;
+        uint64_t start = 0;
+        auto operator<=>(const timer_place&) const = default;
+    };
+
     struct record {
         vem_tw_timer timer{};
         stirred_timers* owner = nullptr;
-        std::pair<uint64_t, uint64_t> place{};  // in expected_: due time, order of start
+        timer_place place;  // in expected_
         bool armed = false;
+        bool sits_in_shard = false;  // it runs or has expired: started again, it stays there
     };
 
     // Mostly short, so that much happens; now and then as long as can be.
@@ -145,6 +157,7 @@ private:
         record& timer = timers_[random_.below(timer_count)];
         if (random_.below(3) == 0) {
             forget(timer);
+            timer.sits_in_shard = false;
             vem_tw_timer_stop(&timer.timer);
         } else {
             start(timer, random_.ms(longest_ms()));
@@ -156,7 +169,12 @@ private:
         forget(timer);
         const uint64_t since_us = vem_clock_now_us() - wheel_.made_at_us() + ms * ms_us;
         const uint64_t due_tick = (since_us + tick_us_ - 1) / tick_us_;
-        timer.place = {wheel_.made_at_us() + due_tick * tick_us_, ++starts_};
+        if (used_ == shards::all) {
+            vem::home_shard() = random_.below(vem::most_shards);
+        }
+        const uint32_t shard = timer.sits_in_shard ? timer.place.shard : vem::home_shard();
+        timer.place = {wheel_.made_at_us() + due_tick * tick_us_, shard, ++starts_};
+        timer.sits_in_shard = true;
         timer.armed = true;
         expected_.emplace(timer.place, &timer);
         ASSERT_EQ(vem_tw_timer_start(wheel_.wheel, &timer.timer, ms, expired, &timer), 0);
@@ -178,7 +196,7 @@ private:
         ++expiries_;
         ASSERT_FALSE(expected_.empty()) << "step " << step_;
         ASSERT_EQ(expected_.begin()->second, &timer) << "out of order, step " << step_;
-        ASSERT_EQ(timer.place.first, vem_clock_now_us()) << "at the wrong time, step " << step_;
+        ASSERT_EQ(timer.place.due_us, vem_clock_now_us()) << "at the wrong time, step " << step_;
         forget(timer);
         ASSERT_FALSE(vem_tw_timer_running(&timer.timer));
         if (random_.below(2) == 0) {
@@ -189,17 +207,33 @@ private:
     attached_wheel& wheel_;
     const uint64_t tick_us_;
     some_time random_;
+    const shards used_;
     std::vector<record> timers_;
-    std::map<std::pair<uint64_t, uint64_t>, record*> expected_;
+    std::map<timer_place, record*> expected_;
     uint64_t starts_ = 0;
     uint64_t expiries_ = 0;
     uint32_t step_ = 0;
 };
 
 TEST_P(wheel_of_any_shape, does_what_a_sorted_list_does) {
-    stirred_timers timers(wheel_, GetParam().shape.tick_us, 23);
+    stirred_timers timers(wheel_, GetParam().shape.tick_us, 23, shards::one);
     timers.run(script_steps);
     EXPECT_GT(timers.expiries(), script_steps / 20);
+}
+
+// The thread that finds the first shard busy makes the wheel one of several; from then on this
+// thread starts each timer where another one might.
+TEST_P(wheel_of_any_shape, does_what_a_sorted_list_does_with_several_shards) {
+    vem::wheel_entry& entry = vem::wheel_at(1);
+    ASSERT_EQ(entry.handle.load(), reinterpret_cast<uintptr_t>(wheel_.wheel));
+    std::thread([&] {
+        EXPECT_NE(vem::settle_in_home_shard(entry, entry.handle.load()), 0U);
+    }).join();
+    stirred_timers timers(wheel_, GetParam().shape.tick_us, 29, shards::all);
+    timers.run(script_steps / 4);
+    vem::home_shard() = 0;
+    EXPECT_GT(timers.expiries(), script_steps / 80);
+    EXPECT_EQ(entry.shards_made.load(), (1U << vem::most_shards) - 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(vem_tw, wheel_of_any_shape, ::testing::ValuesIn(shapes), name_of);

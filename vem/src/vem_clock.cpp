@@ -13,8 +13,8 @@
 #include <mutex>
 
 #include "vem_clock_state.h"
+#include "vem_expiry.h"
 #include "vem_schedule.h"
-#include "vem_wheel_registry.h"
 
 namespace vem {
 
@@ -147,7 +147,7 @@ int vem_clock_set_mode(int mode) {
     if (mode < VEM_CLOCK_SYSTEM || mode > VEM_CLOCK_MANUAL_INLINE) {
         return EINVAL;
     }
-    if (inside_callback()) {
+    if (callback_frame::any()) {
         return EDEADLK;
     }
     const std::lock_guard turn_lock(turn_mutex);
@@ -186,7 +186,7 @@ int vem_clock_advance_to_us(uint64_t target_us) {
     if (target_us > last_reading) {
         return EOVERFLOW;
     }
-    if (inside_callback()) {
+    if (callback_frame::any()) {
         return EDEADLK;
     }
     const std::lock_guard turn_lock(turn_mutex);

@@ -10,6 +10,7 @@
 
 #include "vem/vem_clock.h"
 #include "vem_clock_state.h"
+#include "vem_expiry.h"
 #include "vem_schedule.h"
 #include "vem_wheel_registry.h"
 
@@ -66,7 +67,7 @@ uint64_t earliest_due_where(accept accepts) {
     for (uint32_t number = 1; number <= wheels_in_use(); ++number) {
         const wheel_entry& entry = wheel_at(number);
         if (accepts(entry.attached_to.load())) {
-            earliest = std::min(earliest, entry.next_due_us.load());
+            earliest = std::min(earliest, entry.next_due_us());
         }
     }
     return earliest;
@@ -75,9 +76,9 @@ uint64_t earliest_due_where(accept accepts) {
 void detach_wheels(uint64_t manager) {
     for (uint32_t number = 1; number <= wheels_in_use(); ++number) {
         wheel_entry& entry = wheel_at(number);
-        const std::lock_guard lock(entry.mutex);
         if (entry.attached_to.load() == manager) {
             entry.attached_to.store(0);
+            entry.await_sections();
         }
     }
 }
@@ -156,7 +157,7 @@ void due_came_earlier(uint64_t manager, uint64_t due_us) {
 }
 
 int dispatch_manager(uint64_t handle) {
-    if (inside_callback_of(handle)) {
+    if (callback_frame::any_of(handle)) {
         return EDEADLK;
     }
     std::unique_lock lock(the_schedule.mutex);

@@ -29,6 +29,7 @@ static_assert(due_offset + sizeof(uint32_t) == sizeof(vem_tw_timer_basic));
 
 // A due tick is kept in 48 bits, which is plenty: the longest time-out has fewer than 2^43 ticks.
 constexpr uint32_t due_bits = 48;
+constexpr uint64_t due_mask = (uint64_t{1} << due_bits) - 1;
 
 std::atomic_ref<uint32_t> word_of(const vem_tw_timer& timer) {
     return std::atomic_ref<uint32_t>(const_cast<vem_tw_timer&>(timer).timer.tm_ticks);
@@ -42,6 +43,10 @@ uint32_t low_due(const vem_tw_timer& timer) {
 
 void set_low_due(vem_tw_timer& timer, uint32_t low) {
     std::memcpy(reinterpret_cast<char*>(&timer) + due_offset, &low, sizeof(low));
+}
+
+uint64_t kept_due(const vem_tw_timer& timer) {
+    return uint64_t{timer_word::load(timer).bits & 0xFFFF} << 32 | low_due(timer);
 }
 
 vem_tw_timer* timer_of(vem_tw_links* links) {
@@ -119,14 +124,14 @@ timing_wheel::timing_wheel(uint32_t number, uint32_t slot_bits, uint32_t levels,
     }
 }
 
-std::unique_ptr<timing_wheel> timing_wheel::create(uint32_t number, uint32_t slots,
-                                                   uint32_t tick_us, uint32_t levels,
-                                                   uint64_t epoch_us) {
-    const auto slot_bits = static_cast<uint32_t>(std::bit_width(std::max(slots, 2U) - 1));
-    const uint32_t spanning = levels_to_span(slot_bits, tick_us);
+std::unique_ptr<timing_wheel> timing_wheel::create(uint32_t number,
+                                                   const timing_wheel_shape& shape) {
+    const auto slot_bits = static_cast<uint32_t>(std::bit_width(std::max(shape.slots, 2U) - 1));
+    const uint32_t spanning = levels_to_span(slot_bits, shape.tick_us);
     const uint32_t most = std::max(spanning, (due_bits - 1) / slot_bits);
-    std::unique_ptr<timing_wheel> wheel(new (std::nothrow) timing_wheel(
-        number, slot_bits, std::clamp(levels, spanning, most), tick_us, epoch_us));
+    std::unique_ptr<timing_wheel> wheel(
+        new (std::nothrow) timing_wheel(number, slot_bits, std::clamp(shape.levels, spanning, most),
+                                        shape.tick_us, shape.epoch_us));
     if (wheel == nullptr || !wheel->allocate()) {
         return nullptr;
     }
@@ -149,8 +154,7 @@ uint64_t timing_wheel::present_tick(uint64_t now_us) const {
 }
 
 uint64_t timing_wheel::due_tick(const vem_tw_timer& timer) const {
-    const uint64_t kept = uint64_t{timer_word::load(timer).bits & 0xFFFF} << 32 | low_due(timer);
-    return current_ + ((kept - current_) & ((uint64_t{1} << due_bits) - 1));
+    return current_ + ((kept_due(timer) - current_) & due_mask);
 }
 
 bool timing_wheel::start(vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
@@ -177,7 +181,7 @@ void timing_wheel::stop(vem_tw_timer& timer) {
     const vem_tw_links* next = links.tw_next;
     const bool was_alone = next == links.tw_prev;
     remove(links);
-    disarm(timer);
+    timer_word{}.store(timer);
     if (was_alone) {
         vacate(next);
     }
@@ -301,6 +305,14 @@ bool timing_wheel::expire(uint64_t now_us, uint32_t budget) {
         }
         open_slot(next_tick_);
     }
+}
+
+uint64_t timing_wheel::first_expired_tick() const {
+    if (is_empty(expired_)) {
+        return never;
+    }
+    const uint64_t kept = kept_due(*timer_of(expired_.tw_next));
+    return current_ - ((current_ - kept) & due_mask);
 }
 
 vem_tw_timer* timing_wheel::take_expired() {

@@ -18,8 +18,9 @@ namespace vem {
 
 constexpr uint64_t never = UINT64_MAX;
 
-// What tm_ticks says: which wheel the timer was last started on (0: none), whether it is armed, and
-// the upper part of its due tick. Read without a lock, hence atomic.
+// What tm_ticks says: the number of the timing wheel that the timer is on (0: none), whether it is
+// armed, and the upper part of its due tick. A timer that has expired keeps the number: its callback
+// may be running there. A stopped one keeps nothing. Read without a lock, hence atomic.
 struct timer_word {
     static constexpr uint32_t armed_bit = 1U << 31;
 
@@ -31,6 +32,14 @@ struct timer_word {
     bool armed() const { return (bits & armed_bit) != 0; }
     uint32_t wheel_number() const { return (bits & ~armed_bit) >> 16; }
     timer_word disarmed() const { return {bits & ~armed_bit}; }
+};
+
+// Ticks count from epoch_us.
+struct timing_wheel_shape {
+    uint32_t slots = 0;
+    uint32_t tick_us = 0;
+    uint32_t levels = 0;
+    uint64_t epoch_us = 0;
 };
 
 // Divides microseconds by the length of a tick without a division.
@@ -51,11 +60,10 @@ private:
 // level's digit, or below. So all timers of a level come due before those of the next, a level's
 // next slot is the first set bit of its bitmap, and timers of one tick keep the order in which they
 // were started.
-class timing_wheel {
+class alignas(64) timing_wheel {
 public:
-    // Ticks count from epoch_us. NULL when there is no memory.
-    static std::unique_ptr<timing_wheel> create(uint32_t number, uint32_t slots, uint32_t tick_us,
-                                                uint32_t levels, uint64_t epoch_us);
+    // NULL when there is no memory.
+    static std::unique_ptr<timing_wheel> create(uint32_t number, const timing_wheel_shape& shape);
 
     // Arms a timer, which may be armed on this wheel already. True when it made next_due_us
     // earlier.
@@ -68,6 +76,9 @@ public:
     // Stops after `budget` timers were moved between levels, so that the lock is not held for long;
     // false when it has to be called again.
     bool expire(uint64_t now_us, uint32_t budget);
+
+    // When the first of the expired queue was due; `never` when it is empty.
+    uint64_t first_expired_tick() const;
 
     // The first of the expired queue, disarmed; NULL when it is empty.
     vem_tw_timer* take_expired();

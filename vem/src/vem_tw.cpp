@@ -1,15 +1,14 @@
 // vem_tw.cpp - wheels behind handles: starts and stops from any thread while timers run.
 //
-// Owns   the registry of wheels.
-// Locks  an entry's mutex, innermost, never held while a callback runs.
+// Owns   nothing.
+// Locks  a shard's mutex, one at a time, innermost; the schedule's before it where a wheel is made,
+//        attached or found free.
 #include "vem/vem_tw.h"
 
-#include <sched.h>
-
-#include <algorithm>
 #include <cerrno>
 
 #include "vem/vem_clock.h"
+#include "vem_expiry.h"
 #include "vem_schedule.h"
 #include "vem_wheel_registry.h"
 
@@ -24,87 +23,7 @@ constexpr uint32_t most_slots = 65536;
 constexpr uint32_t number_bits = 16;
 constexpr uint64_t number_mask = (uint64_t{1} << number_bits) - 1;
 
-// How many timers the dispatching thread moves between levels before it lets others have the lock.
-constexpr uint32_t cascade_batch = 256;
-constexpr int most_yields = 64;
-
-constinit std::array<wheel_entry, most_wheels> entries;
-constinit std::atomic<uint32_t> entries_in_use{0};
 constinit uint64_t wheels_made = 0;  // guarded by the schedule's lock
-
-// A callback on this thread's stack; they nest when a callback dispatches another manager.
-class callback_frame {
-public:
-    callback_frame(wheel_entry& entry, uint64_t manager, vem_tw_timer* timer,
-                   std::unique_lock<wheel_mutex>& lock)
-        : entry_(entry), manager_(manager), timer_(timer), lock_(lock), outer_(innermost) {
-        entry.running = timer;
-        entry.cancelled.store(false);
-        lock.unlock();
-        innermost = this;
-    }
-    // Also runs when the callback ends its thread.
-    ~callback_frame() {
-        innermost = outer_;
-        lock_.lock();
-        entry_.running = nullptr;
-        entry_.idle.notify_all();
-    }
-    callback_frame(const callback_frame&) = delete;
-    callback_frame& operator=(const callback_frame&) = delete;
-
-    static const callback_frame* of_timer(const vem_tw_timer* timer) {
-        const callback_frame* frame = innermost;
-        while (frame != nullptr && frame->timer_ != timer) {
-            frame = frame->outer_;
-        }
-        return frame;
-    }
-    static bool any() { return innermost != nullptr; }
-    static bool any_of(const wheel_entry& entry) {
-        const callback_frame* frame = innermost;
-        while (frame != nullptr && &frame->entry_ != &entry) {
-            frame = frame->outer_;
-        }
-        return frame != nullptr;
-    }
-    static bool any_of(uint64_t manager) {
-        const callback_frame* frame = innermost;
-        while (frame != nullptr && frame->manager_ != manager) {
-            frame = frame->outer_;
-        }
-        return frame != nullptr;
-    }
-    bool cancelled() const { return entry_.cancelled.load(); }
-    wheel_entry& entry() const { return entry_; }
-
-private:
-    wheel_entry& entry_;
-    uint64_t manager_;
-    vem_tw_timer* timer_;
-    std::unique_lock<wheel_mutex>& lock_;
-    callback_frame* outer_;
-
-    static constinit thread_local callback_frame* innermost;
-};
-
-constinit thread_local callback_frame* callback_frame::innermost = nullptr;
-
-// The lock as starts and stops take it: one who has to wait is seen by the dispatching thread.
-class timer_lock {
-public:
-    explicit timer_lock(wheel_entry& entry) : lock_(entry.mutex, std::try_to_lock) {
-        if (!lock_.owns_lock()) {
-            entry.in_line.fetch_add(1, std::memory_order_relaxed);
-            lock_.lock();
-            entry.in_line.fetch_sub(1, std::memory_order_relaxed);
-        }
-        note_possible_wait(entry.mutex);
-    }
-
-private:
-    std::unique_lock<wheel_mutex> lock_;
-};
 
 uint64_t value_of_wheel(vem_tw_wheel wheel) {
     return reinterpret_cast<uintptr_t>(wheel);
@@ -116,72 +35,98 @@ vem_tw_wheel wheel_of_value(uint64_t value) {
 // The entry that a handle's number names, whether the wheel lives or not; NULL for what never was a
 // handle.
 wheel_entry* entry_of(uint64_t handle) {
-    const uint64_t number = handle & number_mask;
-    return number == 0 || number > wheels_in_use() ? nullptr
-                                                   : &wheel_at(static_cast<uint32_t>(number));
+    const auto number = static_cast<uint32_t>(handle & number_mask);
+    return number - 1 < most_wheels ? &wheel_at(number) : nullptr;
 }
 
+// NULL when the timer is on no wheel.
 wheel_entry* entry_of(timer_word word) {
-    const uint32_t number = word.wheel_number();
-    return number == 0 || number > wheels_in_use() ? nullptr : &wheel_at(number);
+    const uint32_t index = word.wheel_number() - 1;
+    return index < most_wheels * most_shards ? &wheel_at(index / most_shards + 1) : nullptr;
+}
+wheel_shard& shard_of(wheel_entry& entry, timer_word word) {
+    return entry.shards[(word.wheel_number() - 1) % most_shards];
 }
 
-void cancel_if_running(wheel_entry& entry, const vem_tw_timer* timer) {
-    if (entry.running == timer) {
-        entry.cancelled.store(true);
+// Waits for a shard's lock, which the dispatching thread sees.
+[[gnu::cold, gnu::noinline]] void wait_in_line(wheel_shard& shard) {
+    shard.in_line.fetch_add(1, std::memory_order_relaxed);
+    shard.mutex.lock();
+    shard.in_line.fetch_sub(1, std::memory_order_relaxed);
+}
+
+wheel_shard& lock(wheel_shard& shard) {
+    if (!shard.mutex.try_lock()) {
+        wait_in_line(shard);
     }
+    note_possible_wait(shard.mutex);
+    return shard;
 }
 
-// Lets those in line have the lock between two batches.
-void give_way(wheel_entry& entry, std::unique_lock<wheel_mutex>& lock) {
-    lock.unlock();
-    for (int yields = 0; yields < most_yields && entry.in_line.load(std::memory_order_relaxed) != 0;
-         ++yields) {
-        sched_yield();
+// The wheel's first shard is busy, or it has none yet where this thread is at home.
+[[gnu::cold, gnu::noinline]] wheel_shard& lock_elsewhere(wheel_entry& entry, uint64_t handle) {
+    return lock(entry.shards[settle_in_home_shard(entry, handle)]);
+}
+
+// Locks the shard for a timer that is on none.
+wheel_shard& lock_for_thread(wheel_entry& entry, uint64_t handle) {
+    const uint32_t home = entry.has_one_shard() ? 0 : home_shard();
+    if (home != 0 && entry.has_shard(home)) {
+        return lock(entry.shards[home]);
     }
-    lock.lock();
+    wheel_shard& first = entry.shards[0];
+    if (home != 0 || !first.mutex.try_lock()) {
+        return lock_elsewhere(entry, handle);
+    }
+    note_possible_wait(first.mutex);
+    return first;
 }
 
-// Moves what is due to the expired queue; false when the wheel left the manager meanwhile.
-bool collect_due(wheel_entry& entry, uint64_t manager, std::unique_lock<wheel_mutex>& lock) {
-    const uint64_t now_us = vem_clock_now_us();
-    while (entry.attached_to.load() == manager) {
-        if (entry.wheel->expire(now_us, cascade_batch)) {
-            return true;
+// A timer that is on a wheel stays in its shard, whoever starts it: its expiry may be on its way
+// there.
+wheel_shard& lock_for_start(wheel_entry& entry, uint64_t handle, timer_word last) {
+    if (last.wheel_number() != 0) {
+        wheel_shard& shard = shard_of(entry, last);
+        if (entry.has_shard(static_cast<uint32_t>(&shard - entry.shards.data()))) {
+            return lock(shard);
         }
-        entry.publish_next_due();
-        give_way(entry, lock);
     }
-    return false;
+    return lock_for_thread(entry, handle);
 }
 
-// A wheel that changed managers may still run a callback for the last one: the next callback comes
-// after it. False when that callback is further out on this thread, which would wait for itself.
-bool wait_until_idle(wheel_entry& entry, std::unique_lock<wheel_mutex>& lock) {
-    if (callback_frame::any_of(entry)) {
-        return false;
+// A shard's lock as starts and stops hold it.
+class locked_shard {
+public:
+    explicit locked_shard(wheel_shard& locked) : shard_(locked) {}
+    ~locked_shard() { shard_.mutex.unlock(); }
+    locked_shard(const locked_shard&) = delete;
+    locked_shard& operator=(const locked_shard&) = delete;
+
+    wheel_shard& operator*() const { return shard_; }
+    wheel_shard* operator->() const { return &shard_; }
+
+private:
+    wheel_shard& shard_;
+};
+
+void cancel_if_running(wheel_shard& shard, const vem_tw_timer* timer) {
+    if (shard.running == timer) {
+        shard.cancelled.store(true);
     }
-    while (entry.running != nullptr) {
-        entry.idle.wait(lock);
-    }
-    return true;
 }
 
-// Whom to wake once the entry's lock is given back; no manager when nobody sleeps too long.
+// Whom to wake once the shard's lock is given back; no manager when nobody sleeps too long.
 struct wake_up {
     uint64_t manager = 0;
     uint64_t due_us = never;
 };
 
-// Arms a timer whose handler is set. The caller holds the entry's lock and read the clock before it
-// had it.
-wake_up arm_locked(wheel_entry& entry, vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
-    if (!entry.wheel->start(timer, now_us, ms)) {
-        return {};
-    }
-    entry.publish_next_due();
-    const uint64_t due_us = entry.next_due_us.load(std::memory_order_relaxed);
-    const uint64_t manager = entry.attached_to.load(std::memory_order_relaxed);
+// The shard's next due time became earlier.
+[[gnu::noinline]] wake_up note_earlier_due(const wheel_entry& entry, wheel_shard& shard,
+                                           vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
+    shard.publish_next_due();
+    const uint64_t due_us = shard.next_due_us.load(std::memory_order_relaxed);
+    const uint64_t manager = entry.attached_to.load();
     if (manager == 0) {
         return {};
     }
@@ -190,9 +135,19 @@ wake_up arm_locked(wheel_entry& entry, vem_tw_timer& timer, uint64_t now_us, uin
     the_schedule.lower_horizon(due_us);
     const uint64_t later_us = vem_clock_now_us();
     if (later_us >= now_us + uint64_t{ms} * 1000) {
-        entry.wheel->start(timer, later_us, ms);
+        shard.timers->start(timer, later_us, ms);
     }
     return {manager, due_us};
+}
+
+// Arms a timer whose handler is set. The caller holds the shard's lock and read the clock before it
+// had it.
+wake_up arm_locked(const wheel_entry& entry, wheel_shard& shard, vem_tw_timer& timer,
+                   uint64_t now_us, uint32_t ms) {
+    if (!shard.timers->start(timer, now_us, ms)) {
+        return {};
+    }
+    return note_earlier_due(entry, shard, timer, now_us, ms);
 }
 
 void wake_sleepers(const wake_up& whom) {
@@ -205,8 +160,8 @@ void wake_sleepers(const wake_up& whom) {
 wheel_entry* find_free_entry(uint32_t& number) {
     for (number = 1; number <= most_wheels; ++number) {
         wheel_entry& entry = wheel_at(number);
-        const std::lock_guard lock(entry.mutex);
-        if (entry.handle.load() == 0 && entry.running == nullptr) {
+        const std::lock_guard lock(entry.mutex());
+        if (entry.handle.load() == 0 && !entry.use.in_dispatch && !entry.use.ending) {
             return &entry;
         }
     }
@@ -215,51 +170,48 @@ wheel_entry* find_free_entry(uint32_t& number) {
 
 // The caller holds the schedule's lock. False when the wheel is destroyed.
 bool set_manager(wheel_entry& entry, uint64_t wheel, uint64_t manager) {
-    const std::lock_guard lock(entry.mutex);
-    if (entry.handle.load() != wheel) {
-        return false;
+    {
+        const std::lock_guard lock(entry.mutex());
+        if (entry.handle.load() != wheel) {
+            return false;
+        }
+        entry.attached_to.store(manager);
     }
-    entry.attached_to.store(manager);
+    entry.await_sections();
+    return true;
+}
+
+void end_shard(wheel_shard& shard) {
+    const std::lock_guard lock(shard.mutex);
+    shard.next_due_us.store(never);
+    shard.cancelled.store(true);
+    if (shard.timers != nullptr) {
+        shard.timers->disarm_all();
+        delete shard.timers;
+        shard.timers = nullptr;
+    }
+}
+
+// False when somebody else has ended it.
+bool end_wheel(wheel_entry& entry, uint64_t handle) {
+    {
+        const std::lock_guard lock(entry.mutex());
+        if (entry.handle.load() != handle) {
+            return false;
+        }
+        entry.handle.store(0);
+        entry.attached_to.store(0);
+        entry.use.ending = true;
+    }
+    for (wheel_shard& shard : entry.shards) {
+        end_shard(shard);
+    }
+    const std::lock_guard lock(entry.mutex());
+    entry.use.ending = false;
     return true;
 }
 
 }  // namespace
-
-wheel_entry& wheel_at(uint32_t number) {
-    return entries[number - 1];
-}
-uint32_t wheels_in_use() {
-    return entries_in_use.load(std::memory_order_acquire);
-}
-bool inside_callback() {
-    return callback_frame::any();
-}
-bool inside_callback_of(uint64_t manager) {
-    return callback_frame::any_of(manager);
-}
-
-void run_due_timers(wheel_entry& entry, uint64_t manager) {
-    std::unique_lock lock(entry.mutex);
-    // Idle it stays: only who has the manager's turn starts callbacks of its wheels.
-    if (!collect_due(entry, manager, lock) || !wait_until_idle(entry, lock)) {
-        return;
-    }
-    // Whoever detaches the wheel relies on it that no callback starts from then on.
-    while (entry.attached_to.load() == manager) {
-        vem_tw_timer* timer = entry.wheel->take_expired();
-        if (timer == nullptr) {
-            break;
-        }
-        const vem_tw_timer_handler callback = timer->callback;
-        void* context = timer->context;
-        vem_tw_wheel wheel = wheel_of_value(entry.handle.load());
-        const callback_frame frame(entry, manager, timer, lock);
-        callback(wheel, timer, context);
-    }
-    if (entry.wheel != nullptr) {
-        entry.publish_next_due();
-    }
-}
 
 }  // namespace vem
 
@@ -276,19 +228,20 @@ int vem_tw_init_wheel(vem_tw_wheel* wheel, uint32_t slots, uint32_t tick_us, uin
     if (entry == nullptr) {
         return EAGAIN;
     }
-    auto made = timing_wheel::create(number, slots, tick_us, levels, vem_clock_now_us());
+    const timing_wheel_shape shape{slots, tick_us, levels, vem_clock_now_us()};
+    auto made = timing_wheel::create(number_of_shard(number, 0), shape);
     if (made == nullptr) {
         return ENOMEM;
     }
     const uint64_t handle = ++wheels_made << number_bits | number;
     {
-        const std::lock_guard lock(entry->mutex);
-        entry->wheel = made.release();
-        entry->next_due_us.store(never);
-        entry->attached_to.store(0);
+        const std::lock_guard lock(entry->mutex());
+        entry->shards[0].timers = made.release();
+        entry->shards_made.store(1);
+        entry->shape = shape;
         entry->handle.store(handle);
     }
-    entries_in_use.store(std::max(wheels_in_use(), number), std::memory_order_release);
+    note_wheel_in_use(number);
     // Whoever loads the handle finds its entry in use.
     std::atomic_ref(*wheel).store(wheel_of_value(handle), std::memory_order_release);
     return 0;
@@ -325,19 +278,7 @@ int vem_tw_destroy_wheel(vem_tw_wheel* wheel) {
     if (result != 0) {
         return result;
     }
-    wheel_entry& entry = *entry_of(handle);
-    const std::lock_guard lock(entry.mutex);
-    if (entry.handle.load() != handle) {
-        return EINVAL;
-    }
-    entry.handle.store(0);
-    entry.attached_to.store(0);
-    entry.next_due_us.store(never);
-    entry.cancelled.store(true);
-    entry.wheel->disarm_all();
-    delete entry.wheel;
-    entry.wheel = nullptr;
-    return 0;
+    return end_wheel(*entry_of(handle), handle) ? 0 : EINVAL;
 }
 
 int vem_tw_timer_start(vem_tw_wheel wheel, vem_tw_timer* timer, uint32_t ms,
@@ -347,21 +288,22 @@ int vem_tw_timer_start(vem_tw_wheel wheel, vem_tw_timer* timer, uint32_t ms,
     if (entry == nullptr || timer == nullptr || handler == nullptr) {
         return EINVAL;
     }
-    const wheel_entry* last_entry = entry_of(timer_word::load(*timer));
-    if (last_entry != nullptr && last_entry != entry) {
+    timer_word last = timer_word::load(*timer);
+    if (last.wheel_number() != 0 && entry_of(last) != entry) {
         vem_tw_timer_stop(timer);
+        last = {};
     }
     wake_up whom;
     {
         const uint64_t now_us = vem_clock_now_us();
-        const timer_lock lock(*entry);
+        const locked_shard shard(lock_for_start(*entry, handle, last));
         if (entry->handle.load(std::memory_order_relaxed) != handle) {
             return EINVAL;
         }
-        cancel_if_running(*entry, timer);
+        cancel_if_running(*shard, timer);
         timer->callback = handler;
         timer->context = context;
-        whom = arm_locked(*entry, *timer, now_us, ms);
+        whom = arm_locked(*entry, *shard, *timer, now_us, ms);
     }
     wake_sleepers(whom);
     return 0;
@@ -371,15 +313,18 @@ int vem_tw_timer_stop(vem_tw_timer* timer) {
     if (timer == nullptr) {
         return EINVAL;
     }
-    wheel_entry* entry = entry_of(timer_word::load(*timer));
+    const timer_word last = timer_word::load(*timer);
+    wheel_entry* entry = entry_of(last);
     if (entry == nullptr) {
         return 0;
     }
-    const timer_lock lock(*entry);
-    cancel_if_running(*entry, timer);
+    const locked_shard shard(lock(shard_of(*entry, last)));
+    cancel_if_running(*shard, timer);
     // The dispatching thread may have taken it off the wheel before the lock was had.
     if (timer_word::load(*timer).armed()) {
-        entry->wheel->stop(*timer);
+        shard->timers->stop(*timer);
+    } else {
+        timer_word{}.store(*timer);
     }
     return 0;
 }
@@ -392,12 +337,13 @@ void vem_tw_timer_copy(const vem_tw_timer* timer, vem_tw_timer* copy) {
     if (timer == nullptr || copy == nullptr) {
         return;
     }
-    wheel_entry* entry = entry_of(timer_word::load(*timer));
+    const timer_word last = timer_word::load(*timer);
+    wheel_entry* entry = entry_of(last);
     if (entry == nullptr) {
         *copy = *timer;
         return;
     }
-    const timer_lock lock(*entry);
+    const locked_shard shard(lock(shard_of(*entry, last)));
     *copy = *timer;
 }
 
@@ -411,15 +357,14 @@ int vem_tw_expiry_retry(vem_tw_timer* timer, uint32_t ms) {
     if (frame == nullptr) {
         return EINVAL;
     }
-    wheel_entry& entry = frame->entry();
     wake_up whom;
     {
         const uint64_t now_us = vem_clock_now_us();
-        const timer_lock lock(entry);
-        if (frame->cancelled() || entry.wheel == nullptr) {
+        const locked_shard shard(lock(frame->shard()));
+        if (frame->cancelled() || shard->timers == nullptr) {
             return ECANCELED;
         }
-        whom = arm_locked(entry, *timer, now_us, ms);
+        whom = arm_locked(frame->entry(), *shard, *timer, now_us, ms);
     }
     // Another thread may sleep for the wheel: it may have changed managers while this callback ran.
     wake_sleepers(whom);
@@ -428,14 +373,12 @@ int vem_tw_expiry_retry(vem_tw_timer* timer, uint32_t ms) {
 
 int vem_tw_quiesce(vem_tw_wheel wheel) {
     const int result = vem_tw_attach_vdm(wheel, nullptr);
-    if (result != 0 || inside_callback()) {
+    if (result != 0 || callback_frame::any()) {
         return result;
     }
     wheel_entry& entry = *entry_of(value_of_wheel(wheel));
-    std::unique_lock lock(entry.mutex);
-    while (entry.running != nullptr) {
-        entry.idle.wait(lock);
-    }
+    std::unique_lock lock(entry.mutex());
+    entry.await_end_of_dispatch(lock);
     return 0;
 }
 

@@ -1,12 +1,17 @@
 /* vem_tw.h - timer wheels: millions of one-shot timers, embedded in the records of their owners.
  *
- * Start, restart and stop cost the same however many timers run and allocate nothing. By the
- * readings of vem_clock, which are whole microseconds, a timer never fires early and at most two
- * ticks late, whatever the machine's clock does.
+ * Start, restart and stop cost the same however many timers run, and allocate nothing but what the
+ * next lines say. By the readings of vem_clock, which are whole microseconds, a timer never fires
+ * early and at most two ticks late, whatever the machine's clock does.
+ *
+ * Timers fire in the order of their ticks, those of one tick in the order of their starts. A thread
+ * whose start finds the wheel busy is given a part of the wheel for its starts, where it does not
+ * meet the others; that allocates the part, once, and without memory for it the thread waits. Timers
+ * of one tick then fire part by part.
  *
  * Threads    any thread, also from inside callbacks. One timer is started and stopped by one thread
  *            at a time (its owner's lock sees to that), while the dispatching thread may run it.
- * Locks      a wheel's own lock is innermost and is never held while a callback runs. Stop never
+ * Locks      a wheel's own locks are innermost and are never held while a callback runs. Stop never
  *            waits for a callback, so that a caller may hold whatever lock the callback wants.
  * Ownership  the record that embeds a timer owns it; it stays in place while the timer runs. A
  *            zero-filled timer is one that does not run. A wheel's handle is not a pointer: a
