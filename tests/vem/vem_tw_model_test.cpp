@@ -11,8 +11,8 @@
 #include <thread>
 #include <vector>
 
-#include "vem/src/vem_wheel_registry.h"
 #include "vem_attached_wheel.h"
+#include "vem_entry_of_wheel.h"
 
 namespace {
 
@@ -224,16 +224,12 @@ TEST_P(wheel_of_any_shape, does_what_a_sorted_list_does) {
 // The thread that finds the first shard busy makes the wheel one of several; from then on this
 // thread starts each timer where another one might.
 TEST_P(wheel_of_any_shape, does_what_a_sorted_list_does_with_several_shards) {
-    vem::wheel_entry& entry = vem::wheel_at(1);
-    ASSERT_EQ(entry.handle.load(), reinterpret_cast<uintptr_t>(wheel_.wheel));
-    std::thread([&] {
-        EXPECT_NE(vem::settle_in_home_shard(entry, entry.handle.load()), 0U);
-    }).join();
+    std::thread([this] { leave_first_shard(wheel_.wheel); }).join();
     stirred_timers timers(wheel_, GetParam().shape.tick_us, 29, shards::all);
     timers.run(script_steps / 4);
     vem::home_shard() = 0;
     EXPECT_GT(timers.expiries(), script_steps / 80);
-    EXPECT_EQ(entry.shards_made.load(), (1U << vem::most_shards) - 1);
+    EXPECT_EQ(entry_of(wheel_.wheel).shards_made.load(), (1U << vem::most_shards) - 1);
 }
 
 INSTANTIATE_TEST_SUITE_P(vem_tw, wheel_of_any_shape, ::testing::ValuesIn(shapes), name_of);

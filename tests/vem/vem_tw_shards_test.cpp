@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "vem/src/vem_timing_wheel.h"
-#include "vem/src/vem_wheel_registry.h"
 #include "vem_attached_wheel.h"
+#include "vem_entry_of_wheel.h"
 
 // The program is linked so that every request for a timing wheel comes here (tests/CMakeLists.txt).
 static std::atomic<bool> shards_fail{false};
@@ -40,16 +40,6 @@ using vem::most_shards;
 using vem::wheel_entry;
 
 constexpr uint64_t ms_us = 1000;
-
-wheel_entry& entry_of(vem_tw_wheel wheel) {
-    for (uint32_t number = 1; number <= vem::wheels_in_use(); ++number) {
-        if (vem::wheel_at(number).handle.load() == reinterpret_cast<uintptr_t>(wheel)) {
-            return vem::wheel_at(number);
-        }
-    }
-    ADD_FAILURE() << "no entry has the handle";
-    return vem::wheel_at(1);
-}
 
 uint32_t shard_of(const vem_tw_timer& timer) {
     return (vem::timer_word::load(timer).wheel_number() - 1) % most_shards;

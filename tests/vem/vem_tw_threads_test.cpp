@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "vem_attached_wheel.h"
+#include "vem_entry_of_wheel.h"
 
 namespace {
 
@@ -158,6 +159,7 @@ struct stress_row {
     const char* name;
     int threads;
     bool system_clock;
+    bool apart;  // each in a shard of its own
 };
 
 std::string name_of(const ::testing::TestParamInfo<stress_row>& row) {
@@ -177,6 +179,9 @@ TEST_P(vem_tw_stress, every_expiry_that_nobody_cancelled_belongs_to_an_armed_tim
     std::vector<std::thread> owners;
     for (int i = 0; i < GetParam().threads; ++i) {
         owners.emplace_back([&, i] {
+            if (GetParam().apart) {
+                leave_first_shard(wheel.wheel);
+            }
             all_ready.arrive_and_wait();
             records.stir(wheel.wheel, static_cast<uint32_t>(i), steps);
             --busy;
@@ -201,10 +206,12 @@ TEST_P(vem_tw_stress, every_expiry_that_nobody_cancelled_belongs_to_an_armed_tim
 }
 
 constexpr stress_row stress_rows[] = {
-    {"one_thread_clock_by_hand", 1, false},
-    {"four_threads_clock_by_hand", 4, false},
-    {"one_thread_system_clock", 1, true},
-    {"four_threads_system_clock", 4, true},
+    {"one_thread_clock_by_hand", 1, false, false},
+    {"four_threads_clock_by_hand", 4, false, false},
+    {"four_threads_apart_clock_by_hand", 4, false, true},
+    {"one_thread_system_clock", 1, true, false},
+    {"four_threads_system_clock", 4, true, false},
+    {"four_threads_apart_system_clock", 4, true, true},
 };
 INSTANTIATE_TEST_SUITE_P(vem_tw, vem_tw_stress, ::testing::ValuesIn(stress_rows), name_of);
 
@@ -214,6 +221,7 @@ TEST(vem_tw_threads, no_callback_runs_between_quiesce_and_the_next_attachment) {
     dispatching_thread dispatcher(wheel.manager);
     std::atomic<bool> stop{false};
     std::thread owner([&] {
+        leave_first_shard(wheel.wheel);
         for (uint32_t seed = 0; !stop; ++seed) {
             records.stir(wheel.wheel, seed, 200);
         }
@@ -249,6 +257,9 @@ TEST(vem_tw_threads, wheel_and_manager_may_be_destroyed_while_others_use_their_h
         std::barrier ready(2);
         vem_tw_wheel handle = wheel.wheel;
         std::thread owner([&] {
+            if (round % 2 != 0) {
+                leave_first_shard(handle);
+            }
             ready.arrive_and_wait();
             records.stir(handle, round, 300);
         });
