@@ -161,10 +161,8 @@ bool timing_wheel::start(vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
     if (timer_word::load(timer).armed()) {
         stop(timer);
     }
-    const uint64_t now_tick = present_tick(now_us);
-    if (now_tick < next_tick_) {
-        // Nothing happens up to now: catch up, so that the timer finds its place on a low level.
-        current_ = std::max(current_, now_tick);
+    if (now_us >= catch_up_us_) {
+        catch_up(now_us);
     }
     const uint64_t since_epoch_us = now_us > epoch_us_ ? now_us - epoch_us_ : 0;
     const uint64_t due = tick_.ticks_to_pass(since_epoch_us + uint64_t{std::max(ms, 1U)} * 1000);
@@ -174,6 +172,16 @@ bool timing_wheel::start(vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
     }
     next_tick_ = attention;
     return is_empty(expired_);
+}
+
+// Once a tick: unless something happens up to now, makes now's tick the present one, so that timers
+// find their places on low levels.
+void timing_wheel::catch_up(uint64_t now_us) {
+    const uint64_t now_tick = present_tick(now_us);
+    if (now_tick < next_tick_) {
+        current_ = std::max(current_, now_tick);
+    }
+    catch_up_us_ = epoch_us_ + (now_tick + 1) * tick_.us();
 }
 
 void timing_wheel::stop(vem_tw_timer& timer) {

@@ -99,6 +99,7 @@ private:
     bool allocate();
     uint64_t present_tick(uint64_t now_us) const;
     uint64_t due_tick(const vem_tw_timer& timer) const;
+    void catch_up(uint64_t now_us);
     uint64_t place(vem_tw_timer& timer, uint64_t due);
     void occupy(uint32_t level, uint64_t slot);
     void vacate(const vem_tw_links* slot_head);
@@ -115,6 +116,7 @@ private:
 
     uint64_t current_ = 0;        // all that is due by this tick has expired or waits in cascade_
     uint64_t next_tick_ = never;  // no slot wants attention before it
+    uint64_t catch_up_us_ = 0;    // the next start from then on looks which tick it is
     vem_tw_links expired_;
     vem_tw_links cascade_;  // taken from an upper level, to be placed anew
     vem_tw_links beyond_;   // past the top level's present round

@@ -10,12 +10,13 @@
 
 namespace vem {
 
+constinit std::array<wheel_entry, most_wheels> wheel_entries;
+
 namespace {
 
 // Numbers of shards have 15 bits in a timer.
 static_assert(most_wheels * most_shards < 1U << 15);
 
-constinit std::array<wheel_entry, most_wheels> entries;
 constinit std::atomic<uint32_t> entries_in_use{0};
 constinit std::atomic<uint32_t> homes_given{0};
 constinit thread_local uint32_t home_of_thread = 0;
@@ -35,7 +36,7 @@ void add_shard(wheel_entry& entry, uint64_t handle, uint32_t index) {
     if (!wants_shard(entry, handle, index, shape)) {
         return;
     }
-    const auto wheel_number = static_cast<uint32_t>(&entry - entries.data()) + 1;
+    const auto wheel_number = static_cast<uint32_t>(&entry - wheel_entries.data()) + 1;
     auto made = timing_wheel::create(number_of_shard(wheel_number, index), shape);
     wheel_shard& shard = entry.shards[index];
     const std::lock_guard lock(shard.mutex);
@@ -76,10 +77,6 @@ void wheel_entry::await_sections() {
     for (wheel_shard& shard : shards) {
         const std::lock_guard lock(shard.mutex);
     }
-}
-
-wheel_entry& wheel_at(uint32_t number) {
-    return entries[number - 1];
 }
 
 uint32_t wheels_in_use() {

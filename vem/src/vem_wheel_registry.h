@@ -80,8 +80,12 @@ private:
     uint64_t earliest_due_us() const;
 };
 
+extern std::array<wheel_entry, most_wheels> wheel_entries;
+
 // Entries 1 to wheels_in_use() have been used so far.
-wheel_entry& wheel_at(uint32_t number);
+inline wheel_entry& wheel_at(uint32_t number) {
+    return wheel_entries[number - 1];
+}
 uint32_t wheels_in_use();
 void note_wheel_in_use(uint32_t number);
 
