@@ -113,14 +113,20 @@ inline void touch_bucket(zon_hashset set, uint32_t bucket) {
     touch(&set->array[bucket]);
     touch(&set->items_in_bucket[bucket]);
 }
-// Its link and its key, which mostly lie on two lines. The memory of items is theirs as long as the set
-// lives, so that whatever is found can be read.
-inline void touch_first_item(zon_hashset set, uint32_t bucket) {
-    const zon_hashset_hdr* first = relaxed_load(set->array[bucket]);
-    if (first == nullptr)
-        return;
-    touch(first);
-    touch(reinterpret_cast<const char*>(first) + sizeof(zon_half_flow_t));
+// The item's link and its key, which mostly lie on two lines. The memory of items is theirs as long as
+// the set lives, so that whatever is found can be read.
+inline const zon_hashset_hdr* touch_item(const zon_hashset_hdr* item) {
+    if (item != nullptr) {
+        touch(item);
+        touch(reinterpret_cast<const char*>(item) + sizeof(zon_half_flow_t));
+    }
+    return item;
+}
+inline const zon_hashset_hdr* touch_first_item(zon_hashset set, uint32_t bucket) {
+    return touch_item(relaxed_load(set->array[bucket]));
+}
+inline const zon_hashset_hdr* touch_next_item(const zon_hashset_hdr* item) {
+    return item == nullptr ? nullptr : touch_item(peek(item->next));
 }
 inline void prefetch_first_item(zon_hashset set, uint32_t bucket) {
     if (const zon_hashset_hdr* first = relaxed_load(set->array[bucket]))

@@ -27,6 +27,15 @@ inline word relaxed_add(word& at, int by) {
     return __atomic_add_fetch(&at, static_cast<word>(by), __ATOMIC_RELAXED);
 }
 
+// Reads a pointer that another thread may be writing, records that it gives back included. What comes
+// stood there at some time, good for a guess at what to fetch.
+template <class record>
+inline record* peek(record* const& at) {
+    record* seen;
+    asm volatile("movq %1, %0" : "=r"(seen) : "m"(at));
+    return seen;
+}
+
 // Reads a byte for the line to come, not for its value. Requests for lines whose page the processor
 // has to look up may get lost when they stand close together; reads do not.
 inline void touch(const void* at) {

@@ -145,10 +145,13 @@ void find_buckets(const zon_flow_table_t* tbl, prepared_packet& packet) {
     packet.buckets = zon_buckets_of(tbl, packet.ends<family>());
 }
 
-// What a new flow looks at and changes in the table: the heads of two buckets, and what they lead to.
-void fetch_buckets(size_t count, const zon_flow_table_t* tbl, prepared_group& prepared) {
-    std::array<int, 2 * group_size> buckets;
-    size_t found = 0;
+// What a new flow looks at and changes in the table: the heads of two buckets, what they lead to, and
+// the chain of the first, of which more than three links are rare.
+void fetch_buckets(size_t count, zon_flow_table_t* tbl, prepared_group& prepared) {
+    constexpr int links_ahead = 3;
+    std::array<flow_buckets, group_size> buckets;
+    std::array<const zon_hashset_hdr*, group_size> items;
+    size_t unknown = 0;
     for (size_t i = 0; i < count; ++i) {
         if (!is_unknown(prepared[i]))
             continue;
@@ -156,13 +159,19 @@ void fetch_buckets(size_t count, const zon_flow_table_t* tbl, prepared_group& pr
             find_buckets<ipv4_family>(tbl, prepared[i]);
         else
             find_buckets<ipv6_family>(tbl, prepared[i]);
-        buckets[found++] = prepared[i].buckets.initiator;
-        buckets[found++] = prepared[i].buckets.responder;
+        buckets[unknown++] = prepared[i].buckets;
     }
-    for (size_t i = 0; i < found; ++i)
-        touch_bucket(tbl->table, static_cast<uint32_t>(buckets[i]));
-    for (size_t i = 0; i < found; ++i)
-        touch_first_item(tbl->table, static_cast<uint32_t>(buckets[i]));
+    for (size_t i = 0; i < unknown; ++i) {
+        touch_bucket(tbl->table, static_cast<uint32_t>(buckets[i].initiator));
+        touch_bucket(tbl->table, static_cast<uint32_t>(buckets[i].responder));
+    }
+    for (size_t i = 0; i < unknown; ++i) {
+        items[i] = touch_first_item(tbl->table, static_cast<uint32_t>(buckets[i].initiator));
+        touch_first_item(tbl->table, static_cast<uint32_t>(buckets[i].responder));
+    }
+    for (int link = 1; link < links_ahead; ++link)
+        for (size_t i = 0; i < unknown; ++i)
+            items[i] = touch_next_item(items[i]);
 }
 
 void fetch_flows(group packets, const prepared_group& prepared) {
