@@ -6,6 +6,7 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 namespace zon_test {
@@ -49,78 +50,104 @@ private:
         else if (state == opening && !from_initiator && udp_packets >= threshold)
             state = uni;
     }
+    struct segment {
+        bool fin, syn, rst, psh, ack, urg;
+        uint32_t payload;
+        bool from_initiator;
+
+        size_t own() const { return from_initiator ? 0 : 1; }
+        size_t peer() const { return 1 - own(); }
+        bool is_bare_of_data() const { return payload == 0 && !psh && !urg && !fin; }
+    };
     void track_tcp(uint8_t flags, uint32_t payload, bool from_initiator) {
-        const bool fin = (flags & 1) != 0, syn = (flags & 2) != 0, rst = (flags & 4) != 0,
-                   psh = (flags & 8) != 0, ack = (flags & 16) != 0, urg = (flags & 32) != 0;
-        const size_t own = from_initiator ? 0 : 1;
-        const size_t peer = 1 - own;
+        const segment seg{.fin = (flags & 1) != 0,
+                          .syn = (flags & 2) != 0,
+                          .rst = (flags & 4) != 0,
+                          .psh = (flags & 8) != 0,
+                          .ack = (flags & 16) != 0,
+                          .urg = (flags & 32) != 0,
+                          .payload = payload,
+                          .from_initiator = from_initiator};
         switch (tcp) {
         case listen:
-            if (from_initiator) {
-                tcp = syn_sent;
-                state = opening;
-            } else {
-                state = uni_incorrect;
-            }
-            return;
+            return in_listen(seg);
         case syn_sent:
-            if (from_initiator) {
-                if (!syn || ack || psh || urg || fin || rst || payload != 0)
-                    state = uni_incorrect;
-            } else if (!syn && !ack) {
-                state = uni_incorrect;
-            } else if (rst) {
-                close();
-            } else if (syn && payload == 0 && !psh && !urg && !fin) {
-                tcp = syn_received;
-                state = uni;
-            }
-            return;
+            return in_syn_sent(seg);
         case syn_received:
-            if (rst) {
-                close();
-            } else if (!from_initiator && syn) {
-                return;
-            } else if (!ack) {
-                state = bi_incorrect;
-            } else if (from_initiator) {
-                tcp = fin ? close_wait : established;
-                state = bi;
-                fin_by[own] = fin;
-            } else if (fin) {
-                tcp = close_wait;
-                fin_by[own] = true;
-            }
-            return;
+            return in_syn_received(seg);
         case established:
-            if (rst) {
-                close();
-            } else if (fin) {
-                tcp = close_wait;
-                fin_by[own] = true;
-            }
-            return;
+            return in_established(seg);
         case close_wait:
-            if (rst) {
-                close();
-                return;
-            }
-            fin_by[own] = fin_by[own] || fin;
-            if (!fin_by[peer])
-                return;
-            acked_by[own] = true;
-            if (fin_by[own]) {
-                tcp = last_ack;
-                state = closing;
-            }
-            return;
+            return in_close_wait(seg);
         case last_ack:
-            if (rst || acked_by[peer])
-                close();
-            return;
+            return in_last_ack(seg);
         case time_wait:
             return;
         }
+    }
+    void in_listen(const segment& seg) {
+        if (seg.from_initiator) {
+            tcp = syn_sent;
+            state = opening;
+        } else {
+            state = uni_incorrect;
+        }
+    }
+    void in_syn_sent(const segment& seg) {
+        if (seg.from_initiator) {
+            const bool repeats_syn = seg.syn && !seg.ack && !seg.rst && seg.is_bare_of_data();
+            if (!repeats_syn)
+                state = uni_incorrect;
+        } else if (!seg.syn && !seg.ack) {
+            state = uni_incorrect;
+        } else if (seg.rst) {
+            close();
+        } else if (seg.syn && seg.is_bare_of_data()) {
+            tcp = syn_received;
+            state = uni;
+        }
+    }
+    void in_syn_received(const segment& seg) {
+        if (seg.rst) {
+            close();
+        } else if (!seg.from_initiator && seg.syn) {
+            return;
+        } else if (!seg.ack) {
+            state = bi_incorrect;
+        } else if (seg.from_initiator) {
+            tcp = seg.fin ? close_wait : established;
+            state = bi;
+            fin_by[seg.own()] = seg.fin;
+        } else if (seg.fin) {
+            tcp = close_wait;
+            fin_by[seg.own()] = true;
+        }
+    }
+    void in_established(const segment& seg) {
+        if (seg.rst) {
+            close();
+        } else if (seg.fin) {
+            tcp = close_wait;
+            fin_by[seg.own()] = true;
+        }
+    }
+    void in_close_wait(const segment& seg) {
+        if (seg.rst) {
+            close();
+            return;
+        }
+        fin_by[seg.own()] = fin_by[seg.own()] || seg.fin;
+        if (!fin_by[seg.peer()])
+            return;
+        acked_by[seg.own()] = true;
+        if (fin_by[seg.own()]) {
+            tcp = last_ack;
+            state = closing;
+        }
+    }
+    void in_last_ack(const segment& seg) {
+        if (seg.rst || acked_by[seg.peer()])
+            close();
     }
 };
 
