@@ -120,7 +120,8 @@ std::map<std::string, names> all_printed() {
     const temporary_file capture(pcap_bytes(frames, 101));
     std::map<std::string, names> all;
     for (const char* options : {"--max-flows 1 --veto 192.0.2.0/24",
-                                "--no-fragments --by source --dump --histogram --bypass-after 1"}) {
+                                "--max-flows 1000 --no-fragments --by source --dump --histogram "
+                                "--bypass-after 1"}) {
         for (const auto& [type, fields] : printed_by(options + (" " + capture.path()))) {
             all[type].insert(fields.begin(), fields.end());
         }
