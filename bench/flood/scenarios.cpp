@@ -24,6 +24,11 @@ void seed_the_hash() {
     zon_config_set_hash_seed(0x6B43A9B5);
 }
 
+// Room that a flood does not get, however long it goes on.
+void bound_half_open_flows() {
+    zon_config_set_half_open_share(50);
+}
+
 // Which no bucket gets to while tuples scatter.
 constexpr uint32_t deeper_than_by_chance = 40;
 
@@ -43,6 +48,9 @@ flood one_bucket(const char* name, uint8_t depth, void (*defend)()) {
 const std::vector<flood>& all_floods() {
     static const std::vector<flood> floods{
         {.name = "syn", .packets = any_number<syn_flood>},
+        {.name = "syn-half-open",
+         .engine = {.defend = bound_half_open_flows},
+         .packets = any_number<syn_flood>},
         {.name = "fragments", .packets = any_number<first_fragments>, .with_fragments = true},
         one_bucket("bucket", 0, nullptr),
         one_bucket("bucket-seeded", 0, seed_the_hash),
