@@ -6,20 +6,15 @@
 
 #include "support/bench_engine.h"
 #include "support/measure.h"
-#include "support/packet_builder.h"
+#include "support/sample_packets.h"
 
 namespace zon_bench {
 namespace {
 
 using zon_test::bytes;
+using zon_test::ipv4;
+using zon_test::ipv6;
 using zon_test::packet_builder;
-
-packet_builder ipv4() {
-    return packet_builder::ipv4("10.0.0.1", "10.0.0.2");
-}
-packet_builder ipv6() {
-    return packet_builder::ipv6("2001:db8::1", "2001:db8::2");
-}
 
 enum class entry { trusted, captured };
 
@@ -65,10 +60,9 @@ void add_all_rows() {
                                          .authentication()
                                          .udp(4000, 53)
                                          .build());
-    add_rows("ipv6_in_ipv4",
-             zon_test::in_ipv4("192.0.2.1", "192.0.2.2", ipv6().udp(4000, 53).build()));
+    add_rows("ipv6_in_ipv4", zon_test::six_in_four(ipv6().udp(4000, 53)));
     const packet_builder inner = packet_builder::ipv6("2001::1", "2001:db8::2").udp(4000, 53);
-    add_rows("teredo", zon_test::in_teredo("192.0.2.1", "192.0.2.2", inner.build()));
+    add_rows("teredo", zon_test::teredo(inner));
 }
 
 }  // namespace

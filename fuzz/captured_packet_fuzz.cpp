@@ -32,15 +32,12 @@ packet_answer without_addresses(packet_answer answer, const uint8_t* start) {
     return answer;
 }
 
-std::vector<packet_answer> answers_one_by_one(fuzz_input input) {
+std::vector<packet_answer> answers_one_by_one(const fuzz_input& input) {
     std::vector<packet_answer> answers;
-    const fuzzed_engine engine(input);
-    while (!input.is_empty()) {
-        const auto packet = packet_of_program::from(input);
+    run_program(input, [&](const packet_of_program& packet) {
         const exact_block block(packet.content);
         answers.push_back(without_addresses(hand_in_captured(packet, block.data()), block.data()));
-        zon_clock_advance_us(packet.wait_us);
-    }
+    });
     return answers;
 }
 

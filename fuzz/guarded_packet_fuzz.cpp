@@ -11,13 +11,9 @@ using namespace zon_fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static zon_test::guarded_memory guarded(4096);
-    fuzz_input input(data, size);
-    const fuzzed_engine engine(input);
-    while (!input.is_empty()) {
-        const auto packet = packet_of_program::from(input);
+    run_program(fuzz_input(data, size), [](const packet_of_program& packet) {
         const zon_test::bytes content(packet.content.begin(), packet.content.end());
         hand_in_captured(packet, guarded.place(content, content.size()));
-        zon_clock_advance_us(packet.wait_us);
-    }
+    });
     return 0;
 }

@@ -81,6 +81,18 @@ struct packet_of_program {
     }
 };
 
+// Makes an engine of the input's configuration and hands each packet to the function; time passes
+// behind it.
+template <class function>
+void run_program(fuzz_input input, function hand_in) {
+    const fuzzed_engine engine(input);
+    while (!input.is_empty()) {
+        const auto packet = packet_of_program::from(input);
+        hand_in(packet);
+        zon_clock_advance_us(packet.wait_us);
+    }
+}
+
 struct packet_answer {
     zon_fid_t fid = 0;
     zon_error_t error = zon_error_none;

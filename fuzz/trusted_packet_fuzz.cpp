@@ -76,31 +76,27 @@ struct checked_packet {
     packet_answer answer;
 };
 
-std::vector<checked_packet> run_checked(fuzz_input input) {
+std::vector<checked_packet> run_checked(const fuzz_input& input) {
     std::vector<checked_packet> all;
-    const fuzzed_engine engine(input);
-    while (!input.is_empty()) {
-        const auto packet = packet_of_program::from(input);
+    run_program(input, [&](const packet_of_program& packet) {
         const exact_block block(packet.content);
         checked_packet& one = all.emplace_back();
         if (is_sound(block)) {
             one.answer = hand_in_captured(packet, block.data());
             one.is_trusted = !is_read_with_care(one.answer);
         }
-        zon_clock_advance_us(packet.wait_us);
-    }
+    });
     return all;
 }
 
-void run_trusted(fuzz_input input, const std::vector<checked_packet>& checked) {
-    const fuzzed_engine engine(input);
-    for (const checked_packet& one : checked) {
-        const auto packet = packet_of_program::from(input);
+void run_trusted(const fuzz_input& input, const std::vector<checked_packet>& checked) {
+    auto one = checked.begin();
+    run_program(input, [&](const packet_of_program& packet) {
         const exact_block block(packet.content);
-        if (one.is_trusted)
-            compare(one.answer, hand_in_trusted(packet, block.data()));
-        zon_clock_advance_us(packet.wait_us);
-    }
+        if (one->is_trusted)
+            compare(one->answer, hand_in_trusted(packet, block.data()));
+        ++one;
+    });
 }
 
 }  // namespace

@@ -7,21 +7,16 @@
 
 #include <string>
 
-#include "support/packet_builder.h"
+#include "support/sample_packets.h"
 #include "zon_ipv6_tunnel_inline.h"
 #include "zon_pkt_inline.h"
 
 namespace {
 
 using zon_test::bytes;
+using zon_test::ipv4;
+using zon_test::ipv6;
 using zon_test::packet_builder;
-
-packet_builder ipv4() {
-    return packet_builder::ipv4("10.0.0.1", "10.0.0.2");
-}
-packet_builder ipv6() {
-    return packet_builder::ipv6("2001:db8::1", "2001:db8::2");
-}
 
 void read(benchmark::State& state, const packet_builder& builder, bool trusted) {
     bytes packet = builder.build();

@@ -6,11 +6,11 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "burst/burst_run.h"
+#include "support/environment.h"
 
 namespace {
 
@@ -18,11 +18,6 @@ using namespace zon_test;
 
 constexpr uint32_t steps_of_a_script = 100;
 constexpr uint32_t scripts_of_the_short_form = 52;
-
-uint32_t from_environment(const char* name, uint32_t otherwise) {
-    const char* text = std::getenv(name);
-    return text != nullptr ? static_cast<uint32_t>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
 
 struct life {
     std::vector<step_outcome> steps;

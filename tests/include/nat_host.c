@@ -4,6 +4,8 @@
 #include <string.h>
 #include <zon.h>
 
+#include "udp_packet.h"
+
 static const uint32_t inside = 0x0a000001;
 static const uint32_t outside = 0xc0000201;
 static const uint32_t server = 0xc6336401;
@@ -27,27 +29,12 @@ bool zon_ipv4nat_fixup_ip_port(void* pkt_ctx, uint32_t* src_ip, uint16_t* src_po
     return true;
 }
 
-static void put16(uint8_t* at, unsigned value) {
-    at[0] = (uint8_t)(value >> 8);
-    at[1] = (uint8_t)value;
-}
-
-static void put32(uint8_t* at, uint32_t value) {
-    put16(at, value >> 16);
-    put16(at + 2, value & 0xffff);
-}
-
-static zon_fid_t hand_in(uint32_t from, unsigned from_port, uint32_t to, unsigned to_port, void* context,
-                         zon_pkt_indications_t* seen) {
-    uint8_t packet[28] = {0x45, 0, 0, 28, 0, 0, 0, 0, 64, 17};
+static zon_fid_t hand_in(uint32_t from, uint16_t from_port, uint32_t to, uint16_t to_port,
+                         void* context, zon_pkt_indications_t* seen) {
+    udp_packet packet = udp_of(from, from_port, to, to_port);
     zon_error_t error;
-    put32(packet + 12, from);
-    put32(packet + 16, to);
-    put16(packet + 20, from_port);
-    put16(packet + 22, to_port);
-    put16(packet + 24, 8);
     memset(seen, 0, sizeof *seen);
-    return zon_handle_captured_packet(packet, sizeof packet, 0, context, seen, &error);
+    return zon_handle_captured_packet(packet.bytes, sizeof packet.bytes, 0, context, seen, &error);
 }
 
 static int check(bool holds, const char* what) {

@@ -335,24 +335,6 @@ zon_flow_t side_by_side::snapshot_of(uint32_t fid) {
     return copy;
 }
 
-zon_flow_tuple_t side_by_side::to_client(const connection_tuple& tuple) {
-    zon_flow_tuple_t out{};
-    const auto fill = [](const endpoint& from, zon_ip_addr_t& to) {
-        to.addr_type = from.ipv6 ? ZON_IP_ADDR_IPV6 : ZON_IP_ADDR_IPV4;
-        if (from.ipv6)
-            std::memcpy(to.u.v6_addr, from.ip.data(), sizeof to.u.v6_addr);
-        else
-            to.u.v4_addr = from.ip[0];
-    };
-    fill(tuple.source, out.src_ip);
-    fill(tuple.destination, out.dst_ip);
-    out.src_port = tuple.source.port;
-    out.dst_port = tuple.destination.port;
-    out.vrf_id = tuple.vrf_id;
-    out.l4_protocol = tuple.protocol;
-    return out;
-}
-
 zon_flow_tuple_type_t side_by_side::type_of(const operation& step) {
     return static_cast<zon_flow_tuple_type_t>(step[field::type]);
 }

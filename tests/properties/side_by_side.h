@@ -18,6 +18,7 @@
 #include "properties/engine_model.h"
 #include "properties/host_functions.h"
 #include "properties/operation.h"
+#include "support/client_tuple.h"
 #include "support/packet_builder.h"
 #include "zon.h"
 
@@ -126,7 +127,6 @@ private:
 
     zon_flow_t snapshot_of(uint32_t fid);
     static connection_tuple tuple_in_family_of(const flow_of_model& of, const operation& step);
-    static zon_flow_tuple_t to_client(const connection_tuple& tuple);
     static zon_flow_tuple_type_t type_of(const operation& step);
     static known known_of(const operation& step);
     static uint32_t client_of(const operation& step);

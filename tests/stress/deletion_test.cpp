@@ -267,14 +267,7 @@ protected:
         parameters.max_flows = 13;
         parameters.max_bucket_depth = 1;
     }
-    // An announcement whose second half is refused keeps the place of its first half until the
-    // engine goes.
-    void TearDown() override {
-        delete_all_flows();
-        EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u) << "half flows leaked";
-        expect_no_pre_flows();
-        EXPECT_EQ(zon_destroy(), zon_error_none);
-    }
+    void TearDown() override { destroy_after_refused_announcements(); }
 };
 
 TEST_P(refused_creations, leave_nothing_behind) {

@@ -74,13 +74,8 @@ protected:
         contended_engine::SetUp();
         watched_ = std::make_unique<watchdog>(std::chrono::seconds(120), [] {});
     }
-    // An announcement whose second half is refused keeps the place of its first half until the
-    // engine goes.
     void TearDown() override {
-        delete_all_flows();
-        EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 0u) << "half flows leaked";
-        expect_no_pre_flows();
-        EXPECT_EQ(zon_destroy(), zon_error_none);
+        destroy_after_refused_announcements();
         contended_engine::TearDown();
         watched_.reset();
     }

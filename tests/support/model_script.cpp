@@ -7,6 +7,7 @@
 #include <cstring>
 #include <sstream>
 
+#include "support/client_tuple.h"
 #include "support/flow_reader.h"
 #include "support/packet_builder.h"
 #include "zon.h"
@@ -273,23 +274,6 @@ private:
                 difference_ = "aged out in the wrong order:" + text(told_by_engine);
     }
 
-    static zon_flow_tuple_t to_client(const connection_tuple& tuple) {
-        zon_flow_tuple_t out{};
-        const auto fill = [](const endpoint& from, zon_ip_addr_t& to) {
-            to.addr_type = from.ipv6 ? ZON_IP_ADDR_IPV6 : ZON_IP_ADDR_IPV4;
-            if (from.ipv6)
-                std::memcpy(to.u.v6_addr, from.ip.data(), sizeof to.u.v6_addr);
-            else
-                to.u.v4_addr = from.ip[0];
-        };
-        fill(tuple.source, out.src_ip);
-        fill(tuple.destination, out.dst_ip);
-        out.src_port = tuple.source.port;
-        out.dst_port = tuple.destination.port;
-        out.vrf_id = tuple.vrf_id;
-        out.l4_protocol = tuple.protocol;
-        return out;
-    }
     struct announcement {
         announced_as how;
         zon_flow_tuple_type_t type;

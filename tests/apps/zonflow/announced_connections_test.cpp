@@ -4,15 +4,13 @@
 
 #include <algorithm>
 
-#include "tests/apps/zonflow/support/zonflow_program.h"
+#include "tests/apps/zonflow/support/raw_captures.h"
 
 namespace {
 
 using namespace zonflow_tests;
 
 constexpr uint8_t fin = 0x01, syn = 0x02, ack = 0x10;
-constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t start = 1'700'000'000 * second;
 constexpr uint32_t client = 0x0a000001, server = 0x0a000002, other = 0x0a000003;
 constexpr uint32_t media = 0x0a000009;
 constexpr uint16_t control_port = 4000;
@@ -53,14 +51,7 @@ bytes reply(const std::string& text) {
 
 // One second apart.
 json_result run_packets(const std::vector<bytes>& packets, const std::string& options = "") {
-    std::vector<stamped_frame> frames;
-    for (const bytes& packet : packets) {
-        frames.push_back({start + frames.size() * second, packet});
-    }
-    const temporary_file capture(pcap_bytes(frames, 101, {.nanoseconds = true}));
-    json_result result = run_json(options + " " + capture.path());
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    return result;
+    return run_apart(second, packets, options);
 }
 
 std::string responder_of(const std::string& flow) {

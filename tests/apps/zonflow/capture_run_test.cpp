@@ -31,10 +31,6 @@ constexpr uint64_t second = 1'000'000;
 constexpr uint64_t hour = 3600 * second;
 constexpr uint64_t date = 1'700'000'000 * second;
 
-bytes udp_from_port(uint16_t port) {
-    return ipv4_packet({}, udp_segment(port, 53, 10));
-}
-
 struct finished_run {
     exit_code code = exit_code::done;
     collected_output output;

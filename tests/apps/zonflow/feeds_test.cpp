@@ -1,26 +1,19 @@
 // feeds_test.cpp - standard input as a capture, live or not, and signals that end the reading.
 #include <gtest/gtest.h>
 
+#include "tests/apps/zonflow/support/raw_captures.h"
 #include "tests/apps/zonflow/support/running_zonflow.h"
-#include "tests/apps/zonflow/support/zonflow_program.h"
 
 namespace {
 
 using namespace zonflow_tests;
-
-constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t start = 1'700'000'000 * second;
-
-bytes udp_from_port(uint16_t port) {
-    return ipv4_packet({}, udp_segment(port, 53, 10));
-}
 
 // The first two flows have been idle for long when the third begins.
 bytes three_flows() {
     return pcap_bytes({{start, udp_from_port(1)},
                        {start, udp_from_port(2)},
                        {start + 100 * second, udp_from_port(3)}},
-                      101);
+                      raw_ip);
 }
 
 TEST(zonflow_feeds, a_minus_is_standard_input) {
@@ -89,7 +82,7 @@ TEST_P(stop_signals, end_a_feed_in_the_midst_of_a_packet_without_calling_it_dama
     run.feed(whole);
     run.next_line();
     run.next_line();
-    const bytes other = pcap_bytes({{start, udp_from_port(4)}}, 101);
+    const bytes other = pcap_bytes({{start, udp_from_port(4)}}, raw_ip);
     run.feed(bytes(other.begin() + 24, other.end() - 5));
     run.send_signal(GetParam());
     EXPECT_EQ(lines_of(run.rest()).size(), 2u);
@@ -100,7 +93,7 @@ TEST_P(stop_signals, end_a_feed_in_the_midst_of_a_packet_without_calling_it_dama
 TEST_P(stop_signals, leave_the_files_that_would_follow) {
     const temporary_file next(three_flows());
     running_zonflow run({"-", next.path()});
-    run.feed(pcap_bytes({}, 101));
+    run.feed(pcap_bytes({}, raw_ip));
     run.next_line();
     run.next_line();
     run.send_signal(GetParam());

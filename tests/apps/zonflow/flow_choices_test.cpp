@@ -1,14 +1,12 @@
 // flow_choices_test.cpp - groups by source, vetoes and the bypass through the whole program.
 #include <gtest/gtest.h>
 
-#include "tests/apps/zonflow/support/zonflow_program.h"
+#include "tests/apps/zonflow/support/raw_captures.h"
 
 namespace {
 
 using namespace zonflow_tests;
 
-constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t start = 1'700'000'000 * second;
 constexpr uint32_t one = 0x0a000001, two = 0x0a000002, three = 0x0a010003;
 
 bytes udp(uint32_t from, uint32_t to, uint16_t from_port, size_t payload) {
@@ -23,16 +21,7 @@ bytes tcp(uint32_t from, uint32_t to, uint16_t from_port, uint16_t to_port, size
 // `gap_sec` apart.
 json_result run_packets(const std::vector<bytes>& packets, const std::string& options,
                         uint64_t gap_sec = 0) {
-    std::vector<stamped_frame> frames;
-    for (const bytes& packet : packets) {
-        frames.push_back({start + frames.size() * gap_sec * second, packet});
-    }
-    const temporary_file capture(pcap_bytes(frames, 101, {.nanoseconds = true}));
-    json_result result = run_json(options + " " + capture.path());
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    EXPECT_EQ(result.summaries.size(), 1u);
-    result.summaries.resize(1);
-    return result;
+    return run_apart(gap_sec * second, packets, options);
 }
 
 // ---- groups -----------------------------------------------------------------------------------
@@ -94,7 +83,7 @@ TEST(groups, take_the_initiator_of_the_flow_inside_a_tunnel) {
 
 TEST(groups, are_a_table_of_their_own_behind_the_flows) {
     const temporary_file capture(
-        pcap_bytes({{start, udp(one, two, 1, 10)}, {start, udp(one, two, 2, 10)}}, 101));
+        pcap_bytes({{start, udp(one, two, 1, 10)}, {start, udp(one, two, 2, 10)}}, raw_ip));
     const std::vector<std::string> lines =
         lines_of(run_zonflow("--by source " + capture.path()).out);
     ASSERT_EQ(lines.size(), 6u);
@@ -164,7 +153,7 @@ TEST(bypass, is_no_part_of_a_record_unless_asked_for) {
 
 TEST(bypass, marks_the_protocol_in_the_table) {
     const temporary_file capture(
-        pcap_bytes({{start, tcp(one, two, 1, 80, 10)}, {start, tcp(one, two, 2, 80, 1)}}, 101));
+        pcap_bytes({{start, tcp(one, two, 1, 80, 10)}, {start, tcp(one, two, 2, 80, 1)}}, raw_ip));
     const std::vector<std::string> lines =
         lines_of(run_zonflow("--bypass-after 10 " + capture.path()).out);
     ASSERT_EQ(lines.size(), 5u);

@@ -3,24 +3,17 @@
 
 #include <sstream>
 
-#include "tests/apps/zonflow/support/zonflow_program.h"
+#include "tests/apps/zonflow/support/raw_captures.h"
 
 namespace {
 
 using namespace zonflow_tests;
 
-constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t start = 1'700'000'000 * second;
-
-bytes udp_from_port(uint16_t port) {
-    return ipv4_packet({}, udp_segment(port, 53, 10));
-}
-
 // One flow has gone when the capture ends, two are open.
 const bytes three_flows = pcap_bytes({{start, udp_from_port(1)},
                                       {start + 100 * second, udp_from_port(2)},
                                       {start + 100 * second, udp_from_port(3)}},
-                                     101);
+                                     raw_ip);
 
 // Reports give up the processor at every bucket; where the machine is busy, few buckets are sooner
 // looked through.

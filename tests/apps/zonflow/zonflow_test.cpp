@@ -2,15 +2,13 @@
 // when flows end.
 #include <gtest/gtest.h>
 
-#include "tests/apps/zonflow/support/zonflow_program.h"
+#include "tests/apps/zonflow/support/raw_captures.h"
 
 namespace {
 
 using namespace zonflow_tests;
 
 constexpr uint8_t fin = 0x01, syn = 0x02, rst = 0x04, ack = 0x10;
-constexpr uint64_t second = 1'000'000'000;
-constexpr uint64_t start = 1'700'000'000 * second;
 constexpr uint32_t client = 0x0a000001, server = 0x0a000002;
 
 bytes udp(uint32_t from, uint32_t to, uint16_t from_port, uint16_t to_port, size_t payload = 10) {
@@ -22,17 +20,6 @@ bytes tcp(bool from_client, uint8_t flags, size_t payload = 0) {
                                      tcp_segment(4000, 80, flags, payload))
                        : ipv4_packet({.from = server, .to = client, .protocol = 6},
                                      tcp_segment(80, 4000, flags, payload));
-}
-
-// A capture of raw IP packets.
-json_result run_packets(const std::vector<stamped_frame>& packets,
-                        const std::string& options = "") {
-    const temporary_file capture(pcap_bytes(packets, 101, {.nanoseconds = true}));
-    json_result result = run_json(options + " " + capture.path());
-    EXPECT_EQ(result.exit_code, 0) << result.err;
-    EXPECT_EQ(result.summaries.size(), 1u);
-    result.summaries.resize(1);
-    return result;
 }
 
 const std::vector<stamped_frame> web_connection{
@@ -344,8 +331,8 @@ TEST(zonflow, cuts_nanoseconds_to_microseconds) {
 }
 
 TEST(zonflow, names_the_file_of_each_line) {
-    const temporary_file one(pcap_bytes({{start, udp(client, server, 1, 2)}}, 101));
-    const temporary_file other(pcap_bytes({{start, udp(client, server, 3, 4)}}, 101));
+    const temporary_file one(pcap_bytes({{start, udp(client, server, 1, 2)}}, raw_ip));
+    const temporary_file other(pcap_bytes({{start, udp(client, server, 3, 4)}}, raw_ip));
     const json_result run = run_json("--by source " + one.path() + " " + other.path());
     for (const auto* lines : {&run.flows, &run.groups, &run.summaries}) {
         ASSERT_EQ(lines->size(), 2u);
@@ -355,7 +342,7 @@ TEST(zonflow, names_the_file_of_each_line) {
 }
 
 TEST(zonflow, starts_anew_with_each_file) {
-    const temporary_file capture(pcap_bytes({{start, udp(client, server, 1, 2)}}, 101));
+    const temporary_file capture(pcap_bytes({{start, udp(client, server, 1, 2)}}, raw_ip));
     const json_result run = run_json(capture.path() + " " + capture.path());
     EXPECT_EQ(run.flows.size(), 2u);
     ASSERT_EQ(run.summaries.size(), 2u);
@@ -368,7 +355,7 @@ TEST(zonflow, prints_the_same_on_every_run) {
         packets.push_back(
             {start + i * second / 10, udp(client, server, static_cast<uint16_t>(1 + i % 90), 53)});
     }
-    const temporary_file capture(pcap_bytes(packets, 101));
+    const temporary_file capture(pcap_bytes(packets, raw_ip));
     const program_result one = run_zonflow("-o json " + capture.path());
     EXPECT_EQ(one.out, run_zonflow("-o json " + capture.path()).out);
     EXPECT_GT(lines_of(one.out).size(), 90u);

@@ -11,6 +11,8 @@
 #include <string.h>
 #include <zon.h>
 
+#include "../udp_packet.h"
+
 /* Counts what does not hold and prints it. */
 void check(bool holds, const char* what);
 
@@ -22,11 +24,6 @@ void end_engine(void);
 static const uint32_t host_a = 0x0a000001; /* 10.0.0.1 */
 static const uint32_t host_b = 0x0a000002;
 
-/* 38 bytes: an IPv4 header, a UDP header, 10 bytes of payload. */
-typedef struct udp_packet_ {
-    uint8_t bytes[38];
-} udp_packet;
-udp_packet udp_of(uint32_t from, uint16_t from_port, uint32_t to, uint16_t to_port);
 /* Hands in a UDP packet from host_a to host_b. */
 zon_fid_t udp_flow(uint16_t from_port, uint16_t to_port, zon_pkt_indications_t* seen);
 /* A SYN from host_a to host_b, by the packet kit. */

@@ -37,26 +37,6 @@ void end_engine(void) {
           "the clock is the system's again");
 }
 
-static void put16(uint8_t* at, unsigned value) {
-    at[0] = (uint8_t)(value >> 8);
-    at[1] = (uint8_t)value;
-}
-
-static void put32(uint8_t* at, uint32_t value) {
-    put16(at, value >> 16);
-    put16(at + 2, value & 0xffff);
-}
-
-udp_packet udp_of(uint32_t from, uint16_t from_port, uint32_t to, uint16_t to_port) {
-    udp_packet packet = {{0x45, 0, 0, sizeof packet.bytes, 0, 0, 0, 0, 64, 17}};
-    put32(packet.bytes + 12, from);
-    put32(packet.bytes + 16, to);
-    put16(packet.bytes + 20, from_port);
-    put16(packet.bytes + 22, to_port);
-    put16(packet.bytes + 24, sizeof packet.bytes - 20);
-    return packet;
-}
-
 zon_fid_t udp_flow(uint16_t from_port, uint16_t to_port, zon_pkt_indications_t* seen) {
     udp_packet packet = udp_of(host_a, from_port, host_b, to_port);
     zon_pkt_indications_t own;

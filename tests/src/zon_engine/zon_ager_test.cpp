@@ -12,20 +12,11 @@
 #include "support/engine_call.h"
 #include "support/engine_fixture.h"
 #include "support/flow_reader.h"
+#include "support/noted_deletions.h"
 
 namespace {
 
 using namespace zon_test;
-
-struct told {
-    zon_fid_t fid;
-    zon_flow_deletion_reason_e reason;
-    bool operator==(const told&) const = default;
-};
-std::vector<told> deletions;
-void note_deletion(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e reason, zon_client_id_e) {
-    deletions.push_back({fid, reason});
-}
 
 packet_builder udp_from(uint16_t port) { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(port, 53); }
 
@@ -33,7 +24,7 @@ class ager : public engine_fixture {
 protected:
     void SetUp() override {
         engine_fixture::SetUp();
-        deletions.clear();
+        noted_deletions.clear();
         ASSERT_EQ(zon_client_register_delete_cb(client, note_deletion), zon_error_none);
     }
     void TearDown() override {
@@ -51,9 +42,9 @@ protected:
 TEST_F(ager, deletes_a_flow_after_one_idle_period_and_counts_it) {
     const zon_fid_t fid = handle(udp_from(1)).fid;
     advance_ms(4900);
-    EXPECT_TRUE(deletions.empty());
+    EXPECT_TRUE(noted_deletions.empty());
     advance_ms(200);
-    EXPECT_EQ(deletions, (std::vector<told>{{fid, timed_out}}));
+    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{fid, timed_out}}));
     EXPECT_EQ(g_zon->flow_tbl->profile_passively_aged, 1U);
     EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0U);
     EXPECT_EQ(record_of(fid), nullptr);
@@ -65,10 +56,10 @@ TEST_F(ager, keeps_a_flow_that_goes_on_receiving_packets) {
         advance_sec(4);
         EXPECT_EQ(handle(udp_from(1)).fid, fid) << "after " << second << " s";
     }
-    EXPECT_TRUE(deletions.empty());
+    EXPECT_TRUE(noted_deletions.empty());
     // The last packet came 4 s into a period: that period ends, and one more.
     advance_sec(11);
-    EXPECT_EQ(deletions, (std::vector<told>{{fid, timed_out}}));
+    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{fid, timed_out}}));
 }
 
 TEST_F(ager, grants_one_more_whole_period_from_the_expiry_and_not_from_the_packet) {
@@ -154,7 +145,7 @@ TEST_F(ager, says_no_flow_context_for_a_flow_that_has_left_and_stops_its_timer) 
     advance_sec(2);
     EXPECT_EQ(out.text(), "no flow context\n");
     EXPECT_FALSE(zon_timer_running(&flow->timer));
-    EXPECT_EQ(deletions.size(), 1U);
+    EXPECT_EQ(noted_deletions.size(), 1U);
 }
 
 TEST_F(ager, says_no_flow_context_for_the_identifier_0) {
@@ -173,7 +164,7 @@ TEST_F(ager, says_nothing_when_flows_age_or_live_on) {
     handle(udp_from(1));
     advance_sec(20);
     EXPECT_EQ(out.text(), "");
-    EXPECT_EQ(deletions.size(), 1U);
+    EXPECT_EQ(noted_deletions.size(), 1U);
 }
 
 TEST_F(ager, takes_a_flow_that_was_marked_by_hand_for_aged_although_it_stays) {
@@ -187,7 +178,7 @@ TEST_F(ager, takes_a_flow_that_was_marked_by_hand_for_aged_although_it_stays) {
     EXPECT_NE(trace.text().find("aged out flow"), std::string::npos);
     EXPECT_EQ(record_of(fid), flow);
     EXPECT_FALSE(zon_timer_running(&flow->timer));
-    EXPECT_TRUE(deletions.empty());
+    EXPECT_TRUE(noted_deletions.empty());
     flow->marked_for_delete = 0;
 }
 
@@ -204,18 +195,18 @@ TEST_F(ager, comes_back_for_a_flow_that_a_client_keeps_locked) {
     meet.arrive_and_wait();
     advance_sec(6);
     EXPECT_EQ(record_of(fid), flow);
-    EXPECT_TRUE(deletions.empty());
+    EXPECT_TRUE(noted_deletions.empty());
     EXPECT_TRUE(zon_timer_running(&flow->timer));
     meet.arrive_and_wait();
     keeper.join();
     advance_ms(100);
-    EXPECT_EQ(deletions, (std::vector<told>{{fid, timed_out}}));
+    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{fid, timed_out}}));
 }
 
 TEST_F(ager, may_be_called_by_hand_for_an_idle_flow) {
     const zon_fid_t fid = handle(udp_from(1)).fid;
     expire(record_of(fid));
-    EXPECT_EQ(deletions, (std::vector<told>{{fid, timed_out}}));
+    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{fid, timed_out}}));
 }
 
 // ---- timers that are started, stopped and missing ----
@@ -248,8 +239,8 @@ TEST_F(ager_without_a_wheel, starts_nothing_and_says_nothing) {
 // ---- what a callback does while a flow ages ----
 
 void make_a_flow(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e reason, zon_client_id_e) {
-    deletions.push_back({fid, reason});
-    if (deletions.size() == 1)
+    noted_deletions.push_back({fid, reason});
+    if (noted_deletions.size() == 1)
         engine_call(udp_from(999)).run();
 }
 
@@ -257,10 +248,10 @@ TEST_F(ager, lets_a_delete_callback_create_flows) {
     ASSERT_EQ(zon_client_register_delete_cb(client, make_a_flow), zon_error_none);
     handle(udp_from(1));
     advance_sec(6);
-    EXPECT_EQ(deletions.size(), 1U);
+    EXPECT_EQ(noted_deletions.size(), 1U);
     EXPECT_EQ(flows_in_use(), 1U);
     advance_sec(6);
-    EXPECT_EQ(deletions.size(), 2U);
+    EXPECT_EQ(noted_deletions.size(), 2U);
 }
 
 // ---- fragments ----

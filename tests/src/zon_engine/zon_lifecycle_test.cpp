@@ -11,6 +11,7 @@
 #include "support/captured_output.h"
 #include "support/engine_fixture.h"
 #include "support/flow_reader.h"
+#include "support/noted_deletions.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_frag.h"
 #include "zon_super_ctx_table.h"
@@ -19,6 +20,9 @@ namespace {
 
 using zon_test::captured_output;
 using zon_test::failing_table_memory;
+using zon_test::note_deletion;
+using zon_test::noted_deletion;
+using zon_test::noted_deletions;
 using zon_test::packet_builder;
 
 zon_error_t init_small() { return zon_init(100, 7000, 10, 4, 3, 16, 10); }
@@ -239,21 +243,11 @@ TEST_F(engine_life, has_fewer_client_ids_when_memory_ends_while_they_are_made) {
 
 // ---- destruction with flows ----
 
-struct told {
-    zon_fid_t fid;
-    zon_flow_deletion_reason_e reason;
-    bool operator==(const told&) const = default;
-};
-std::vector<told> deletions;
-void note_deletion(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e reason, zon_client_id_e) {
-    deletions.push_back({fid, reason});
-}
-
 class busy_engine : public zon_test::engine_fixture {
 protected:
     void SetUp() override {
         engine_fixture::SetUp();
-        deletions.clear();
+        noted_deletions.clear();
         ASSERT_EQ(zon_client_register_delete_cb(client, note_deletion), zon_error_none);
         for (const uint16_t port : {uint16_t{1}, uint16_t{2}, uint16_t{3}})
             handle(packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(port, 53));
@@ -265,7 +259,7 @@ TEST_F(busy_engine, deletes_every_flow_when_it_is_destroyed) {
     captured_output trace(stderr);
     EXPECT_EQ(zon_destroy(), zon_error_none);
     zon_debug_flag_engine = false;
-    EXPECT_EQ(deletions, (std::vector<told>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
+    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
                                             {2, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
                                             {3, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED}}));
     EXPECT_NE(trace.text().find("\nZON Engine: Deleting table with 6 flows."), std::string::npos)
@@ -275,7 +269,7 @@ TEST_F(busy_engine, deletes_every_flow_when_it_is_destroyed) {
 TEST_F(busy_engine, passes_over_a_flow_that_was_marked_by_hand) {
     zon_inst_mark_flow_for_delete(zon_test::record_of(2));
     EXPECT_EQ(zon_destroy(), zon_error_none);
-    EXPECT_EQ(deletions, (std::vector<told>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
+    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
                                             {3, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED}}));
 }
 
@@ -283,10 +277,10 @@ TEST_F(busy_engine, keeps_its_flows_when_it_refuses_to_be_destroyed) {
     g_zon->in_use = true;
     EXPECT_EQ(zon_destroy(), zon_error_zon_table_access_failed);
     g_zon->in_use = false;
-    EXPECT_TRUE(deletions.empty());
+    EXPECT_TRUE(noted_deletions.empty());
     EXPECT_EQ(zon_test::flows_in_use(), 3U);
     advance_sec(10);
-    EXPECT_EQ(deletions.size(), 3U) << "timers run on";
+    EXPECT_EQ(noted_deletions.size(), 3U) << "timers run on";
 }
 
 // ---- restart ----
@@ -297,7 +291,7 @@ TEST_F(busy_engine, comes_back_with_parameters_and_capabilities_and_without_clie
     const zon_capability_counter_t counters = g_zon->params.capability_counter;
     ASSERT_EQ(counters.zon_engine_flow_tcp, 1U);
     EXPECT_TRUE(zon_restart());
-    EXPECT_EQ(deletions.size(), 3U);
+    EXPECT_EQ(noted_deletions.size(), 3U);
     EXPECT_EQ(g_zon->params.max_flows, parameters.max_flows);
     EXPECT_EQ(g_zon->params.pre_flow_timer, parameters.pre_flow_timer);
     EXPECT_EQ(g_zon->params.min_init_flows, parameters.min_init_flows);

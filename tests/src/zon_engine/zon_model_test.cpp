@@ -5,9 +5,9 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <string>
 
+#include "support/environment.h"
 #include "support/model_script.h"
 
 namespace {
@@ -16,11 +16,6 @@ using namespace zon_test;
 
 constexpr size_t steps_of_a_script = 20000;
 constexpr int attempts_to_shorten = 400;
-
-uint32_t from_environment(const char* name, uint32_t otherwise) {
-    const char* text = std::getenv(name);
-    return text != nullptr ? static_cast<uint32_t>(std::strtoul(text, nullptr, 10)) : otherwise;
-}
 
 std::string report(uint32_t seed, const std::vector<script_step>& script, const script_result& result) {
     std::string text = "seed " + std::to_string(seed) + ", step " + std::to_string(*result.failed_at) + ": " +

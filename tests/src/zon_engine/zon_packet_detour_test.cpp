@@ -4,7 +4,7 @@
 
 #include <vector>
 
-#include "support/engine_fixture.h"
+#include "support/packet_outcome.h"
 #include "support/sample_packets.h"
 #include "zon_flow_table_inline.h"
 #include "zon_frag.h"
@@ -14,19 +14,6 @@ using namespace zon_test;
 namespace {
 
 class tunnelled_packets : public engine_fixture {};
-
-zon_flow_tuple_t tuple_of(zon_fid_t fid) {
-    zon_flow_tuple_t tuple{};
-    EXPECT_EQ(zon_flow_get_tuple(fid, ZON_DIR_INITIATOR, &tuple), zon_error_none);
-    return tuple;
-}
-
-void expect_not_classified(const packet_result& result) {
-    EXPECT_EQ(result.fid, 0u);
-    EXPECT_EQ(result.error, zon_error_none);
-    EXPECT_EQ(result.indications.packet_seen, 1);
-    EXPECT_EQ(result.indications.flow, 0u);
-}
 
 }  // namespace
 

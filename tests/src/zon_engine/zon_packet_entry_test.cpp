@@ -5,7 +5,8 @@
 
 #include <cstring>
 
-#include "support/engine_fixture.h"
+#include "support/packet_outcome.h"
+#include "support/preset_indications.h"
 #include "support/sample_packets.h"
 #include "zon_engine_inline.h"
 
@@ -19,19 +20,6 @@ class packet_entry_without_capabilities : public engine_fixture {
 protected:
     packet_entry_without_capabilities() { parameters.capabilities = 0; }
 };
-
-zon_flow_tuple_t tuple_of(zon_fid_t fid) {
-    zon_flow_tuple_t tuple{};
-    EXPECT_EQ(zon_flow_get_tuple(fid, ZON_DIR_INITIATOR, &tuple), zon_error_none);
-    return tuple;
-}
-
-void expect_not_classified(const packet_result& result) {
-    EXPECT_EQ(result.fid, 0u);
-    EXPECT_EQ(result.error, zon_error_none);
-    EXPECT_EQ(result.indications.packet_seen, 1);
-    EXPECT_EQ(result.indications.flow, 0u);
-}
 
 }  // namespace
 
@@ -181,22 +169,8 @@ TEST_F(packet_entry, overwrites_whatever_the_indications_held) {
     std::memset(&seen, 0xEE, sizeof seen);
     zon_error_t error;
     zon_handle_packet(packet.data(), 0, nullptr, &seen, &error);
-    EXPECT_EQ(seen.flow, 0u);
-    EXPECT_EQ(seen.l7_flow_bytes, 0u);
-    EXPECT_EQ(seen.flow_pkt_count, 0u);
-    EXPECT_EQ(seen.l4_payload_size, 0u);
-    EXPECT_EQ(seen.bypass_id, 0u);
-    EXPECT_EQ(seen.l4_port.src_port, 0);
-    EXPECT_EQ(seen.l4_port.dst_port, 0);
-    EXPECT_EQ(seen.is_initiator, 0);
-    EXPECT_EQ(seen.fif, 0);
-    EXPECT_EQ(seen.lif, 0);
-    EXPECT_EQ(seen.first_payload, 0);
-    EXPECT_EQ(seen.was_promoted, 0);
+    expect_preset(seen);
     EXPECT_EQ(seen.is_fragment, 0);
-    EXPECT_EQ(seen.l4_error, ZON_L4_NOERR);
-    EXPECT_EQ(seen.l4_start, nullptr);
-    EXPECT_EQ(seen.l7_start, nullptr);
     EXPECT_EQ(seen.hash_valid, 0xEEEEEEEE) << "the host's own input stays";
     EXPECT_EQ(seen.hash_value, 0xEEEEEEEE);
 }

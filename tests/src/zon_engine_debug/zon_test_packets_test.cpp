@@ -7,6 +7,7 @@
 #include "src/zon_api/api_fixture.h"
 #include "support/allocation_faults.h"
 #include "support/flow_reader.h"
+#include "support/preset_indications.h"
 
 using namespace zon_test;
 
@@ -184,24 +185,9 @@ TEST_P(every_handler, presets_the_indications_of_a_refused_packet) {
     const handled result = packet(syn());
     EXPECT_EQ(result.fid, 0u);
     EXPECT_EQ(result.error, zon_error_client_pre_create_prevented);
-    const zon_pkt_indications_t& seen = result.seen;
-    EXPECT_EQ(seen.flow, 0u);
-    EXPECT_EQ(seen.l7_flow_bytes, 0u);
-    EXPECT_EQ(seen.flow_pkt_count, 0u);
-    EXPECT_EQ(seen.l4_payload_size, 0u);
-    EXPECT_EQ(seen.bypass_id, 0u);
-    EXPECT_EQ(seen.l4_port.src_port, 0);
-    EXPECT_EQ(seen.l4_port.dst_port, 0);
-    EXPECT_EQ(seen.is_initiator, 0);
-    EXPECT_EQ(seen.fif, 0);
-    EXPECT_EQ(seen.lif, 0);
-    EXPECT_EQ(seen.first_payload, 0);
-    EXPECT_EQ(seen.was_promoted, 0);
-    EXPECT_EQ(seen.packet_seen, 1);
-    EXPECT_EQ(seen.l4_error, ZON_L4_NOERR);
-    EXPECT_NE(seen.l3_start, nullptr);
-    EXPECT_EQ(seen.l4_start, nullptr);
-    EXPECT_EQ(seen.l7_start, nullptr);
+    expect_preset(result.seen);
+    EXPECT_EQ(result.seen.packet_seen, 1);
+    EXPECT_NE(result.seen.l3_start, nullptr);
 }
 
 void* context_seen;

@@ -57,6 +57,10 @@ inline bytes ipv4_packet(const ipv4_fields& fields, const bytes& payload) {
            be32(fields.from) + be32(fields.to) + payload;
 }
 
+inline bytes udp_from_port(uint16_t port) {
+    return ipv4_packet({}, udp_segment(port, 53, 10));
+}
+
 // From 2001:db8::FROM to 2001:db8::TO.
 inline bytes ipv6_packet(uint8_t next_header, const bytes& payload, uint8_t from = 1,
                          uint8_t to = 2) {

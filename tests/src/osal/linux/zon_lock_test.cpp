@@ -14,18 +14,11 @@
 #include <thread>
 #include <vector>
 
+#include "support/lock_level.h"
+
 namespace {
 
-// Whether another thread could take the lock now.
-bool free_for_others(zon_lock_t lock) {
-    bool taken = false;
-    std::thread([&] {
-        taken = zon_try_lock_internal(lock);
-        if (taken)
-            zon_unlock_internal(lock);
-    }).join();
-    return taken;
-}
+using zon_test::is_free_for_others;
 
 class single_lock : public ::testing::Test {
 protected:
@@ -82,30 +75,30 @@ TEST(lock_memory, outlives_the_destruction_of_the_lock) {
 TEST_F(single_lock, taken_twice_needs_two_unlocks) {
     EXPECT_EQ(zon_lock_internal(lock), 0);
     EXPECT_EQ(zon_lock_internal(lock), 0);
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     EXPECT_EQ(zon_unlock_internal(lock), 0);
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     EXPECT_EQ(zon_unlock_internal(lock), 0);
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 TEST_F(single_lock, is_tried_recursively_by_its_holder) {
     EXPECT_TRUE(zon_try_lock_internal(lock));
     EXPECT_TRUE(zon_try_lock_internal(lock));
     zon_unlock_internal(lock);
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     zon_unlock_internal(lock);
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 TEST_F(single_lock, is_not_let_go_by_a_thread_that_does_not_hold_it) {
     EXPECT_EQ(zon_unlock_internal(lock), EPERM) << "nobody holds it";
     zon_lock_internal(lock);
     std::thread([this] { EXPECT_EQ(zon_unlock_internal(lock), EPERM); }).join();
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     EXPECT_EQ(zon_unlock_internal(lock), 0);
     EXPECT_EQ(zon_unlock_internal(lock), EPERM) << "once too often";
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 // Each waits long enough to fall asleep, since the holder lets go only when all of them sleep.
@@ -128,7 +121,7 @@ TEST_F(single_lock, wakes_everybody_who_fell_asleep_over_it) {
         sleeper.join();
     EXPECT_EQ(served, static_cast<int>(threads));
     EXPECT_EQ(lock_at(lock)->waiting.load() & lock_detail::sleepers_mask, 0u);
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 // Only the first sleep is short: whoever lets the lock go may have missed the one who falls asleep.
@@ -192,7 +185,7 @@ TEST_F(single_lock, keeps_levels_apart_from_those_of_other_threads) {
     EXPECT_EQ(strangers, 0);
     EXPECT_EQ(zon_unlock_internal(lock), EPERM) << "a level was left";
     EXPECT_EQ(lock_at(lock)->waiting.load() & lock_detail::sleepers_mask, 0u);
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 // Whoever forks goes on in the child, with the same locks.
@@ -207,26 +200,26 @@ TEST_F(single_lock, is_held_by_the_thread_that_forked_in_its_child_too) {
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
     EXPECT_EQ(status, 0);
-    EXPECT_FALSE(free_for_others(lock)) << "what a child does is its own";
+    EXPECT_FALSE(is_free_for_others(lock)) << "what a child does is its own";
     zon_unlock_internal(lock);
 }
 
 TEST_F(single_lock, is_held_for_the_scope_of_a_holder) {
     {
         const held_lock held(lock);
-        EXPECT_FALSE(free_for_others(lock));
+        EXPECT_FALSE(is_free_for_others(lock));
     }
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 TEST_F(single_lock, is_released_once_by_a_holder_that_was_moved_or_released_early) {
     held_lock first(lock);
     held_lock second(std::move(first));
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     second.release();
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
     second.release();
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 TEST_F(single_lock, of_a_flow_is_released_with_its_scope) {
@@ -237,9 +230,9 @@ TEST_F(single_lock, of_a_flow_is_released_with_its_scope) {
         const locked_flow held = locked_flow::adopt(&flow);
         EXPECT_TRUE(held);
         EXPECT_EQ(held.get(), &flow);
-        EXPECT_FALSE(free_for_others(lock));
+        EXPECT_FALSE(is_free_for_others(lock));
     }
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 TEST_F(single_lock, of_a_flow_that_is_handed_over_stays_held) {
@@ -247,7 +240,7 @@ TEST_F(single_lock, of_a_flow_that_is_handed_over_stays_held) {
     flow.flow_lock = lock;
     zon_lock_internal(lock);
     EXPECT_EQ(locked_flow::adopt(&flow).hand_over(), &flow);
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     zon_unlock_internal(lock);
 }
 
@@ -258,7 +251,7 @@ TEST_F(single_lock, of_a_flow_is_released_when_its_holder_takes_another_flow) {
     locked_flow held = locked_flow::adopt(&flow);
     held = locked_flow();
     EXPECT_FALSE(held);
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
 }
 
 TEST_F(lock_pool, is_a_row_of_locks_that_share_no_cache_line) {
@@ -277,8 +270,8 @@ TEST(large_lock_pool, has_several_locks_on_a_line_and_none_on_two) {
     EXPECT_EQ(reinterpret_cast<uintptr_t>(zon_lock_get_pool_lock(pool, 0)) % 64, 0u);
     for (const int entry : {0, 1, many - 1})
         EXPECT_EQ(zon_lock_pool_internal(pool, entry), 0);
-    EXPECT_FALSE(free_for_others(zon_lock_get_pool_lock(pool, many - 1)));
-    EXPECT_TRUE(free_for_others(zon_lock_get_pool_lock(pool, many - 2)));
+    EXPECT_FALSE(is_free_for_others(zon_lock_get_pool_lock(pool, many - 1)));
+    EXPECT_TRUE(is_free_for_others(zon_lock_get_pool_lock(pool, many - 2)));
     for (const int entry : {0, 1, many - 1})
         EXPECT_EQ(zon_unlock_pool_internal(pool, entry), 0);
     zon_lock_destroy_pool(pool, many);
@@ -292,12 +285,12 @@ TEST_F(single_lock, refuses_a_level_that_it_cannot_count_and_stays_held) {
     EXPECT_EQ(levels, most);
     EXPECT_EQ(zon_lock_internal(lock), EAGAIN);
     EXPECT_FALSE(zon_try_lock_internal(lock));
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     for (; levels > 1; --levels)
         ASSERT_EQ(zon_unlock_internal(lock), 0);
-    EXPECT_FALSE(free_for_others(lock));
+    EXPECT_FALSE(is_free_for_others(lock));
     EXPECT_EQ(zon_unlock_internal(lock), 0);
-    EXPECT_TRUE(free_for_others(lock));
+    EXPECT_TRUE(is_free_for_others(lock));
     EXPECT_EQ(zon_unlock_internal(lock), EPERM);
 }
 
@@ -307,16 +300,16 @@ TEST_F(lock_pool, lets_one_thread_lock_an_entry_twice_in_sequence) {
     EXPECT_EQ(zon_lock_pool_internal(pool, seven), 0);
     EXPECT_EQ(zon_lock_pool_internal(pool, eleven), 0);
     EXPECT_EQ(zon_unlock_pool_internal(pool, eleven), 0);
-    EXPECT_FALSE(free_for_others(zon_lock_get_pool_lock(pool, seven)));
+    EXPECT_FALSE(is_free_for_others(zon_lock_get_pool_lock(pool, seven)));
     EXPECT_EQ(zon_unlock_pool_internal(pool, seven), 0);
-    EXPECT_TRUE(free_for_others(zon_lock_get_pool_lock(pool, seven)));
+    EXPECT_TRUE(is_free_for_others(zon_lock_get_pool_lock(pool, seven)));
 }
 
 TEST_F(lock_pool, locks_its_entries_one_by_one) {
     for (int entry = 0; entry < size; ++entry) {
         EXPECT_EQ(zon_lock_pool_internal(pool, entry), 0);
         for (int other = 0; other < size; ++other)
-            EXPECT_EQ(free_for_others(zon_lock_get_pool_lock(pool, other)), other != entry);
+            EXPECT_EQ(is_free_for_others(zon_lock_get_pool_lock(pool, other)), other != entry);
         EXPECT_EQ(zon_unlock_pool_internal(pool, entry), 0);
     }
 }
