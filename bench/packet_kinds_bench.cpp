@@ -1,6 +1,6 @@
-// packet_kinds_bench.cpp - what packets cost that are not plain: options, extension headers, tunnels,
-// fragments. Each row sends one packet of a known flow over and over, so that no memory is waited
-// for.
+// packet_kinds_bench.cpp - what packets cost that are not plain: options, extension headers,
+// tunnels, fragments. Each row sends one packet of a known flow over and over, so that no memory is
+// waited for.
 
 #include <string>
 

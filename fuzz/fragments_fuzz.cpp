@@ -1,7 +1,7 @@
 // fragments_fuzz.cpp - fragments of both families in any order, beside a map of datagrams.
 //
-// First, middle and last fragments of many datagrams, bursts of first ones that fill the table, flows
-// that are deleted in between, and time that passes.
+// First, middle and last fragments of many datagrams, bursts of first ones that fill the table,
+// flows that are deleted in between, and time that passes.
 //
 // Holds  a later fragment gets the flow of its datagram's first one, as long as that flow lives and
 //        30 seconds at most; the table counts what the map holds, and never more than it has room

@@ -154,10 +154,9 @@ private:
         set_key(&one.halves[0], first);
         set_key(&one.halves[1], second);
         const held_lock held(one.flow.flow_lock);
-        const auto result =
-            zon_hashset_insert_pair(set_, &one.halves[0], static_cast<int>(bucket_of(first)),
-                                    &one.halves[1], static_cast<int>(bucket_of(second)), is_same,
-                                    note_linked, &one.told_linked);
+        const auto result = zon_hashset_insert_pair(
+            set_, &one.halves[0], static_cast<int>(bucket_of(first)), &one.halves[1],
+            static_cast<int>(bucket_of(second)), is_same, note_linked, &one.told_linked);
         require(one.told_linked == (result == pair_insert_result::linked), "told when linked");
         one.told_linked = false;
         require(result == put(one, first, second), "a pair goes in where there is room");

@@ -25,9 +25,9 @@ const tcp_test::rule_book& book() {
 
 // A number that one side or the other may expect, or one of its neighbours, or one far away.
 uint32_t number_near(const zon_l4_state_t& l4, uint8_t choice, uint8_t offset) {
-    const std::array<uint32_t, 8> expected = {
-        l4.i_info.sndnxt, l4.r_info.sndnxt, l4.i_info.rcvnxt, l4.r_info.rcvnxt,
-        l4.i_info.rcvlmt, l4.r_info.rcvlmt, l4.i_info.iseq,   l4.r_info.iseq};
+    const std::array<uint32_t, 8> expected = {l4.i_info.sndnxt, l4.r_info.sndnxt, l4.i_info.rcvnxt,
+                                              l4.r_info.rcvnxt, l4.i_info.rcvlmt, l4.r_info.rcvlmt,
+                                              l4.i_info.iseq,   l4.r_info.iseq};
     const uint32_t distance = static_cast<uint32_t>(static_cast<int8_t>(offset));
     return expected[choice % 8] + (choice < 128 ? distance : distance << (choice >> 3 & 15));
 }

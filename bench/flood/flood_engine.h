@@ -1,6 +1,7 @@
 // flood_engine.h - the engine that is flooded, with its clock and what a host counts of it.
 //
-// Threads  one or two hand in packets, one turns the clock. With the system's clock the engine's timer thread runs beside it.
+// Threads  one or two hand in packets, one turns the clock. With the system's clock the engine's
+//          timer thread runs beside it.
 
 #pragma once
 

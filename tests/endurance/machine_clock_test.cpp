@@ -66,8 +66,8 @@ protected:
         ASSERT_EQ(zon_client_register_delete_cb(client, told_deleted), zon_error_none);
     }
 
-    // Told by the timer thread. To ask for the flow again and again would keep it locked, and its end
-    // would be put off.
+    // Told by the timer thread. To ask for the flow again and again would keep it locked, and its
+    // end would be put off.
     static void told_deleted(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e,
                              zon_client_id_e) {
         ++ended;

@@ -175,8 +175,9 @@ ZON_REPLACED(void*, _Z24zon_private_chunk_malloc15zon_memory_typePv, zon_memory_
 ZON_REPLACED(uint32_t, _Z29zon_private_chunk_malloc_many15zon_memory_typePPvjS0_,
              zon_memory_type type, void** records, uint32_t wanted, void* chunks) {
     uint32_t taken = 0;
-    while (taken < wanted && (records[taken] = __wrap__Z24zon_private_chunk_malloc15zon_memory_typePv(
-                                  type, chunks)) != nullptr)
+    while (taken < wanted &&
+           (records[taken] =
+                __wrap__Z24zon_private_chunk_malloc15zon_memory_typePv(type, chunks)) != nullptr)
         ++taken;
     return taken;
 }

@@ -2,7 +2,8 @@
 //
 // The program is linked so that every such request of the code in it comes here first
 // (tests/CMakeLists.txt): the heap in all its forms, the records of the engine's chunks,
-// threads, and places in the runtime's tables of managers and wheels. What the system's libraries ask for on their own is not touched.
+// threads, and places in the runtime's tables of managers and wheels. What the system's libraries
+// ask for on their own is not touched.
 
 #pragma once
 

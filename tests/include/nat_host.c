@@ -1,5 +1,5 @@
-/* nat_host.c - a host that replaces the library's NAT hooks by defining them, and sees replies to the translated address
- * find the flow. */
+/* nat_host.c - a host that replaces the library's NAT hooks by defining them, and sees replies to
+ * the translated address find the flow. */
 #include <stdio.h>
 #include <string.h>
 #include <zon.h>
@@ -18,8 +18,8 @@ bool zon_ipnat_enabled(void* pkt_ctx) {
     return pkt_ctx != NULL;
 }
 
-bool zon_ipv4nat_fixup_ip_port(void* pkt_ctx, uint32_t* src_ip, uint16_t* src_port, uint32_t* dst_ip,
-                               uint16_t* dst_port, uint8_t protocol) {
+bool zon_ipv4nat_fixup_ip_port(void* pkt_ctx, uint32_t* src_ip, uint16_t* src_port,
+                               uint32_t* dst_ip, uint16_t* dst_port, uint8_t protocol) {
     (void)pkt_ctx, (void)dst_ip, (void)dst_port;
     if (*src_ip != inside || *src_port != 4000 || protocol != 17)
         return false;
@@ -47,14 +47,17 @@ int main(void) {
     int context = 0, wrong = 0;
     zon_client_id_e me;
     zon_pkt_indications_t seen;
-    if (zon_init(100, 0, 10, 2, 0, 16, 10) != zon_error_none || zon_client_feature_register(&me) != zon_error_none)
+    if (zon_init(100, 0, 10, 2, 0, 16, 10) != zon_error_none ||
+        zon_client_feature_register(&me) != zon_error_none)
         return 2;
     zon_client_enable_engine_capability(me, ZON_CAPABILITY_ENABLE_UDP);
 
     zon_fid_t flow = hand_in(inside, 4000, server, 53, &context, &seen);
-    wrong += check(flow != 0 && asked == 1 && translated == 1, "the hooks of the host were called for the new flow");
-    wrong += check(hand_in(server, 53, outside, 62000, &context, &seen) == flow && !seen.is_initiator,
-                   "a reply to the translated address belongs to the flow");
+    wrong += check(flow != 0 && asked == 1 && translated == 1,
+                   "the hooks of the host were called for the new flow");
+    wrong +=
+        check(hand_in(server, 53, outside, 62000, &context, &seen) == flow && !seen.is_initiator,
+              "a reply to the translated address belongs to the flow");
     wrong += check(hand_in(inside, 4000, server, 53, &context, &seen) == flow && seen.is_initiator,
                    "the initiator keeps its own address");
     wrong += check(hand_in(server, 53, inside, 4000, NULL, &seen) != flow,

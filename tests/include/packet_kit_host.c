@@ -1,5 +1,6 @@
-/* packet_kit_host.c - a host without a network: it drives the engine with packets made of plain fields, and prints and
- * reads what operators look at. It has only include/ and the shared library. */
+/* packet_kit_host.c - a host without a network: it drives the engine with packets made of plain
+ * fields, and prints and reads what operators look at. It has only include/ and the shared
+ * library. */
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>

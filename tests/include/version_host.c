@@ -1,4 +1,5 @@
-/* version_host.c - what the headers tell of their version is the version that the project is built as. */
+/* version_host.c - what the headers tell of their version is the version that the project is built
+ * as. */
 #include <stdio.h>
 #include <string.h>
 #include <zon.h>

@@ -103,8 +103,8 @@ inline constexpr std::array<uint32_t, 7> client_ids = {30, 29, 28, 5, observer, 
 // Connections between a few hosts: two families, two protocols, and hosts that talk to themselves.
 connection_tuple tuple_of(const operation& step);
 
-// An operation made of any bytes: kinds come as often as they weigh, numbers are brought within their
-// limits, and those that the kind does not use are 0.
+// An operation made of any bytes: kinds come as often as they weigh, numbers are brought within
+// their limits, and those that the kind does not use are 0.
 operation operation_of(uint16_t kind, const std::array<uint8_t, fields>& numbers);
 
 using script = std::vector<operation>;

@@ -1,4 +1,5 @@
-// zon_fid_table_test.cpp - records are made in blocks, locked on hand-over, reset and reused first freed first.
+// zon_fid_table_test.cpp - records are made in blocks, locked on hand-over, reset and reused first
+// freed first.
 
 #include "zon_fid_table.h"
 
@@ -93,8 +94,10 @@ TEST_F(fid_table_of_25, grows_by_blocks_of_ten_and_a_last_one_of_five) {
         ASSERT_NE(take(), nullptr);
         made.push_back(table()->allocated);
     }
-    EXPECT_EQ(std::vector<uint32_t>(made.begin(), made.begin() + 10), std::vector<uint32_t>(10, 10));
-    EXPECT_EQ(std::vector<uint32_t>(made.begin() + 10, made.begin() + 20), std::vector<uint32_t>(10, 20));
+    EXPECT_EQ(std::vector<uint32_t>(made.begin(), made.begin() + 10),
+              std::vector<uint32_t>(10, 10));
+    EXPECT_EQ(std::vector<uint32_t>(made.begin() + 10, made.begin() + 20),
+              std::vector<uint32_t>(10, 20));
     EXPECT_EQ(std::vector<uint32_t>(made.begin() + 20, made.end()), std::vector<uint32_t>(5, 25));
     EXPECT_EQ(take(), nullptr);
 }
@@ -103,7 +106,8 @@ TEST_F(fid_table_of_25, lists_every_record_in_the_flow_table_in_the_order_of_the
     for (int i = 0; i < 25; ++i)
         take();
     zon_fid_t expected = 1;
-    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow)
+    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
+         flow = flow->next_flow)
         EXPECT_EQ(flow->fid, expected++);
     EXPECT_EQ(expected, 26U);
 }
@@ -119,7 +123,8 @@ TEST_F(fid_table, hands_a_new_record_over_locked_once_and_in_its_slot) {
 }
 
 TEST_F(fid_table, marks_records_for_deletion_exactly_while_they_are_free) {
-    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow)
+    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
+         flow = flow->next_flow)
         EXPECT_TRUE(flow->marked_for_delete) << "fid " << flow->fid;
     zon_flow_t* flow = take();
     EXPECT_FALSE(flow->marked_for_delete);
@@ -154,7 +159,8 @@ TEST_F(fid_table, hides_a_flow_that_is_dying) {
     EXPECT_EQ(levels_held(flow->flow_lock), 0);
     {
         const deletion_in_progress on_this_thread(flow);
-        EXPECT_TRUE(zon_fid_table_lookup(table(), flow->fid)) << "the deleting thread itself still sees it";
+        EXPECT_TRUE(zon_fid_table_lookup(table(), flow->fid))
+            << "the deleting thread itself still sees it";
     }
     zon_flow_set_dying(flow, false);
 }
@@ -167,13 +173,15 @@ protected:
 TEST_F(fid_table_DeathTest, stops_the_program_for_an_identifier_above_its_capacity) {
     EXPECT_DEATH((void)zon_fid_table_lookup(table(), table()->capacity + 1),
                  "Assertion `fid_is_valid\\(fid_table, fid\\)' failed");
-    EXPECT_DEATH(recycle(table()->capacity + 1), "Assertion `fid_is_valid\\(fid_table, fid\\)' failed");
+    EXPECT_DEATH(recycle(table()->capacity + 1),
+                 "Assertion `fid_is_valid\\(fid_table, fid\\)' failed");
     EXPECT_DEATH(recycle(0), "Assertion `fid_is_valid\\(fid_table, fid\\)' failed");
 }
 
 TEST_F(fid_table_DeathTest, must_exist) {
     EXPECT_DEATH((void)zon_fid_table_lookup(nullptr, 1), "Assertion `fid_table' failed");
-    EXPECT_DEATH(zon_fid_table_new_flow(nullptr), "zon_fid_table_new_flow: Assertion `fid_table' failed");
+    EXPECT_DEATH(zon_fid_table_new_flow(nullptr),
+                 "zon_fid_table_new_flow: Assertion `fid_table' failed");
 }
 
 TEST_F(fid_table, recycles_nothing_without_a_table_and_an_empty_slot_only_once) {
@@ -196,13 +204,16 @@ protected:
 TEST_F(fid_table_with_three_locks, gives_each_record_the_lock_of_its_number_modulo_the_pool) {
     for (int i = 0; i < 12; ++i)
         take();
-    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr; flow = flow->next_flow)
-        EXPECT_EQ(flow->flow_lock, zon_lock_get_pool_lock(table()->locks, static_cast<int>((flow->fid - 1) % 3)))
+    for (const zon_flow_t* flow = g_zon->flow_tbl->flow_head; flow != nullptr;
+         flow = flow->next_flow)
+        EXPECT_EQ(flow->flow_lock,
+                  zon_lock_get_pool_lock(table()->locks, static_cast<int>((flow->fid - 1) % 3)))
             << "fid " << flow->fid;
     EXPECT_EQ(table()->lock_pool_size, 3U);
 }
 
-TEST_F(fid_table_with_three_locks, hands_out_a_flow_whose_lock_this_thread_holds_through_another_one) {
+TEST_F(fid_table_with_three_locks,
+       hands_out_a_flow_whose_lock_this_thread_holds_through_another_one) {
     zon_flow_t* first = zon_fid_table_new_flow(table());
     first->initiator_flow = first->responder_flow = nullptr;
     take();

@@ -23,13 +23,19 @@ struct type_row {
     bool announced;
     uint32_t reversed;
 };
-constexpr type_row type_rows[] = {
-    {ZON_IPV4_KEY_COMPLETE, 0, true, false, 0},          {ZON_IPV4_KEY_DST_IP_PORT_ONLY, 1, true, true, 2},
-    {ZON_IPV4_KEY_SRC_IP_PORT_ONLY, 2, true, true, 1},   {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, 3, true, true, 3},
-    {ZON_IPV4_KEY_VRF_STAR, 4, true, true, 4},           {ZON_IPV6_KEY_COMPLETE, 5, false, false, 5},
-    {ZON_IPV6_KEY_DST_IP_PORT_ONLY, 6, false, true, 7},  {ZON_IPV6_KEY_SRC_IP_PORT_ONLY, 7, false, true, 6},
-    {ZON_IPV6_KEY_PRE_FLOW_COMPLETE, 8, false, true, 8}, {ZON_IPV6_KEY_VRF_STAR, 9, false, true, 9}};
-void PrintTo(const type_row& row, std::ostream* os) { *os << key_type_name(row.type); }
+constexpr type_row type_rows[] = {{ZON_IPV4_KEY_COMPLETE, 0, true, false, 0},
+                                  {ZON_IPV4_KEY_DST_IP_PORT_ONLY, 1, true, true, 2},
+                                  {ZON_IPV4_KEY_SRC_IP_PORT_ONLY, 2, true, true, 1},
+                                  {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, 3, true, true, 3},
+                                  {ZON_IPV4_KEY_VRF_STAR, 4, true, true, 4},
+                                  {ZON_IPV6_KEY_COMPLETE, 5, false, false, 5},
+                                  {ZON_IPV6_KEY_DST_IP_PORT_ONLY, 6, false, true, 7},
+                                  {ZON_IPV6_KEY_SRC_IP_PORT_ONLY, 7, false, true, 6},
+                                  {ZON_IPV6_KEY_PRE_FLOW_COMPLETE, 8, false, true, 8},
+                                  {ZON_IPV6_KEY_VRF_STAR, 9, false, true, 9}};
+void PrintTo(const type_row& row, std::ostream* os) {
+    *os << key_type_name(row.type);
+}
 
 class key_type : public ::testing::TestWithParam<type_row> {
 protected:
@@ -184,7 +190,8 @@ TEST(ipv6_key_DeathTest, of_a_type_outside_its_family_stops_the_program) {
     const uint32_t address[4] = {};
     for (const uint8_t type : {uint8_t{4}, uint8_t{10}})
         EXPECT_DEATH(zon_set_key_ipv6(&key, type, address, address, 1, 2, 6, 0),
-                     "Assertion `\\(key_type >= ZON_IPV6_FIRST_KEY\\) && \\(key_type <= ZON_IPV6_LAST_KEY\\)' failed");
+                     "Assertion `\\(key_type >= ZON_IPV6_FIRST_KEY\\) && \\(key_type <= "
+                     "ZON_IPV6_LAST_KEY\\)' failed");
 }
 
 }  // namespace

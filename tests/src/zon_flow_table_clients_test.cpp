@@ -1,4 +1,5 @@
-// zon_flow_table_clients_test.cpp - a client's feature objects are taken off every flow and handed back.
+// zon_flow_table_clients_test.cpp - a client's feature objects are taken off every flow and handed
+// back.
 
 #include <gtest/gtest.h>
 
@@ -19,8 +20,8 @@ struct told {
     bool operator==(const told&) const = default;
 };
 std::vector<told> deletions;
-void note_deletion(zon_flow_ptr_t fid, void* initiator, void* responder, void* flow, zon_flow_deletion_reason_e reason,
-                   zon_client_id_e client) {
+void note_deletion(zon_flow_ptr_t fid, void* initiator, void* responder, void* flow,
+                   zon_flow_deletion_reason_e reason, zon_client_id_e client) {
     deletions.push_back({fid, initiator, responder, flow, reason, client});
 }
 
@@ -41,7 +42,8 @@ protected:
 
 TEST_F(client_objects, stay_when_the_client_has_no_delete_callback) {
     ASSERT_EQ(zon_flow_attach_fo(first, client, ZON_DIR_BI, &object), zon_error_none);
-    EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_client_delete_cb_not_registered);
+    EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client),
+              zon_error_client_delete_cb_not_registered);
     void* found = nullptr;
     EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_BI, &found), zon_error_none);
     EXPECT_EQ(found, &object);
@@ -52,11 +54,13 @@ TEST_F(client_objects, are_handed_back_once_for_each_flow_that_has_one) {
     ASSERT_EQ(zon_flow_attach_fo(first, client, ZON_DIR_INITIATOR, &object), zon_error_none);
     ASSERT_EQ(zon_flow_attach_fo(first, client, ZON_DIR_RESPONDER, &other_object), zon_error_none);
     EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_none);
-    EXPECT_EQ(deletions, (std::vector<told>{
-                             {first, &object, &other_object, nullptr, ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED, client}}));
+    EXPECT_EQ(deletions, (std::vector<told>{{first, &object, &other_object, nullptr,
+                                             ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED, client}}));
     void* found = nullptr;
-    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_INITIATOR, &found), zon_error_feature_object_not_attached);
-    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_RESPONDER, &found), zon_error_feature_object_not_attached);
+    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_INITIATOR, &found),
+              zon_error_feature_object_not_attached);
+    EXPECT_EQ(zon_flow_get_fo(first, client, ZON_DIR_RESPONDER, &found),
+              zon_error_feature_object_not_attached);
     deletions.clear();
     EXPECT_EQ(zon_flow_table_remove_client_fo(g_zon->flow_tbl, client), zon_error_none);
     EXPECT_TRUE(deletions.empty());

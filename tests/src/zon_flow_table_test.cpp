@@ -62,8 +62,9 @@ struct table_statistics {
 };
 table_statistics statistics_of(zon_flow_table_t* table) {
     table_statistics seen;
-    zon_flow_table_statistics(table, &seen.size, &seen.used, &seen.empty, &seen.occupied, &seen.average, &seen.maximum,
-                              &seen.inserts, &seen.deletes, &seen.aged, nullptr, &seen.preflows);
+    zon_flow_table_statistics(table, &seen.size, &seen.used, &seen.empty, &seen.occupied,
+                              &seen.average, &seen.maximum, &seen.inserts, &seen.deletes,
+                              &seen.aged, nullptr, &seen.preflows);
     return seen;
 }
 
@@ -84,7 +85,9 @@ protected:
         EXPECT_TRUE(zon_flow_table_insert(table, made.responder()));
         return made;
     }
-    int bucket_of(zon_half_flow_t* half) { return static_cast<int>(zon_hash_calc(half, nullptr) % 13); }
+    int bucket_of(zon_half_flow_t* half) {
+        return static_cast<int>(zon_hash_calc(half, nullptr) % 13);
+    }
     // The half flow found for a key, its flow unlocked again.
     zon_half_flow_t* find(const key_fields& fields, int* bucket = nullptr) {
         key_record wanted(fields);
@@ -96,7 +99,8 @@ protected:
             zon_unlock_internal(found->flow->flow_lock);
         return found;
     }
-    // Fields like the given ones, whose forward key falls into a wanted bucket; the source port is changed for it.
+    // Fields like the given ones, whose forward key falls into a wanted bucket; the source port is
+    // changed for it.
     key_fields with_forward_bucket(int bucket, key_fields fields, uint32_t from_port = 1) {
         for (fields.src_port = from_port;; ++fields.src_port) {
             key_record record(fields);
@@ -130,10 +134,12 @@ TEST_P(flow_table_size, is_the_prime_for_as_many_buckets_as_flows) {
 }
 
 INSTANTIATE_TEST_SUITE_P(rows, flow_table_size,
-                         ::testing::Values(creation_row{0, 13}, creation_row{13, 13}, creation_row{14, 29},
-                                           creation_row{5000, 6719}, creation_row{6719, 6719},
-                                           creation_row{6720, 19219}),
-                         [](const auto& row) { return "of_" + std::to_string(row.param.max_flows); });
+                         ::testing::Values(creation_row{0, 13}, creation_row{13, 13},
+                                           creation_row{14, 29}, creation_row{5000, 6719},
+                                           creation_row{6719, 6719}, creation_row{6720, 19219}),
+                         [](const auto& row) {
+                             return "of_" + std::to_string(row.param.max_flows);
+                         });
 
 // ---- insert and lookup ----
 
@@ -192,7 +198,8 @@ TEST_F(flow_table, at_depth_one_refuses_a_second_flow_in_a_bucket_and_still_find
     two_sided& second = make(with_forward_bucket(bucket_of(first.initiator()), {}));
     EXPECT_FALSE(zon_flow_table_insert(table, second.initiator()));
     EXPECT_EQ(second.lock_levels(), 1);
-    EXPECT_FALSE(zon_flow_table_insert_direct(table, second.initiator(), bucket_of(second.initiator())));
+    EXPECT_FALSE(
+        zon_flow_table_insert_direct(table, second.initiator(), bucket_of(second.initiator())));
     EXPECT_EQ(second.lock_levels(), 1);
     EXPECT_EQ(find(key_fields{}), first.initiator());
     EXPECT_EQ(table->profile_insert, 1U);
@@ -287,7 +294,8 @@ TEST_F(flow_table, counts_but_does_not_unlink_half_flows_that_are_outside) {
     two_sided& inside = put();
     two_sided& outside = make();  // its headers have no link back
     EXPECT_TRUE(zon_flow_table_delete(table, outside.initiator(), true));
-    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, outside.initiator(), outside.responder(), true));
+    EXPECT_TRUE(
+        zon_flow_table_delete_full_flow(table, outside.initiator(), outside.responder(), true));
     EXPECT_EQ(table->profile_delete, 2U);
     EXPECT_EQ(zon_flow_table_num_elements(table), 2U);
     EXPECT_EQ(find(key_fields{}), inside.initiator());
@@ -296,11 +304,13 @@ TEST_F(flow_table, counts_but_does_not_unlink_half_flows_that_are_outside) {
 TEST_F(flow_table, unlinks_the_one_half_of_a_flow_that_is_inside) {
     two_sided& half_inside = make();
     ASSERT_TRUE(zon_flow_table_insert(table, half_inside.responder()));
-    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, half_inside.initiator(), half_inside.responder(), false));
+    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, half_inside.initiator(),
+                                                half_inside.responder(), false));
     EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
     two_sided& other_half = make();
     ASSERT_TRUE(zon_flow_table_insert(table, other_half.initiator()));
-    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, other_half.initiator(), other_half.responder(), false));
+    EXPECT_TRUE(zon_flow_table_delete_full_flow(table, other_half.initiator(),
+                                                other_half.responder(), false));
     EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
 }
 
@@ -338,7 +348,8 @@ TEST_F(flow_insert, counts_nothing_when_the_initiator_is_refused) {
 TEST_F(flow_insert, counts_one_in_and_one_out_when_the_responder_is_refused) {
     create(1);
     two_sided& made = make();
-    ASSERT_NE(bucket_of(made.initiator()), bucket_of(made.responder())) << "the example needs two buckets";
+    ASSERT_NE(bucket_of(made.initiator()), bucket_of(made.responder()))
+        << "the example needs two buckets";
     two_sided& blocker = make(with_forward_bucket(bucket_of(made.responder()), {}, 50000));
     ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
     EXPECT_EQ(insert(made), pair_insert_result::second_refused);
@@ -375,8 +386,8 @@ INSTANTIATE_TEST_SUITE_P(
                       presence_row{3, 3, true}, presence_row{4, 4, true}, presence_row{4, 0, true},
                       presence_row{0, 4, false}, presence_row{5, 5, true}, presence_row{8, 5, true},
                       presence_row{5, 8, true}, presence_row{9, 5, true}, presence_row{9, 9, true},
-                      presence_row{5, 9, false}, presence_row{1, 0, false}, presence_row{2, 0, false},
-                      presence_row{1, 1, true}, presence_row{2, 2, true},
+                      presence_row{5, 9, false}, presence_row{1, 0, false},
+                      presence_row{2, 0, false}, presence_row{1, 1, true}, presence_row{2, 2, true},
                       presence_row{3, 0, false, false}, presence_row{4, 0, false, false},
                       presence_row{8, 5, false, false}, presence_row{9, 5, false, false}),
     [](const auto& row) {

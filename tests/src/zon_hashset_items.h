@@ -41,12 +41,16 @@ private:
     zon_flow_t flow_{};
 };
 
-inline unsigned int hash_of_number(void* item, void*) { return static_cast<zon_half_flow_t*>(item)->key.hash_value; }
+inline unsigned int hash_of_number(void* item, void*) {
+    return static_cast<zon_half_flow_t*>(item)->key.hash_value;
+}
 inline bool same_number(void* key, void* item, void*) {
-    return static_cast<zon_half_flow_t*>(key)->key.vrf_id == static_cast<zon_half_flow_t*>(item)->key.vrf_id;
+    return static_cast<zon_half_flow_t*>(key)->key.vrf_id ==
+           static_cast<zon_half_flow_t*>(item)->key.vrf_id;
 }
 inline bool counts_as_same(const void* fresh, const void* item, void*) {
-    return static_cast<const zon_half_flow_t*>(fresh)->key.vrf_id == static_cast<const zon_half_flow_t*>(item)->key.vrf_id;
+    return static_cast<const zon_half_flow_t*>(fresh)->key.vrf_id ==
+           static_cast<const zon_half_flow_t*>(item)->key.vrf_id;
 }
 
 class hashset : public ::testing::Test {
@@ -60,9 +64,12 @@ protected:
         zon_hash_attr attrs{};
         zon_hash_attr_init(&attrs);
         zon_hash_attr_sethashtable(&attrs, false, size, stripes, depth);
-        ASSERT_EQ(zon_hashset_create(&set_, &attrs, 0, hash_of_number, same_number, nullptr), zon_error_none);
+        ASSERT_EQ(zon_hashset_create(&set_, &attrs, 0, hash_of_number, same_number, nullptr),
+                  zon_error_none);
     }
-    numbered_item& item(uint32_t hash, uint32_t number) { return items_.emplace_back(hash, number); }
+    numbered_item& item(uint32_t hash, uint32_t number) {
+        return items_.emplace_back(hash, number);
+    }
     // Inserts and gives the flow lock back that the set handed over.
     bool put(numbered_item& it) {
         const bool linked = zon_hashset_insert(set_, it.item());
@@ -85,7 +92,8 @@ protected:
     // The items of one bucket, newest first; each link back is checked.
     std::vector<zon_hashset_item> chain(int bucket) {
         std::vector<zon_hashset_item> found;
-        for (zon_hashset_hdr** slot = &set_->array[bucket]; *slot != nullptr; slot = &(*slot)->next) {
+        for (zon_hashset_hdr** slot = &set_->array[bucket]; *slot != nullptr;
+             slot = &(*slot)->next) {
             EXPECT_EQ((*slot)->pointer_to_us, slot) << "broken link back in bucket " << bucket;
             found.push_back(*slot);
         }

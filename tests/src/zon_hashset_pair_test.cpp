@@ -31,10 +31,12 @@ protected:
         hashset::TearDown();
     }
     pair_insert_result insert() {
-        const auto bucket_of = [](numbered_item& of) { return static_cast<int>(of.half().key.hash_value % 13); };
-        return zon_hashset_insert_pair(set_, first->item(), bucket_of(*first), second->item(), bucket_of(*second),
-                                       counts_as_same,
-                                       [](zon_hashset_item, zon_hashset_item, void*) { ++linked; }, nullptr);
+        const auto bucket_of = [](numbered_item& of) {
+            return static_cast<int>(of.half().key.hash_value % 13);
+        };
+        return zon_hashset_insert_pair(
+            set_, first->item(), bucket_of(*first), second->item(), bucket_of(*second),
+            counts_as_same, [](zon_hashset_item, zon_hashset_item, void*) { ++linked; }, nullptr);
     }
     numbered_item* first = nullptr;
     numbered_item* second = nullptr;
@@ -120,9 +122,11 @@ protected:
         wanted1 = std::make_unique<numbered_item>(hash1, number1);
         wanted2 = std::make_unique<numbered_item>(hash2, 201);
         const relink_pair move{first->item(), wanted1->item(), second->item(), wanted2->item()};
-        return zon_hashset_relink_pair(set_, move, counts_as_same, [](zon_hashset_item it, const void* wanted) {
-            static_cast<zon_half_flow_t*>(it)->key = static_cast<const zon_half_flow_t*>(wanted)->key;
-        });
+        return zon_hashset_relink_pair(set_, move, counts_as_same,
+                                       [](zon_hashset_item it, const void* wanted) {
+                                           static_cast<zon_half_flow_t*>(it)->key =
+                                               static_cast<const zon_half_flow_t*>(wanted)->key;
+                                       });
     }
     std::unique_ptr<numbered_item> wanted1;
     std::unique_ptr<numbered_item> wanted2;
@@ -169,13 +173,15 @@ TEST_F(moved_pair, ends_outside_without_links_back_when_a_bucket_is_full) {
         make_pair(1, 2);
         insert();
         put(full, 1);
-        EXPECT_EQ(move_to(3, 4), full == 3 ? pair_insert_result::first_refused : pair_insert_result::second_refused);
+        EXPECT_EQ(move_to(3, 4), full == 3 ? pair_insert_result::first_refused
+                                           : pair_insert_result::second_refused);
         EXPECT_EQ(first->header()->pointer_to_us, nullptr);
         EXPECT_EQ(second->header()->pointer_to_us, nullptr);
         EXPECT_EQ(first->half().key.vrf_id, 101U);
         EXPECT_EQ(zon_hashset_size(set_), 1);
         for (int bucket = 0; bucket < 13; ++bucket)
-            EXPECT_EQ(chain(bucket).size(), static_cast<uint32_t>(bucket) == full ? 1U : 0U) << "bucket " << bucket;
+            EXPECT_EQ(chain(bucket).size(), static_cast<uint32_t>(bucket) == full ? 1U : 0U)
+                << "bucket " << bucket;
         zon_unlock_internal(first->lock());
         first = nullptr;
         zon_hashset_free(&set_);

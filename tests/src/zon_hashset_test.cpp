@@ -19,11 +19,12 @@ namespace {
 
 using namespace zon_test;
 
-constexpr int primes[] = {13,       29,       59,       107,      263,      599,      1361,     3037,
-                          6719,     19219,    54941,    120721,   156941,   204047,   265271,   344857,
-                          448321,   582821,   757693,   985003,   1280519,  1664681,  2164111,  2813353,
-                          3657361,  4754591,  6180989,  8035301,  10445899, 13579681, 17653589, 22949669,
-                          29834603, 38784989, 50420551, 65546729, 85210757};
+constexpr int primes[] = {13,       29,       59,       107,      263,      599,      1361,
+                          3037,     6719,     19219,    54941,    120721,   156941,   204047,
+                          265271,   344857,   448321,   582821,   757693,   985003,   1280519,
+                          1664681,  2164111,  2813353,  3657361,  4754591,  6180989,  8035301,
+                          10445899, 13579681, 17653589, 22949669, 29834603, 38784989, 50420551,
+                          65546729, 85210757};
 
 // ---- number of buckets ----
 
@@ -32,7 +33,9 @@ struct size_row {
     int requested;
     int buckets;
 };
-void PrintTo(const size_row& row, std::ostream* os) { *os << row.requested << " -> " << row.buckets; }
+void PrintTo(const size_row& row, std::ostream* os) {
+    *os << row.requested << " -> " << row.buckets;
+}
 
 class bucket_count : public ::testing::TestWithParam<size_row> {};
 
@@ -46,7 +49,8 @@ TEST_P(bucket_count, is_the_smallest_listed_prime_not_below_the_request) {
 INSTANTIATE_TEST_SUITE_P(rows, bucket_count,
                          ::testing::Values(size_row{"negative", -1, 13}, size_row{"zero", 0, 13},
                                            size_row{"one", 1, 13}, size_row{"thirteen", 13, 13},
-                                           size_row{"fourteen", 14, 29}, size_row{"default_engine", 5000, 6719},
+                                           size_row{"fourteen", 14, 29},
+                                           size_row{"default_engine", 5000, 6719},
                                            size_row{"a_prime_itself", 6719, 6719},
                                            size_row{"one_above_it", 6720, 19219},
                                            size_row{"a_million", 1000000, 1280519},
@@ -98,7 +102,8 @@ TEST(hashset_attributes, may_be_absent) {
     zon_hash_attr_init(nullptr);
     zon_hash_attr_sethashtable(nullptr, true, 1, 1, 1);
     zon_hashset set = nullptr;
-    ASSERT_EQ(zon_hashset_create(&set, nullptr, 0, hash_of_number, same_number, nullptr), zon_error_none);
+    ASSERT_EQ(zon_hashset_create(&set, nullptr, 0, hash_of_number, same_number, nullptr),
+              zon_error_none);
     EXPECT_EQ(set->array_size, 13);
     EXPECT_EQ(set->concurrency_level, 1);
     EXPECT_EQ(set->max_bucket_depth, 0);
@@ -135,7 +140,8 @@ TEST(hashset_modulo, is_the_plain_remainder_of_unsigned_words) {
             EXPECT_EQ(remainder(edge), edge % static_cast<uint32_t>(prime));
         for (int i = 0; i < 1000; ++i) {
             const auto dividend = static_cast<uint32_t>(random());
-            ASSERT_EQ(remainder(dividend), dividend % static_cast<uint32_t>(prime)) << dividend << " % " << prime;
+            ASSERT_EQ(remainder(dividend), dividend % static_cast<uint32_t>(prime))
+                << dividend << " % " << prime;
         }
     }
     EXPECT_EQ(fast_modulo(1)(0xFFFFFFFF), 0U);
@@ -264,8 +270,8 @@ TEST_F(hashset, finds_the_header_where_its_offset_says) {
         zon_half_flow_t half{};
         zon_hashset_hdr header{};
     };
-    ASSERT_EQ(zon_hashset_create(&set_, nullptr, offsetof(item_with_late_header, header), hash_of_number, same_number,
-                                 nullptr),
+    ASSERT_EQ(zon_hashset_create(&set_, nullptr, offsetof(item_with_late_header, header),
+                                 hash_of_number, same_number, nullptr),
               zon_error_none);
     numbered_item flow(0, 0);
     item_with_late_header late;
@@ -294,13 +300,15 @@ TEST_F(hashset, locks_the_stripe_of_the_bucket_modulo_the_stripes_while_it_match
                 what->held.push_back(stripe);
         return false;
     };
-    ASSERT_EQ(zon_hashset_create(&set_, &attrs, 0, hash_of_number, look_at_stripes, &seen), zon_error_none);
+    ASSERT_EQ(zon_hashset_create(&set_, &attrs, 0, hash_of_number, look_at_stripes, &seen),
+              zon_error_none);
     seen.set = set_;
     put(11, 1);
     find(11, 1);
     EXPECT_EQ(seen.held, std::vector<int>{11 % 3});
     for (int stripe = 0; stripe < 3; ++stripe)
-        EXPECT_TRUE(is_free_for_others(zon_lock_get_pool_lock(set_->bucket_locks, stripe))) << "stripe " << stripe;
+        EXPECT_TRUE(is_free_for_others(zon_lock_get_pool_lock(set_->bucket_locks, stripe)))
+            << "stripe " << stripe;
 }
 
 // ---- remove ----
@@ -373,7 +381,8 @@ TEST_F(hashset, walks_its_buckets_in_order_and_each_chain_from_the_newest) {
     zon_hashset_iterate(
         set_,
         [](zon_hashset, zon_hashset_item it, void* context) {
-            static_cast<std::vector<uint32_t>*>(context)->push_back(static_cast<zon_half_flow_t*>(it)->key.vrf_id);
+            static_cast<std::vector<uint32_t>*>(context)->push_back(
+                static_cast<zon_half_flow_t*>(it)->key.vrf_id);
         },
         &order);
     EXPECT_EQ(order, (std::vector<uint32_t>{2, 3, 1, 4}));
@@ -405,7 +414,9 @@ TEST_F(hashset, is_not_available_while_walks_run) {
             EXPECT_EQ(set->iterating, 1);
             EXPECT_FALSE(zon_hashset_is_available(set));
             zon_hashset_iterate(
-                set, [](zon_hashset inner, zon_hashset_item, void*) { EXPECT_EQ(inner->iterating, 2); }, nullptr);
+                set,
+                [](zon_hashset inner, zon_hashset_item, void*) { EXPECT_EQ(inner->iterating, 2); },
+                nullptr);
             EXPECT_FALSE(zon_hashset_is_available(set));
         },
         nullptr);
@@ -419,7 +430,8 @@ TEST_F(hashset, is_not_available_while_its_statistics_are_read) {
     zon_lock_pool_internal(set_->bucket_locks, 0);
     std::thread reader([this] {
         int size, used, empty, occupied, average, maximum;
-        zon_hashset_get_statistics(set_, &size, &used, &empty, &occupied, &average, &maximum, nullptr);
+        zon_hashset_get_statistics(set_, &size, &used, &empty, &occupied, &average, &maximum,
+                                   nullptr);
     });
     while (__atomic_load_n(&set_->iterating, __ATOMIC_RELAXED) == 0)
         std::this_thread::yield();
@@ -438,8 +450,8 @@ struct set_statistics {
 set_statistics statistics_of(zon_hashset set) {
     set_statistics seen;
     int* depths = nullptr;
-    zon_hashset_get_statistics(set, &seen.size, &seen.used, &seen.empty, &seen.occupied, &seen.average, &seen.maximum,
-                               &depths);
+    zon_hashset_get_statistics(set, &seen.size, &seen.used, &seen.empty, &seen.occupied,
+                               &seen.average, &seen.maximum, &depths);
     if (depths != nullptr)
         seen.depths.assign(depths, depths + seen.size);
     std::free(depths);
@@ -506,7 +518,8 @@ TEST_F(hashset, agrees_with_a_multimap_over_random_inserts_and_removals) {
                     break;
                 }
             zon_hashset_remove(set_, it->item());
-            ASSERT_EQ(find(it->half().key.hash_value, it->half().key.vrf_id), nullptr) << "step " << step;
+            ASSERT_EQ(find(it->half().key.hash_value, it->half().key.vrf_id), nullptr)
+                << "step " << step;
         }
         ASSERT_EQ(static_cast<size_t>(zon_hashset_size(set_)), model.size());
     }
@@ -516,7 +529,8 @@ TEST_F(hashset, agrees_with_a_multimap_over_random_inserts_and_removals) {
         for (; from != to; ++from)
             expected.insert(from->second->item());
         const items found = chain(bucket);
-        EXPECT_EQ(std::set<zon_hashset_item>(found.begin(), found.end()), expected) << "bucket " << bucket;
+        EXPECT_EQ(std::set<zon_hashset_item>(found.begin(), found.end()), expected)
+            << "bucket " << bucket;
         EXPECT_EQ(set_->items_in_bucket[bucket], found.size());
     }
     for (numbered_item* it : linked)

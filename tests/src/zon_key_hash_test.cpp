@@ -1,4 +1,5 @@
-// zon_key_hash_test.cpp - which words of a key are hashed, with what, and which fields must be equal for a match.
+// zon_key_hash_test.cpp - which words of a key are hashed, with what, and which fields must be
+// equal for a match.
 
 #include "zon_key_hash.h"
 
@@ -20,9 +21,11 @@ using zon_test::key_type_name;
 
 // ---- the hash function ----
 
-// lookup3 over bytes, one byte at a time, written down from its description: three words, each step "x -= z; x ^= z <<< n;
-// z += y" over the columns of a table.
-uint32_t rotated(uint32_t word, unsigned bits) { return (word << bits) | (word >> (32 - bits)); }
+// lookup3 over bytes, one byte at a time, written down from its description: three words, each step
+// "x -= z; x ^= z <<< n; z += y" over the columns of a table.
+uint32_t rotated(uint32_t word, unsigned bits) {
+    return (word << bits) | (word >> (32 - bits));
+}
 
 uint32_t reference_lookup3(const std::vector<uint8_t>& message, uint32_t initial_value) {
     uint32_t s[3];
@@ -59,7 +62,9 @@ uint32_t reference_lookup3(const std::vector<uint8_t>& message, uint32_t initial
     return s[2];
 }
 
-std::vector<uint8_t> bytes_of(const std::string& text) { return {text.begin(), text.end()}; }
+std::vector<uint8_t> bytes_of(const std::string& text) {
+    return {text.begin(), text.end()};
+}
 
 // The values that the author of the algorithm gives for his function over bytes.
 TEST(lookup3_reference, gives_the_published_values) {
@@ -106,7 +111,9 @@ constexpr hash_row hash_rows[] = {
     {ZON_IPV4_KEY_VRF_STAR, true, true},          {ZON_IPV6_KEY_COMPLETE, true, true},
     {ZON_IPV6_KEY_DST_IP_PORT_ONLY, false, true}, {ZON_IPV6_KEY_SRC_IP_PORT_ONLY, true, false},
     {ZON_IPV6_KEY_PRE_FLOW_COMPLETE, true, true}, {ZON_IPV6_KEY_VRF_STAR, true, true}};
-void PrintTo(const hash_row& row, std::ostream* os) { *os << key_type_name(row.type); }
+void PrintTo(const hash_row& row, std::ostream* os) {
+    *os << key_type_name(row.type);
+}
 
 class hashed_words : public ::testing::TestWithParam<hash_row> {
 protected:
@@ -126,11 +133,13 @@ TEST_P(hashed_words, are_the_known_addresses_and_ports_in_the_order_of_the_key) 
     const key_fields key = fields();
     std::vector<uint32_t> words;
     if (GetParam().source) {
-        words.insert(words.end(), key.src_ip.begin(), key.src_ip.begin() + static_cast<long>(address_words()));
+        words.insert(words.end(), key.src_ip.begin(),
+                     key.src_ip.begin() + static_cast<long>(address_words()));
         words.push_back(key.src_port);
     }
     if (GetParam().destination) {
-        words.insert(words.end(), key.dst_ip.begin(), key.dst_ip.begin() + static_cast<long>(address_words()));
+        words.insert(words.end(), key.dst_ip.begin(),
+                     key.dst_ip.begin() + static_cast<long>(address_words()));
         words.push_back(key.dst_port);
     }
     EXPECT_EQ(hash(key), jenkins_hashword_2006(words.data(), words.size()));
@@ -146,8 +155,10 @@ TEST_P(hashed_words, leave_out_protocol_and_vrf_and_what_the_type_does_not_know)
     EXPECT_EQ(hash_with([](key_fields& key) { key.protocol = 17; }), before);
     EXPECT_EQ(hash_with([](key_fields& key) { key.vrf_id = 9; }), before);
     for (size_t word = 0; word < address_words(); ++word) {
-        EXPECT_EQ(hash_with([word](key_fields& key) { ++key.src_ip[word]; }) != before, GetParam().source);
-        EXPECT_EQ(hash_with([word](key_fields& key) { ++key.dst_ip[word]; }) != before, GetParam().destination);
+        EXPECT_EQ(hash_with([word](key_fields& key) { ++key.src_ip[word]; }) != before,
+                  GetParam().source);
+        EXPECT_EQ(hash_with([word](key_fields& key) { ++key.dst_ip[word]; }) != before,
+                  GetParam().destination);
     }
     EXPECT_EQ(hash_with([](key_fields& key) { ++key.src_port; }) != before, GetParam().source);
     EXPECT_EQ(hash_with([](key_fields& key) { ++key.dst_port; }) != before, GetParam().destination);
@@ -210,18 +221,19 @@ struct match_row {
     bool protocol;
     bool vrf;
 };
-constexpr match_row match_rows[] = {
-    {ZON_IPV4_KEY_COMPLETE, true, true, true, true},
-    {ZON_IPV4_KEY_DST_IP_PORT_ONLY, false, true, false, false},
-    {ZON_IPV4_KEY_SRC_IP_PORT_ONLY, true, false, false, false},
-    {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, true, true, true, true},
-    {ZON_IPV4_KEY_VRF_STAR, true, true, true, false},
-    {ZON_IPV6_KEY_COMPLETE, true, true, true, true},
-    {ZON_IPV6_KEY_DST_IP_PORT_ONLY, false, true, false, false},
-    {ZON_IPV6_KEY_SRC_IP_PORT_ONLY, true, false, false, false},
-    {ZON_IPV6_KEY_PRE_FLOW_COMPLETE, true, true, true, true},
-    {ZON_IPV6_KEY_VRF_STAR, true, true, true, false}};
-void PrintTo(const match_row& row, std::ostream* os) { *os << key_type_name(row.type); }
+constexpr match_row match_rows[] = {{ZON_IPV4_KEY_COMPLETE, true, true, true, true},
+                                    {ZON_IPV4_KEY_DST_IP_PORT_ONLY, false, true, false, false},
+                                    {ZON_IPV4_KEY_SRC_IP_PORT_ONLY, true, false, false, false},
+                                    {ZON_IPV4_KEY_PRE_FLOW_COMPLETE, true, true, true, true},
+                                    {ZON_IPV4_KEY_VRF_STAR, true, true, true, false},
+                                    {ZON_IPV6_KEY_COMPLETE, true, true, true, true},
+                                    {ZON_IPV6_KEY_DST_IP_PORT_ONLY, false, true, false, false},
+                                    {ZON_IPV6_KEY_SRC_IP_PORT_ONLY, true, false, false, false},
+                                    {ZON_IPV6_KEY_PRE_FLOW_COMPLETE, true, true, true, true},
+                                    {ZON_IPV6_KEY_VRF_STAR, true, true, true, false}};
+void PrintTo(const match_row& row, std::ostream* os) {
+    *os << key_type_name(row.type);
+}
 
 class matched_fields : public ::testing::TestWithParam<match_row> {
 protected:
@@ -243,9 +255,11 @@ protected:
 TEST_P(matched_fields, are_those_that_the_type_knows) {
     EXPECT_TRUE(matches_after([](key_fields&) {}));
     for (size_t word = 0; word < address_words(); ++word) {
-        EXPECT_EQ(matches_after([word](key_fields& key) { key.src_ip[word] ^= 1; }), !GetParam().source)
+        EXPECT_EQ(matches_after([word](key_fields& key) { key.src_ip[word] ^= 1; }),
+                  !GetParam().source)
             << "source word " << word;
-        EXPECT_EQ(matches_after([word](key_fields& key) { key.dst_ip[word] ^= 0x80000000; }), !GetParam().destination)
+        EXPECT_EQ(matches_after([word](key_fields& key) { key.dst_ip[word] ^= 0x80000000; }),
+                  !GetParam().destination)
             << "destination word " << word;
     }
     EXPECT_EQ(matches_after([](key_fields& key) { ++key.src_port; }), !GetParam().source);
@@ -256,7 +270,8 @@ TEST_P(matched_fields, are_those_that_the_type_knows) {
 
 TEST_P(matched_fields, are_not_looked_at_when_the_types_differ) {
     for (uint32_t other = 0; other < ZON_MAX_KEY; ++other)
-        EXPECT_EQ(matches_after([other](key_fields& key) { key.type = other; }), other == GetParam().type)
+        EXPECT_EQ(matches_after([other](key_fields& key) { key.type = other; }),
+                  other == GetParam().type)
             << key_type_name(other);
 }
 
@@ -284,7 +299,8 @@ TEST(key_match, of_a_type_outside_the_table_is_false_and_traced_only_when_the_en
         *flag = true;
         testing::internal::CaptureStderr();
         EXPECT_FALSE(zon_matcher(a.half(), b.half(), nullptr));
-        EXPECT_NE(testing::internal::GetCapturedStderr().find("\nZON Engine: Unknown key type 10"), std::string::npos);
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("\nZON Engine: Unknown key type 10"),
+                  std::string::npos);
         *flag = false;
     }
 }

@@ -31,8 +31,7 @@ private:
 
 }  // namespace
 
-// ---- joining and leaving
-// -------------------------------------------------------------------------------------------
+// ---- joining and leaving ----
 
 TEST_F(super_contexts, are_shared_by_flows_of_the_same_value) {
     group_by(type_0);
@@ -184,8 +183,7 @@ TEST_F(super_contexts, are_left_by_flows_that_age_out) {
     EXPECT_EQ(super_ctx_count(), 0u);
 }
 
-// ---- without memory
-// ------------------------------------------------------------------------------------------------
+// ---- without memory ----
 
 TEST_F(super_contexts, that_cannot_be_made_end_the_joining_of_further_types) {
     for (const auto type : {type_0, type_1, type_2, type_3})
@@ -266,8 +264,7 @@ TEST(super_contexts_without_engine, leave_the_flow_alone) {
     EXPECT_EQ(flow.super_ctx[2], &untouched);
 }
 
-// ---- objects
-// -----------------------------------------------------------------------------------------------------
+// ---- objects ----
 
 TEST_F(super_contexts, carry_one_object_per_client_for_all_their_flows) {
     group_by(type_0);
@@ -348,8 +345,7 @@ TEST_F(super_contexts, stop_telling_a_client_that_unregistered_its_callback) {
     EXPECT_TRUE(deletions.empty());
 }
 
-// ---- walks
-// -------------------------------------------------------------------------------------------------------
+// ---- walks ----
 
 TEST_F(super_contexts, are_walked_newest_member_first) {
     group_by(type_0);

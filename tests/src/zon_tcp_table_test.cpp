@@ -9,8 +9,8 @@
 #include <random>
 #include <set>
 
-#include "zon_tcp.h"
 #include "support/tcp_rules.h"
+#include "zon_tcp.h"
 
 namespace {
 

@@ -25,8 +25,7 @@ void count_deleted(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason
     ++deleted_flows;
 }
 
-// ---- an expiry that stands still just before its handler looks at the flow
-// -------------------------------------------------
+// ---- an expiry that stands still just before its handler looks at the flow ----
 
 // This thread keeps the lock of the identifier table, which the handler needs first and which this
 // thread can go on taking itself. Another thread turns the clock; the constructor returns when the
@@ -184,8 +183,7 @@ TEST_F(stale_expiry, of_a_flow_in_deletion_does_not_come_again) {
     EXPECT_EQ(aged_flows, 0u);
 }
 
-// ---- locks that stay held
-// ----------------------------------------------------------------------------------------------
+// ---- locks that stay held ----
 
 class locked_against_aging : public stale_expiry {
 protected:
@@ -245,8 +243,7 @@ TEST_F(locked_against_aging, flow_does_not_stop_the_aging_of_others) {
         << "a held flow ages once it is let go";
 }
 
-// ---- everything at once
-// -----------------------------------------------------------------------------------------------
+// ---- everything at once ----
 
 class aging_on_threads : public stress_engine_with_timer_thread {
 protected:
@@ -309,8 +306,7 @@ TEST_P(aging_on_threads, flows_age_and_keep_their_timers) {
     EXPECT_EQ(deleted_flows, firsts);
 }
 
-// ---- fragments
-// -----------------------------------------------------------------------------------------------------------
+// ---- fragments ----
 
 // Entries are replaced just when those before them expire: a new entry takes the item of the one
 // that was deleted last.
@@ -353,7 +349,8 @@ TEST_P(aging_on_threads, a_fresh_fragment_entry_outlives_the_expiry_of_the_one_b
     EXPECT_EQ(lost, 0u) << "fresh entries were removed by the timers of earlier ones";
 }
 
-// A fragment whose flow has gone takes its entry away, unless the entry has become another flow's meanwhile.
+// A fragment whose flow has gone takes its entry away, unless the entry has become another flow's
+// meanwhile.
 TEST_P(aging_on_threads, a_stray_fragment_leaves_the_entry_of_a_new_flow) {
     constexpr uint32_t rounds = 4000;
     uint32_t lost = 0;

@@ -208,8 +208,7 @@ TEST_P(small_families, are_walked_over_while_they_change) {
     live(1, false);
 }
 
-// ---- relatives that go
-// --------------------------------------------------------------------------------------------------
+// ---- relatives that go ----
 
 class family_in_deletion : public contended_engine {};
 
@@ -225,8 +224,7 @@ TEST_F(family_in_deletion, walk_passes_over_a_child_on_its_way_out) {
     EXPECT_EQ(children_of(parent, false), std::vector<zon_fid_t>{children[1]});
 }
 
-// ---- a client that keeps one of the family locked
-// ----------------------------------------------------------------------
+// ---- a client that keeps one of the family locked ----
 
 // A parent and two children; the first child has a lock of its own, and all records are taken.
 class kept_family : public contended_engine {
@@ -323,7 +321,8 @@ TEST_F(kept_family_beside_another, children_that_went_lead_a_waiting_walk_to_no_
     for (const zon_fid_t child : children_)
         EXPECT_TRUE(zon_delete_flow_tamonet(child, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
     for (const uint32_t number : {0U, 1U})
-        EXPECT_EQ(announce(5 + number, other_parent), children_[number]) << "in the order of leaving";
+        EXPECT_EQ(announce(5 + number, other_parent), children_[number])
+            << "in the order of leaving";
     for (const uint32_t number : {0U, 1U})
         EXPECT_EQ(send(connection_packet::udp(5 + number)).fid, children_[number]);
     EXPECT_EQ(zon_flow_unlock(lock), zon_error_none);
@@ -375,8 +374,7 @@ TEST_P(reused_parents, get_the_children_of_the_flow_before) {
     expect_no_pre_flows();
 }
 
-// ---- the lock of a client that deletes a child
-// -------------------------------------------------------------------------
+// ---- the lock of a client that deletes a child ----
 
 class one_lock_family : public contended_engine {
 protected:

@@ -119,8 +119,7 @@ TEST_F(flow_in_deletion, is_in_no_dump) {
     EXPECT_EQ(reported_flows, 1u);
 }
 
-// ---- everything at once
-// -----------------------------------------------------------------------------------------------
+// ---- everything at once ----
 
 // What the delete callback finds: how many packets the flows had when they went.
 std::atomic<uint64_t> packets_of_deleted;
@@ -360,8 +359,7 @@ TEST_P(refused_promotions, leave_nothing_behind) {
     EXPECT_GT(refused, 0u) << "no promotion was refused: the test tests nothing";
 }
 
-// ---- super contexts
-// ---------------------------------------------------------------------------------------------------
+// ---- super contexts ----
 
 bool one_of_three_contexts(void* pkt_ctx, uint32_t* context) {
     std::this_thread::yield();

@@ -174,8 +174,7 @@ INSTANTIATE_TEST_SUITE_P(stress, shared_lock,
                          ::testing::Values(lock_row{"one_lock", 1}, lock_row{"two_locks", 2}),
                          [](const auto& row) { return row.param.name; });
 
-// ---- flows of the same addresses
-// -----------------------------------------------------------------------------------------------
+// ---- flows of the same addresses ----
 
 // They differ in their VRF alone, and the newer one comes first in the bucket.
 class same_addresses : public contended_engine {

@@ -28,8 +28,7 @@ protected:
     }
 };
 
-// ---- memory
-// -------------------------------------------------------------------------------------------------------------
+// ---- memory ----
 
 TEST_P(shared_by_threads, no_record_has_two_owners) {
     constexpr uint32_t rounds = 30000;
@@ -64,8 +63,7 @@ TEST_P(shared_by_threads, no_record_has_two_owners) {
     }
 }
 
-// ---- counters
-// -----------------------------------------------------------------------------------------------------------
+// ---- counters ----
 
 TEST_P(shared_by_threads, counters_come_back_to_where_they_were) {
     constexpr uint32_t rounds = 4000;
@@ -114,8 +112,7 @@ TEST_P(shared_by_threads, counters_come_back_to_where_they_were) {
         << "a walk that ended counts as running";
 }
 
-// ---- dumps that overlap
-// -------------------------------------------------------------------------------------------------
+// ---- dumps that overlap ----
 
 std::atomic<int> dumps_inside;
 std::atomic<bool> dump_may_end;
@@ -169,8 +166,7 @@ TEST_F(contended_engine, is_in_use_while_one_of_two_readers_of_statistics_still_
     EXPECT_EQ(zon_flow_table_is_available(g_zon->flow_tbl), zon_error_none);
 }
 
-// ---- clients and switches
-// -----------------------------------------------------------------------------------------------
+// ---- clients and switches ----
 
 bool allow(void*, zon_client_id_e) {
     return true;
@@ -335,8 +331,7 @@ TEST_P(shared_by_threads, switches_are_turned_while_packets_flow) {
     run(crew);
 }
 
-// ---- feature objects
-// ------------------------------------------------------------------------------------------------------
+// ---- feature objects ----
 
 constexpr uint32_t fo_rounds = 12000;
 constexpr uint32_t fo_threads = 3;
@@ -482,8 +477,7 @@ TEST_F(contended_engine, takes_an_unregistering_client_s_objects_off_all_lists) 
     }
 }
 
-// ---- fragments
-// --------------------------------------------------------------------------------------------------------------
+// ---- fragments ----
 
 TEST_P(shared_by_threads, fragment_entries_are_kept_apart) {
     constexpr uint32_t rounds = 40000;
@@ -511,8 +505,7 @@ TEST_P(shared_by_threads, fragment_entries_are_kept_apart) {
     EXPECT_EQ(zon_frag_entry_count(g_zon->frag_table), 0u);
 }
 
-// ---- re-keying
-// ---------------------------------------------------------------------------------------------------------------
+// ---- re-keying ----
 
 class rekeyed_flows : public stress_engine {
 protected:

@@ -17,7 +17,8 @@ constinit thread_local int objects_failed = 0;
 
 }  // namespace
 
-// The names that the linker gives to the replaced and to the original zon_heap_zalloc(size_t, size_t).
+// The names that the linker gives to the replaced and to the original zon_heap_zalloc(size_t,
+// size_t).
 extern "C" void* __real__Z15zon_heap_zallocmm(size_t count, size_t size);
 extern "C" void* __wrap__Z15zon_heap_zallocmm(size_t count, size_t size);
 

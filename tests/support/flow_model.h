@@ -1,10 +1,11 @@
-// flow_model.h - what the engine is expected to do with a script of packets, stated slowly and plainly.
+// flow_model.h - what the engine is expected to do with a script of packets, stated slowly and
+// plainly.
 //
-// A map of tuples to flows, and a list of deadlines. It knows nothing of hashes, locks, half flows or wheels. TCP is followed
-// without checks of numbers, flags only.
+// A map of tuples to flows, and a list of deadlines. It knows nothing of hashes, locks, half flows
+// or wheels. TCP is followed without checks of numbers, flags only.
 //
-// Time   a timer fires between its deadline and two ticks later, so that a deadline is an interval. Scripts never let a
-//        packet come inside of one.
+// Time   a timer fires between its deadline and two ticks later, so that a deadline is an interval.
+//        Scripts never let a packet come inside of one.
 
 #pragma once
 
@@ -53,7 +54,8 @@ struct model_packet {
 // What comes back with a packet.
 struct packet_verdict {
     uint32_t fid = 0;
-    bool first = false, last = false, from_initiator = false, promoted = false, first_payload = false;
+    bool first = false, last = false, from_initiator = false, promoted = false,
+         first_payload = false;
     uint32_t packets = 0;
     uint64_t bytes = 0;
     bool out_of_memory = false;
@@ -76,7 +78,8 @@ public:
     };
     explicit flow_model(const settings& chosen) : settings_(chosen) {}
 
-    // The model's clock starts where the engine's stands; the first block of records is there from the start.
+    // The model's clock starts where the engine's stands; the first block of records is there from
+    // the start.
     void start(uint64_t now) {
         now_ = now;
         make_block();
@@ -117,7 +120,8 @@ public:
         verdict.last = f->session.state == session_model::closed;
         if (verdict.first) {
             if (f->age_ms == 0)
-                f->age_ms = seen.tuple.protocol == 6 ? settings_.tcp_opening_ms : settings_.udp_opening_ms;
+                f->age_ms =
+                    seen.tuple.protocol == 6 ? settings_.tcp_opening_ms : settings_.udp_opening_ms;
             arm(*f, f->age_ms);
         } else {
             f->seen_since = f->session.state != session_model::closed;
@@ -189,7 +193,8 @@ public:
         return moment;
     }
 
-    // Lets time pass. The flows that must be told deleted meanwhile, with the intervals in which they are.
+    // Lets time pass. The flows that must be told deleted meanwhile, with the intervals in which
+    // they are.
     struct expiry {
         deletion told;
         uint64_t from, to;
@@ -293,16 +298,18 @@ private:
     static bool stands_for(const flow& f, announced_as how, const connection_tuple& tuple) {
         if (is_by_one_end(how))
             return is_by_one_end(f.how) &&
-                   known_end(f) == (how == announced_as::source_only ? tuple.source : tuple.destination);
+                   known_end(f) ==
+                       (how == announced_as::source_only ? tuple.source : tuple.destination);
         if (f.how != how)
             return false;
-        return how == announced_as::complete ? same_either_way(f.tuple, tuple)
-                                             : same_either_way(f.tuple.in_any_vrf(), tuple.in_any_vrf());
+        return how == announced_as::complete
+                   ? same_either_way(f.tuple, tuple)
+                   : same_either_way(f.tuple.in_any_vrf(), tuple.in_any_vrf());
     }
     // The announced flow that a packet answers to, the most specific first.
     flow* answering(const connection_tuple& tuple) {
-        for (const announced_as how : {announced_as::complete, announced_as::any_vrf, announced_as::destination_only,
-                                       announced_as::source_only})
+        for (const announced_as how : {announced_as::complete, announced_as::any_vrf,
+                                       announced_as::destination_only, announced_as::source_only})
             for (auto& [fid, f] : flows_)
                 if (f.how != announced_as::nothing && stands_for(f, how, tuple))
                     return &f;

@@ -21,15 +21,16 @@ constexpr uint16_t largest_payload = 1400;
 
 // ---- the connections of all scripts ----
 
-// A few hosts and ports, so that announcements by one end meet many of them; both families, both protocols, two VRFs, and
-// hosts that talk to themselves.
+// A few hosts and ports, so that announcements by one end meet many of them; both families, both
+// protocols, two VRFs, and hosts that talk to themselves.
 connection_tuple tuple_of(size_t connection) {
     connection_tuple tuple;
     const bool ipv6 = connection % 3 == 1;
     const auto host = [ipv6](uint32_t number) {
         return ipv6 ? address{0x20010db8, 0, 0, number} : address{0x0A000000 + number, 0, 0, 0};
     };
-    tuple.source = {ipv6, host(1 + static_cast<uint32_t>(connection % 5)), static_cast<uint16_t>(40000 + connection)};
+    tuple.source = {ipv6, host(1 + static_cast<uint32_t>(connection % 5)),
+                    static_cast<uint16_t>(40000 + connection)};
     tuple.destination = {ipv6, host(1 + static_cast<uint32_t>(connection % 7)),
                          static_cast<uint16_t>(connection % 4 == 0 ? 80 : 53)};
     tuple.protocol = connection % 2 == 0 ? 6 : 17;
@@ -39,7 +40,8 @@ connection_tuple tuple_of(size_t connection) {
 
 packet_builder builder_for(const connection_tuple& tuple) {
     packet_builder built = tuple.source.ipv6
-                               ? packet_builder::ipv6(ipv6_address(tuple.source.ip), ipv6_address(tuple.destination.ip))
+                               ? packet_builder::ipv6(ipv6_address(tuple.source.ip),
+                                                      ipv6_address(tuple.destination.ip))
                                : packet_builder::ipv4(tuple.source.ip[0], tuple.destination.ip[0]);
     if (tuple.protocol == 6)
         built.tcp(tuple.source.port, tuple.destination.port);
@@ -95,15 +97,17 @@ packet_store& store() {
 // ---- the two sides ----
 
 std::vector<deletion> told_by_engine;
-void note_deletion(zon_flow_ptr_t fid, void*, void*, void* object, zon_flow_deletion_reason_e reason, zon_client_id_e) {
+void note_deletion(zon_flow_ptr_t fid, void*, void*, void* object,
+                   zon_flow_deletion_reason_e reason, zon_client_id_e) {
     told_by_engine.push_back({fid, reason, reinterpret_cast<uintptr_t>(object)});
 }
 
 std::string text(const packet_verdict& v) {
     std::ostringstream out;
-    out << "fid " << v.fid << (v.first ? " first" : "") << (v.last ? " last" : "") << (v.promoted ? " promoted" : "")
-        << (v.first_payload ? " first-payload" : "") << (v.from_initiator ? " from-initiator" : " from-responder")
-        << ", packet " << v.packets << ", " << v.bytes << " bytes" << (v.out_of_memory ? ", refused for memory" : "");
+    out << "fid " << v.fid << (v.first ? " first" : "") << (v.last ? " last" : "")
+        << (v.promoted ? " promoted" : "") << (v.first_payload ? " first-payload" : "")
+        << (v.from_initiator ? " from-initiator" : " from-responder") << ", packet " << v.packets
+        << ", " << v.bytes << " bytes" << (v.out_of_memory ? ", refused for memory" : "");
     return out.str();
 }
 
@@ -119,11 +123,13 @@ public:
     explicit comparison(const flow_model::settings& settings) : model_(settings) {
         zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE);
         zon_init(settings.max_flows, settings.announced_ms, settings.block, 4, 0, 16, 10);
-        zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create);
+        zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                          &g_zon->zon_timer_process_create);
         zon_client_feature_register(&client_);
         zon_client_register_delete_cb(client_, note_deletion);
         zon_client_enable_engine_capability(
-            client_, static_cast<zon_capability_e>(ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP));
+            client_,
+            static_cast<zon_capability_e>(ZON_CAPABILITY_ENABLE_TCP | ZON_CAPABILITY_ENABLE_UDP));
         zon_set_default_aging(6, ZON_L4_OPENING, settings.tcp_opening_ms);
         zon_set_default_aging(17, ZON_L4_OPENING, settings.udp_opening_ms);
         told_by_engine.clear();
@@ -175,7 +181,8 @@ public:
             remove(fid, 2);
         }
         const memory_usage_stats_t& usage = g_zon->memory_usage_stats;
-        expect("half flows in use at the end", usage.ipv4_half_flow_alloc_count + usage.ipv6_half_flow_alloc_count, 0);
+        expect("half flows in use at the end",
+               usage.ipv4_half_flow_alloc_count + usage.ipv6_half_flow_alloc_count, 0);
         compare_counts();
         return difference_;
     }
@@ -189,7 +196,9 @@ private:
         out << what << ": the engine says " << engine << ", the model " << model;
         difference_ = out.str();
     }
-    void expect(const char* what, size_t engine, size_t model) { expect<size_t>(what, engine, model); }
+    void expect(const char* what, size_t engine, size_t model) {
+        expect<size_t>(what, engine, model);
+    }
 
     void expect_told(const std::vector<deletion>& expected) {
         if (told_by_engine != expected && difference_.empty())
@@ -205,10 +214,11 @@ private:
         seen.hash_valid = 0;
         zon_error_t error = zon_error_end;
         packet_verdict engine;
-        engine.fid = step.kind == step_kind::packet
-                         ? zon_handle_packet(packet.data(), tuple.vrf_id, nullptr, &seen, &error)
-                         : zon_handle_captured_packet(packet.data(), static_cast<uint32_t>(packet.size()), tuple.vrf_id,
-                                                      nullptr, &seen, &error);
+        engine.fid =
+            step.kind == step_kind::packet
+                ? zon_handle_packet(packet.data(), tuple.vrf_id, nullptr, &seen, &error)
+                : zon_handle_captured_packet(packet.data(), static_cast<uint32_t>(packet.size()),
+                                             tuple.vrf_id, nullptr, &seen, &error);
         engine.first = seen.fif != 0;
         engine.last = seen.lif != 0;
         engine.from_initiator = seen.is_initiator != 0;
@@ -237,12 +247,14 @@ private:
 
     void attach(uint32_t fid) {
         ++objects_;
-        zon_flow_attach_fo(fid, client_, ZON_DIR_BI, reinterpret_cast<void*>(static_cast<uintptr_t>(objects_)));
+        zon_flow_attach_fo(fid, client_, ZON_DIR_BI,
+                           reinterpret_cast<void*>(static_cast<uintptr_t>(objects_)));
         model_.attach(fid, objects_);
     }
 
     void run_wait(const script_step& step) {
-        const uint64_t now = model_.next_certain_moment(zon_clock_now_us() + uint64_t{step.value} * 1000);
+        const uint64_t now =
+            model_.next_certain_moment(zon_clock_now_us() + uint64_t{step.value} * 1000);
         std::vector<flow_model::expiry> expected = model_.advance_to(now);
         zon_clock_advance_to_us(now);
         // The order of flows that leave at nearly the same moment is the engine's.
@@ -291,7 +303,8 @@ private:
         const zon_flow_tuple_t tuple = to_client(store().tuple(step));
         zon_fid_t fid = 0;
         const zon_error_t error = zon_pre_flow_add(kind_of(step).type, &tuple, 0, &fid, nullptr);
-        const std::optional<uint32_t> expected = model_.announce(kind_of(step).how, store().tuple(step));
+        const std::optional<uint32_t> expected =
+            model_.announce(kind_of(step).how, store().tuple(step));
         expect("identifier of the announcement", fid, expected.value_or(0));
         expect("error of the announcement", static_cast<int>(error), expected ? 0 : 2);
         expect_told({});
@@ -303,11 +316,14 @@ private:
         if (!difference_.empty() || !fid || !model_.is_announced(*fid))
             return;
         const zon_flow_tuple_t tuple = to_client(store().tuple(step));
-        expect("withdrawal", static_cast<int>(zon_pre_flow_delete_using_flow_tuple(kind_of(step).type, &tuple)), 0);
+        expect("withdrawal",
+               static_cast<int>(zon_pre_flow_delete_using_flow_tuple(kind_of(step).type, &tuple)),
+               0);
         expect_told({*model_.remove(*fid, 2)});
     }
     void remove(uint32_t fid, int reason) {
-        const bool deleted = zon_delete_flow_tamonet(fid, static_cast<zon_flow_deletion_reason_e>(reason));
+        const bool deleted =
+            zon_delete_flow_tamonet(fid, static_cast<zon_flow_deletion_reason_e>(reason));
         const std::optional<deletion> expected = model_.remove(fid, reason);
         expect("deleted", deleted, expected.has_value());
         expect_told(expected ? std::vector<deletion>{*expected} : std::vector<deletion>{});
@@ -322,7 +338,8 @@ private:
     }
 
     void compare_counts() {
-        expect("half flows in the table", zon_flow_table_num_elements(g_zon->flow_tbl), 2 * model_.flows());
+        expect("half flows in the table", zon_flow_table_num_elements(g_zon->flow_tbl),
+               2 * model_.flows());
         uint32_t announced = 0;
         for (const uint32_t count : g_zon->flow_tbl->active_preflow_count)
             announced += count;
@@ -348,8 +365,8 @@ public:
         // Connections come and go in favour: a dozen neighbours get most of the packets.
         if (below(400) == 0)
             favourite_ = below(connections);
-        step.connection = static_cast<uint8_t>((favourite_ + (below(4) == 0 ? below(connections) : below(12))) %
-                                               connections);
+        step.connection = static_cast<uint8_t>(
+            (favourite_ + (below(4) == 0 ? below(connections) : below(12))) % connections);
         step.reply = below(2) == 0;
         step.value = static_cast<uint32_t>(random_());
         step.payload = static_cast<uint16_t>(below(3) == 0 ? 0 : below(largest_payload + 1));
@@ -376,9 +393,11 @@ private:
     uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
     // What stacks send, and now and then anything.
     uint8_t flags() {
-        static constexpr uint8_t plausible[] = {tcp_syn,           tcp_syn | tcp_ack, tcp_ack, tcp_ack, tcp_ack,
-                                                tcp_psh | tcp_ack, tcp_fin | tcp_ack, tcp_fin | tcp_ack, tcp_rst};
-        return below(10) == 0 ? static_cast<uint8_t>(below(256)) : plausible[below(std::size(plausible))];
+        static constexpr uint8_t plausible[] = {
+            tcp_syn,           tcp_syn | tcp_ack, tcp_ack,           tcp_ack, tcp_ack,
+            tcp_psh | tcp_ack, tcp_fin | tcp_ack, tcp_fin | tcp_ack, tcp_rst};
+        return below(10) == 0 ? static_cast<uint8_t>(below(256))
+                              : plausible[below(std::size(plausible))];
     }
 
     std::mt19937 random_;
@@ -388,8 +407,10 @@ private:
 }  // namespace
 
 flow_model::settings settings_of(uint32_t seed) {
-    static constexpr flow_model::settings sizes[] = {
-        {64, 10, 4000, 6000, 3000}, {24, 10, 4000, 6000, 3000}, {7, 3, 2500, 3500, 10000}, {100, 33, 5000, 5000, 1500}};
+    static constexpr flow_model::settings sizes[] = {{64, 10, 4000, 6000, 3000},
+                                                     {24, 10, 4000, 6000, 3000},
+                                                     {7, 3, 2500, 3500, 10000},
+                                                     {100, 33, 5000, 5000, 1500}};
     return sizes[seed % std::size(sizes)];
 }
 
@@ -400,7 +421,8 @@ std::vector<script_step> make_script(uint32_t seed, size_t steps) {
     return script;
 }
 
-script_result run_script(const flow_model::settings& settings, std::span<const script_step> script) {
+script_result run_script(const flow_model::settings& settings,
+                         std::span<const script_step> script) {
     script_result result;
     comparison both(settings);
     for (size_t at = 0; at < script.size(); ++at) {
@@ -416,8 +438,8 @@ script_result run_script(const flow_model::settings& settings, std::span<const s
     return result;
 }
 
-std::vector<script_step> shortened(const flow_model::settings& settings, std::vector<script_step> script,
-                                   int attempts) {
+std::vector<script_step> shortened(const flow_model::settings& settings,
+                                   std::vector<script_step> script, int attempts) {
     for (size_t span = script.size() / 2; span > 0; span /= 2)
         for (size_t at = 0; at + span <= script.size() && attempts > 0;) {
             std::vector<script_step> shorter = script;
@@ -445,15 +467,17 @@ std::string to_text(const script_step& step) {
     case step_kind::packet:
     case step_kind::captured_packet:
         connection() << (step.kind == step_kind::packet ? ": packet" : ": captured packet");
-        out << ", flags " << int{step.tcp_flags} << ", " << step.payload << " bytes, number " << step.value;
+        out << ", flags " << int{step.tcp_flags} << ", " << step.payload << " bytes, number "
+            << step.value;
         break;
     case step_kind::wait:
         out << "wait " << step.value << " ms";
         break;
     case step_kind::announce:
     case step_kind::withdraw:
-        connection() << (step.kind == step_kind::announce ? ": announce" : ": announce and withdraw") << ", kind "
-                     << step.value % 4;
+        connection() << (step.kind == step_kind::announce ? ": announce"
+                                                          : ": announce and withdraw")
+                     << ", kind " << step.value % 4;
         break;
     case step_kind::remove:
         out << "remove by number " << step.value << ", reason " << step.payload % 5;

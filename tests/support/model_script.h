@@ -1,4 +1,5 @@
-// model_script.h - scripts of packets and client calls, run through the engine and beside it through the model.
+// model_script.h - scripts of packets and client calls, run through the engine and beside it
+// through the model.
 
 #pragma once
 
@@ -13,7 +14,15 @@
 
 namespace zon_test {
 
-enum class step_kind : uint8_t { packet, captured_packet, wait, announce, withdraw, remove, set_idle };
+enum class step_kind : uint8_t {
+    packet,
+    captured_packet,
+    wait,
+    announce,
+    withdraw,
+    remove,
+    set_idle
+};
 
 struct script_step {
     step_kind kind;
@@ -21,7 +30,7 @@ struct script_step {
     bool reply;
     uint8_t tcp_flags;
     uint16_t payload;
-    uint32_t value;  // sequence number, milliseconds, seconds, identifier, reason or kind of announcement
+    uint32_t value;  // sequence number, ms, s, identifier, reason or kind of announcement
 };
 
 std::string to_text(const script_step& step);
@@ -45,6 +54,7 @@ struct script_result {
 script_result run_script(const flow_model::settings& settings, std::span<const script_step> script);
 
 // Leaves out of a failing script whatever can be left out, for as many attempts.
-std::vector<script_step> shortened(const flow_model::settings& settings, std::vector<script_step> script, int attempts);
+std::vector<script_step> shortened(const flow_model::settings& settings,
+                                   std::vector<script_step> script, int attempts);
 
 }  // namespace zon_test

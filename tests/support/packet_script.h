@@ -1,4 +1,5 @@
-// packet_script.h - rows of random packets: of every layer, damaged here and there, cut off or padded.
+// packet_script.h - rows of random packets: of every layer, damaged here and there, cut off or
+// padded.
 
 #pragma once
 

@@ -1,4 +1,5 @@
-// zon_ager_fragments_test.cpp - what is said when the timer of a fragment entry finds the entry gone.
+// zon_ager_fragments_test.cpp - what is said when the timer of a fragment entry finds the entry
+// gone.
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,5 @@
-// zon_ager_test.cpp - idle flows are deleted, busy ones live on, and what is said when a timer finds nothing.
+// zon_ager_test.cpp - idle flows are deleted, busy ones live on, and what is said when a timer
+// finds nothing.
 
 #include <gtest/gtest.h>
 
@@ -18,7 +19,9 @@ namespace {
 
 using namespace zon_test;
 
-packet_builder udp_from(uint16_t port) { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(port, 53); }
+packet_builder udp_from(uint16_t port) {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(port, 53);
+}
 
 class ager : public engine_fixture {
 protected:
@@ -113,7 +116,8 @@ TEST_F(ager_without_a_time_for_announcements, deletes_an_announced_flow_after_ab
     zon_flow_tuple_t tuple{};
     tuple.src_ip.addr_type = ZON_IP_ADDR_IPV4;
     zon_fid_t fid = 0;
-    ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_none);
+    ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
+              zon_error_none);
     advance_ms(1000);
     EXPECT_NE(record_of(fid), nullptr);
     advance_ms(100);
@@ -127,7 +131,8 @@ TEST_F(ager, traces_what_it_deleted_with_its_switch) {
         captured_output trace(stderr);
         advance_sec(6);
         *flag = false;
-        EXPECT_NE(trace.text().find("\nZON Ager: aged out flow " + std::to_string(fid) + "\n"), std::string::npos)
+        EXPECT_NE(trace.text().find("\nZON Ager: aged out flow " + std::to_string(fid) + "\n"),
+                  std::string::npos)
             << trace.text();
     }
     handle(udp_from(1));
@@ -174,7 +179,8 @@ TEST_F(ager, takes_a_flow_that_was_marked_by_hand_for_aged_although_it_stays) {
     zon_debug_flag_ager = true;
     captured_output trace(stderr);
     advance_sec(60);
-    EXPECT_EQ(trace.text().find("aged out flow"), trace.text().rfind("aged out flow")) << "once: it is not armed anew";
+    EXPECT_EQ(trace.text().find("aged out flow"), trace.text().rfind("aged out flow"))
+        << "once: it is not armed anew";
     EXPECT_NE(trace.text().find("aged out flow"), std::string::npos);
     EXPECT_EQ(record_of(fid), flow);
     EXPECT_FALSE(zon_timer_running(&flow->timer));
@@ -238,7 +244,8 @@ TEST_F(ager_without_a_wheel, starts_nothing_and_says_nothing) {
 
 // ---- what a callback does while a flow ages ----
 
-void make_a_flow(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e reason, zon_client_id_e) {
+void make_a_flow(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e reason,
+                 zon_client_id_e) {
     noted_deletions.push_back({fid, reason});
     if (noted_deletions.size() == 1)
         engine_call(udp_from(999)).run();
@@ -276,8 +283,9 @@ TEST_F(ager, ages_a_fragment_entry_out_and_leaves_the_flow_to_its_own_timer) {
     captured_output trace(stderr);
     advance_ms(200);
     zon_debug_flag_ager = false;
-    EXPECT_NE(trace.text().find("\nZON Ager: fragment with fid=[" + std::to_string(fid) + "] aged out\n"),
-              std::string::npos)
+    EXPECT_NE(
+        trace.text().find("\nZON Ager: fragment with fid=[" + std::to_string(fid) + "] aged out\n"),
+        std::string::npos)
         << trace.text();
     EXPECT_EQ(handle(fragments[1]).fid, 0U);
     EXPECT_NE(record_of(fid), nullptr);

@@ -85,8 +85,7 @@ class capability : public capabilities, public ::testing::WithParamInterface<cap
 
 }  // namespace
 
-// ---- each one
-// ----------------------------------------------------------------------------------------------------
+// ---- each one ----
 
 TEST_P(capability, has_its_value_and_its_counter) {
     EXPECT_EQ(static_cast<int>(GetParam().bit), GetParam().value);
@@ -153,8 +152,7 @@ TEST_P(capability, that_is_not_enabled_is_not_disabled) {
 INSTANTIATE_TEST_SUITE_P(, capability, ::testing::ValuesIn(capability_rows),
                          [](const auto& row) { return std::string(row.param.name); });
 
-// ---- sets of them
-// ------------------------------------------------------------------------------------------------
+// ---- sets of them ----
 
 TEST_F(capabilities, enabled_all_at_once_are_counted_each) {
     EXPECT_EQ(zon_client_enable_engine_capability(first, ZON_CAPABILITY_ENABLE_ALL),
@@ -219,8 +217,7 @@ TEST_F(capabilities, that_are_counted_for_nobody_do_not_go_below_none) {
     EXPECT_EQ(sum_of_counters(), 1u);
 }
 
-// ---- refusals
-// ----------------------------------------------------------------------------------------------------
+// ---- refusals ----
 
 namespace {
 
@@ -339,8 +336,7 @@ TEST(capability_counters, are_left_alone_without_an_engine) {
     zon_engine_flow_type_unregister(ZON_CAPABILITY_ENABLE_ALL);
 }
 
-// ---- at work
-// -----------------------------------------------------------------------------------------------------
+// ---- at work ----
 
 class capabilities_at_work : public zon_test::engine_fixture {
 protected:

@@ -1,4 +1,5 @@
-// zon_classify_test.cpp - what the engine does with a packet of a flow, found or new, and what it tells of it.
+// zon_classify_test.cpp - what the engine does with a packet of a flow, found or new, and what it
+// tells of it.
 
 #include <gtest/gtest.h>
 
@@ -16,10 +17,18 @@ namespace {
 
 using namespace zon_test;
 
-packet_builder tcp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80); }
-packet_builder udp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(1000, 53); }
-packet_builder tcp6() { return packet_builder::ipv6("2001:db8::1", "2001:db8::2").tcp(40000, 80); }
-packet_builder udp6() { return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1000, 53); }
+packet_builder tcp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80);
+}
+packet_builder udp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(1000, 53);
+}
+packet_builder tcp6() {
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2").tcp(40000, 80);
+}
+packet_builder udp6() {
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1000, 53);
+}
 
 class classified_packet : public engine_fixture {
 protected:
@@ -73,7 +82,8 @@ TEST_P(connection, has_the_packets_key_on_one_side_and_its_reverse_on_the_other)
     zon_flow_t* flow = record_of(first.run());
     ASSERT_NE(flow, nullptr);
     engine_call again(GetParam().first(), 7);
-    const size_t size = again.fe.l3_proto == ZON_L3_IPV4 ? sizeof(zon_ipv4_key_t) : sizeof(zon_ipv6_key_t);
+    const size_t size =
+        again.fe.l3_proto == ZON_L3_IPV4 ? sizeof(zon_ipv4_key_t) : sizeof(zon_ipv6_key_t);
     EXPECT_EQ(std::memcmp(&flow->initiator_flow->key, &again.key()->key, size), 0);
     zon_swap_key(&again.key()->key);
     EXPECT_EQ(std::memcmp(&flow->responder_flow->key, &again.key()->key, size), 0);
@@ -101,8 +111,10 @@ TEST_P(connection, tells_where_headers_and_payload_are) {
 }
 
 INSTANTIATE_TEST_SUITE_P(families, connection,
-                         ::testing::Values(family_row{"tcp_ipv4", tcp4}, family_row{"udp_ipv4", udp4},
-                                           family_row{"tcp_ipv6", tcp6}, family_row{"udp_ipv6", udp6}),
+                         ::testing::Values(family_row{"tcp_ipv4", tcp4},
+                                           family_row{"udp_ipv4", udp4},
+                                           family_row{"tcp_ipv6", tcp6},
+                                           family_row{"udp_ipv6", udp6}),
                          [](const auto& row) { return row.param.name; });
 
 TEST_F(classified_packet, of_a_host_talking_to_itself_counts_as_the_initiators_both_ways) {
@@ -152,15 +164,21 @@ TEST_F(classified_packet, of_another_protocol_has_a_flow_without_ports_and_30_se
 struct payload_row {
     const char* name;
     packet_builder (*packet)();
-    size_t length_at;     // a 16-bit length field of the packet
-    uint16_t length;      // what it is set to
-    uint32_t payload;     // what the engine makes of it
+    size_t length_at;  // a 16-bit length field of the packet
+    uint16_t length;   // what it is set to
+    uint32_t payload;  // what the engine makes of it
 };
 packet_builder tcp4_with_options() {
-    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").ip_options(bytes(8)).tcp(1, 2).tcp_options(bytes(12));
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2")
+        .ip_options(bytes(8))
+        .tcp(1, 2)
+        .tcp_options(bytes(12));
 }
 packet_builder tcp6_with_extensions() {
-    return packet_builder::ipv6("2001:db8::1", "2001:db8::2").hop_by_hop(1).tcp(1, 2).tcp_options(bytes(4));
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2")
+        .hop_by_hop(1)
+        .tcp(1, 2)
+        .tcp_options(bytes(4));
 }
 class payload_size : public classified_packet, public ::testing::WithParamInterface<payload_row> {};
 
@@ -173,22 +191,24 @@ TEST_P(payload_size, follows_the_length_fields_modulo_16_bits) {
     EXPECT_EQ(call.seen.l7_flow_bytes, GetParam().payload);
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, payload_size,
-                         ::testing::Values(payload_row{"tcp_ipv4", tcp4, 2, 50, 10},
-                                           payload_row{"tcp_ipv4_none", tcp4, 2, 40, 0},
-                                           payload_row{"tcp_ipv4_too_short", tcp4, 2, 39, 65535},
-                                           payload_row{"tcp_ipv4_options", tcp4_with_options, 2, 70, 10},
-                                           payload_row{"tcp_ipv6", tcp6, 4, 30, 10},
-                                           payload_row{"tcp_ipv6_zero_length", tcp6, 4, 0, 65516},
-                                           payload_row{"tcp_ipv6_extensions", tcp6_with_extensions, 4, 50, 10},
-                                           payload_row{"udp_ipv4", udp4, 24, 18, 10},
-                                           payload_row{"udp_ipv4_none", udp4, 24, 8, 0},
-                                           payload_row{"udp_ipv4_zero_length", udp4, 24, 0, 65528},
-                                           payload_row{"udp_ipv6", udp6, 44, 18, 10}),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    rows, payload_size,
+    ::testing::Values(payload_row{"tcp_ipv4", tcp4, 2, 50, 10},
+                      payload_row{"tcp_ipv4_none", tcp4, 2, 40, 0},
+                      payload_row{"tcp_ipv4_too_short", tcp4, 2, 39, 65535},
+                      payload_row{"tcp_ipv4_options", tcp4_with_options, 2, 70, 10},
+                      payload_row{"tcp_ipv6", tcp6, 4, 30, 10},
+                      payload_row{"tcp_ipv6_zero_length", tcp6, 4, 0, 65516},
+                      payload_row{"tcp_ipv6_extensions", tcp6_with_extensions, 4, 50, 10},
+                      payload_row{"udp_ipv4", udp4, 24, 18, 10},
+                      payload_row{"udp_ipv4_none", udp4, 24, 8, 0},
+                      payload_row{"udp_ipv4_zero_length", udp4, 24, 0, 65528},
+                      payload_row{"udp_ipv6", udp6, 44, 18, 10}),
+    [](const auto& row) { return row.param.name; });
 
 TEST_F(classified_packet, with_the_flows_first_payload_says_so_and_is_remembered) {
-    const auto check = [](const packet_builder& built, uint8_t first_payload, uint64_t bytes_so_far, uint32_t noted_on) {
+    const auto check = [](const packet_builder& built, uint8_t first_payload, uint64_t bytes_so_far,
+                          uint32_t noted_on) {
         engine_call call(built);
         const zon_flow_t* flow = record_of(call.run());
         EXPECT_EQ(call.seen.first_payload, first_payload);
@@ -234,9 +254,12 @@ struct aging_row {
     zon_l4_flow_state_e reached;  // by the first packet
     uint32_t age_ms;
 };
-class first_idle_time : public classified_packet, public ::testing::WithParamInterface<aging_row> {};
+class first_idle_time : public classified_packet,
+                        public ::testing::WithParamInterface<aging_row> {};
 
-packet_builder syn4() { return tcp4().flags(tcp_syn); }
+packet_builder syn4() {
+    return tcp4().flags(tcp_syn);
+}
 
 TEST_P(first_idle_time, is_chosen_by_protocol_and_state_after_the_first_packet) {
     ASSERT_TRUE(zon_set_default_aging(6, ZON_L4_OPENING, 1100));
@@ -276,7 +299,8 @@ TEST_F(classified_packet, still_marked_as_first_restarts_the_timer_of_a_known_fl
 
 // ---- the host's hash ----
 
-TEST_F(classified_packet, with_a_hash_of_the_host_is_found_by_packets_that_bring_the_same_both_ways) {
+TEST_F(classified_packet,
+       with_a_hash_of_the_host_is_found_by_packets_that_bring_the_same_both_ways) {
     const auto with_hash = [](const packet_builder& built) {
         engine_call call(built);
         call.key()->key.hash_valid = 1;
@@ -342,7 +366,8 @@ TEST_F(asked_clients, can_refuse_which_stops_the_asking_and_leaves_nothing_behin
     EXPECT_EQ(call.error, zon_error_client_pre_create_prevented);
     EXPECT_EQ(call.seen.fif, 0);
     EXPECT_EQ(asked, std::vector<std::string>{"b29"});
-    EXPECT_NE(log.text().find("ZON_MSG_INDEX: 2. Client pre-create prevented  zon_flow_lookup, half_flow::0\n"),
+    EXPECT_NE(log.text().find(
+                  "ZON_MSG_INDEX: 2. Client pre-create prevented  zon_flow_lookup, half_flow::0\n"),
               std::string::npos)
         << log.text();
     EXPECT_EQ(flows_in_use(), 0U);
@@ -351,8 +376,9 @@ TEST_F(asked_clients, can_refuse_which_stops_the_asking_and_leaves_nothing_behin
 
 std::vector<std::string> bypasses;
 void bypass_one(uint32_t payload, bool fif, bool promoted, bool first_payload, uint32_t* id) {
-    bypasses.push_back("one " + std::to_string(payload) + (fif ? " fif" : "") + (promoted ? " promoted" : "") +
-                       (first_payload ? " first" : "") + " id" + std::to_string(*id));
+    bypasses.push_back("one " + std::to_string(payload) + (fif ? " fif" : "") +
+                       (promoted ? " promoted" : "") + (first_payload ? " first" : "") + " id" +
+                       std::to_string(*id));
     *id += 1;
 }
 void bypass_two(uint32_t, bool, bool, bool, uint32_t* id) {
@@ -394,9 +420,8 @@ TEST_F(bypassing_clients, find_in_the_indications_what_is_known_by_then) {
     enable(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
     zon_client_id_e watching = 0;
     ASSERT_EQ(zon_client_feature_register(&watching), zon_error_none);
-    ASSERT_EQ(zon_client_register_bypass_cb(
-                  watching,
-                  [](uint32_t, bool, bool, bool, uint32_t*) { seen.push_back(*of_host); }),
+    ASSERT_EQ(zon_client_register_bypass_cb(watching, [](uint32_t, bool, bool, bool,
+                                                         uint32_t*) { seen.push_back(*of_host); }),
               zon_error_none);
     for (const bool hashed_by_host : {false, true}) {
         bytes packet = tcp4().payload(7).build();
@@ -408,7 +433,9 @@ TEST_F(bypassing_clients, find_in_the_indications_what_is_known_by_then) {
             indications.hash_valid = hashed_by_host;
             indications.hash_value = 99;
             zon_error_t error;
-            ASSERT_NE(zon_handle_packet(packet.data(), hashed_by_host, nullptr, &indications, &error), 0U);
+            ASSERT_NE(
+                zon_handle_packet(packet.data(), hashed_by_host, nullptr, &indications, &error),
+                0U);
             const zon_pkt_indications_t& told = seen.back();
             EXPECT_EQ(told.flow, 0U);
             EXPECT_EQ(told.flow_pkt_count, 0U);
@@ -469,17 +496,18 @@ TEST_F(classified_packet, that_changes_a_state_is_traced_with_the_debug_switch) 
     zon_set_debug(true);
     captured_output trace(stderr);
     engine_call(tcp4().flags(tcp_syn)).run();
-    EXPECT_NE(trace.text().find(std::string("1 1 ") + zon_session_state_string(ZON_L4_OPENING) + " " +
-                                zon_tcp_state_string(ZON_TCP_SYNSENT) + " i_to_r\n"),
+    EXPECT_NE(trace.text().find(std::string("1 1 ") + zon_session_state_string(ZON_L4_OPENING) +
+                                " " + zon_tcp_state_string(ZON_TCP_SYNSENT) + " i_to_r\n"),
               std::string::npos)
         << trace.text();
     const size_t length = trace.text().size();
     engine_call(tcp4().flags(tcp_syn)).run();
     EXPECT_EQ(trace.text().size(), length) << "a packet that changes nothing is not traced";
     engine_call(tcp4().reversed().flags(tcp_syn | tcp_ack)).run();
-    EXPECT_NE(trace.text().find(std::string("1 3 ") + zon_session_state_string(ZON_L4_UNI_ESTABLISHED) + " " +
-                                zon_tcp_state_string(ZON_TCP_SYNRCVD) + " r_to_i\n"),
-              std::string::npos)
+    EXPECT_NE(
+        trace.text().find(std::string("1 3 ") + zon_session_state_string(ZON_L4_UNI_ESTABLISHED) +
+                          " " + zon_tcp_state_string(ZON_TCP_SYNRCVD) + " r_to_i\n"),
+        std::string::npos)
         << trace.text();
 }
 
@@ -507,7 +535,8 @@ TEST_F(classified_packet, of_a_udp_flow_in_the_record_of_a_tcp_flow_starts_from_
     EXPECT_EQ(record_of(fid)->l4state.pkt_count, 1);
     EXPECT_EQ(record_of(fid)->app_id, 0U);
     uint32_t next = 0;
-    EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(fid, ZON_DIR_INITIATOR, &next, nullptr), zon_error_invalid_next_seq_number);
+    EXPECT_EQ(zon_flow_get_next_tcp_seq_nbr(fid, ZON_DIR_INITIATOR, &next, nullptr),
+              zon_error_invalid_next_seq_number);
 }
 
 // ---- a flow without a known family ----
@@ -521,13 +550,15 @@ TEST_F(classified_packet_DeathTest, with_a_key_type_outside_the_table_stops_the_
     engine_call call(udp4());
     call.key()->key.key_type = ZON_MAX_KEY;
     EXPECT_DEATH(call.run(), "zon_hash_func_ipv6: Assertion `0' failed");
-    // With a hash of the host it gets as far as the announced flows, and no farther than the half flow.
+    // With a hash of the host it gets as far as the announced flows, and no farther than the half
+    // flow.
     call.key()->key.hash_valid = 1;
     EXPECT_DEATH(call.run(), "Assertion `half_flow_key_type <= ZON_IPV6_LAST_KEY' failed");
     zon_flow_tuple_t tuple{};
     tuple.src_ip.addr_type = ZON_IP_ADDR_IPV4;
     zon_fid_t fid = 0;
-    ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr), zon_error_none);
+    ASSERT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, 0, &fid, nullptr),
+              zon_error_none);
     EXPECT_DEATH(call.run(), "Unknown key type 10");
 }
 

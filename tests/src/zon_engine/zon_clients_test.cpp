@@ -62,8 +62,7 @@ void ignore_bypass(uint32_t, bool, bool, bool, uint32_t*) {}
 
 }  // namespace
 
-// ---- ids
-// -------------------------------------------------------------------------------------------------------
+// ---- ids ----
 
 TEST_F(client_ids, are_handed_out_from_31_down) {
     EXPECT_EQ(register_one(), 31u);
@@ -179,8 +178,7 @@ TEST_F(client_ids, without_a_delete_callback_have_no_feature_objects_to_remove) 
     EXPECT_EQ(zon_unreg_client_fo(31), zon_error_none);
 }
 
-// ---- the table of callbacks
-// --------------------------------------------------------------------------------------
+// ---- the table of callbacks ----
 
 namespace {
 
@@ -370,8 +368,7 @@ TEST(client_without_engine, is_refused) {
     EXPECT_EQ(zon_private_get_delete_cb(5), nullptr);
 }
 
-// ---- the callbacks at work
-// ---------------------------------------------------------------------------------------
+// ---- the callbacks at work ----
 
 namespace {
 

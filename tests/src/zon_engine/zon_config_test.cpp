@@ -42,8 +42,8 @@ TEST_F(defaults, have_their_initial_values) {
 }
 
 TEST_F(defaults, of_the_trace_are_off) {
-    for (const bool flag : {zon_debug_flag_engine, zon_debug_flag_fe, zon_debug_flag_l4, zon_debug_flag_ager,
-                            zon_debug_flag_all, zon_errlog})
+    for (const bool flag : {zon_debug_flag_engine, zon_debug_flag_fe, zon_debug_flag_l4,
+                            zon_debug_flag_ager, zon_debug_flag_all, zon_errlog})
         EXPECT_FALSE(flag);
 }
 
@@ -109,7 +109,8 @@ INSTANTIATE_TEST_SUITE_P(rows, flows_for_memory,
                          [](const auto& row) { return "of_" + std::to_string(row.param.bytes); });
 
 TEST(configuration, needs_room_for_the_number_of_flows) {
-    EXPECT_EQ(zon_config_calc_max_flows_for_given_memory(392, nullptr), zon_error_parameter_is_null);
+    EXPECT_EQ(zon_config_calc_max_flows_for_given_memory(392, nullptr),
+              zon_error_parameter_is_null);
 }
 
 // ---- with an engine ----
@@ -172,7 +173,9 @@ TEST_F(configured_engine, lets_its_figures_wrap_at_32_bits) {
     EXPECT_EQ(usage().bytes_used_for_flow_aggregation, 0U);
 }
 
-TEST_F(configured_engine, has_its_wheel_where_it_says) { EXPECT_EQ(zon_get_tw_internal(), &g_zon->zon_tw); }
+TEST_F(configured_engine, has_its_wheel_where_it_says) {
+    EXPECT_EQ(zon_get_tw_internal(), &g_zon->zon_tw);
+}
 
 using namespace zon_test;
 
@@ -260,17 +263,20 @@ class default_aging : public configured_engine, public ::testing::WithParamInter
 
 TEST_P(default_aging, is_set_for_tcp_and_udp_and_the_seven_states_only) {
     const zon_timer_defaults_t before = g_zon->timer_defaults;
-    EXPECT_EQ(zon_set_default_aging(GetParam().protocol, static_cast<zon_l4_flow_state_e>(GetParam().state), 4321),
+    EXPECT_EQ(zon_set_default_aging(GetParam().protocol,
+                                    static_cast<zon_l4_flow_state_e>(GetParam().state), 4321),
               GetParam().accepted);
-    EXPECT_EQ(std::memcmp(&before, &g_zon->timer_defaults, sizeof before) == 0, !GetParam().accepted);
+    EXPECT_EQ(std::memcmp(&before, &g_zon->timer_defaults, sizeof before) == 0,
+              !GetParam().accepted);
 }
 
-INSTANTIATE_TEST_SUITE_P(rows, default_aging,
-                         ::testing::Values(aging_row{"icmp", 1, 0, false}, aging_row{"tcp_closed", 6, 0, true},
-                                           aging_row{"tcp_closing", 6, 6, true}, aging_row{"tcp_end", 6, 7, false},
-                                           aging_row{"tcp_negative", 6, -1, false}, aging_row{"udp_closed", 17, 0, true},
-                                           aging_row{"udp_closing", 17, 6, true}, aging_row{"udp_end", 17, 7, false},
-                                           aging_row{"ipv6_in_ip", 41, 0, false}, aging_row{"other", 255, 0, false}),
-                         [](const auto& row) { return row.param.name; });
+INSTANTIATE_TEST_SUITE_P(
+    rows, default_aging,
+    ::testing::Values(aging_row{"icmp", 1, 0, false}, aging_row{"tcp_closed", 6, 0, true},
+                      aging_row{"tcp_closing", 6, 6, true}, aging_row{"tcp_end", 6, 7, false},
+                      aging_row{"tcp_negative", 6, -1, false}, aging_row{"udp_closed", 17, 0, true},
+                      aging_row{"udp_closing", 17, 6, true}, aging_row{"udp_end", 17, 7, false},
+                      aging_row{"ipv6_in_ip", 41, 0, false}, aging_row{"other", 255, 0, false}),
+    [](const auto& row) { return row.param.name; });
 
 }  // namespace

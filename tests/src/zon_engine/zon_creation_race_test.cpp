@@ -90,9 +90,8 @@ TEST_F(overtaken_packet, finds_a_flow_that_a_reply_made_meanwhile) {
 
 // ---- announcements ----
 
-class overtaken_by_an_announcement
-    : public overtaken_packet,
-      public ::testing::WithParamInterface<zon_flow_tuple_type_t> {};
+class overtaken_by_an_announcement : public overtaken_packet,
+                                     public ::testing::WithParamInterface<zon_flow_tuple_type_t> {};
 
 TEST_P(overtaken_by_an_announcement, promotes_it) {
     zon_flow_tuple_t tuple{};

@@ -1,4 +1,5 @@
-// zon_flow_creation_test.cpp - every way in which a packet is refused a flow, and that nothing is left of the attempt.
+// zon_flow_creation_test.cpp - every way in which a packet is refused a flow, and that nothing is
+// left of the attempt.
 
 #include <gtest/gtest.h>
 
@@ -18,8 +19,12 @@ namespace {
 
 using namespace zon_test;
 
-packet_builder udp_from(uint16_t port) { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(port, 53); }
-packet_builder udp6() { return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1000, 53); }
+packet_builder udp_from(uint16_t port) {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").udp(port, 53);
+}
+packet_builder udp6() {
+    return packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1000, 53);
+}
 
 class new_flow : public engine_fixture {
 protected:
@@ -46,7 +51,9 @@ protected:
         EXPECT_TRUE(no_lock_is_held());
         return text;
     }
-    static bool contains(const std::string& text, const char* line) { return text.find(line) != std::string::npos; }
+    static bool contains(const std::string& text, const char* line) {
+        return text.find(line) != std::string::npos;
+    }
 };
 
 // ---- tunnels ----
@@ -71,9 +78,11 @@ TEST_P(tunnelled_flow, is_made_only_while_its_tunnel_is_looked_through) {
     const zon_fid_t fid = call.run(&counters);
     zon_debug_flag_engine = false;
     EXPECT_EQ(fid != 0, GetParam().allowed);
-    EXPECT_EQ(contains(trace.text(), "\nZON Engine: Tunneled flow cannot be created because the stripping for the "
-                                     "specified tunnel type is not enabled"),
-              !GetParam().allowed);
+    EXPECT_EQ(
+        contains(trace.text(),
+                 "\nZON Engine: Tunneled flow cannot be created because the stripping for the "
+                 "specified tunnel type is not enabled"),
+        !GetParam().allowed);
     if (!GetParam().allowed) {
         EXPECT_EQ(call.error, untouched_error);
         EXPECT_EQ(call.seen.fif, 0);
@@ -85,7 +94,8 @@ TEST_P(tunnelled_flow, is_made_only_while_its_tunnel_is_looked_through) {
     EXPECT_EQ(record_of(fid)->tunnel_type, call.tunnel);
     EXPECT_EQ(call.seen.tunnel_type, call.tunnel);
     for (const zon_tunnel_type_e tunnel : {ZON_TUNNEL_TYPE_IPV6INIP, ZON_TUNNEL_TYPE_TEREDO})
-        EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, tunnel), tunnel == call.tunnel ? 1U : 0U);
+        EXPECT_EQ(zon_private_get_active_tunnel_flows_count(g_zon->flow_tbl, tunnel),
+                  tunnel == call.tunnel ? 1U : 0U);
     // Packets of a known flow pass even when the tunnel is not looked through any more.
     zon_capability_counter_t nothing{};
     engine_call reply(udp6().reversed());
@@ -119,7 +129,8 @@ protected:
 
 TEST_F(full_engine, refuses_a_fourth_flow_and_counts_it) {
     engine_call call(udp_from(4));
-    EXPECT_TRUE(contains(expect_refused(call, zon_error_memory), "\nZON Engine: Could not allocate memory for the flow"));
+    EXPECT_TRUE(contains(expect_refused(call, zon_error_memory),
+                         "\nZON Engine: Could not allocate memory for the flow"));
     EXPECT_EQ(g_zon->error_stats.flow_alloc_errors, 1U);
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 0U);
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 6U);
@@ -152,31 +163,37 @@ protected:
 };
 
 TEST_F(engine_without_ready_half_flows, gives_the_record_back_when_the_initiators_cannot_be_had) {
-    const zon_ipv6_half_flow_mem_t chunk = std::exchange(g_zon->zon_chunk_ptr.zon_ipv6_half_flow_mem, nullptr);
+    const zon_ipv6_half_flow_mem_t chunk =
+        std::exchange(g_zon->zon_chunk_ptr.zon_ipv6_half_flow_mem, nullptr);
     engine_call call(udp6());
     const std::string trace = expect_refused(call, zon_error_memory);
     g_zon->zon_chunk_ptr.zon_ipv6_half_flow_mem = chunk;
     EXPECT_TRUE(contains(trace, "\nZON Engine: Could not allocate memory for the half flow"));
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 1U);
     EXPECT_EQ(g_zon->error_stats.flow_alloc_errors, 0U);
-    EXPECT_EQ(g_zon->memory_usage_stats.ipv6_half_flow_alloc_count, 1U) << "the attempt stays counted";
+    EXPECT_EQ(g_zon->memory_usage_stats.ipv6_half_flow_alloc_count, 1U)
+        << "the attempt stays counted";
     EXPECT_EQ(flows_in_use(), 0U);
     EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0U);
-    EXPECT_EQ(g_zon->fid_table->free_tail->fid, 1U) << "the record went to the end of the free ones";
+    EXPECT_EQ(g_zon->fid_table->free_tail->fid, 1U)
+        << "the record went to the end of the free ones";
     EXPECT_EQ(engine_call(udp6()).run(), 2U);
 }
 
-TEST_F(engine_without_ready_half_flows, gives_the_initiators_back_too_when_the_responders_cannot_be_had) {
+TEST_F(engine_without_ready_half_flows,
+       gives_the_initiators_back_too_when_the_responders_cannot_be_had) {
     ASSERT_EQ(zon_private_ipv4_flow_mem_buffer_count, 2);
     zon_half_flow_t* kept = zon_allocate_half_flow(ZON_IPV4_KEY_COMPLETE);  // one is left
     kept->key.key_type = ZON_IPV4_KEY_COMPLETE;
-    const zon_ipv4_half_flow_mem_t chunk = std::exchange(g_zon->zon_chunk_ptr.zon_ipv4_half_flow_mem, nullptr);
+    const zon_ipv4_half_flow_mem_t chunk =
+        std::exchange(g_zon->zon_chunk_ptr.zon_ipv4_half_flow_mem, nullptr);
     engine_call call(udp_from(1));
     expect_refused(call, zon_error_memory);
     g_zon->zon_chunk_ptr.zon_ipv4_half_flow_mem = chunk;
     EXPECT_EQ(zon_private_ipv4_flow_mem_buffer_count, 1) << "the first half flow is ready again";
     EXPECT_EQ(g_zon->error_stats.half_flow_alloc_errors, 1U);
-    EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2U) << "the one kept and the failed attempt";
+    EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, 2U)
+        << "the one kept and the failed attempt";
     EXPECT_EQ(flows_in_use(), 0U);
     EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0U);
     zon_deallocate_half_flow(kept);
@@ -197,7 +214,8 @@ protected:
     // A packet whose key falls into one bucket and the key of its replies into another.
     static packet_builder find_packet(int forward, int backward, uint16_t from_port = 1) {
         for (uint16_t port = from_port; port != 0; ++port)
-            if (bucket_of(udp_from(port)) == forward && bucket_of(udp_from(port).reversed()) == backward)
+            if (bucket_of(udp_from(port)) == forward &&
+                bucket_of(udp_from(port).reversed()) == backward)
                 return udp_from(port);
         ADD_FAILURE() << "no port leads to buckets " << forward << " and " << backward;
         return udp_from(1);
@@ -209,8 +227,10 @@ TEST_F(engine_of_depth_one, refuses_a_flow_whose_own_bucket_is_full) {
     ASSERT_NE(first, 0U);
     engine_call call(find_packet(1, 3));
     const std::string log = expect_refused(call, zon_error_memory);
-    EXPECT_TRUE(contains(log, "ZON_MSG_INDEX: 0. Could not allocate memory for the flow  zon_flow_lookup, table insert "
-                              "failed::0\n"))
+    EXPECT_TRUE(contains(
+        log,
+        "ZON_MSG_INDEX: 0. Could not allocate memory for the flow  zon_flow_lookup, table insert "
+        "failed::0\n"))
         << log;
     EXPECT_EQ(g_zon->flow_tbl->profile_insert, 2U);
     EXPECT_EQ(g_zon->flow_tbl->profile_delete, 0U);
@@ -252,7 +272,8 @@ TEST_F(engine_of_depth_one, counts_no_tunnelled_flow_that_it_refused) {
 TEST_F(new_flow, listens_and_has_both_halves_inserted_under_its_lock) {
     engine_call call(packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(1, 2));
     const zon_flow_t* flow = record_of(call.run());
-    EXPECT_EQ(flow->l4state.tcp_state, ZON_TCP_SYNSENT) << "any first packet of the initiator opens";
+    EXPECT_EQ(flow->l4state.tcp_state, ZON_TCP_SYNSENT)
+        << "any first packet of the initiator opens";
     EXPECT_EQ(g_zon->flow_tbl->profile_insert, 2U);
     EXPECT_EQ(flow->tunnel_type, ZON_TUNNEL_TYPE_NONE);
     EXPECT_EQ(flow->initiator_flow->fo_list, nullptr);
@@ -290,7 +311,8 @@ TEST_F(new_flow, behind_a_nat_is_found_by_replies_to_the_translated_address) {
     EXPECT_EQ(reply.run(), fid);
     EXPECT_EQ(reply.seen.is_initiator, 0);
     EXPECT_EQ(nat.calls, 1) << "known flows are not translated again";
-    EXPECT_NE(engine_call(packet_builder::ipv4("198.51.100.7", "10.0.0.1").udp(53, 1000)).run(), fid);
+    EXPECT_NE(engine_call(packet_builder::ipv4("198.51.100.7", "10.0.0.1").udp(53, 1000)).run(),
+              fid);
 }
 
 TEST_F(new_flow, of_ipv6_is_not_shown_to_a_nat) {
@@ -301,12 +323,15 @@ TEST_F(new_flow, of_ipv6_is_not_shown_to_a_nat) {
 
 TEST_F(new_flow, may_share_the_reverse_key_of_another_translated_flow) {
     nat_host nat(0xC0000201, 6000);
-    const zon_fid_t one = engine_call(packet_builder::ipv4("10.0.0.1", "198.51.100.7").udp(1000, 53)).run();
-    const zon_fid_t two = engine_call(packet_builder::ipv4("10.0.0.2", "198.51.100.7").udp(1000, 53)).run();
+    const zon_fid_t one =
+        engine_call(packet_builder::ipv4("10.0.0.1", "198.51.100.7").udp(1000, 53)).run();
+    const zon_fid_t two =
+        engine_call(packet_builder::ipv4("10.0.0.2", "198.51.100.7").udp(1000, 53)).run();
     EXPECT_NE(one, 0U);
     EXPECT_NE(two, 0U);
     EXPECT_NE(one, two);
-    EXPECT_EQ(engine_call(packet_builder::ipv4("198.51.100.7", "192.0.2.1").udp(53, 6000)).run(), two)
+    EXPECT_EQ(engine_call(packet_builder::ipv4("198.51.100.7", "192.0.2.1").udp(53, 6000)).run(),
+              two)
         << "the newest answers";
 }
 
@@ -325,7 +350,8 @@ bool hand_the_same_packet_in(void*, zon_client_id_e) {
 TEST_F(new_flow, that_a_callback_made_meanwhile_is_taken_and_no_second_one_made) {
     nested = false;
     nested_fid = 0;
-    ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, hand_the_same_packet_in), zon_error_none);
+    ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, hand_the_same_packet_in),
+              zon_error_none);
     engine_call call(udp_from(1));
     const zon_fid_t fid = call.run();
     EXPECT_NE(nested_fid, 0U);

@@ -1,4 +1,5 @@
-// zon_half_flows_test.cpp - half flows come from the ready ones first, and flows are found by key and by identifier.
+// zon_half_flows_test.cpp - half flows come from the ready ones first, and flows are found by key
+// and by identifier.
 
 #include <gtest/gtest.h>
 
@@ -128,16 +129,20 @@ protected:
 };
 
 TEST_F(half_flows_DeathTest, of_an_unknown_type_stop_the_program) {
-    EXPECT_DEATH(zon_allocate_half_flow(ZON_MAX_KEY), "Assertion `half_flow_key_type <= ZON_IPV6_LAST_KEY' failed");
+    EXPECT_DEATH(zon_allocate_half_flow(ZON_MAX_KEY),
+                 "Assertion `half_flow_key_type <= ZON_IPV6_LAST_KEY' failed");
     zon_half_flow_t* half = allocate(ZON_IPV4_KEY_COMPLETE);
     half->key.key_type = ZON_MAX_KEY;
-    EXPECT_DEATH(zon_deallocate_half_flow(half), "Assertion `half_flow->key.key_type <= ZON_IPV6_LAST_KEY' failed");
+    EXPECT_DEATH(zon_deallocate_half_flow(half),
+                 "Assertion `half_flow->key.key_type <= ZON_IPV6_LAST_KEY' failed");
     half->key.key_type = ZON_IPV4_KEY_COMPLETE;
     zon_deallocate_half_flow(half);
 }
 
-TEST_F(half_flows_DeathTest, are_not_found_by_an_identifier_above_the_capacity_which_stops_the_program) {
-    EXPECT_DEATH(zon_get_flow(parameters.max_flows + 1), "Assertion `fid_is_valid\\(fid_table, fid\\)' failed");
+TEST_F(half_flows_DeathTest,
+       are_not_found_by_an_identifier_above_the_capacity_which_stops_the_program) {
+    EXPECT_DEATH(zon_get_flow(parameters.max_flows + 1),
+                 "Assertion `fid_is_valid\\(fid_table, fid\\)' failed");
 }
 
 // ---- lookup by key and by identifier ----
@@ -147,7 +152,8 @@ protected:
     // Announces 10.0.0.1:40000 -> 10.0.0.2:80 over TCP, or what lies between two IPv6 addresses.
     static zon_fid_t announce(zon_flow_tuple_type_t type, bool ipv6 = false) {
         zon_flow_tuple_t tuple{};
-        tuple.src_ip.addr_type = tuple.dst_ip.addr_type = ipv6 ? ZON_IP_ADDR_IPV6 : ZON_IP_ADDR_IPV4;
+        tuple.src_ip.addr_type = tuple.dst_ip.addr_type =
+            ipv6 ? ZON_IP_ADDR_IPV6 : ZON_IP_ADDR_IPV4;
         const key_fields fields;
         if (ipv6) {
             std::memcpy(tuple.src_ip.u.v6_addr, fields.src_ip.data(), 16);

@@ -1,4 +1,5 @@
-// zon_lifecycle_test.cpp - the engine is created, destroyed and created again, and what each failure leaves behind.
+// zon_lifecycle_test.cpp - the engine is created, destroyed and created again, and what each
+// failure leaves behind.
 
 #include <gtest/gtest.h>
 
@@ -25,7 +26,9 @@ using zon_test::noted_deletion;
 using zon_test::noted_deletions;
 using zon_test::packet_builder;
 
-zon_error_t init_small() { return zon_init(100, 7000, 10, 4, 3, 16, 10); }
+zon_error_t init_small() {
+    return zon_init(100, 7000, 10, 4, 3, 16, 10);
+}
 
 class engine_life : public ::testing::Test {
 protected:
@@ -119,7 +122,9 @@ TEST_F(engine_life, begins_anew_when_it_is_initialised_twice) {
     EXPECT_EQ(id, 31U);
 }
 
-TEST_F(engine_life, ends_without_error_when_there_is_none) { EXPECT_EQ(zon_destroy(), zon_error_none); }
+TEST_F(engine_life, ends_without_error_when_there_is_none) {
+    EXPECT_EQ(zon_destroy(), zon_error_none);
+}
 
 TEST_F(engine_life, is_not_ended_while_a_walk_runs) {
     ASSERT_EQ(init_small(), zon_error_none);
@@ -167,7 +172,8 @@ TEST_F(engine_life, is_traced_when_the_engine_or_everything_is) {
         init_small();
         EXPECT_NE(trace.text().find("\nZON Engine: zon_init "), std::string::npos);
         zon_destroy();
-        EXPECT_NE(trace.text().find("\nZON Engine: Deleting table with 0 flows."), std::string::npos);
+        EXPECT_NE(trace.text().find("\nZON Engine: Deleting table with 0 flows."),
+                  std::string::npos);
         const size_t first = trace.text().find("\nZON Engine: zon_destroy");
         EXPECT_NE(first, std::string::npos);
         zon_destroy();
@@ -205,19 +211,22 @@ TEST_F(engine_life, tells_which_part_could_not_be_made) {
     with_each_request_failing([&errors](zon_error_t error) {
         EXPECT_EQ(zon_is_init() == zon_error_none, error != zon_error_zon_table_creation_failed)
             << "what was built so far stays";
-        // Without error: the ready IPv6 half flows and the last client ids, which are missed by nobody.
+        // Without error: the ready IPv6 half flows and the last client ids, which are missed by
+        // nobody.
         if (error != zon_error_none && (errors.empty() || errors.back() != error))
             errors.push_back(error);
     });
-    EXPECT_EQ(errors, (std::vector<zon_error_t>{
-                          zon_error_zon_table_creation_failed, zon_error_memory_chunk_creation_failed,
-                          zon_error_flow_table_creation_failed, zon_error_fid_table_creation_failed,
-                          zon_error_frag_table_creation_failed, zon_error_sctx_table_creation_failed}));
+    EXPECT_EQ(errors,
+              (std::vector<zon_error_t>{
+                  zon_error_zon_table_creation_failed, zon_error_memory_chunk_creation_failed,
+                  zon_error_flow_table_creation_failed, zon_error_fid_table_creation_failed,
+                  zon_error_frag_table_creation_failed, zon_error_sctx_table_creation_failed}));
 }
 
 TEST_F(engine_life, can_be_ended_or_begun_anew_after_every_failure) {
     with_each_request_failing([](zon_error_t) {
-        EXPECT_EQ(init_small(), zon_error_none) << "a half-built engine is destroyed and made again";
+        EXPECT_EQ(init_small(), zon_error_none)
+            << "a half-built engine is destroyed and made again";
         EXPECT_NE(g_zon->super_ctx_table, nullptr);
     });
     with_each_request_failing([](zon_error_t) {
@@ -259,9 +268,10 @@ TEST_F(busy_engine, deletes_every_flow_when_it_is_destroyed) {
     captured_output trace(stderr);
     EXPECT_EQ(zon_destroy(), zon_error_none);
     zon_debug_flag_engine = false;
-    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
-                                            {2, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
-                                            {3, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED}}));
+    EXPECT_EQ(noted_deletions,
+              (std::vector<noted_deletion>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
+                                           {2, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
+                                           {3, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED}}));
     EXPECT_NE(trace.text().find("\nZON Engine: Deleting table with 6 flows."), std::string::npos)
         << "the text counts half flows";
 }
@@ -269,8 +279,9 @@ TEST_F(busy_engine, deletes_every_flow_when_it_is_destroyed) {
 TEST_F(busy_engine, passes_over_a_flow_that_was_marked_by_hand) {
     zon_inst_mark_flow_for_delete(zon_test::record_of(2));
     EXPECT_EQ(zon_destroy(), zon_error_none);
-    EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
-                                            {3, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED}}));
+    EXPECT_EQ(noted_deletions,
+              (std::vector<noted_deletion>{{1, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED},
+                                           {3, ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED}}));
 }
 
 TEST_F(busy_engine, keeps_its_flows_when_it_refuses_to_be_destroyed) {
@@ -285,7 +296,9 @@ TEST_F(busy_engine, keeps_its_flows_when_it_refuses_to_be_destroyed) {
 
 // ---- restart ----
 
-TEST_F(engine_life, cannot_be_restarted_when_there_is_none) { EXPECT_FALSE(zon_restart()); }
+TEST_F(engine_life, cannot_be_restarted_when_there_is_none) {
+    EXPECT_FALSE(zon_restart());
+}
 
 TEST_F(busy_engine, comes_back_with_parameters_and_capabilities_and_without_clients) {
     const zon_capability_counter_t counters = g_zon->params.capability_counter;
@@ -303,7 +316,8 @@ TEST_F(busy_engine, comes_back_with_parameters_and_capabilities_and_without_clie
     bool in_force = false;
     EXPECT_EQ(zon_engine_get_capability(ZON_CAPABILITY_ENABLE_TCP, &in_force), zon_error_none);
     EXPECT_TRUE(in_force);
-    EXPECT_EQ(zon_engine_get_capability(ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS, &in_force), zon_error_none);
+    EXPECT_EQ(zon_engine_get_capability(ZON_CAPABILITY_ENABLE_TCP_STATE_CHECKS, &in_force),
+              zon_error_none);
     EXPECT_FALSE(in_force);
 
     EXPECT_EQ(g_zon->clients, nullptr);
@@ -365,7 +379,8 @@ TEST_F(engine_life, gives_no_packet_a_flow_before_it_has_a_table) {
             return;
         was_without_table = true;
         for (const int protocol : {6, 17, 41}) {
-            zon_test::bytes packet = zon_test::packet_builder::ipv4("192.0.2.1", "192.0.2.2").tcp(1, 2).build();
+            zon_test::bytes packet =
+                zon_test::packet_builder::ipv4("192.0.2.1", "192.0.2.2").tcp(1, 2).build();
             packet[9] = static_cast<uint8_t>(protocol);
             const auto size = static_cast<uint32_t>(packet.size());
             zon_pkt_indications_t seen{};
@@ -373,7 +388,8 @@ TEST_F(engine_life, gives_no_packet_a_flow_before_it_has_a_table) {
             EXPECT_EQ(zon_handle_packet(packet.data(), 0, nullptr, &seen, &error), 0U);
             EXPECT_EQ(error, zon_error_engine_not_init);
             error = zon_error_none;
-            EXPECT_EQ(zon_handle_captured_packet(packet.data(), size, 0, nullptr, &seen, &error), 0U);
+            EXPECT_EQ(zon_handle_captured_packet(packet.data(), size, 0, nullptr, &seen, &error),
+                      0U);
             EXPECT_EQ(error, zon_error_engine_not_init);
             zon_burst_packet_t alone{};
             alone.iphdr = packet.data();

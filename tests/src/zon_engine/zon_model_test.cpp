@@ -1,7 +1,8 @@
 // zon_model_test.cpp - the engine agrees with a slow, plain model on random scripts.
 //
-// A difference prints the seed, the first step that differed and a shortened script that still does. The environment may ask
-// for other scripts: ZON_MODEL_SEED for one seed, ZON_MODEL_SCRIPTS for their number.
+// A difference prints the seed, the first step that differed and a shortened script that still
+// does. The environment may ask for other scripts: ZON_MODEL_SEED for one seed, ZON_MODEL_SCRIPTS
+// for their number.
 
 #include <gtest/gtest.h>
 
@@ -17,13 +18,16 @@ using namespace zon_test;
 constexpr size_t steps_of_a_script = 20000;
 constexpr int attempts_to_shorten = 400;
 
-std::string report(uint32_t seed, const std::vector<script_step>& script, const script_result& result) {
-    std::string text = "seed " + std::to_string(seed) + ", step " + std::to_string(*result.failed_at) + ": " +
-                       result.difference + "\n";
-    std::vector<script_step> prefix(script.begin(), script.begin() + static_cast<std::ptrdiff_t>(*result.failed_at + 1));
-    const std::vector<script_step> shortest = shortened(settings_of(seed), std::move(prefix), attempts_to_shorten);
-    text += "a shortened script of " + std::to_string(shortest.size()) + " steps ends with: " +
-            run_script(settings_of(seed), shortest).difference + "\n";
+std::string report(uint32_t seed, const std::vector<script_step>& script,
+                   const script_result& result) {
+    std::string text = "seed " + std::to_string(seed) + ", step " +
+                       std::to_string(*result.failed_at) + ": " + result.difference + "\n";
+    std::vector<script_step> prefix(
+        script.begin(), script.begin() + static_cast<std::ptrdiff_t>(*result.failed_at + 1));
+    const std::vector<script_step> shortest =
+        shortened(settings_of(seed), std::move(prefix), attempts_to_shorten);
+    text += "a shortened script of " + std::to_string(shortest.size()) +
+            " steps ends with: " + run_script(settings_of(seed), shortest).difference + "\n";
     for (const script_step& step : shortest)
         text += "  " + to_text(step) + "\n";
     return text;

@@ -1,4 +1,5 @@
-// zon_promotion_test.cpp - an announced flow becomes a real one with its first packet: which one, and with what keys.
+// zon_promotion_test.cpp - an announced flow becomes a real one with its first packet: which one,
+// and with what keys.
 
 #include <gtest/gtest.h>
 
@@ -54,7 +55,8 @@ protected:
         made.l4_protocol = 6;
         return made;
     }
-    static zon_fid_t announce(zon_flow_tuple_type_t type, const zon_flow_tuple_t& of, zon_fid_t parent = 0) {
+    static zon_fid_t announce(zon_flow_tuple_type_t type, const zon_flow_tuple_t& of,
+                              zon_fid_t parent = 0) {
         zon_fid_t fid = 0;
         EXPECT_EQ(zon_pre_flow_add(type, &of, parent, &fid, nullptr), zon_error_none);
         EXPECT_NE(fid, 0U);
@@ -66,7 +68,9 @@ protected:
             keys += count;
         return keys;
     }
-    static uint32_t complete(bool ipv6) { return ipv6 ? ZON_IPV6_KEY_COMPLETE : ZON_IPV4_KEY_COMPLETE; }
+    static uint32_t complete(bool ipv6) {
+        return ipv6 ? ZON_IPV6_KEY_COMPLETE : ZON_IPV4_KEY_COMPLETE;
+    }
 };
 
 // ---- order of probing ----
@@ -102,15 +106,18 @@ TEST_P(probing, takes_complete_then_any_vrf_then_destination_only_then_source_on
 }
 
 TEST(probing_order, is_fixed_for_both_families) {
-    EXPECT_EQ(std::vector<uint32_t>(std::begin(zon_incomplete_keys_ipv4), std::end(zon_incomplete_keys_ipv4)),
+    EXPECT_EQ(std::vector<uint32_t>(std::begin(zon_incomplete_keys_ipv4),
+                                    std::end(zon_incomplete_keys_ipv4)),
               (std::vector<uint32_t>{3, 4, 1, 2}));
-    EXPECT_EQ(std::vector<uint32_t>(std::begin(zon_incomplete_keys_ipv6), std::end(zon_incomplete_keys_ipv6)),
+    EXPECT_EQ(std::vector<uint32_t>(std::begin(zon_incomplete_keys_ipv6),
+                                    std::end(zon_incomplete_keys_ipv6)),
               (std::vector<uint32_t>{8, 9, 6, 7}));
 }
 
 TEST_P(probing, passes_over_types_that_are_not_counted) {
     announce(ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, tuple(GetParam().ipv6));
-    const zon_fid_t by_destination = announce(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, tuple(GetParam().ipv6));
+    const zon_fid_t by_destination =
+        announce(ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, tuple(GetParam().ipv6));
     const uint32_t any_vrf = GetParam().ipv6 ? ZON_IPV6_KEY_VRF_STAR : ZON_IPV4_KEY_VRF_STAR;
     ASSERT_EQ(std::exchange(g_zon->flow_tbl->active_preflow_count[any_vrf], 0U), 2U);
     EXPECT_EQ(engine_call(packet(GetParam().ipv6)).run(), by_destination);
@@ -197,11 +204,13 @@ TEST_P(promotion, ends_with_complete_keys_of_the_packet_and_the_packets_sender_a
 
 INSTANTIATE_TEST_SUITE_P(
     rows, promotion,
-    ::testing::Combine(::testing::Values(promoted_row{"complete", ZON_FLOW_TUPLE_TYPE_COMPLETE, true},
-                                         promoted_row{"any_vrf", ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, false},
-                                         promoted_row{"destination_only", ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, false},
-                                         promoted_row{"source_only", ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, false}),
-                       ::testing::Values(family_row{"ipv4", false}, family_row{"ipv6", true}), ::testing::Bool()),
+    ::testing::Combine(
+        ::testing::Values(
+            promoted_row{"complete", ZON_FLOW_TUPLE_TYPE_COMPLETE, true},
+            promoted_row{"any_vrf", ZON_FLOW_TUPLE_TYPE_VRF_UNKNOWN, false},
+            promoted_row{"destination_only", ZON_FLOW_TUPLE_TYPE_DST_IP_PORT_KNOWN, false},
+            promoted_row{"source_only", ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, false}),
+        ::testing::Values(family_row{"ipv4", false}, family_row{"ipv6", true}), ::testing::Bool()),
     [](const auto& row) {
         return std::string(std::get<0>(row.param).name) + "_" + std::get<1>(row.param).name +
                (std::get<2>(row.param) ? "_turned" : "");
@@ -322,16 +331,18 @@ protected:
         engine_call call(packet(false));
         EXPECT_EQ(call.run(), 0U);
         zon_errlog = false;
-        EXPECT_NE(log.text().find("ZON_MSG_INDEX: 6. Flow could now be promoted  zon_flow_lookup, fid::" +
-                                  std::to_string(fid) + "\n"),
-                  std::string::npos)
+        EXPECT_NE(
+            log.text().find("ZON_MSG_INDEX: 6. Flow could now be promoted  zon_flow_lookup, fid::" +
+                            std::to_string(fid) + "\n"),
+            std::string::npos)
             << log.text();
         EXPECT_EQ(call.error, untouched_error);
         EXPECT_EQ(call.seen.fif, 0);
         EXPECT_EQ(call.seen.was_promoted, 0);
 
         EXPECT_EQ(record_of(fid), flow) << "the flow keeps its identifier";
-        EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 2 * blockers) << "both halves are outside";
+        EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 2 * blockers)
+            << "both halves are outside";
         EXPECT_EQ(flow->initiator_flow->hdr.pointer_to_us, nullptr);
         EXPECT_EQ(flow->responder_flow->hdr.pointer_to_us, nullptr);
         EXPECT_EQ(announced_keys(), 0U);
@@ -348,7 +359,9 @@ protected:
     zon_flow_t* flow = nullptr;
 };
 
-TEST_F(refused_promotion, leaves_both_halves_outside_when_the_senders_bucket_is_full) { expect_refusal(packet(false)); }
+TEST_F(refused_promotion, leaves_both_halves_outside_when_the_senders_bucket_is_full) {
+    expect_refusal(packet(false));
+}
 
 TEST_F(refused_promotion, leaves_both_halves_outside_when_the_other_bucket_is_full) {
     expect_refusal(packet(false).reversed());
@@ -379,7 +392,8 @@ bool run_pre_create(void*, zon_client_id_e) {
     return true;
 }
 
-TEST_F(announced_flow, with_unknown_parts_stays_announced_when_the_connection_got_a_flow_meanwhile) {
+TEST_F(announced_flow,
+       with_unknown_parts_stays_announced_when_the_connection_got_a_flow_meanwhile) {
     ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, run_pre_create), zon_error_none);
     zon_fid_t first = 0;
     zon_fid_t announced = 0;
@@ -394,7 +408,8 @@ TEST_F(announced_flow, with_unknown_parts_stays_announced_when_the_connection_go
     EXPECT_EQ(call.seen.flow_pkt_count, 2U);
     EXPECT_EQ(announced_keys(), 2U);
     EXPECT_EQ(record_of(announced)->initiator_flow->key.key_type, ZON_IPV4_KEY_DST_IP_PORT_ONLY);
-    EXPECT_EQ(engine_call(packet(false, 50000)).run(), announced) << "another connection still finds it";
+    EXPECT_EQ(engine_call(packet(false, 50000)).run(), announced)
+        << "another connection still finds it";
 }
 
 }  // namespace

@@ -1,4 +1,5 @@
-// zon_sync_test.cpp - packets of flows that the host reports: its numbers and states count, not the tracker's.
+// zon_sync_test.cpp - packets of flows that the host reports: its numbers and states count, not the
+// tracker's.
 
 #include <gtest/gtest.h>
 
@@ -12,7 +13,9 @@ namespace {
 
 using namespace zon_test;
 
-packet_builder tcp4() { return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80); }
+packet_builder tcp4() {
+    return packet_builder::ipv4("10.0.0.1", "10.0.0.2").tcp(40000, 80);
+}
 
 class reported_packet : public engine_fixture {
 protected:
@@ -126,7 +129,8 @@ TEST_F(reported_packet, of_the_other_family_is_judged_by_the_flows_family) {
     engine_call call(packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1, 2).payload(4));
     EXPECT_EQ(call.report(fid, ZON_L4_BI_ESTABLISHED, 2), fid);
     EXPECT_EQ(call.seen.l4_payload_size, 4U);
-    const zon_fid_t fid6 = engine_call(packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1, 2)).run();
+    const zon_fid_t fid6 =
+        engine_call(packet_builder::ipv6("2001:db8::1", "2001:db8::2").udp(1, 2)).run();
     engine_call other(tcp4());
     EXPECT_EQ(other.report(fid6, ZON_L4_UNI_ESTABLISHED, 2), fid6);
     EXPECT_EQ(other.seen.is_initiator, 0);
@@ -141,7 +145,9 @@ TEST_F(reported_packet, traces_no_change_of_state) {
 }
 
 int bypass_calls = 0;
-void count_bypass(uint32_t, bool, bool, bool, uint32_t*) { ++bypass_calls; }
+void count_bypass(uint32_t, bool, bool, bool, uint32_t*) {
+    ++bypass_calls;
+}
 
 TEST_F(reported_packet, is_shown_to_bypassing_clients) {
     bypass_calls = 0;

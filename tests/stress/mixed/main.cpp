@@ -3,8 +3,8 @@
 //
 //   zon_mixed_stress [--minutes N | --seconds N] [--threads N] [--seed S] [gtest's own arguments]
 //
-// Without arguments it is the short form that the suite runs. A failure names the seed and the round;
-// the same seed gives the same rounds, though threads may meet differently.
+// Without arguments it is the short form that the suite runs. A failure names the seed and the
+// round; the same seed gives the same rounds, though threads may meet differently.
 
 #include <gtest/gtest.h>
 

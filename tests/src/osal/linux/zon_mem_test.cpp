@@ -91,8 +91,7 @@ std::string row_name(const ::testing::TestParamInfo<type_row>& row) {
 
 }  // namespace
 
-// ---- every type
-// ------------------------------------------------------------------------------------------------
+// ---- every type ----
 
 TEST_P(chunk_of_type, is_selected_by_its_value) {
     create(0);
@@ -160,8 +159,7 @@ TEST_P(chunk_of_type, that_is_missing_fails_destruction_but_the_rest_is_destroye
 
 INSTANTIATE_TEST_SUITE_P(, chunk_of_type, ::testing::ValuesIn(type_rows), row_name);
 
-// ---- no type
-// ---------------------------------------------------------------------------------------------------
+// ---- no type ----
 
 TEST_F(memory_chunks, give_nothing_for_a_type_outside_one_to_six_and_touch_nothing) {
     create(2);
@@ -193,8 +191,7 @@ TEST_F(memory_chunks, trace_nothing_for_a_record_that_is_taken) {
     EXPECT_EQ(errors.text(), "");
 }
 
-// ---- creation and destruction
-// ------------------------------------------------------------------------------------
+// ---- creation and destruction ----
 
 TEST_F(memory_chunks, cannot_be_made_or_destroyed_nowhere) {
     EXPECT_FALSE(zon_mem_chunk_create(10, nullptr, 16));
@@ -270,8 +267,7 @@ TEST_F(memory_chunks, are_destroyed_with_records_still_out) {
     EXPECT_TRUE(zon_mem_chunk_destroy(&chunks));
 }
 
-// ---- the stacks
-// ----------------------------------------------------------------------------------------------------
+// ---- the stacks ----
 
 TEST_F(memory_chunks, hand_out_last_what_came_first) {
     create(3);

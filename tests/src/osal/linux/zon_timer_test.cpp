@@ -104,8 +104,7 @@ protected:
 
 }  // namespace
 
-// ---- set-up
-// --------------------------------------------------------------------------------------------------------
+// ---- set-up ----
 
 TEST_F(timer_wheel, is_set_up_with_a_manager_and_a_named_thread) {
     EXPECT_TRUE(timer_thread_becomes(false));
@@ -217,9 +216,7 @@ struct running_handler {
     zon_tw_timer_t other{};
     zon_fid_t no_fid = ZON_NULL_FID;
 
-    zon_tw_wheel_t seen() const {
-        return std::atomic_ref(*wheel).load(std::memory_order_acquire);
-    }
+    zon_tw_wheel_t seen() const { return std::atomic_ref(*wheel).load(std::memory_order_acquire); }
     static void run(vem_tw_wheel tw, vem_tw_timer*, void* context) {
         auto* self = static_cast<running_handler*>(context);
         self->entered.release();
@@ -326,8 +323,7 @@ TEST(timer_thread, of_a_destroyed_manager_ends_with_a_line) {
     EXPECT_EQ(output.text(), "zon_timer_create_process: Failed wait\n");
 }
 
-// ---- starts and stops
-// ----------------------------------------------------------------------------------------------
+// ---- starts and stops ----
 
 TEST_P(timer_kind, runs_until_its_time_and_no_longer) {
     captured_output output(stdout);
@@ -457,8 +453,7 @@ TEST(timer_type, has_the_values_of_the_interface) {
     EXPECT_EQ(static_cast<int>(ZON_TIMER_TYPE_MAX), 3);
 }
 
-// ---- expiries under way
-// --------------------------------------------------------------------------------------------
+// ---- expiries under way ----
 
 namespace {
 
