@@ -1,117 +1,12 @@
-// zon_flow_table_test.cpp - inserts, lookups, counters and walks of the flow table.
+// zon_flow_table_test.cpp - size, inserts, lookups, deletions and counters of the flow table.
 
 #include "zon_flow_table.h"
 
-#include "zon_connection.h"
-
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <list>
-#include <set>
-#include <vector>
-
-#include "support/key_record.h"
-#include "support/lock_level.h"
-#include "zon_flow_table_inline.h"
+#include "src/zon_flow_table_fixture.h"
 
 namespace {
 
-using zon_test::key_fields;
-using zon_test::key_record;
-using zon_test::key_type_name;
-using zon_test::levels_held;
-
-// A flow by value, its two half flows and its lock, which is held as inserting code holds it.
-class two_sided {
-public:
-    explicit two_sided(const key_fields& fields) : initiator_(fields), responder_(fields) {
-        zon_swap_key(&responder_.key());
-        flow_.flow_lock = zon_lock_allocate();
-        zon_lock_init(flow_.flow_lock);
-        zon_lock_internal(flow_.flow_lock);
-        flow_.initiator_flow = initiator_.half();
-        flow_.responder_flow = responder_.half();
-        flow_.initiator_flow->flow = &flow_;
-        flow_.responder_flow->flow = &flow_;
-    }
-    ~two_sided() {
-        zon_unlock_internal(flow_.flow_lock);
-        zon_lock_destroy(flow_.flow_lock);
-        std::free(flow_.flow_lock);
-    }
-    two_sided(const two_sided&) = delete;
-    two_sided& operator=(const two_sided&) = delete;
-
-    zon_flow_t* flow() { return &flow_; }
-    zon_half_flow_t* initiator() { return initiator_.half(); }
-    zon_half_flow_t* responder() { return responder_.half(); }
-    int lock_levels() const { return levels_held(flow_.flow_lock); }
-
-private:
-    key_record initiator_;
-    key_record responder_;
-    flow_record record_{};
-    zon_flow_t& flow_ = record_.flow;
-};
-
-struct table_statistics {
-    int32_t size = -1, used = -1, empty = -1, occupied = -1, average = -1, maximum = -1;
-    uint32_t inserts = 99, deletes = 99, aged = 99;
-    int32_t* preflows = nullptr;
-};
-table_statistics statistics_of(zon_flow_table_t* table) {
-    table_statistics seen;
-    zon_flow_table_statistics(table, &seen.size, &seen.used, &seen.empty, &seen.occupied,
-                              &seen.average, &seen.maximum, &seen.inserts, &seen.deletes,
-                              &seen.aged, nullptr, &seen.preflows);
-    return seen;
-}
-
-class flow_table : public ::testing::Test {
-protected:
-    void SetUp() override { create(0); }
-    void TearDown() override { zon_flow_table_destroy(table); }
-    void create(uint8_t depth) {
-        if (table != nullptr)
-            zon_flow_table_destroy(table);
-        table = zon_flow_table_create(13, 3, depth);
-        ASSERT_NE(table, nullptr);
-    }
-    two_sided& make(const key_fields& fields = {}) { return flows.emplace_back(fields); }
-    two_sided& put(const key_fields& fields = {}) {
-        two_sided& made = make(fields);
-        EXPECT_TRUE(zon_flow_table_insert(table, made.initiator()));
-        EXPECT_TRUE(zon_flow_table_insert(table, made.responder()));
-        return made;
-    }
-    int bucket_of(zon_half_flow_t* half) {
-        return static_cast<int>(zon_hash_calc(half, nullptr) % 13);
-    }
-    // The half flow found for a key, its flow unlocked again.
-    zon_half_flow_t* find(const key_fields& fields, int* bucket = nullptr) {
-        key_record wanted(fields);
-        return find(wanted.half(), bucket);
-    }
-    zon_half_flow_t* find(zon_half_flow_t* wanted, int* bucket = nullptr) {
-        zon_half_flow_t* found = zon_flow_table_lookup(table, wanted, bucket);
-        if (found != nullptr)
-            zon_unlock_internal(found->flow->flow_lock);
-        return found;
-    }
-    // Fields like the given ones, whose forward key falls into a wanted bucket; the source port is
-    // changed for it.
-    key_fields with_forward_bucket(int bucket, key_fields fields, uint32_t from_port = 1) {
-        for (fields.src_port = from_port;; ++fields.src_port) {
-            key_record record(fields);
-            if (bucket_of(record.half()) == bucket)
-                return fields;
-        }
-    }
-
-    zon_flow_table_t* table = nullptr;
-    std::list<two_sided> flows;
-};
+using namespace zon_test;
 
 // ---- creation ----
 
@@ -314,180 +209,20 @@ TEST_F(flow_table, unlinks_the_one_half_of_a_flow_that_is_inside) {
     EXPECT_EQ(zon_flow_table_num_elements(table), 0U);
 }
 
-// ---- both halves at once ----
-
-class flow_insert : public flow_table {
-protected:
-    pair_insert_result insert(two_sided& made) {
-        const pair_insert_result result =
-            zon_flow_table_insert_flow(table, made.flow(), {bucket_of(made.initiator()), -1});
-        EXPECT_EQ(made.lock_levels(), 1) << "the level of the flow's lock changed";
-        return result;
-    }
-};
-
-TEST_F(flow_insert, links_both_halves_and_counts_two) {
-    two_sided& made = make();
-    EXPECT_EQ(insert(made), pair_insert_result::linked);
-    EXPECT_EQ(table->profile_insert, 2U);
-    EXPECT_EQ(table->profile_delete, 0U);
-    EXPECT_EQ(zon_flow_table_num_elements(table), 2U);
-}
-
-TEST_F(flow_insert, counts_nothing_when_the_initiator_is_refused) {
-    create(1);
-    two_sided& blocker = make(with_forward_bucket(bucket_of(make().initiator()), {}, 50000));
-    ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
-    two_sided& made = make();
-    EXPECT_EQ(insert(made), pair_insert_result::first_refused);
-    EXPECT_EQ(table->profile_insert, 1U);
-    EXPECT_EQ(table->profile_delete, 0U);
-    EXPECT_EQ(zon_flow_table_num_elements(table), 1U);
-}
-
-TEST_F(flow_insert, counts_one_in_and_one_out_when_the_responder_is_refused) {
-    create(1);
-    two_sided& made = make();
-    ASSERT_NE(bucket_of(made.initiator()), bucket_of(made.responder()))
-        << "the example needs two buckets";
-    two_sided& blocker = make(with_forward_bucket(bucket_of(made.responder()), {}, 50000));
-    ASSERT_TRUE(zon_flow_table_insert(table, blocker.initiator()));
-    EXPECT_EQ(insert(made), pair_insert_result::second_refused);
-    EXPECT_EQ(table->profile_insert, 2U);
-    EXPECT_EQ(table->profile_delete, 1U);
-    EXPECT_EQ(zon_flow_table_num_elements(table), 1U);
-    EXPECT_EQ(find(key_fields{}), nullptr);
-}
-
-struct presence_row {
-    uint32_t present;
-    uint32_t fresh;
-    bool same;
-    bool counted = true;
-};
-class flow_presence : public flow_insert, public ::testing::WithParamInterface<presence_row> {};
-
-TEST_P(flow_presence, is_judged_by_key_and_by_complete_against_announced) {
-    key_fields fields;
-    fields.type = GetParam().present;
-    if (GetParam().counted)
-        zon_private_increment_incomplete_inserts(table, fields.type);
-    ASSERT_EQ(insert(make(fields)), pair_insert_result::linked);
-    fields.type = GetParam().fresh;
-    EXPECT_EQ(insert(make(fields)),
-              GetParam().same ? pair_insert_result::already_present : pair_insert_result::linked);
-    EXPECT_EQ(zon_flow_table_num_elements(table), GetParam().same ? 2U : 4U);
-    EXPECT_EQ(table->profile_insert, GetParam().same ? 2U : 4U);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    rows, flow_presence,
-    ::testing::Values(presence_row{0, 0, true}, presence_row{3, 0, true}, presence_row{0, 3, true},
-                      presence_row{3, 3, true}, presence_row{4, 4, true}, presence_row{4, 0, true},
-                      presence_row{0, 4, false}, presence_row{5, 5, true}, presence_row{8, 5, true},
-                      presence_row{5, 8, true}, presence_row{9, 5, true}, presence_row{9, 9, true},
-                      presence_row{5, 9, false}, presence_row{1, 0, false},
-                      presence_row{2, 0, false}, presence_row{1, 1, true}, presence_row{2, 2, true},
-                      presence_row{3, 0, false, false}, presence_row{4, 0, false, false},
-                      presence_row{8, 5, false, false}, presence_row{9, 5, false, false}),
-    [](const auto& row) {
-        return std::string(key_type_name(row.param.fresh)) + "_beside_" +
-               (row.param.counted ? "" : "uncounted_") + key_type_name(row.param.present);
-    });
-
-TEST_F(flow_insert, passes_over_a_flow_in_deletion) {
-    two_sided& leaving = make();
-    insert(leaving);
-    leaving.flow()->private_dying = 1;
-    EXPECT_EQ(insert(make()), pair_insert_result::linked);
-}
-
-TEST_F(flow_insert, lets_two_flows_share_a_reverse_key) {
-    two_sided& first = make();
-    insert(first);
-    key_fields other;
-    other.src_port = 50000;
-    two_sided& second = make(other);
-    *zon_full_key<ipv4_family>(second.responder()) = *zon_full_key<ipv4_family>(first.responder());
-    EXPECT_EQ(insert(second), pair_insert_result::linked);
-    EXPECT_EQ(find(first.responder()), second.responder()) << "the newest is found";
-}
-
-// ---- list and walks ----
-
-TEST_F(flow_table, lists_records_in_the_order_of_linking_and_stops_when_told) {
-    zon_flow_t records[3]{};
-    records[0].next_flow = &records[2];
-    for (zon_flow_t& record : records)
-        zon_flow_table_link(table, &record);
-    EXPECT_EQ(table->flow_head, &records[0]);
-    EXPECT_EQ(table->flow_tail, &records[2]);
-    EXPECT_EQ(records[2].next_flow, nullptr);
-
-    std::vector<zon_flow_t*> seen;
-    const auto note = [](zon_flow_t* flow, void* user) {
-        auto* list = static_cast<std::vector<zon_flow_t*>*>(user);
-        list->push_back(flow);
-        return list->size() != 2;
-    };
-    zon_flow_table_iterate_flow(table, note, &seen);
-    EXPECT_EQ(seen, (std::vector<zon_flow_t*>{&records[0], &records[1]}));
-    EXPECT_EQ(levels_held(table->flow_table_lock), 0);
-}
-
-TEST_F(flow_table, passes_free_records_to_a_walk_too) {
-    zon_flow_t record{};
-    record.marked_for_delete = 1;
-    zon_flow_table_link(table, &record);
-    int calls = 0;
-    zon_flow_table_iterate_flow(
-        table, [](zon_flow_t*, void* user) { return ++*static_cast<int*>(user) > 0; }, &calls);
-    EXPECT_EQ(calls, 1);
-}
-
-struct half_walk {
-    zon_flow_table_t* table;
-    std::set<zon_half_flow_t*> seen;
-    zon_error_t meanwhile = zon_error_none;
-    int lock_levels = 0;
-};
-
-TEST_F(flow_table, walks_all_half_flows_under_its_lock_whatever_the_callback_returns) {
-    two_sided& made = put();
-    half_walk walk{table, {}};
-    zon_flow_table_iterate_half_flow(
-        table,
-        [](zon_half_flow_t* half, void* user) {
-            auto* noted = static_cast<half_walk*>(user);
-            noted->seen.insert(half);
-            noted->meanwhile = zon_flow_table_is_available(noted->table);
-            noted->lock_levels = levels_held(noted->table->flow_table_lock);
-            return false;
-        },
-        &walk);
-    EXPECT_EQ(walk.seen, (std::set<zon_half_flow_t*>{made.initiator(), made.responder()}));
-    EXPECT_EQ(walk.meanwhile, zon_error_flow_table_access_failed);
-    EXPECT_EQ(walk.lock_levels, 1);
-    EXPECT_EQ(zon_flow_table_is_available(table), zon_error_none);
-}
-
-TEST_F(flow_table, is_not_available_while_it_is_in_use) {
-    EXPECT_EQ(zon_flow_table_is_available(table), zon_error_none);
-    table->in_use = true;
-    EXPECT_EQ(zon_flow_table_is_available(table), zon_error_flow_table_access_failed);
-    table->in_use = false;
-}
-
-TEST_F(flow_table, holds_twice_as_many_elements_as_flows) {
-    for (uint32_t port = 1; port <= 25; ++port) {
-        key_fields fields;
-        fields.src_port = port;
-        put(fields);
-        EXPECT_EQ(zon_flow_table_num_elements(table), 2 * port);
-    }
-}
-
 // ---- statistics and counters ----
+
+struct table_statistics {
+    int32_t size = -1, used = -1, empty = -1, occupied = -1, average = -1, maximum = -1;
+    uint32_t inserts = 99, deletes = 99, aged = 99;
+    int32_t* preflows = nullptr;
+};
+table_statistics statistics_of(zon_flow_table_t* table) {
+    table_statistics seen;
+    zon_flow_table_statistics(table, &seen.size, &seen.used, &seen.empty, &seen.occupied,
+                              &seen.average, &seen.maximum, &seen.inserts, &seen.deletes,
+                              &seen.aged, nullptr, &seen.preflows);
+    return seen;
+}
 
 TEST_F(flow_table, reports_its_statistics_and_the_live_counts_of_announced_keys) {
     two_sided& made = put();

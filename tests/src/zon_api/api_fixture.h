@@ -71,6 +71,11 @@ inline zon_flow_tuple_t reversed(zon_flow_tuple_t tuple) {
     return tuple;
 }
 
+inline bool ends_with(const std::string& text, const std::string& end) {
+    return text.size() >= end.size() &&
+           text.compare(text.size() - end.size(), end.size(), end) == 0;
+}
+
 inline bytes udp_packet(uint16_t sport, uint16_t dport) {
     return packet_builder::ipv4(ipv4_address(host_a), ipv4_address(host_b))
         .udp(sport, dport)

@@ -367,10 +367,6 @@ TEST_F(feature_objects, are_not_attached_without_memory) {
 
 // ---- trace: what misses print stands in zon_trace_switches_test.cpp ----
 
-bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
 constexpr const char* client_api = "\nZON Engine: ZON_ERRMSG_CLIENT_API, ";
 
 TEST_F(feature_objects, of_no_flow_are_traced_by_a_detach_from_an_empty_slot_alone) {

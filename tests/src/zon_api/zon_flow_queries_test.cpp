@@ -56,11 +56,6 @@ const operation operations[] = {
 
 class every_flow_query : public flow_queries, public ::testing::WithParamInterface<operation> {};
 
-bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 TEST_P(every_flow_query, misses_no_flow_and_an_empty_slot_and_traces_its_own_text) {
     EXPECT_EQ(GetParam().call(0), zon_error_flow_not_found);
     EXPECT_EQ(GetParam().call(fid + 1), zon_error_flow_not_found);

@@ -10,11 +10,6 @@ using namespace zon_test;
 
 namespace {
 
-bool ends_with(const std::string& text, const std::string& end) {
-    return text.size() >= end.size() &&
-           text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
 struct side_of_update {
     const char* name;
     zon_flow_direction_e dir;
