@@ -23,19 +23,6 @@ namespace {
 
 constexpr uint32_t packet_threads = 3;
 
-class packets_on_threads : public stress_engine {
-protected:
-    packets_on_threads() { parameters.max_flows = 20000; }
-    void SetUp() override {
-        stress_engine::SetUp();
-        pause_creation = true;
-    }
-    void TearDown() override {
-        pause_creation = false;
-        stress_engine::TearDown();
-    }
-};
-
 struct seen_packet {
     zon_fid_t fid;
     uint32_t count;
@@ -47,6 +34,36 @@ using seen_round = std::array<seen_packet, packet_threads>;
 seen_packet as_seen(const sent_packet& sent) {
     return {sent.fid, sent.seen.flow_pkt_count, sent.seen.fif != 0, sent.seen.was_promoted != 0};
 }
+
+class packets_on_threads : public stress_engine {
+protected:
+    packets_on_threads() { parameters.max_flows = 20000; }
+    void SetUp() override {
+        stress_engine::SetUp();
+        pause_creation = true;
+    }
+    void TearDown() override {
+        pause_creation = false;
+        stress_engine::TearDown();
+    }
+
+    // All threads hand in make(connection, thread) of one connection at a time.
+    template <class packet_maker>
+    std::vector<seen_round> send_at_once(uint32_t connections, packet_maker make) {
+        std::vector<seen_round> seen(connections);
+        stress_crew crew;
+        for (uint32_t thread = 0; thread < packet_threads; ++thread)
+            crew.add("packets " + std::to_string(thread), [&, thread](stress_thread& self) {
+                for (uint32_t connection = 0; connection < connections; ++connection) {
+                    self.meet();
+                    self.doing("send the first packet");
+                    seen[connection][thread] = as_seen(send(make(connection, thread)));
+                }
+            });
+        run(crew);
+        return seen;
+    }
+};
 
 // Every thread's packet was counted to the one flow, as its first, second, ...
 void expect_one_flow(const seen_round& round, uint32_t number) {
@@ -66,18 +83,10 @@ void expect_one_flow(const seen_round& round, uint32_t number) {
 
 TEST_P(packets_on_threads, make_one_flow_of_one_connection) {
     constexpr uint32_t rounds = 1500;
-    std::vector<seen_round> seen(rounds);
-    stress_crew crew;
-    for (uint32_t thread = 0; thread < packet_threads; ++thread)
-        crew.add("packets " + std::to_string(thread), [&seen, thread](stress_thread& self) {
-            for (uint32_t round = 0; round < rounds; ++round) {
-                self.meet();
-                self.doing("send the first packet");
-                // One of them comes from the other side.
-                seen[round][thread] = as_seen(send(connection_packet::udp(round, thread == 1)));
-            }
-        });
-    run(crew);
+    // One of them comes from the other side.
+    const auto seen = send_at_once(rounds, [](uint32_t connection, uint32_t thread) {
+        return connection_packet::udp(connection, thread == 1);
+    });
     for (uint32_t round = 0; round < rounds; ++round)
         expect_one_flow(seen[round], round);
     EXPECT_EQ(half_flows(), 2 * rounds);
@@ -95,17 +104,8 @@ bool allow_after_a_pause(void*, zon_client_id_e) {
 TEST_P(packets_on_threads, make_one_flow_while_clients_are_asked) {
     ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, allow_after_a_pause), zon_error_none);
     constexpr uint32_t rounds = 1000;
-    std::vector<seen_round> seen(rounds);
-    stress_crew crew;
-    for (uint32_t thread = 0; thread < packet_threads; ++thread)
-        crew.add("packets " + std::to_string(thread), [&seen, thread](stress_thread& self) {
-            for (uint32_t round = 0; round < rounds; ++round) {
-                self.meet();
-                self.doing("send the first packet");
-                seen[round][thread] = as_seen(send(connection_packet::tcp(round)));
-            }
-        });
-    run(crew);
+    const auto seen = send_at_once(
+        rounds, [](uint32_t connection, uint32_t) { return connection_packet::tcp(connection); });
     for (uint32_t round = 0; round < rounds; ++round)
         expect_one_flow(seen[round], round);
     EXPECT_EQ(half_flows(), 2 * rounds);
@@ -165,6 +165,12 @@ protected:
                 self.meet();
             }
         });
+        add_senders(crew, all);
+        run(crew);
+        return all;
+    }
+    // They meet the announcer before each packet and after it.
+    static void add_senders(stress_crew& crew, std::vector<announced_round>& all) {
         for (uint32_t thread = 0; thread + 1 < packet_threads; ++thread)
             crew.add("packets " + std::to_string(thread), [&all, thread](stress_thread& self) {
                 for (uint32_t number = 0; number < all.size(); ++number) {
@@ -174,8 +180,6 @@ protected:
                     self.meet();
                 }
             });
-        run(crew);
-        return all;
     }
 };
 
@@ -199,33 +203,22 @@ TEST_P(packets_and_announcements, share_the_flow_of_a_complete_tuple) {
 
 TEST_P(packets_and_announcements, promote_once_what_was_announced_in_part) {
     constexpr uint32_t rounds = 1500;
-    std::vector<announced_round> all;
-    {
-        stress_crew crew;
-        all.resize(rounds);
-        // Announced before the packets: each must be promoted, by exactly one of them.
-        crew.add("announcer", [&all](stress_thread& self) {
-            for (uint32_t number = 0; number < rounds; ++number) {
-                self.doing("announce");
-                const zon_flow_tuple_t tuple = tuple_of(number);
-                EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0,
-                                           &all[number].announced, nullptr),
-                          zon_error_none);
-                self.meet();
-                self.meet();
-            }
-        });
-        for (uint32_t thread = 0; thread + 1 < packet_threads; ++thread)
-            crew.add("packets " + std::to_string(thread), [&all, thread](stress_thread& self) {
-                for (uint32_t number = 0; number < rounds; ++number) {
-                    self.meet();
-                    self.doing("send");
-                    all[number].packets[thread] = as_seen(send(connection_packet::udp(number)));
-                    self.meet();
-                }
-            });
-        run(crew);
-    }
+    std::vector<announced_round> all(rounds);
+    stress_crew crew;
+    // Announced before the packets: each must be promoted, by exactly one of them.
+    crew.add("announcer", [&all](stress_thread& self) {
+        for (uint32_t number = 0; number < rounds; ++number) {
+            self.doing("announce");
+            const zon_flow_tuple_t tuple = tuple_of(number);
+            EXPECT_EQ(zon_pre_flow_add(ZON_FLOW_TUPLE_TYPE_SRC_IP_PORT_KNOWN, &tuple, 0,
+                                       &all[number].announced, nullptr),
+                      zon_error_none);
+            self.meet();
+            self.meet();
+        }
+    });
+    add_senders(crew, all);
+    run(crew);
     for (uint32_t number = 0; number < rounds; ++number) {
         const seen_packet* packets = all[number].packets.data();
         EXPECT_EQ(packets[0].fid, all[number].announced) << "connection " << number;

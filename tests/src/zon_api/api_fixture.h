@@ -71,6 +71,12 @@ inline zon_flow_tuple_t reversed(zon_flow_tuple_t tuple) {
     return tuple;
 }
 
+inline int bucket_of(zon_flow_tuple_t tuple) {
+    int bucket = -1;
+    zon_flow_lookup_tamonet(&tuple, &bucket);
+    return bucket;
+}
+
 inline bool ends_with(const std::string& text, const std::string& end) {
     return text.size() >= end.size() &&
            text.compare(text.size() - end.size(), end.size(), end) == 0;

@@ -99,11 +99,6 @@ protected:
         parameters.max_flows = 10;
         parameters.max_bucket_depth = 1;
     }
-    static int bucket_of(zon_flow_tuple_t of) {
-        int bucket = -1;
-        zon_flow_lookup_tamonet(&of, &bucket);
-        return bucket;
-    }
     // A tuple whose initiator's and responder's buckets are, or are not, the two buckets of the
     // flow on the way.
     zon_flow_tuple_t tuple_with(bool initiator_blocked, bool responder_blocked) const {

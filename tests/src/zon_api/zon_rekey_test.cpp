@@ -246,11 +246,6 @@ protected:
         parameters.max_flows = 10;
         parameters.max_bucket_depth = 1;
     }
-    static int bucket_of(zon_flow_tuple_t of) {
-        int bucket = -1;
-        zon_flow_lookup_tamonet(&of, &bucket);
-        return bucket;
-    }
     void SetUp() override {
         every_update::SetUp();
         // A key whose bucket the other side of the flow takes.
