@@ -83,21 +83,20 @@ inline connection<ipv6_family> connection_of(const uint32_t (&src_ip)[4],
                        (same_address & (src_port < dst_port));
     const uint64_t ports = choose(lower, uint64_t{src_port} | uint64_t{dst_port} << 16,
                                   uint64_t{dst_port} | uint64_t{src_port} << 16);
-    return {{ports | protocol_word(protocol, 6), vrf_id,
-             choose(lower, source.high, destination.high),
-             choose(lower, source.low, destination.low),
-             choose(lower, destination.high, source.high),
-             choose(lower, destination.low, source.low)},
-            lower,
-            same_address};
+    return {
+        {ports | protocol_word(protocol, 6), vrf_id, choose(lower, source.high, destination.high),
+         choose(lower, source.low, destination.low), choose(lower, destination.high, source.high),
+         choose(lower, destination.low, source.low)},
+        lower,
+        same_address};
 }
 
 // A key's words hold a port and a protocol each, with nothing above them.
 template <class family>
 inline connection<family> connection_of(const typename family::key& key) {
     return connection_of(key.src_ip, key.dst_ip, static_cast<uint16_t>(key.src_port),
-                         static_cast<uint16_t>(key.dst_port),
-                         static_cast<uint8_t>(key.l4_protocol), relaxed_load(key.vrf_id));
+                         static_cast<uint16_t>(key.dst_port), static_cast<uint8_t>(key.l4_protocol),
+                         relaxed_load(key.vrf_id));
 }
 
 // A flow as it is allocated: what hosts know, then what proves that a packet is the flow's, written
@@ -121,7 +120,8 @@ enum indexed_flags : uint8_t { is_indexed = 1, initiator_is_lower = 2, ends_shar
 // ends have one address all packets do, on purpose.
 inline bool runs_from_initiator(const zon_flow_t* flow, bool from_lower) {
     const uint8_t flags = flow->private_indexed;
-    return ((flags & ends_share_address) != 0) | (from_lower == ((flags & initiator_is_lower) != 0));
+    return ((flags & ends_share_address) != 0) |
+           (from_lower == ((flags & initiator_is_lower) != 0));
 }
 
 inline flow_record* record_of(zon_flow_t* flow) {

@@ -43,7 +43,8 @@ public:
     bool create(uint32_t max_flows, uint32_t seed);
 
     uint64_t hash_of(const connection<ipv4_family>& of) const {
-        return folded(of.words[0] ^ seeds_[0], of.words[1] ^ seeds_[1] ^ std::rotl(of.words[2], 32));
+        return folded(of.words[0] ^ seeds_[0],
+                      of.words[1] ^ seeds_[1] ^ std::rotl(of.words[2], 32));
     }
     uint64_t hash_of(const connection<ipv6_family>& of) const {
         const uint64_t addresses = folded(of.words[2] ^ seeds_[0], of.words[3] ^ seeds_[1]) ^
@@ -94,9 +95,7 @@ private:
     // Two entries as they are read by chance: what is found in them is looked at again.
     static __m128i peek_pair(const std::atomic<uint64_t>& first) {
         __m128i pair;
-        asm volatile("movdqa %1, %0"
-                     : "=x"(pair)
-                     : "m"(*reinterpret_cast<const __m128i*>(&first)));
+        asm volatile("movdqa %1, %0" : "=x"(pair) : "m"(*reinterpret_cast<const __m128i*>(&first)));
         return pair;
     }
     // The tags of four entries, each in 32 bits.

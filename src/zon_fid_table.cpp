@@ -55,9 +55,8 @@ int pool_size_of(const zon_fid_table_t* fid_table) {
 zon_lock_t lock_for(zon_fid_table_t* fid_table, flow_record* record) {
     if (!records_have_locks(fid_table))
         return zon_lock_get_pool_lock(
-            fid_table->locks,
-            static_cast<int>((record->flow.fid - 1) %
-                             static_cast<uint32_t>(pool_size_of(fid_table))));
+            fid_table->locks, static_cast<int>((record->flow.fid - 1) %
+                                               static_cast<uint32_t>(pool_size_of(fid_table))));
     zon_lock_init(&record->own_lock);
     zon_lock_set_class(&record->own_lock, lock_class::flow);
     return &record->own_lock;

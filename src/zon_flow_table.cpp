@@ -14,9 +14,9 @@
 #include "osal/zon_debug.h"
 #include "osal/zon_lock_order.h"
 #include "osal/zon_mem.h"
+#include "zon_connection_lookup.h"
 #include "zon_engine/zon_clients.h"
 #include "zon_engine_inline.h"
-#include "zon_connection_lookup.h"
 #include "zon_flow_table_inline.h"
 #include "zon_hashset_internal.h"
 #include "zon_key_hash.h"
@@ -78,10 +78,9 @@ zon_half_flow_t* find_in_index(zon_flow_table_t* tbl, const typename family::key
 template <class family>
 zon_half_flow_t* find_in_chain(zon_hashset set, uint32_t bucket,
                                const typename family::key& wanted) {
-    return static_cast<zon_half_flow_t*>(
-        find_locked(set, bucket, [&wanted](zon_hashset_item item) {
-            return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
-        }));
+    return static_cast<zon_half_flow_t*>(find_locked(set, bucket, [&wanted](zon_hashset_item item) {
+        return has_complete_key<family>(static_cast<const zon_half_flow_t*>(item), wanted);
+    }));
 }
 
 template <class family>
@@ -294,8 +293,8 @@ flow_buckets buckets_of(const zon_flow_table_t* tbl, const connection_ends<famil
     uint32_t reversed[words];
     std::rotate_copy(ends.words, ends.words + words / 2, ends.words + words, reversed);
     const auto bucket_of_words = [tbl](const uint32_t* key_words) {
-        return static_cast<int>(bucket_of(
-            tbl->table, jenkins_hashword_2006(key_words, words, zon_hash_seed_in_force)));
+        return static_cast<int>(
+            bucket_of(tbl->table, jenkins_hashword_2006(key_words, words, zon_hash_seed_in_force)));
     };
     return {bucket_of_words(ends.words), bucket_of_words(reversed)};
 }

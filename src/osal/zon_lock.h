@@ -69,9 +69,8 @@ void wake_one(recursive_lock& lock);
 inline bool take_if_free(recursive_lock& lock, uint64_t thread) {
     uint64_t nobody = 0;
     return lock.holder.load(std::memory_order_relaxed) == nobody &&
-           lock.holder.compare_exchange_strong(nobody, thread + one_level,
-                                               std::memory_order_acquire,
-                                               std::memory_order_relaxed);
+           lock.holder.compare_exchange_strong(
+               nobody, thread + one_level, std::memory_order_acquire, std::memory_order_relaxed);
 }
 
 enum class taken { yes, no, too_often };

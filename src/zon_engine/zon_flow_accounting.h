@@ -72,8 +72,7 @@ inline void run_bypass_callbacks(zon_flow_t* flow, bool is_first_packet, bool wa
     for (const auto* client = zon_first_client(g_zon); client != nullptr;
          client = zon_next_client(client))
         if (const zon_client_bypass_cb_t bypass = zon_callback_of(client->bypass_cb))
-            bypass(payload.size, is_first_packet, was_promoted, payload.is_first,
-                   &flow->bypass_id);
+            bypass(payload.size, is_first_packet, was_promoted, payload.is_first, &flow->bypass_id);
 }
 
 // The idle time is chosen once, by the state after the first packet.

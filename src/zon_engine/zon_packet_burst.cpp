@@ -218,7 +218,8 @@ template <class family>
                                             prepared_packet& prepared) {
     const plain_packet<family>& plain = prepared.of<family>();
     // Another packet's client function may have written to the header since.
-    const bool as_hashed = prepared.buckets.responder >= 0 && prepared.ends<family>() == ends_of(plain);
+    const bool as_hashed =
+        prepared.buckets.responder >= 0 && prepared.ends<family>() == ends_of(plain);
     return search_flow_of(arriving_of(packet, engine), plain,
                           as_hashed ? prepared.buckets : flow_buckets{-1, -1});
 }
@@ -232,14 +233,15 @@ template <class family>
         packet.fid = search_prepared<family>(packet, engine, prepared);
         return taken::aside;
     }
-    packet.fid = account_plain_packet(std::move(flow), arriving_of(packet, engine),
-                                      prepared.of<family>());
+    packet.fid =
+        account_plain_packet(std::move(flow), arriving_of(packet, engine), prepared.of<family>());
     return taken::plain;
 }
 
-[[gnu::always_inline]] inline taken take(zon_burst_packet_t& packet, zon_t* engine, prepared_packet& prepared) {
-    const bool hashed_by_host = prepared.is != prepared_packet::kind::other &&
-                                packet.pkt_indications->hash_valid == 1;
+[[gnu::always_inline]] inline taken take(zon_burst_packet_t& packet, zon_t* engine,
+                                         prepared_packet& prepared) {
+    const bool hashed_by_host =
+        prepared.is != prepared_packet::kind::other && packet.pkt_indications->hash_valid == 1;
     if (prepared.is == prepared_packet::kind::other || hashed_by_host) [[unlikely]] {
         take_alone(packet);
         return taken::aside;
