@@ -104,7 +104,10 @@ inline connection<family> connection_of(const typename family::key& key) {
 // its first cache line that what a packet of a known flow touches, from the identifier on, begins
 // the second: four lines instead of five.
 struct alignas(64) flow_record {
-    uint64_t connection_hash;
+    union {
+        uint64_t connection_hash;
+        zon_flow_t* end_of_free_row;  // of free records (zon_free_records.h)
+    };
     zon_flow_t flow;
     uint64_t connection_words[6];
     recursive_lock own_lock;

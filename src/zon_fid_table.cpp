@@ -2,7 +2,8 @@
 //
 // Owns   every flow record ever made, and the flow locks: a pool, or one in each record.
 // Locks  fid_table_lock; under it flow locks are tried for, never awaited, because clients look up
-//        flows while they hold another one's lock (docs/locking.md).
+//        flows while they hold another one's lock (docs/locking.md). Lookups need a flow's lock
+//        alone.
 
 #include "zon_fid_table.h"
 
@@ -11,6 +12,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include <sched.h>
@@ -19,17 +21,10 @@
 #include "osal/zon_mem.h"
 #include "zon_connection.h"
 #include "zon_engine_inline.h"
+#include "zon_fid_lanes.h"
 #include "zon_fid_table_inline.h"
 
 namespace {
-
-struct fid_table_storage : zon_fid_table_ {
-    std::atomic<int> readers = 0;  // how many walks keep in_use set
-};
-
-fid_table_storage* storage_of(zon_fid_table_t* fid_table) {
-    return static_cast<fid_table_storage*>(fid_table);
-}
 
 // The flow that this thread is deleting; its own late callbacks still find it.
 thread_local zon_flow_t* flow_in_deletion = nullptr;
@@ -62,15 +57,6 @@ zon_lock_t lock_for(zon_fid_table_t* fid_table, flow_record* record) {
     return &record->own_lock;
 }
 
-void append_to_free_list(zon_fid_table_t* fid_table, zon_flow_t* flow) {
-    flow->next_free = nullptr;
-    if (fid_table->free_tail != nullptr)
-        fid_table->free_tail->next_free = flow;
-    else
-        fid_table->free_head = flow;
-    fid_table->free_tail = flow;
-}
-
 // Nobody else knows the record yet.
 void zon_fid_table_add_record(zon_fid_table_t* fid_table, flow_record* record) {
     std::memset(static_cast<void*>(record), 0, sizeof *record);
@@ -81,7 +67,7 @@ void zon_fid_table_add_record(zon_fid_table_t* fid_table, flow_record* record) {
     flow->flow_lock = lock_for(fid_table, record);
     flow->marked_for_delete = true;
     zon_private_link_flow(flow);
-    append_to_free_list(fid_table, flow);
+    zon_append_to_free_list(*storage_of(fid_table), flow);
     relaxed_add(fid_table->allocated, 1);
 }
 
@@ -99,56 +85,51 @@ bool zon_fid_table_allocate_more(zon_fid_table_t* fid_table) {
     return true;
 }
 
+void set_slot(zon_fid_table_t* fid_table, zon_fid_t fid, zon_flow_t* flow) {
+    __atomic_store_n(&fid_table->table[fid - 1], flow, __ATOMIC_RELEASE);
+}
+
 bool can_make_more(const zon_fid_table_t* fid_table) {
     return fid_table->chunk_size != 0 && fid_table->allocated < fid_table->capacity;
 }
 
-// Takes the first free record whose lock is free, which for a single thread is the head. Waiting
-// for a particular one could wait for a client that holds another flow under the same lock.
-zon_flow_t* take_free_record_locked(zon_fid_table_t* fid_table) {
-    zon_flow_t* before = nullptr;
-    for (zon_flow_t* flow = fid_table->free_head; flow != nullptr;
-         before = flow, flow = flow->next_free) {
-        if (!zon_try_lock_internal(flow->flow_lock))
-            continue;
-        (before != nullptr ? before->next_free : fid_table->free_head) = flow->next_free;
-        if (fid_table->free_tail == flow)
-            fid_table->free_tail = before;
-        flow->marked_for_delete = false;
-        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(tbl, flow->fid)",
-                    "zon_fid_table_get_new_flow");
+// Whether the free list has records now: new ones, or such as waited in lanes, when it was empty.
+bool provide_records(fid_table_storage& table) {
+    if (table.free_head != nullptr)
+        return true;
+    if (can_make_more(&table) && zon_fid_table_allocate_more(&table) && table.free_head != nullptr)
+        return true;
+    return zon_fid_lanes_gather(table);
+}
+
+// A record of the list whose lock is free, else of any lane.
+zon_flow_t* take_record_locked(fid_table_storage& table) {
+    if (zon_own_lane() >= 0)
+        if (zon_flow_t* flow = zon_fid_lane_refill(table))
+            return flow;
+    if (zon_flow_t* flow = zon_take_from_free_list(table))
         return flow;
-    }
-    return nullptr;
+    return zon_fid_lanes_gather(table) ? zon_take_from_free_list(table) : nullptr;
 }
 
-// A free record was often used long ago: the next one is on its way before it is taken.
-void prefetch_for_reset(const zon_flow_t* flow) {
-    const auto* bytes = reinterpret_cast<const char*>(record_of(flow));
-    for (size_t line = 0; line < sizeof(flow_record); line += 64)
-        __builtin_prefetch(bytes + line, 1);
-}
-
-// The head of the free list if its lock is free, or the next one whose lock is; null at the limit
-// and without memory. While all of them are busy it comes again.
-zon_flow_t* take_new_flow_locked(zon_fid_table_t* fid_table) {
+// Null at the limit and without memory. While the locks of all free records are busy it comes again.
+zon_flow_t* take_from_table(fid_table_storage& table) {
     for (;; sched_yield()) {
-        held_lock table(fid_table->fid_table_lock);
-        if (fid_table->free_head == nullptr &&
-            (!can_make_more(fid_table) || !zon_fid_table_allocate_more(fid_table) ||
-             fid_table->free_head == nullptr))
-            return nullptr;
-        zon_flow_t* flow = take_free_record_locked(fid_table);
-        if (flow == nullptr)
-            continue;
-        zon_reset_flow(flow);
-        zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, flow->fid)",
-                    "zon_fid_table_new_flow");
-        fid_table->table[flow->fid - 1] = flow;
-        if (fid_table->free_head != nullptr)
-            prefetch_for_reset(fid_table->free_head);
-        return flow;
+        zon_lock_shared_list(table.fid_table_lock);
+        const bool any = provide_records(table);
+        zon_flow_t* flow = any ? take_record_locked(table) : nullptr;
+        zon_unlock_internal(table.fid_table_lock);
+        if (flow != nullptr || !any)
+            return flow;
     }
+}
+
+// Of this table alone: the lock of its flow keeps the record from everybody else.
+void begin_flow(zon_fid_table_t* fid_table, zon_flow_t* flow) {
+    zon_require(fid_is_valid(fid_table, flow->fid), "fid_is_valid(fid_table, fid)",
+                "zon_fid_table_new_flow");
+    zon_reset_flow(flow);
+    set_slot(fid_table, flow->fid, flow);
 }
 
 }  // namespace
@@ -160,14 +141,36 @@ deletion_in_progress::~deletion_in_progress() {
     flow_in_deletion = outer_;
 }
 
+namespace {
+
+// The general heap aligns less than lanes want it.
+fid_table_storage* make_storage() {
+    size_t bytes = sizeof(fid_table_storage) + alignof(fid_table_storage);
+    void* memory = zon_heap_zalloc(1, bytes);
+    if (memory == nullptr)
+        return nullptr;
+    void* aligned = memory;
+    std::align(alignof(fid_table_storage), sizeof(fid_table_storage), aligned, bytes);
+    auto* table = new (aligned) fid_table_storage{};
+    table->memory = memory;
+    return table;
+}
+
+void free_storage(fid_table_storage* table) {
+    void* memory = table->memory;
+    table->~fid_table_storage();
+    std::free(memory);
+}
+
+}  // namespace
+
 zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flow_block_alloc_size,
                                     const uint32_t concurrency_level) {
     if (concurrency_level > uint32_t{std::numeric_limits<int>::max()})
         return nullptr;
-    void* memory = zon_heap_zalloc(1, sizeof(fid_table_storage));
-    if (memory == nullptr)
+    fid_table_storage* fid_table = make_storage();
+    if (fid_table == nullptr)
         return nullptr;
-    auto* fid_table = new (memory) fid_table_storage{};
     fid_table->capacity = max_flows;
     fid_table->table =
         static_cast<zon_flow_t**>(zon_heap_zalloc(std::max(1U, max_flows), sizeof(zon_flow_t*)));
@@ -182,9 +185,10 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
             zon_lock_destroy_pool(fid_table->locks, pool_size);
         std::free(fid_table->fid_table_lock);
         std::free(fid_table->table);
-        std::free(memory);
+        free_storage(fid_table);
         return nullptr;
     }
+    zon_fid_lanes_init(*fid_table);
     zon_lock_init(fid_table->fid_table_lock);
     zon_lock_set_class(fid_table->fid_table_lock, lock_class::fid_table);
     zon_lock_set_class_of_pool(fid_table->locks, pool_size, lock_class::flow);
@@ -196,6 +200,7 @@ zon_fid_table_t* zon_fid_table_init(const uint32_t max_flows, const uint32_t flo
 void zon_fid_table_destroy(zon_fid_table_t* fid_table) {
     if (fid_table == nullptr)
         return;
+    zon_fid_lanes_destroy(*storage_of(fid_table));
     while (zon_flow_t* flow = fid_table->free_head) {
         fid_table->free_head = flow->next_free;
         zon_lock_destroy(&record_of(flow)->own_lock);
@@ -205,8 +210,7 @@ void zon_fid_table_destroy(zon_fid_table_t* fid_table) {
     zon_lock_destroy_pool(fid_table->locks, pool_size_of(fid_table));
     zon_lock_destroy(fid_table->fid_table_lock);
     std::free(fid_table->fid_table_lock);
-    storage_of(fid_table)->~fid_table_storage();
-    std::free(fid_table);
+    free_storage(storage_of(fid_table));
 }
 
 void zon_reset_flow(zon_flow_t* flow) {
@@ -235,7 +239,13 @@ void zon_reset_flow(zon_flow_t* flow) {
 
 zon_flow_t* zon_fid_table_new_flow_locked(zon_fid_table_t* fid_table) {
     zon_require(fid_table != nullptr, "fid_table", "zon_fid_table_new_flow");
-    zon_flow_t* flow = take_new_flow_locked(fid_table);
+    fid_table_storage& table = *storage_of(fid_table);
+    zon_flow_t* flow = zon_own_lane() < 0 ? nullptr : zon_fid_lane_take(table);
+    if (flow == nullptr)
+        flow = take_from_table(table);
+    if (flow == nullptr)
+        return nullptr;
+    begin_flow(fid_table, flow);
     // Coming again is a wait, too.
     zon_flow_could_wait(flow);
     return flow;
@@ -245,50 +255,38 @@ bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid)
     if (fid_table == nullptr)
         return false;
     zon_require(fid_is_valid(fid_table, fid), "fid_is_valid(fid_table, fid)");
-    held_lock table(fid_table->fid_table_lock);
-    zon_flow_t*& slot = fid_table->table[fid - 1];
-    if (slot != nullptr) {
-        // Past its dying mark the record is the deleting thread's alone, and once in the free list
-        // this table's.
-        slot->marked_for_delete = true;
-        append_to_free_list(fid_table, slot);
-    }
-    slot = nullptr;
+    zon_flow_t* flow = zon_fid_table_slot(fid_table, fid);
+    if (flow == nullptr)
+        return true;
+    // Past its dying mark the record is the deleting thread's alone, and once it is given back the
+    // table's.
+    flow->marked_for_delete = true;
+    set_slot(fid_table, fid, nullptr);
+    fid_table_storage& table = *storage_of(fid_table);
+    if (zon_own_lane() >= 0 && zon_fid_lane_give(table, flow))
+        return true;
+    zon_lock_shared_list(table.fid_table_lock);
+    zon_append_to_free_list(table, flow);
+    zon_unlock_internal(table.fid_table_lock);
     return true;
 }
 
+// A record that is not hidden under its flow's lock is the flow of its identifier, whatever happened
+// while the lock was awaited: it is hidden before it is given back, and locked before it is shown.
 locked_flow zon_fid_table_lookup(zon_fid_table_t* fid_table, const zon_fid_t fid) {
     zon_require(fid_table != nullptr, "fid_table");
-    zon_lock_t awaited = nullptr;
-    for (;;) {
-        zon_lock_t busy = nullptr;
-        locked_flow found;
-        {
-            held_lock table(fid_table->fid_table_lock);
-            if (fid == 0)
-                return {};
-            zon_require(fid_is_valid(fid_table, fid), "fid_is_valid(fid_table, fid)");
-            zon_flow_t* flow = fid_table->table[fid - 1];
-            if (flow != nullptr && !is_hidden(flow)) {
-                if (!zon_try_lock_internal(flow->flow_lock))
-                    busy = flow->flow_lock;
-                else if (is_hidden(flow))
-                    zon_unlock_internal(flow->flow_lock);
-                else
-                    found = locked_flow::adopt(flow);
-            }
-        }
-        if (awaited != nullptr)
-            zon_unlock_internal(awaited);
-        if (busy == nullptr) {
-            zon_flow_could_wait(found.get());
-            return found;
-        }
-        // The lock outlives the flow: waiting for it with nothing else held is safe, and the slot
-        // is read again.
-        awaited = busy;
-        zon_lock_internal(awaited);
-    }
+    if (fid == 0)
+        return {};
+    zon_require(fid_is_valid(fid_table, fid), "fid_is_valid(fid_table, fid)");
+    zon_flow_t* flow = zon_fid_table_slot(fid_table, fid);
+    if (flow == nullptr || is_hidden(flow))
+        return {};
+    if (zon_lock_internal(flow->flow_lock) != 0)
+        return {};
+    if (zon_fid_table_slot(fid_table, fid) == flow && !is_hidden(flow))
+        return locked_flow::adopt(flow);
+    zon_unlock_internal(flow->flow_lock);
+    return {};
 }
 
 zon_error_t zon_fid_table_is_available(zon_fid_table_t* fid_table) {

@@ -4,8 +4,8 @@
 // first freed first, so that an identifier that somebody kept is unlikely to name another flow
 // soon.
 //
-// Locks      fid_table_lock guards slots, free list and counters. A flow lock is never awaited
-//            under it.
+// Locks      fid_table_lock guards free list and counters; a slot is written by whoever holds its
+//            flow, and read by all. A flow lock is never awaited under it.
 
 #pragma once
 
@@ -43,6 +43,9 @@ inline zon_flow_t* zon_fid_table_new_flow(zon_fid_table_t* fid_table) {
 }
 // The flow is dying or known to this thread alone. False only for a null table.
 bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid);
+
+// Brings the free records that wait in lanes (osal/zon_lanes.h) back to the free list.
+void zon_fid_table_gather(zon_fid_table_t* fid_table);
 
 // Calls cb with a report of each flow in use, outside all locks. user also is the filter of the
 // reports.

@@ -9,6 +9,13 @@ inline bool fid_is_valid(const zon_fid_table_t* fid_table, zon_fid_t fid) {
     return fid != 0 && fid <= fid_table->capacity;
 }
 
+// The record of a valid identifier that is in use, or null. Read without a lock: a record keeps its
+// identifier and its lock for ever, and whoever finds one that is not hidden under its lock has the
+// identifier's flow.
+inline zon_flow_t* zon_fid_table_slot(const zon_fid_table_t* fid_table, zon_fid_t fid) {
+    return __atomic_load_n(&fid_table->table[fid - 1], __ATOMIC_ACQUIRE);
+}
+
 // The flow, locked; empty for 0, for a free identifier and for a flow whose deletion is past its
 // callbacks. An identifier above the capacity stops the program.
 locked_flow zon_fid_table_lookup(zon_fid_table_t* fid_table, const zon_fid_t fid);

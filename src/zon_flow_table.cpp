@@ -20,6 +20,7 @@
 #include "zon_flow_table_inline.h"
 #include "zon_hashset_internal.h"
 #include "zon_key_hash.h"
+#include "zon_lane_counts.h"
 
 namespace {
 
@@ -312,7 +313,7 @@ void name_if_room(zon_flow_table_t* tbl, zon_flow_t* flow) {
 bool count_single(zon_flow_table_t* tbl, const zon_half_flow_t* half_flow, bool linked) {
     if (!linked)
         return false;
-    relaxed_add(tbl->profile_insert, 1);
+    zon_count(tbl->profile_insert, lane_count::inserts, 1);
     unname_all(tbl, half_flow);
     return true;
 }
@@ -435,11 +436,11 @@ pair_insert_result zon_flow_table_insert_flow(zon_flow_table_t* tbl, zon_flow_t*
                                 buckets.responder, same_connection_any_family<vrf_star_keys::count>,
                                 is_reversed ? name_new_reversed_flow : name_new_flow, tbl);
     if (result == pair_insert_result::linked) {
-        relaxed_add(tbl->profile_insert, 2);
+        zon_count(tbl->profile_insert, lane_count::inserts, 2);
     } else if (result == pair_insert_result::second_refused) {
         // The initiator was in and came out again.
-        relaxed_add(tbl->profile_insert, 1);
-        relaxed_add(tbl->profile_delete, 1);
+        zon_count(tbl->profile_insert, lane_count::inserts, 1);
+        zon_count(tbl->profile_delete, lane_count::deletes, 1);
     }
     return result;
 }
@@ -467,13 +468,13 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
         });
     if (result == pair_insert_result::already_present)
         return result;
-    relaxed_add(tbl->profile_delete, 2);
+    zon_count(tbl->profile_delete, lane_count::deletes, 2);
     if (result == pair_insert_result::linked) {
         zon_flow_table_index_anew(tbl, flow);
-        relaxed_add(tbl->profile_insert, 2);
+        zon_count(tbl->profile_insert, lane_count::inserts, 2);
     } else if (result == pair_insert_result::second_refused) {
-        relaxed_add(tbl->profile_insert, 1);
-        relaxed_add(tbl->profile_delete, 1);
+        zon_count(tbl->profile_insert, lane_count::inserts, 1);
+        zon_count(tbl->profile_delete, lane_count::deletes, 1);
     }
     return result;
 }
@@ -514,7 +515,7 @@ bool zon_flow_table_delete(zon_flow_table_t* tbl, zon_half_flow_t* half_flow, bo
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
     zon_flow_table_unindex(tbl, half_flow->flow);
     zon_hashset_remove(tbl->table, half_flow);
-    relaxed_add(tbl->profile_delete, 1);
+    zon_count(tbl->profile_delete, lane_count::deletes, 1);
     return true;
 }
 
@@ -525,7 +526,7 @@ bool zon_flow_table_delete_full_flow(zon_flow_table_t* tbl, zon_half_flow_t* hal
     held_lock held(lock ? tbl->flow_table_lock : nullptr);
     zon_flow_table_unindex(tbl, half_flow1->flow);
     zon_hashset_remove_full(tbl->table, half_flow1, half_flow2);
-    relaxed_add(tbl->profile_delete, 1);
+    zon_count(tbl->profile_delete, lane_count::deletes, 1);
     return true;
 }
 
@@ -587,6 +588,7 @@ void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* us
     const reading shown(*storage_of(tbl));
     zon_hashset_get_statistics(tbl->table, size, used, empty, occupied, bucket_ave, bucket_max,
                                distribution);
+    zon_lane_counts_settle();
     *inserts = relaxed_load(tbl->profile_insert);
     *deletes = relaxed_load(tbl->profile_delete);
     *passively_aged = relaxed_load(tbl->profile_passively_aged);
@@ -595,6 +597,7 @@ void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* us
 }
 
 void zon_flow_table_statistics_clear(zon_flow_table_t* tbl) {
+    zon_lane_counts_settle();
     relaxed_store(tbl->profile_insert, 0);
     relaxed_store(tbl->profile_delete, 0);
     relaxed_store(tbl->profile_passively_aged, 0);

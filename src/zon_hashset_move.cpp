@@ -5,6 +5,7 @@
 #include "zon_hashset_move.h"
 
 #include "zon_hashset_internal.h"
+#include "zon_lane_counts.h"
 
 bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted,
                       zon_hashset_rewrite rewrite) {
@@ -14,7 +15,7 @@ bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted
     held_buckets<2> held(set, {old_bucket, new_bucket});
     if (is_linked(set, item)) {
         unlink(set, item, old_bucket);
-        relaxed_add(set->used, -1);
+        zon_count(set->used, lane_count::linked, -1);
     }
     rewrite(item, wanted);
     if (bucket_is_full(set, new_bucket)) {
@@ -22,6 +23,6 @@ bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted
         return false;
     }
     link_at_head(set, item, new_bucket);
-    relaxed_add(set->used, 1);
+    zon_count(set->used, lane_count::linked, 1);
     return true;
 }

@@ -22,24 +22,35 @@ struct idle_flow {
     locked_flow flow;
 };
 
-// The timer is embedded in the record: while the slot is empty under the table's lock nobody can
-// take the record for a new flow, so the stop cannot hit a new flow's timer.
-idle_flow find_idle_flow(zon_fid_table_t* fid_table, zon_fid_t fid, vem_tw_timer* timer) {
-    held_lock table(fid_table->fid_table_lock);
-    zon_flow_t* flow = nullptr;
-    if (fid != 0) {
-        zon_require(fid_is_valid(fid_table, fid), "fid_is_valid(fid_table, fid)",
+// The record that timer and identifier are embedded in; null when they stand elsewhere.
+zon_flow_t* record_with(const zon_fid_t* fid, const vem_tw_timer* timer) {
+    const char* start = reinterpret_cast<const char*>(fid) - offsetof(zon_flow_t, fid);
+    if (start + offsetof(zon_flow_t, timer) != reinterpret_cast<const char*>(timer))
+        return nullptr;
+    return reinterpret_cast<zon_flow_t*>(const_cast<char*>(start));
+}
+
+// While the flow's lock is held nobody can take its record for a new flow, so the stop cannot hit a
+// new flow's timer. Where the lock is busy the stop is left out: the flow's deletion makes it, too.
+idle_flow find_idle_flow(zon_fid_table_t* fid_table, const zon_fid_t* fid, vem_tw_timer* timer) {
+    if (*fid != 0)
+        zon_require(fid_is_valid(fid_table, *fid), "fid_is_valid(fid_table, fid)",
                     "zon_fid_table_lookup");
-        flow = fid_table->table[fid - 1];
+    zon_flow_t* record = *fid == 0 ? nullptr : record_with(fid, timer);
+    if (record == nullptr) {
+        zon_timer_stop(timer);
+        return {ager_lookup::vanished, {}};
     }
-    if (flow != nullptr && !zon_flow_is_dying(flow)) {
-        if (!zon_try_lock_internal(flow->flow_lock))
-            return {ager_lookup::busy, {}};
-        locked_flow locked = locked_flow::adopt(flow);
-        if (!zon_flow_is_dying(flow))
-            return {ager_lookup::found, std::move(locked)};
-    }
+    held_lock table(fid_table->fid_table_lock);
+    const bool is_locked = zon_try_lock_internal(record->flow_lock);
+    const bool is_there =
+        zon_fid_table_slot(fid_table, *fid) == record && !zon_flow_is_dying(record);
+    if (!is_locked)
+        return {is_there ? ager_lookup::busy : ager_lookup::vanished, {}};
+    if (is_there)
+        return {ager_lookup::found, locked_flow::adopt(record)};
     zon_timer_stop(timer);
+    zon_unlock_internal(record->flow_lock);
     return {ager_lookup::vanished, {}};
 }
 
@@ -61,7 +72,7 @@ void zon_timer_handle_flow_idle_timeout_full(vem_tw_wheel, vem_tw_timer* tmr, vo
     const zon_fid_t fid = *static_cast<const zon_fid_t*>(context);
     zon_fid_table_t* fid_table = g_zon->fid_table;
     zon_require(fid_table != nullptr, "fid_table", "zon_fid_table_lookup");
-    idle_flow idle = find_idle_flow(fid_table, fid, tmr);
+    idle_flow idle = find_idle_flow(fid_table, static_cast<const zon_fid_t*>(context), tmr);
     switch (idle.outcome) {
     case ager_lookup::vanished:
         std::puts("no flow context");

@@ -26,6 +26,9 @@ enum class lock_class {
     preflow_counts,
     dump_marks,
     clients,
+    lane_counts,
+    record_lane,
+    memory_lane,
     memory,
     end
 };
@@ -57,7 +60,10 @@ inline constexpr std::array<lock_class_row, static_cast<size_t>(lock_class::end)
     {lock_class::preflow_counts, "pre-flow counts", 7, lock_siblings::alone},
     {lock_class::dump_marks, "dump marks", 7, lock_siblings::alone},
     {lock_class::clients, "client list", 7, lock_siblings::alone},
-    {lock_class::memory, "memory stack", 8, lock_siblings::alone},
+    {lock_class::lane_counts, "lane counts", 7, lock_siblings::alone},
+    {lock_class::record_lane, "lane of flow records", 7, lock_siblings::alone},
+    {lock_class::memory_lane, "lane of half flows", 8, lock_siblings::alone},
+    {lock_class::memory, "memory stack", 9, lock_siblings::alone},
 }};
 
 constexpr bool rows_follow_classes() {

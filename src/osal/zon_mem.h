@@ -57,6 +57,12 @@ uint32_t zon_private_chunk_malloc_many(zon_memory_type mem_type, void** records,
 bool zon_private_chunk_free_many(zon_memory_type mem_type, void* const* records, uint32_t count,
                                  void* chunk_ptr);
 
+// How many elements of the type threads keep ready for themselves (osal/zon_lanes.h). They are handed out
+// when there is no other memory.
+uint32_t zon_mem_waiting_in_lanes(zon_memory_type mem_type);
+// Gives them back to where all threads find them.
+void zon_mem_gather_lanes();
+
 // Gives an element back and traces a refusal; the element is lost then.
 void zon_private_chunk_free_or_trace(zon_memory_type mem_type, void* data, void* chunk_ptr,
                                      const char* file = __builtin_FILE(),

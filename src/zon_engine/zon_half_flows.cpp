@@ -7,6 +7,7 @@
 
 #include "osal/zon_debug.h"
 #include "osal/zon_timer.h"
+#include "zon_lane_counts.h"
 
 namespace {
 
@@ -19,6 +20,13 @@ half_flow_kind kind_of(uint32_t key_type) {
     if (zon_key_is_ipv4(key_type))
         return {ZON_IPV4_HALF_FLOW_MEM_TYPE, &memory_usage_stats_t::ipv4_half_flow_alloc_count};
     return {ZON_IPV6_HALF_FLOW_MEM_TYPE, &memory_usage_stats_t::ipv6_half_flow_alloc_count};
+}
+
+inline void count_usage(const half_flow_kind& kind, int by) {
+    zon_count(g_zon->memory_usage_stats.*kind.usage,
+              kind.memory == ZON_IPV4_HALF_FLOW_MEM_TYPE ? lane_count::ipv4_half_flows
+                                                         : lane_count::ipv6_half_flows,
+              by);
 }
 
 template <class family>
@@ -46,7 +54,7 @@ zon_half_flow_t* zon_allocate_half_flow(uint8_t half_flow_key_type) {
     auto* half_flow =
         static_cast<zon_half_flow_t*>(zon_private_chunk_malloc(kind.memory, &g_zon->zon_chunk_ptr));
     // Counts the attempt: after a failure the figure stays one too high, and monitors know it so.
-    relaxed_add(g_zon->memory_usage_stats.*kind.usage, 1);
+    count_usage(kind, 1);
     if (half_flow == nullptr) [[unlikely]] {
         relaxed_add(g_zon->error_stats.half_flow_alloc_errors, 1);
         return nullptr;
@@ -65,7 +73,7 @@ bool zon_allocate_half_flows(uint8_t half_flow_key_type, zon_flow_t* flow) {
     const uint32_t taken = zon_private_chunk_malloc_many(
         kind.memory, reinterpret_cast<void**>(&flow->initiator_flow), 2, &g_zon->zon_chunk_ptr);
     // Counts the attempts, as if there had been one after another.
-    relaxed_add(g_zon->memory_usage_stats.*kind.usage, taken == 0 ? 1 : 2);
+    count_usage(kind, taken == 0 ? 1 : 2);
     if (taken < 2) [[unlikely]] {
         relaxed_add(g_zon->error_stats.half_flow_alloc_errors, 1);
         return false;
@@ -88,7 +96,7 @@ void zon_deallocate_half_flows(zon_half_flow_t* one, zon_half_flow_t* other) {
     void* const halves[] = {one, other};
     if (!zon_private_chunk_free_many(kind.memory, halves, 2, &g_zon->zon_chunk_ptr)) [[unlikely]]
         zon_buginf("Could not free memory %s: %d", __FILE__, __LINE__);
-    relaxed_add(g_zon->memory_usage_stats.*kind.usage, -2);
+    count_usage(kind, -2);
 }
 
 void zon_deallocate_half_flow(zon_half_flow_t* half_flow) {
@@ -96,7 +104,7 @@ void zon_deallocate_half_flow(zon_half_flow_t* half_flow) {
                 "half_flow->key.key_type <= ZON_IPV6_LAST_KEY");
     const half_flow_kind kind = kind_of(half_flow->key.key_type);
     zon_private_chunk_free_or_trace(kind.memory, half_flow, &g_zon->zon_chunk_ptr);
-    relaxed_add(g_zon->memory_usage_stats.*kind.usage, -1);
+    count_usage(kind, -1);
 }
 
 zon_half_flow_t* zon_private_flow_lookup_ipv4(const zon_ipv4_key_t* key) {

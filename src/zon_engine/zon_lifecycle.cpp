@@ -16,6 +16,7 @@
 #include "zon_engine_inline.h"
 #include "zon_frag.h"
 #include "zon_key_hash_funcs_inline.h"
+#include "zon_lane_counts.h"
 #include "zon_super_ctx_table.h"
 #include "zon_timer_common.h"
 
@@ -74,6 +75,15 @@ void destroy_flows(zon_t* engine) {
         zon_buginf("\nZON Engine: Deleting table with %d flows.",
                    static_cast<int>(zon_flow_table_num_elements(engine->flow_tbl)));
     delete_every_flow(engine->flow_tbl);
+}
+
+// From here on the only thread that is left finds everything where all threads look for it.
+void end_lanes(zon_t* engine) {
+    zon_lane_counts_settle();
+    zon_lanes_end();
+    if (engine->fid_table != nullptr)
+        zon_fid_table_gather(engine->fid_table);
+    zon_mem_gather_lanes();
 }
 
 void destroy_flow_tables(zon_t* engine) {
@@ -173,6 +183,7 @@ zon_error_t zon_destroy() {
         return busy;
     // No timer handler runs from here on, while its tables are taken down.
     zon_timer_quiesce(g_zon->zon_tw);
+    end_lanes(g_zon);
     destroy_flows(g_zon);
     destroy_flow_tables(g_zon);
     zon_timer_tw_destroy(&g_zon->zon_tw, &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create);
@@ -181,6 +192,8 @@ zon_error_t zon_destroy() {
     zon_free_clients(g_zon);
     std::free(g_zon);
     g_zon = nullptr;
+    zon_lanes_end();
+    zon_lane_counts_clear();
     trace_engine("\nZON Engine: zon_destroy");
     return result;
 }

@@ -17,6 +17,7 @@
 #include <cstdint>
 
 #include "support/flow_reader.h"
+#include "support/lanes.h"
 #include "support/packet_builder.h"
 #include "support/record_census.h"
 #include "zon.h"
@@ -75,6 +76,7 @@ protected:
 
     void destroy_engine() {
         delete_all_flows();
+        bring_back_from_lanes();
         EXPECT_EQ(zon_flow_table_num_elements(g_zon->flow_tbl), 0u)
             << "half flows are left in the flow table";
         EXPECT_EQ(flows_in_use(), 0u) << "flows are left";

@@ -30,7 +30,11 @@ void count(vem_chunk_type chunk, int64_t by) {
         entry->in_use.fetch_add(by, std::memory_order_relaxed);
 }
 
-int64_t in_use_of(vem_chunk_type chunk, int32_t ready) {
+int64_t ready_of(int32_t on_stack, zon_memory_type type) {
+    return on_stack + int64_t{zon_mem_waiting_in_lanes(type)};
+}
+
+int64_t in_use_of(vem_chunk_type chunk, int64_t ready) {
     const counted_chunk* entry = chunk != nullptr ? entry_of(chunk) : nullptr;
     return entry != nullptr ? entry->in_use.load(std::memory_order_relaxed) - ready : 0;
 }
@@ -125,9 +129,11 @@ bool failing_record_memory::has_failed() const {
 records_in_use records_in_use::of(const zon_chunk_mem_t& chunks) {
     records_in_use in_use;
     in_use.ipv4_half_flows =
-        in_use_of(chunks.zon_ipv4_half_flow_mem, zon_private_ipv4_flow_mem_buffer_count);
+        in_use_of(chunks.zon_ipv4_half_flow_mem,
+                  ready_of(zon_private_ipv4_flow_mem_buffer_count, ZON_IPV4_HALF_FLOW_MEM_TYPE));
     in_use.ipv6_half_flows =
-        in_use_of(chunks.zon_ipv6_half_flow_mem, zon_private_ipv6_flow_mem_buffer_count);
+        in_use_of(chunks.zon_ipv6_half_flow_mem,
+                  ready_of(zon_private_ipv6_flow_mem_buffer_count, ZON_IPV6_HALF_FLOW_MEM_TYPE));
     in_use.feature_objects = in_use_of(chunks.zon_flow_fo_mem, 0);
     in_use.super_contexts = in_use_of(chunks.zon_super_ctx_mem, 0);
     in_use.list_elements = in_use_of(chunks.zon_flow_list_mem, 0);

@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "support/interruptions.h"
+#include "support/lanes.h"
 #include "support/lock_stumbles.h"
 #include "support/watchdog.h"
 
@@ -106,6 +107,7 @@ public:
         } else {
             run_together();
         }
+        bring_back_from_lanes();
     }
 
 private:

@@ -9,6 +9,7 @@
 #include <cstdint>
 
 #include "support/flow_reader.h"
+#include "support/lanes.h"
 #include "zon_api/zon_api_internal.h"
 #include "zon_hashset.h"
 
@@ -51,6 +52,7 @@ inline void expect_counts_of_flows() {
         any_announced = any_announced || expected != 0;
     }
     EXPECT_EQ(g_zon->flow_tbl->has_incomplete_inserts, any_announced);
+    bring_back_from_lanes();
     EXPECT_EQ(g_zon->memory_usage_stats.ipv4_half_flow_alloc_count, named.ipv4_in_use);
     EXPECT_EQ(g_zon->memory_usage_stats.ipv6_half_flow_alloc_count, named.ipv6_in_use);
 }

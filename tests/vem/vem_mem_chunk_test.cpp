@@ -32,6 +32,9 @@ public:
     chunk_of& operator=(const chunk_of&) = delete;
 
     char* take() { return static_cast<char*>(vem_mem_chunk_malloc(handle_)); }
+    uint32_t take(void** records, uint32_t count) {
+        return vem_mem_chunk_malloc_many(handle_, records, count);
+    }
     bool give_back(void* record) { return vem_mem_chunk_free(handle_, record); }
 
 private:
@@ -113,6 +116,28 @@ TEST(vem_mem_chunk, the_record_freed_last_is_handed_out_next) {
     EXPECT_EQ(chunk.take(), c);
     EXPECT_EQ(chunk.take(), a);
     EXPECT_NE(chunk.take(), b);
+}
+
+// However many lie free, one by one or several at once.
+TEST(vem_mem_chunk, records_of_any_size_are_handed_out_last_freed_first) {
+    for (const size_t size : {1, 16, 24, 40, 72, 96, 320}) {
+        chunk_of chunk(size);
+        std::vector<char*> freed(100);
+        for (char*& record : freed)
+            record = chunk.take();
+        for (char* record : freed)
+            chunk.give_back(record);
+        for (size_t left = freed.size(); left > 97; --left)
+            EXPECT_EQ(chunk.take(), freed[left - 1]) << size;
+        for (size_t at = 97; at < freed.size(); ++at)
+            chunk.give_back(freed[at]);
+        for (size_t left = freed.size(); left != 0; left -= 5) {
+            void* taken[5];
+            ASSERT_EQ(chunk.take(taken, 5), 5U);
+            for (size_t at = 0; at < 5; ++at)
+                EXPECT_EQ(taken[at], freed[left - 1 - at]) << size;
+        }
+    }
 }
 
 TEST(vem_mem_chunk, records_are_whole_aligned_and_apart) {

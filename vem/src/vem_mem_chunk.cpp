@@ -39,9 +39,22 @@ struct alignas(cache_line) piece_header {
     size_t bytes;
 };
 
-struct free_record {
-    free_record* next;
+// Free records form a stack. One in so many is a link of it and names those that were freed after
+// it, which need not be looked at to be handed out.
+struct free_link {
+    free_link* next;
+    uint32_t count;
+    void* others[14];
+
+    static constexpr size_t least_bytes = 2 * sizeof(void*);
 };
+
+// How many a link names in a record of this size.
+constexpr uint32_t others_in(size_t record_bytes) {
+    return static_cast<uint32_t>(std::min(record_bytes - free_link::least_bytes,
+                                          sizeof(free_link) - free_link::least_bytes) /
+                                 sizeof(void*));
+}
 
 size_t rounded_up(size_t size, size_t multiple) {
     return (size + multiple - 1) / multiple * multiple;
@@ -108,6 +121,10 @@ struct vem_chunk_ {
     uint32_t take(void** records, uint32_t wanted) {
         const std::lock_guard lock(mutex_);
         uint32_t taken = 0;
+        if (top_count_ > wanted) {
+            take_others(records, wanted);
+            return wanted;
+        }
         while (taken < wanted && (records[taken] = take_one()) != nullptr) {
             ++taken;
         }
@@ -119,18 +136,67 @@ struct vem_chunk_ {
     void give_back(void* const* records, uint32_t count) {
         const std::lock_guard lock(mutex_);
         for (uint32_t at = 0; at < count; ++at) {
-            free_ = new (records[at]) free_record{free_};
-            forbid(records[at], record_bytes_);
+            put_on_top(records[at]);
         }
     }
 
 private:
-    void* take_one() {
-        if (free_ != nullptr) {
-            free_record* record = free_;
+    void put_on_top(void* record) {
+        forbid(record, record_bytes_);
+        if (top_ != nullptr && top_count_ < others_) {
+            allow(top_, record_bytes_);
+            top_->others[top_count_++] = record;
+            forbid(top_, record_bytes_);
+            return;
+        }
+        if (top_ != nullptr) {
+            allow(top_, record_bytes_);
+            top_->count = top_count_;
+            forbid(top_, record_bytes_);
+        }
+        allow(record, free_link::least_bytes);
+        auto* link = static_cast<free_link*>(record);
+        link->next = top_;
+        forbid(record, record_bytes_);
+        top_ = link;
+        top_count_ = 0;
+    }
+
+    // The top names more than so many.
+    void take_others(void** records, uint32_t wanted) {
+        allow(top_, record_bytes_);
+        void** next = top_->others + top_count_;
+        for (uint32_t taken = 0; taken < wanted; ++taken) {
+            records[taken] = *--next;
+            allow(records[taken], record_bytes_);
+        }
+        top_count_ -= wanted;
+        fetch(next[-1]);
+        fetch(top_count_ > 1 ? next[-2] : top_);
+        forbid(top_, record_bytes_);
+    }
+
+    void* take_from_top() {
+        allow(top_, record_bytes_);
+        if (top_count_ != 0) {
+            void* record = top_->others[--top_count_];
+            forbid(top_, record_bytes_);
             allow(record, record_bytes_);
-            free_ = record->next;
             return record;
+        }
+        void* record = top_;
+        top_ = top_->next;
+        if (top_ != nullptr) {
+            allow(top_, record_bytes_);
+            top_count_ = top_->count;
+            forbid(top_, record_bytes_);
+        }
+        return record;
+    }
+
+    void* take_one() {
+        if (top_ != nullptr) {
+            return take_from_top();
         }
         if (static_cast<size_t>(untouched_end_ - untouched_) < record_bytes_ && !grow()) {
             return nullptr;
@@ -141,14 +207,24 @@ private:
         return record;
     }
 
-    // Records were often freed long ago: the next one is on its way before it is asked for.
+    // Records were often freed long ago: the next two are on their way before they are asked for.
     void fetch_next() const {
-        if (free_ == nullptr) {
+        if (top_ == nullptr) {
             return;
         }
-        const char* next = reinterpret_cast<const char*>(free_);
-        __builtin_prefetch(next, 1);
-        __builtin_prefetch(next + last_line_, 1);
+        allow(top_, record_bytes_);
+        if (top_count_ == 0) {
+            fetch(top_);
+            fetch(top_->next);
+        } else {
+            fetch(top_->others[top_count_ - 1]);
+            fetch(top_count_ > 1 ? top_->others[top_count_ - 2] : top_);
+        }
+        forbid(top_, record_bytes_);
+    }
+    void fetch(const void* record) const {
+        __builtin_prefetch(record, 1);
+        __builtin_prefetch(static_cast<const char*>(record) + last_line_, 1);
     }
 
     // Each piece is twice the last one, up to a huge page, so that the heap is asked rarely.
@@ -174,7 +250,9 @@ private:
     const size_t step_bytes_;  // the least that a piece has, header and all
     size_t piece_bytes_;       // what the next piece has
     vem::chunk_mutex mutex_;
-    free_record* free_ = nullptr;
+    const uint32_t others_ = others_in(record_bytes_);
+    free_link* top_ = nullptr;
+    uint32_t top_count_ = 0;     // how many the top names
     char* untouched_ = nullptr;  // the rest of the newest piece
     char* untouched_end_ = nullptr;
     piece_header* pieces_ = nullptr;
@@ -187,7 +265,8 @@ vem_chunk_type vem_mem_chunk_create(size_t element_size, uint32_t create_element
     if (element_size > most_bytes) {
         return nullptr;
     }
-    const size_t record = rounded_up(std::max(element_size, sizeof(free_record)), record_alignment);
+    const size_t record =
+        rounded_up(std::max(element_size, free_link::least_bytes), record_alignment);
     const size_t step = std::max(create_elements, 1U);
     if (step > most_bytes / record) {
         return nullptr;

@@ -10,6 +10,7 @@
 #include "stress/mixed/traffic.h"
 #include "support/flow_reader.h"
 #include "support/index_oracle.h"
+#include "support/lanes.h"
 #include "support/table_census.h"
 #include "zon_engine/zon_half_open.h"
 
@@ -252,6 +253,7 @@ void ledger::expect_flows_and_packets() const {
 // Every insertion, removal, expiry and refusal is one of ours.
 void ledger::expect_statistics() const {
     const uint64_t relinked = get(moved_sides_) + 2 * get(wildcard_promotions_);
+    bring_back_from_lanes();
     EXPECT_EQ(g_zon->flow_tbl->profile_insert, 2 * all_made() + relinked);
     EXPECT_EQ(g_zon->flow_tbl->profile_delete, all_told() + relinked);
     EXPECT_EQ(g_zon->flow_tbl->profile_passively_aged, get(aged_));

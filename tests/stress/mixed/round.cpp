@@ -5,6 +5,7 @@
 #include <iterator>
 
 #include "support/flow_reader.h"
+#include "support/lanes.h"
 #include "support/lock_owners.h"
 #include "zon_engine/zon_half_open.h"
 
@@ -56,6 +57,7 @@ void stop_timers() {
 }
 
 void expect_nothing_in_use() {
+    bring_back_from_lanes();
     const memory_usage_stats_t& usage = g_zon->memory_usage_stats;
     EXPECT_EQ(usage.ipv4_half_flow_alloc_count, 0U);
     EXPECT_EQ(usage.ipv6_half_flow_alloc_count, 0U);

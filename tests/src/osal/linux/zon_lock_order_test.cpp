@@ -15,6 +15,7 @@
 #include "osal/linux/zon_lock_classes.h"
 #include "osal/zon_mem.h"
 #include "support/engine_fixture.h"
+#include "support/lanes.h"
 #include "vem/vem_lock_order.h"
 #include "zon_engine/zon_quarantine.h"
 #include "zon_engine_inline.h"
@@ -317,7 +318,7 @@ void take_statistics_of_set() {
 const std::vector<operation_row> operation_rows = {
     {lock_class::flow, [](zon_flow_t* flow) { zon_inst_mark_flow_for_delete(flow); }},
     {lock_class::fid_table,
-     [](zon_flow_t* flow) { zon_fid_table_lookup(g_zon->fid_table, flow->fid).release(); }},
+     [](zon_flow_t* flow) { zon_fid_table_recycle_flow(g_zon->fid_table, flow->fid); }},
     {lock_class::flow_table, [](zon_flow_t*) { zon_flow_table_num_elements(g_zon->flow_tbl); }},
     {lock_class::quarantine, [](zon_flow_t*) { zon_private_release_quarantine(); }},
     {lock_class::bucket, [](zon_flow_t*) { take_statistics_of_set(); }},
@@ -337,6 +338,21 @@ const std::vector<operation_row> operation_rows = {
      [](zon_flow_t*) {
          zon_client_id_e id;
          zon_client_feature_register(&id);
+     }},
+    {lock_class::lane_counts,
+     [](zon_flow_t*) {
+         zon_test::own_a_lane();
+         zon_lane_counts_settle();
+     }},
+    {lock_class::record_lane,
+     [](zon_flow_t* flow) {
+         zon_test::own_a_lane();
+         zon_fid_table_recycle_flow(g_zon->fid_table, flow->fid);
+     }},
+    {lock_class::memory_lane,
+     [](zon_flow_t*) {
+         zon_test::own_a_lane();
+         zon_private_chunk_malloc(ZON_IPV4_HALF_FLOW_MEM_TYPE, &g_zon->zon_chunk_ptr);
      }},
     {lock_class::memory,
      [](zon_flow_t*) {
