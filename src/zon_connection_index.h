@@ -71,6 +71,12 @@ public:
             return entry.load(std::memory_order_relaxed) == 0;
         });
     }
+    bool names(uint64_t hash, const zon_flow_t* flow) const {
+        return std::ranges::any_of(
+            line_of(hash), [word = word_of(hash, flow)](const std::atomic<uint64_t>& entry) {
+                return entry.load(std::memory_order_relaxed) == word;
+            });
+    }
     // False when the line is full.
     bool put(uint64_t hash, zon_flow_t* flow);
     void remove(uint64_t hash, const zon_flow_t* flow);

@@ -16,7 +16,7 @@ constexpr uint32_t plenty = 1024;
 
 record_lane* own_lane(fid_table_storage& table) {
     const int lane = zon_own_lane();
-    return lane < 0 ? nullptr : &table.lanes[static_cast<size_t>(lane)];
+    return lane < 0 || !table.has_lanes ? nullptr : &table.lanes[static_cast<size_t>(lane)];
 }
 
 void note_given(fid_table_storage& table, uint32_t records) {
@@ -168,6 +168,8 @@ void zon_fid_table_gather(zon_fid_table_t* fid_table) {
 }
 
 void zon_fid_lanes_init(fid_table_storage& table) {
+    constexpr uint32_t most_in_lanes = zon_lane_count * 2 * zon_free_row_length;
+    table.has_lanes = table.capacity >= 4 * most_in_lanes;
     for (record_lane& lane : table.lanes)
         zon_lock_set_class(&lane.lock, lock_class::record_lane);
 }

@@ -38,6 +38,8 @@ struct fid_table_storage : zon_fid_table_ {
     uint32_t open_row_length = 0;
     uint32_t given_since_closed = 0;
 
+    // Of a small table lanes would hold back so much that identifiers came again soon.
+    bool has_lanes = false;
     // Written under fid_table_lock, read under a lane's.
     std::atomic<bool> lanes_are_closed = false;
     std::array<record_lane, zon_lane_count> lanes{};

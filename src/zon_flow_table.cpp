@@ -402,8 +402,9 @@ void zon_flow_table_index_anew(zon_flow_table_t* tbl, zon_flow_t* flow) {
 }
 
 void zon_flow_table_index_again(zon_flow_table_t* tbl, zon_flow_t* flow) {
-    if (flow->private_indexed != 0)
+    if (flow->private_indexed != 0 && index_of(tbl).names(record_of(flow)->connection_hash, flow))
         return;
+    flow->private_indexed = 0;
     name_if_room<ipv4_family>(tbl, flow);
     name_if_room<ipv6_family>(tbl, flow);
 }

@@ -113,20 +113,24 @@ inline void touch_bucket(zon_hashset set, uint32_t bucket) {
     touch(&set->array[bucket]);
     touch(&set->items_in_bucket[bucket]);
 }
-// The item's link and its key, which mostly lie on two lines. The memory of items is theirs as long as
-// the set lives, so that whatever is found can be read.
-inline const zon_hashset_hdr* touch_item(const zon_hashset_hdr* item) {
-    if (item != nullptr) {
-        touch(item);
-        touch(reinterpret_cast<const char*>(item) + sizeof(zon_half_flow_t));
-    }
-    return item;
-}
+// The item's link and its key, which mostly lie on two lines. What a bucket's head leads to is an item's
+// memory as long as the set lives, and can be read whoever has given it back meanwhile.
 inline const zon_hashset_hdr* touch_first_item(zon_hashset set, uint32_t bucket) {
-    return touch_item(relaxed_load(set->array[bucket]));
+    const zon_hashset_hdr* first = relaxed_load(set->array[bucket]);
+    if (first != nullptr) {
+        touch(first);
+        touch(reinterpret_cast<const char*>(first) + sizeof(zon_half_flow_t));
+    }
+    return first;
 }
-inline const zon_hashset_hdr* touch_next_item(const zon_hashset_hdr* item) {
-    return item == nullptr ? nullptr : touch_item(peek(item->next));
+// In an item that was given back anything may stand in the place of the link: it is not followed, only
+// asked for.
+inline void prefetch_next_item(const zon_hashset_hdr* item) {
+    if (item == nullptr)
+        return;
+    const auto* next = reinterpret_cast<const char*>(peek(item->next));
+    __builtin_prefetch(next);
+    __builtin_prefetch(next + sizeof(zon_half_flow_t));
 }
 inline void prefetch_first_item(zon_hashset set, uint32_t bucket) {
     if (const zon_hashset_hdr* first = relaxed_load(set->array[bucket]))
@@ -141,7 +145,7 @@ inline void link_at_head(zon_hashset set, zon_hashset_item item, uint32_t bucket
     if (*head != nullptr)
         (*head)->pointer_to_us = &header->next;
     header->pointer_to_us = head;
-    relaxed_store(*head, header);
+    __atomic_store_n(head, header, __ATOMIC_RELEASE);
     ++set->items_in_bucket[bucket];
 }
 

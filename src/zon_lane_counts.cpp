@@ -32,8 +32,6 @@ void zon_lane_counts_settle() {
     if (!zon_lanes_are_used() || g_zon == nullptr)
         return;
     const std::lock_guard guard(settling);
-    settle(lane_count::ipv4_half_flows, g_zon->memory_usage_stats.ipv4_half_flow_alloc_count);
-    settle(lane_count::ipv6_half_flows, g_zon->memory_usage_stats.ipv6_half_flow_alloc_count);
     if (g_zon->flow_tbl == nullptr)
         return;
     settle(lane_count::inserts, g_zon->flow_tbl->profile_insert);

@@ -10,7 +10,7 @@
 #include "osal/zon_lanes.h"
 #include "zon_relaxed.h"
 
-enum class lane_count : size_t { ipv4_half_flows, ipv6_half_flows, inserts, deletes, linked, end };
+enum class lane_count : size_t { inserts, deletes, linked, end };
 
 struct alignas(64) lane_counts {
     uint32_t words[static_cast<size_t>(lane_count::end)];

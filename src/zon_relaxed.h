@@ -27,8 +27,8 @@ inline word relaxed_add(word& at, int by) {
     return __atomic_add_fetch(&at, static_cast<word>(by), __ATOMIC_RELAXED);
 }
 
-// Reads a pointer that another thread may be writing, records that it gives back included. What comes
-// stood there at some time, good for a guess at what to fetch.
+// Reads a pointer where another thread may be writing anything, as into records that it gives back. It
+// may be asked for, but never followed.
 template <class record>
 inline record* peek(record* const& at) {
     record* seen;

@@ -146,9 +146,8 @@ void find_buckets(const zon_flow_table_t* tbl, prepared_packet& packet) {
 }
 
 // What a new flow looks at and changes in the table: the heads of two buckets, what they lead to, and
-// the chain of the first, of which more than three links are rare.
+// what is next in the chain of the first.
 void fetch_buckets(size_t count, zon_flow_table_t* tbl, prepared_group& prepared) {
-    constexpr int links_ahead = 3;
     std::array<flow_buckets, group_size> buckets;
     std::array<const zon_hashset_hdr*, group_size> items;
     size_t unknown = 0;
@@ -169,9 +168,8 @@ void fetch_buckets(size_t count, zon_flow_table_t* tbl, prepared_group& prepared
         items[i] = touch_first_item(tbl->table, static_cast<uint32_t>(buckets[i].initiator));
         touch_first_item(tbl->table, static_cast<uint32_t>(buckets[i].responder));
     }
-    for (int link = 1; link < links_ahead; ++link)
-        for (size_t i = 0; i < unknown; ++i)
-            items[i] = touch_next_item(items[i]);
+    for (size_t i = 0; i < unknown; ++i)
+        prefetch_next_item(items[i]);
 }
 
 void fetch_flows(group packets, const prepared_group& prepared) {
@@ -296,7 +294,7 @@ uint32_t zon_handle_packet_burst(zon_burst_packet_t* packets, uint32_t count) {
         return 0;
     zon_t* engine = g_zon;
     const group all(packets, count);
-    if (engine == nullptr || engine->flow_tbl == nullptr)
+    if (engine == nullptr || !zon_engine_is_whole(engine))
         return take_each_alone(all);
     uint32_t with_flow = 0;
     for (size_t first = 0; first < all.size(); first += group_size)

@@ -103,8 +103,7 @@ template <bool trusted>
     if (indications == nullptr) [[unlikely]]
         return give_up(nullptr, error, zon_error_parameter_is_null);
     zon_t* engine = g_zon;
-    // One that could only be made in part has no table.
-    if (engine == nullptr || engine->flow_tbl == nullptr) [[unlikely]]
+    if (engine == nullptr || !zon_engine_is_whole(engine)) [[unlikely]]
         return give_up(indications, error, zon_error_engine_not_init);
     *error = zon_error_none;
     return take_in<trusted>({engine, iphdr, captured, vrf_id, pkt_ctx, indications, error,

@@ -39,6 +39,11 @@ struct arriving_packet {
 zon_fid_t zon_classify_or_follow(const arriving_packet& arriving, zon_dp_fe_t& fe,
                                  zon_tunnel_type_e tunnel);
 
+// An engine of which memory allowed only a part stays until it is destroyed; this is made last.
+inline bool zon_engine_is_whole(const zon_t* engine) {
+    return engine->super_ctx_table != nullptr;
+}
+
 // Is the packet a fragment other than the first?
 inline bool is_later_fragment(const zon_dp_fe_t& fe) {
     const auto handle = const_cast<zon_dp_fe_t*>(&fe);

@@ -38,6 +38,12 @@ protected:
         parameters.timers = false;
     }
 
+    void SetUp() override {
+        zon_test::engine_fixture::SetUp();
+        if (g_zon != nullptr)
+            zon_test::give_lanes_to_the_table();
+    }
+
     static zon_fid_table_t* table() { return g_zon->fid_table; }
     // The identifier of a new flow without half flows, unlocked; 0 without one.
     static zon_fid_t take() {
@@ -172,10 +178,26 @@ TEST_F(records_in_lanes, go_from_one_thread_to_another) {
     }
 }
 
+// Else an identifier would come again after a fraction of them.
+TEST_F(records_in_lanes, are_none_in_a_small_table) {
+    storage_of(table())->has_lanes = false;
+    zon_test::laned_thread crowded;
+    crowded.run([] { recycle(take(50)); });
+    EXPECT_EQ(on_free_list(), all);
+    EXPECT_EQ(take(all), [] {
+        fids order = counted_up(51, all);
+        const fids reused = counted_up(1, 50);
+        order.insert(order.end(), reused.begin(), reused.end());
+        return order;
+    }());
+}
+
 class records_with_two_locks : public records_in_lanes {
 protected:
     records_with_two_locks() { parameters.max_threads = 2; }
-    static zon_lock_t lock_of(zon_fid_t fid) { return zon_lock_get_pool_lock(table()->locks, static_cast<int>((fid - 1) % 2)); }
+    static zon_lock_t lock_of(zon_fid_t fid) {
+        return zon_lock_get_pool_lock(table()->locks, static_cast<int>((fid - 1) % 2));
+    }
 };
 
 TEST_F(records_with_two_locks, are_passed_over_while_their_locks_are_busy) {

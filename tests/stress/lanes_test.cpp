@@ -26,6 +26,10 @@ protected:
         parameters.min_init_flows = 7;
         parameters.max_threads = row().locks;
     }
+    void SetUp() override {
+        contended_engine::SetUp();
+        give_lanes_to_the_table();
+    }
     static const crowd_row& row() { return std::get<0>(GetParam()); }
     static void delete_flows(std::vector<zon_fid_t>& fids) {
         for (const zon_fid_t fid : fids)

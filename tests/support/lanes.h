@@ -10,7 +10,7 @@
 #include <utility>
 
 #include "osal/zon_mem.h"
-#include "zon_fid_table.h"
+#include "zon_fid_lanes.h"
 #include "zon_lane_counts.h"
 
 namespace zon_test {
@@ -19,6 +19,11 @@ inline void own_a_lane() {
     for (int meeting = 0; meeting < 100 && zon_own_lane() < 0; ++meeting)
         zon_lane_met_another();
     ASSERT_GE(zon_own_lane(), 0) << "every lane has an owner";
+}
+
+// Small tables have lanes only where a test wants them. Before any thread uses the engine.
+inline void give_lanes_to_the_table() {
+    storage_of(g_zon->fid_table)->has_lanes = true;
 }
 
 // Runs what it is given on one thread that owns a lane, until it is destroyed.

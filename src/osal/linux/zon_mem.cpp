@@ -244,9 +244,9 @@ void empty_lanes(ready_stack& stack) {
         return 0;
     memory_lanes& lanes = *stack.lanes;
     lanes.gatherers.fetch_add(1);
-    lanes.closed_for.store(plenty);
     empty_lanes(stack);
     const uint32_t taken = take_shared(&stack, chunk, records, wanted);
+    lanes.closed_for.store(plenty);
     lanes.gatherers.fetch_sub(1);
     return taken;
 }
