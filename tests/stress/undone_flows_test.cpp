@@ -53,8 +53,8 @@ private:
     static int stripes() { return std::max(1, g_zon->flow_tbl->table->concurrency_level); }
     // Records are taken in the order of their identifiers, as long as none comes back.
     static zon_fid_t newest_flow() {
-        zon_fid_t fid = g_zon->fid_table->allocated;
-        while (fid != 0 && g_zon->fid_table->table[fid - 1] == nullptr)
+        zon_fid_t fid = relaxed_load(g_zon->fid_table->allocated);
+        while (fid != 0 && relaxed_load(g_zon->fid_table->table[fid - 1]) == nullptr)
             --fid;
         return fid;
     }

@@ -364,6 +364,10 @@ const std::vector<operation_row> operation_rows = {
 class locks_of_the_engine : public zon_test::engine_fixture {
 protected:
     locks_of_the_engine() { parameters.timers = false; }
+    void SetUp() override {
+        zon_test::engine_fixture::SetUp();
+        zon_test::give_lanes_to_the_table();
+    }
 };
 
 }  // namespace
