@@ -57,6 +57,15 @@ TEST(bundles_without_an_engine, say_so) {
     EXPECT_EQ(zon_flow_traverse_child_flows(1, nullptr), zon_error_engine_not_init);
 }
 
+// A parent may go while its child is made, and the child get its record and its identifier.
+TEST_F(bundles, never_bind_a_flow_to_itself) {
+    zon_flow_t* flow = record_of(parent);
+    const held_lock held(flow->flow_lock);
+    zon_private_set_parent(flow, flow, parent);
+    EXPECT_EQ(parent_of(parent), ZON_NULL_FID);
+    EXPECT_TRUE(children_of(parent).empty());
+}
+
 TEST_F(bundles, refuse_null_pointers_before_the_flow) {
     EXPECT_EQ(zon_flow_get_parent(parameters.max_flows + 1, nullptr), zon_error_parameter_is_null);
     EXPECT_EQ(zon_flow_traverse_child_flows(parameters.max_flows + 1, nullptr),
