@@ -47,6 +47,8 @@ void set_engine_up(const round_settings& settings) {
     ASSERT_EQ(zon_config_set_half_open_share(settings.half_open_percent), zon_error_none);
     ASSERT_EQ(zon_init(settings.max_flows, announced_ms, 8, settings.max_locks, 0, 16, 10),
               zon_error_none);
+    // As in the large tables that there is no time to fill here.
+    give_lanes_to_the_table();
     ASSERT_TRUE(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
                                   &g_zon->zon_timer_process_create));
     shorten_idle_times(settings);
