@@ -25,19 +25,20 @@ inline connection_index& index_of(zon_flow_table_t* tbl) {
     return storage_of(tbl)->index;
 }
 
-inline void touch_first_line(const zon_flow_t* flow) {
-    touch(reinterpret_cast<const char*>(record_of(flow)) + 64);
+// What a packet of a known flow touches: state, counters, lock, marks and the proof.
+template <class function>
+[[gnu::always_inline]] inline void for_each_line_of_packets(const zon_flow_t* flow,
+                                                            function fetch) {
+    const auto* bytes = reinterpret_cast<const char*>(record_of(flow));
+    for (size_t line = 64; line < sizeof(flow_record); line += 64)
+        fetch(bytes + line);
+}
+// Among other work a request will do; in a row of flows they are read (zon_relaxed.h).
+inline void prefetch_flow(const zon_flow_t* flow) {
+    for_each_line_of_packets(flow, [](const char* line) { __builtin_prefetch(line); });
 }
 inline void touch_flow(const zon_flow_t* flow) {
-    const auto* bytes = reinterpret_cast<const char*>(record_of(flow));
-    for (size_t line = 64; line < sizeof(flow_record); line += 64)
-        touch(bytes + line);
-}
-// What a packet of a known flow touches: state, counters, lock, marks and the proof.
-inline void prefetch_flow(const zon_flow_t* flow) {
-    const auto* bytes = reinterpret_cast<const char*>(record_of(flow));
-    for (size_t line = 64; line < sizeof(flow_record); line += 64)
-        __builtin_prefetch(bytes + line);
+    for_each_line_of_packets(flow, [](const char* line) { touch(line); });
 }
 
 // The flow that the index names, locked, when it is the wanted one. Its lock is only tried for: the

@@ -3,8 +3,8 @@
 //
 // A thread that finds the lock of such a list busy a few times owns a lane from then on: it takes
 // and gives records in batches, keeps those that wait in its lane, and counts there
-// (zon_lane_counts.h). A thread that
-// never meets another one owns none, and everything is as if there were no lanes.
+// (zon_lane_counts.h). A thread that never meets another one owns none, and everything is as if
+// there were no lanes.
 //
 // A lane outlives its thread, with all that waits in it: the next owner goes on where the last one
 // ended, and whoever is short of records gathers them from all lanes.

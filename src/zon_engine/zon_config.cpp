@@ -5,7 +5,6 @@
 
 #include "osal/zon_platform.h"
 #include "zon_engine_inline.h"
-#include "zon_lane_counts.h"
 #include "zon_super_ctx_table.h"
 #include "zon_timer_common.h"
 
@@ -74,7 +73,6 @@ zon_error_t zon_config_calc_crnt_memory_usage(zon_flow_memory_usage_t* usage) {
         return zon_error_parameter_is_null;
     if (g_zon == nullptr)
         return zon_error_engine_not_init;
-    zon_lane_counts_settle();
     const memory_usage_stats_t& held = g_zon->memory_usage_stats;
     const uint32_t flows =
         g_zon->fid_table != nullptr ? relaxed_load(g_zon->fid_table->allocated) : 0;

@@ -113,7 +113,7 @@ void read_headers(group packets, zon_t* engine, const connection_index& index,
 }
 
 // The processor looks up many pages at once as long as the requests stand close together, so they are
-// made in loops that do little else. That is also why a flow's first line goes before the others.
+// made in loops that do little else.
 void fetch_index_lines(size_t count, const connection_index& index,
                        const prepared_group& prepared) {
     for (size_t i = 0; i < count; ++i)

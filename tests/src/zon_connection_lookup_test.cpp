@@ -85,6 +85,53 @@ protected:
 
 }  // namespace
 
+// The line of forth() and back(), with no room left: other tags, so that nobody takes them for flows.
+class full_line {
+public:
+    full_line() : hash_(hash_of_forth() ^ uint64_t{1} << 60) {
+        while (index_of(g_zon->flow_tbl).put(hash_, nobody()))
+            ++names_;
+    }
+    ~full_line() {
+        for (; names_ != 0; --names_)
+            index_of(g_zon->flow_tbl).remove(hash_, nobody());
+    }
+    full_line(const full_line&) = delete;
+    full_line& operator=(const full_line&) = delete;
+
+    static uint64_t hash_of_forth() {
+        return index_of(g_zon->flow_tbl)
+            .hash_of(connection_of(host_a, host_b, 1000, 53, ZON_UDP_PROT, 0));
+    }
+
+private:
+    static zon_flow_t* nobody() { return reinterpret_cast<zon_flow_t*>(uintptr_t{64}); }
+
+    uint64_t hash_;
+    int names_ = 0;
+};
+
+TEST_F(flows_in_index, get_their_place_once_there_is_room) {
+    zon_fid_t fid = 0;
+    {
+        const full_line full;
+        fid = forth();
+        EXPECT_EQ(back(), fid) << "found by a search";
+        EXPECT_EQ(zon_test::record_of(fid)->private_indexed, 0);
+    }
+    EXPECT_EQ(back(), fid);
+    EXPECT_TRUE(is_named(fid));
+}
+
+TEST_F(flows_in_index, get_back_a_name_that_was_taken_for_another_ones) {
+    const zon_fid_t fid = forth();
+    ASSERT_TRUE(is_named(fid));
+    index_of(g_zon->flow_tbl).remove_all(full_line::hash_of_forth());
+    EXPECT_FALSE(is_named(fid));
+    EXPECT_EQ(back(), fid);
+    EXPECT_TRUE(is_named(fid));
+}
+
 TEST_F(flows_in_index, are_named_from_their_first_packet_to_their_deletion) {
     const zon_fid_t fid = forth();
     EXPECT_TRUE(is_named(fid));
