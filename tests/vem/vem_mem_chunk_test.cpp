@@ -120,7 +120,7 @@ TEST(vem_mem_chunk, the_record_freed_last_is_handed_out_next) {
 
 // However many lie free, one by one or several at once.
 TEST(vem_mem_chunk, records_of_any_size_are_handed_out_last_freed_first) {
-    for (const size_t size : {1, 16, 24, 40, 72, 96, 320}) {
+    for (const size_t size : {1U, 16U, 24U, 40U, 72U, 96U, 320U}) {
         chunk_of chunk(size);
         std::vector<char*> freed(100);
         for (char*& record : freed)

@@ -1,6 +1,7 @@
 // zon_rekey_promotion_test.cpp - an announced flow whose sides were refused a new key, or made
 // anew, meets its first packet from either side, and goes.
 
+#include <random>
 #include <tuple>
 
 #include "api_fixture.h"
