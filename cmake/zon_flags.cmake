@@ -14,7 +14,7 @@ if(ZON_CHECK_LOCK_ORDER)
 endif()
 
 if(ZON_SANITIZE)
-  add_compile_options(-fsanitize=${ZON_SANITIZE} -fno-omit-frame-pointer -g)
+  add_compile_options(-fsanitize=${ZON_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${ZON_SANITIZE})
   # In instrumented code gcc 12 suspects the standard library's regular expressions and strings.
   add_compile_options($<$<CXX_COMPILER_ID:GNU>:-Wno-maybe-uninitialized>

@@ -3,9 +3,9 @@
 //
 // A thread with a lane takes a row of records from the table's list and hands them out one by one;
 // what it gives back it collects in a second row, which goes to the list's end. So identifiers are
-// reused first freed first but for a row per lane. When the list is empty, or none of its records
-// can be had, all lanes are emptied into it and stay closed until many records have come back: no
-// flow is refused while any record is free.
+// reused first freed first but for two rows per lane. When the list is empty and the table cannot
+// grow, or none of its records can be had, all lanes are emptied into it and stay closed until many
+// records have come back: no flow is refused while any record is free.
 //
 // Locks      each lane has one of its own, which comes after fid_table_lock. Records move between
 //            lanes and the list under both; under its lane's lock alone a thread takes a record

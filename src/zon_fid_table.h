@@ -4,8 +4,9 @@
 // first freed first, so that an identifier that somebody kept is unlikely to name another flow
 // soon.
 //
-// Locks      fid_table_lock guards free list and counters; a slot is written by whoever holds its
-//            flow, and read by all. A flow lock is never awaited under it.
+// Locks      fid_table_lock guards free list and counters. A slot is read by all; it is set by
+//            whoever holds the new flow and cleared by whoever has hidden it, before the record is
+//            free. A flow lock is never awaited under fid_table_lock.
 
 #pragma once
 

@@ -589,9 +589,9 @@ void zon_flow_table_statistics(zon_flow_table_t* tbl, int32_t* size, int32_t* us
     const reading shown(*storage_of(tbl));
     zon_hashset_get_statistics(tbl->table, size, used, empty, occupied, bucket_ave, bucket_max,
                                distribution);
-    zon_lane_counts_settle();
-    *inserts = relaxed_load(tbl->profile_insert);
-    *deletes = relaxed_load(tbl->profile_delete);
+    const table_counts counted = zon_counts_of(tbl);
+    *inserts = counted.inserts;
+    *deletes = counted.deletes;
     *passively_aged = relaxed_load(tbl->profile_passively_aged);
     if (preflow_count != nullptr)
         *preflow_count = reinterpret_cast<int32_t*>(tbl->active_preflow_count);

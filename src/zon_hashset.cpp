@@ -71,7 +71,7 @@ bool insert_into(zon_hashset set, zon_hashset_item item, uint32_t bucket) {
     }
     zon_lock_internal(flow_of(item)->flow_lock);
     if (linked)
-        zon_count(set->used, lane_count::linked, 1);
+        zon_count_items(set, 1);
     return linked;
 }
 
@@ -194,7 +194,7 @@ pair_insert_result zon_hashset_insert_pair(zon_hashset set, zon_hashset_item ite
         link_at_head(set, item2, b2);
         linked(item1, item2, context);
     }
-    zon_count(set->used, lane_count::linked, 2);
+    zon_count_items(set, 2);
     return pair_insert_result::linked;
 }
 
@@ -210,8 +210,8 @@ pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& m
     held_buckets<4> held(set, {old1, old2, new1, new2});
     if (bucket_holds_same(set, new1, move.wanted1, same, move.same_context))
         return pair_insert_result::already_present;
-    zon_count(set->used, lane_count::linked,
-              -(remove_from(set, move.item1, old1) + remove_from(set, move.item2, old2)));
+    zon_count_items(set,
+                    -(remove_from(set, move.item1, old1) + remove_from(set, move.item2, old2)));
     rewrite(move.item1, move.wanted1);
     rewrite(move.item2, move.wanted2);
     header_of(set, move.item1)->pointer_to_us = nullptr;
@@ -225,22 +225,21 @@ pair_insert_result zon_hashset_relink_pair(zon_hashset set, const relink_pair& m
         return pair_insert_result::second_refused;
     }
     link_at_head(set, move.item2, new2);
-    zon_count(set->used, lane_count::linked, 2);
+    zon_count_items(set, 2);
     return pair_insert_result::linked;
 }
 
 void zon_hashset_remove(zon_hashset set, zon_hashset_item item) {
     const uint32_t bucket = bucket_of(set, set->hash_function(item, set->calc_context));
     held_bucket held(set, bucket);
-    zon_count(set->used, lane_count::linked, -remove_from(set, item, bucket));
+    zon_count_items(set, -remove_from(set, item, bucket));
 }
 
 void zon_hashset_remove_full(zon_hashset set, zon_hashset_item item1, zon_hashset_item item2) {
     const uint32_t b1 = bucket_of(set, set->hash_function(item1, set->calc_context));
     const uint32_t b2 = bucket_of(set, set->hash_function(item2, set->calc_context));
     held_buckets<2> held(set, {b1, b2});
-    zon_count(set->used, lane_count::linked,
-              -(remove_from(set, item1, b1) + remove_from(set, item2, b2)));
+    zon_count_items(set, -(remove_from(set, item1, b1) + remove_from(set, item2, b2)));
 }
 
 void zon_hashset_iterate(zon_hashset set, zon_hashset_iteration_handler handler, void* ctx) {
@@ -254,8 +253,7 @@ void zon_hashset_iterate(zon_hashset set, zon_hashset_iteration_handler handler,
 }
 
 int zon_hashset_size(zon_hashset set) {
-    zon_lane_counts_settle();
-    return relaxed_load(set->used);
+    return zon_items_in(set);
 }
 
 bool zon_hashset_is_available(zon_hashset set) {

@@ -15,7 +15,7 @@ bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted
     held_buckets<2> held(set, {old_bucket, new_bucket});
     if (is_linked(set, item)) {
         unlink(set, item, old_bucket);
-        zon_count(set->used, lane_count::linked, -1);
+        zon_count_items(set, -1);
     }
     rewrite(item, wanted);
     if (bucket_is_full(set, new_bucket)) {
@@ -23,6 +23,6 @@ bool zon_hashset_move(zon_hashset set, zon_hashset_item item, const void* wanted
         return false;
     }
     link_at_head(set, item, new_bucket);
-    zon_count(set->used, lane_count::linked, 1);
+    zon_count_items(set, 1);
     return true;
 }

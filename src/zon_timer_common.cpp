@@ -2,9 +2,8 @@
 // fires.
 //
 // Owns   nothing.
-// Locks  fid_table_lock, under which the flow's lock is tried for: the timer thread never waits for
-//        a client that keeps a flow locked, the expiry comes again instead. Deletion consumes the
-//        flow's lock.
+// Locks  the flow's lock, which is only tried for: the timer thread never waits for a client that
+//        keeps a flow locked, the expiry comes again instead. Deletion consumes the flow's lock.
 
 #include <cstdio>
 
@@ -31,17 +30,20 @@ zon_flow_t* record_with(const zon_fid_t* fid, const vem_tw_timer* timer) {
 }
 
 // While the flow's lock is held nobody can take its record for a new flow, so the stop cannot hit a
-// new flow's timer. Where the lock is busy the stop is left out: the flow's deletion makes it, too.
+// new flow's timer. Where the lock is busy the stop is left out: the flow's deletion makes it, too,
+// and with it an expiry that comes again is cancelled.
 idle_flow find_idle_flow(zon_fid_table_t* fid_table, const zon_fid_t* fid, vem_tw_timer* timer) {
     if (*fid != 0)
         zon_require(fid_is_valid(fid_table, *fid), "fid_is_valid(fid_table, fid)",
                     "zon_fid_table_lookup");
     zon_flow_t* record = *fid == 0 ? nullptr : record_with(fid, timer);
+    // Called by hand, with an identifier and a timer of the caller's own.
+    if (record == nullptr && *fid != 0)
+        record = zon_fid_table_slot(fid_table, *fid);
     if (record == nullptr) {
         zon_timer_stop(timer);
         return {ager_lookup::vanished, {}};
     }
-    held_lock table(fid_table->fid_table_lock);
     const bool is_locked = zon_try_lock_internal(record->flow_lock);
     const bool is_there =
         zon_fid_table_slot(fid_table, *fid) == record && !zon_flow_is_dying(record);

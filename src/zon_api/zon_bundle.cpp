@@ -204,7 +204,6 @@ void zon_private_unbind(zon_flow_t* flow) {
 }
 
 void zon_private_set_parent(zon_flow_t* flow, zon_flow_t* parent, zon_fid_t parent_fid) {
-    const held_lock table(g_zon->fid_table->fid_table_lock);
     const std::lock_guard guard(links);
     // The parent may have gone meanwhile, and its record have become this very flow's.
     const bool still_there = parent != nullptr && parent != flow &&

@@ -92,14 +92,17 @@ inline void account_aging(zon_flow_t* flow, const packet_in_engine& packet) {
         flow->should_reset_timer = flow->l4state.sess_state != ZON_L4_CLOSED;
 }
 
-// A closing flow leaves the error as it was, on purpose.
+// Whatever a client's function has written there while the packet was worked on. A closing flow
+// leaves the error as it was, on purpose.
+inline void clear_error(const zon_flow_t* flow, zon_error_t* error) {
+    if (flow->l4state.sess_state != ZON_L4_CLOSING)
+        *error = zon_error_none;
+}
+
 inline void report_last_packet(const zon_flow_t* flow, const packet_in_engine& packet) {
-    if (flow->l4state.sess_state == ZON_L4_CLOSED) {
+    if (flow->l4state.sess_state == ZON_L4_CLOSED)
         packet.indications->lif = 1;
-        *packet.error = zon_error_none;
-    } else if (flow->l4state.sess_state != ZON_L4_CLOSING) {
-        *packet.error = zon_error_none;
-    }
+    clear_error(flow, packet.error);
 }
 
 inline void fill_indications(const zon_flow_t* flow, const packet_in_engine& packet,
@@ -165,8 +168,8 @@ inline zon_fid_t account_packet(locked_flow flow, const packet_in_engine& packet
     if (packet.indications->l4_error != ZON_L4_NOERR) [[unlikely]]
         trace_l4_error(flow.get(), packet.indications->l4_error);
     packet.indications->l4_payload_size = payload_size_of(packet.fe);
-    packet.indications->first_payload =
-        account_payload(flow.get(), packet.indications->l4_payload_size);
+    if (account_payload(flow.get(), packet.indications->l4_payload_size))
+        packet.indications->first_payload = 1;
     const uint32_t packet_number = flow->packet_number;
     return finish(std::move(flow), packet, packet_number,
                   [&] { trace.print_if_changed(packet.fe); });

@@ -245,13 +245,12 @@ template <class family>
     seen.l7_start = plain.l4 + plain.l4_header_size;
 }
 
-// Brings the flow up to date and tells what was found.
+// Brings the flow up to date and tells what was found. Clients' functions may have run while the flow
+// was searched for.
 template <class family>
-[[gnu::always_inline]] inline zon_fid_t account_directed_packet(locked_flow flow,
-                                                                const arriving_packet& arriving,
-                                                                const plain_packet<family>& plain,
-                                                                bool from_initiator,
-                                                                first_packet is_first) {
+[[gnu::always_inline]] inline zon_fid_t account_directed_packet(
+    locked_flow flow, const arriving_packet& arriving, const plain_packet<family>& plain,
+    bool from_initiator, first_packet is_first, bool was_searched) {
     const zon_capability_counter_t& enabled = arriving.engine->params.capability_counter;
     const uint32_t payload = plain.l4_payload;
     const state_trace trace(flow.get());
@@ -263,9 +262,12 @@ template <class family>
     if (l4_error != ZON_L4_NOERR) [[unlikely]]
         trace_l4_error(flow.get(), l4_error);
     const payload_of_packet counted{payload, account_payload(flow.get(), payload)};
-    if (relaxed_load(enabled.zon_engine_client_bypass) != 0 && plain.is_tcp) [[unlikely]]
+    const bool is_shown = relaxed_load(enabled.zon_engine_client_bypass) != 0 && plain.is_tcp;
+    if (is_shown) [[unlikely]]
         run_bypass_functions<family>(flow.get(), arriving.indications, plain.ip, l4_error, counted,
                                      is_first);
+    if (is_shown || was_searched) [[unlikely]]
+        clear_error(flow.get(), arriving.error);
     if (flow->private_half_open != 0) [[unlikely]]
         go_on_half_open<family>(flow.get(), plain.ip, from_initiator);
     const bool is_closed = flow->l4state.sess_state == ZON_L4_CLOSED;
@@ -308,7 +310,7 @@ template <class family>
     const bool from_initiator = runs_from_initiator(flow.get(), &fe);
     return account_directed_packet(
         std::move(flow), arriving, plain, from_initiator,
-        {arriving.indications->fif != 0, arriving.indications->was_promoted != 0});
+        {arriving.indications->fif != 0, arriving.indications->was_promoted != 0}, true);
 }
 
 // The packet's flow is one that the index names.
@@ -317,5 +319,5 @@ template <class family>
                                                              const arriving_packet& arriving,
                                                              const plain_packet<family>& plain) {
     const bool from_initiator = runs_from_initiator(flow.get(), plain.between.from_lower);
-    return account_directed_packet(std::move(flow), arriving, plain, from_initiator, {});
+    return account_directed_packet(std::move(flow), arriving, plain, from_initiator, {}, false);
 }

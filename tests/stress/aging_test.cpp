@@ -5,7 +5,6 @@
 
 #include "osal/zon_timer.h"
 #include "support/deletion_halfway.h"
-#include "support/obstructed_lock.h"
 #include "support/stress_engine.h"
 #include "vem/vem_tw.h"
 #include "zon_fid_table.h"
@@ -27,14 +26,14 @@ void count_deleted(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason
 
 // ---- an expiry that stands still just before its handler looks at the flow ----
 
-// This thread keeps the lock of the identifier table, which the handler needs first and which this
-// thread can go on taking itself. Another thread turns the clock; the constructor returns when the
-// flow's timer has been taken off the wheel.
+// The timer calls a function that waits in front of the handler. Another thread turns the clock; the
+// constructor returns when the flow's timer has been taken off the wheel.
 class expiry_on_its_way {
 public:
     explicit expiry_on_its_way(zon_fid_t fid, uint64_t after_us) {
-        obstruct(g_zon->fid_table->fid_table_lock);
-        const zon_flow_t* flow = g_zon->fid_table->table[fid - 1];
+        zon_flow_t* flow = g_zon->fid_table->table[fid - 1];
+        handler_ = std::exchange(flow->timer.callback, wait_then_handle);
+        held_ = true;
         turner_ = std::thread([after_us] { zon_clock_advance_us(after_us); });
         wait_until([flow] { return !vem_tw_timer_running(&flow->timer); });
     }
@@ -42,10 +41,7 @@ public:
     expiry_on_its_way(const expiry_on_its_way&) = delete;
     expiry_on_its_way& operator=(const expiry_on_its_way&) = delete;
 
-    void let_go() {
-        if (std::exchange(held_, false))
-            clear_obstructed(g_zon->fid_table->fid_table_lock);
-    }
+    static void let_go() { held_ = false; }
     void arrive() {
         let_go();
         if (turner_.joinable())
@@ -53,7 +49,13 @@ public:
     }
 
 private:
-    bool held_ = true;
+    static void wait_then_handle(vem_tw_wheel wheel, vem_tw_timer* timer, void* context) {
+        wait_until([] { return !held_; });
+        handler_(wheel, timer, context);
+    }
+
+    static inline vem_tw_timer_handler handler_;
+    static inline std::atomic<bool> held_;
     std::thread turner_;
 };
 

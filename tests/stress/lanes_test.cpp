@@ -1,5 +1,7 @@
 // lanes_test.cpp - threads with lanes share a table that has room for all of their flows and for no
 // other one.
+#include <atomic>
+#include <memory>
 #include <set>
 #include <vector>
 
@@ -82,6 +84,65 @@ INSTANTIATE_TEST_SUITE_P(stress, table_with_lanes,
                              return std::string(std::get<0>(row.param).name) + "_" +
                                     name_of(std::get<1>(row.param));
                          });
+
+// ---- figures ----
+
+class figures_of_lanes : public contended_engine {
+protected:
+    figures_of_lanes() {
+        parameters.max_flows = 64;
+        parameters.max_threads = 64;
+    }
+};
+
+// One thread makes flows and another one, whose lane is far behind in the row, ends them, so that a
+// reader on its way along the lanes is overtaken.
+TEST_F(figures_of_lanes, never_tell_of_more_ends_than_beginnings) {
+    constexpr uint32_t flows = 30'000;
+    std::atomic<zon_fid_t> made{0};
+    std::atomic<bool> ended{false};
+    std::vector<std::unique_ptr<laned_thread>> between;
+    stress_crew crew;
+    crew.leave_uninterrupted();
+    crew.add("maker", [&made](stress_thread& self) {
+        own_a_lane();
+        self.meet();
+        self.meet();
+        for (uint32_t i = 0; i < flows; ++i) {
+            self.doing("send");
+            const zon_fid_t fid = send(connection_packet::udp(i)).fid;
+            ASSERT_NE(fid, 0U);
+            made = fid;
+            wait_until([&made] { return made == 0; });
+        }
+    });
+    crew.add("deleter", [&](stress_thread& self) {
+        self.meet();
+        while (between.size() + 2 < zon_lane_count)
+            between.emplace_back(std::make_unique<laned_thread>())->run([] {});
+        own_a_lane();
+        EXPECT_EQ(zon_own_lane(), static_cast<int>(zon_lane_count) - 1);
+        self.meet();
+        for (uint32_t i = 0; i < flows; ++i) {
+            wait_until([&made] { return made != 0; });
+            self.doing("delete");
+            EXPECT_TRUE(zon_delete_flow_tamonet(made, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+            made = 0;
+        }
+        ended = true;
+    });
+    crew.add("reader", [&ended](stress_thread& self) {
+        self.meet();
+        self.meet();
+        while (!ended) {
+            self.doing("count");
+            const auto halves = static_cast<int32_t>(half_flows());
+            ASSERT_GE(halves, 0);
+        }
+    });
+    crew.run(schedule::together);
+    EXPECT_EQ(half_flows(), 0U);
+}
 
 }  // namespace
 }  // namespace zon_test

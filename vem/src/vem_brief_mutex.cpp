@@ -1,4 +1,4 @@
-// vem_brief_mutex.cpp - how threads wait for a mutex that is held for a few instructions.
+// vem_brief_mutex.cpp - how threads wait for a mutex that is mostly held for a few instructions.
 //
 // Locks  only itself.
 #include "vem_brief_mutex.h"

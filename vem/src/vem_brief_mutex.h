@@ -1,4 +1,5 @@
-// vem_brief_mutex.h - a mutex that is held for a few instructions.
+// vem_brief_mutex.h - a mutex that is mostly held for a few instructions; longer only where a chunk
+// grows or a wheel ends.
 //
 // Taking it costs one locked instruction and giving it back none, where a standard one costs one
 // more and two calls. It is not recursive and keeps no order among those who wait.

@@ -4,7 +4,7 @@
 // hand. It is taken rarely: to sleep, to dispatch, and when a start makes a wheel's next due time
 // earlier.
 //
-// Locks  schedule.mutex, then a wheel entry's.
+// Locks  schedule.mutex, then a shard's.
 #ifndef VEM_SCHEDULE_H
 #define VEM_SCHEDULE_H
 

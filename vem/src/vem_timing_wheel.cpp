@@ -1,7 +1,7 @@
 // vem_timing_wheel.cpp - places timers in slots and takes them out again when they are due.
 //
 // Owns   the slots. The timers are their owners' and are linked through their own fields.
-// Locks  none; the caller holds the wheel's lock around every call.
+// Locks  none; the caller holds the shard's lock around every call.
 // Knows nothing of threads and reads no clock.
 #include "vem_timing_wheel.h"
 
@@ -159,7 +159,7 @@ uint64_t timing_wheel::due_tick(const vem_tw_timer& timer) const {
 
 bool timing_wheel::start(vem_tw_timer& timer, uint64_t now_us, uint32_t ms) {
     if (timer_word::load(timer).armed()) {
-        stop(timer);
+        take_out(timer);
     }
     if (now_us >= catch_up_us_) {
         catch_up(now_us);
@@ -185,11 +185,16 @@ void timing_wheel::catch_up(uint64_t now_us) {
 }
 
 void timing_wheel::stop(vem_tw_timer& timer) {
+    take_out(timer);
+    timer_word{}.store(timer);
+}
+
+// Its word stays: who looks at a timer that is being started anew sees it armed throughout.
+void timing_wheel::take_out(vem_tw_timer& timer) {
     vem_tw_links& links = timer.timer.tm_links;
     const vem_tw_links* next = links.tw_next;
     const bool was_alone = next == links.tw_prev;
     remove(links);
-    timer_word{}.store(timer);
     if (was_alone) {
         vacate(next);
     }

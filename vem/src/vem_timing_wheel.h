@@ -2,7 +2,7 @@
 // timers.
 //
 // Owns   the slots. The timers are their owners' and are linked through their own fields.
-// Locks  none; the caller holds the wheel's lock around every call.
+// Locks  none; the caller holds the shard's lock around every call.
 // Knows nothing of threads and reads no clock.
 #ifndef VEM_TIMING_WHEEL_H
 #define VEM_TIMING_WHEEL_H
@@ -100,6 +100,7 @@ private:
     uint64_t present_tick(uint64_t now_us) const;
     uint64_t due_tick(const vem_tw_timer& timer) const;
     void catch_up(uint64_t now_us);
+    void take_out(vem_tw_timer& timer);
     uint64_t place(vem_tw_timer& timer, uint64_t due);
     void occupy(uint32_t level, uint64_t slot);
     void vacate(const vem_tw_links* slot_head);

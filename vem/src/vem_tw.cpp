@@ -63,7 +63,7 @@ wheel_shard& lock(wheel_shard& shard) {
     return shard;
 }
 
-// The wheel's first shard is busy, or it has none yet where this thread is at home.
+// The wheel's first shard is busy.
 [[gnu::cold, gnu::noinline]] wheel_shard& lock_elsewhere(wheel_entry& entry, uint64_t handle) {
     return lock(entry.shards[settle_in_home_shard(entry, handle)]);
 }
@@ -75,7 +75,7 @@ wheel_shard& lock_for_thread(wheel_entry& entry, uint64_t handle) {
         return lock(entry.shards[home]);
     }
     wheel_shard& first = entry.shards[0];
-    if (home != 0 || !first.mutex.try_lock()) {
+    if (!first.mutex.try_lock()) {
         return lock_elsewhere(entry, handle);
     }
     note_possible_wait(first.mutex);
@@ -290,6 +290,9 @@ int vem_tw_timer_start(vem_tw_wheel wheel, vem_tw_timer* timer, uint32_t ms,
     }
     timer_word last = timer_word::load(*timer);
     if (last.wheel_number() != 0 && entry_of(last) != entry) {
+        if (entry->handle.load(std::memory_order_relaxed) != handle) {
+            return EINVAL;
+        }
         vem_tw_timer_stop(timer);
         last = {};
     }

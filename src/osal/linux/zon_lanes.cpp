@@ -65,6 +65,8 @@ void own_a_lane() {
     on_departure.awaited = true;
     lane_detail::any.store(true);
     mine.lane = first_free_lane();
+    if (mine.lane == lane_detail::none)
+        mine.meetings = 0;
 }
 
 }  // namespace

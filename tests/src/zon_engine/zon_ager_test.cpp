@@ -215,6 +215,16 @@ TEST_F(ager, may_be_called_by_hand_for_an_idle_flow) {
     EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{fid, timed_out}}));
 }
 
+TEST_F(ager, may_be_called_by_hand_with_an_identifier_and_a_timer_of_the_callers_own) {
+    for (const bool has_timer : {true, false}) {
+        noted_deletions.clear();
+        zon_fid_t fid = handle(udp_from(1)).fid;
+        vem_tw_timer timer{};
+        zon_timer_handle_flow_idle_timeout_full(nullptr, has_timer ? &timer : nullptr, &fid);
+        EXPECT_EQ(noted_deletions, (std::vector<noted_deletion>{{fid, timed_out}}));
+    }
+}
+
 // ---- timers that are started, stopped and missing ----
 
 TEST_F(ager, forgets_a_timer_that_was_stopped) {

@@ -2,6 +2,7 @@
 
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "src/zon_engine/zon_classify_fixture.h"
@@ -158,6 +159,65 @@ TEST_F(bypassing_clients, are_called_by_the_counters_handed_in_and_not_by_the_en
     counters.zon_engine_client_bypass = 1;
     engine_call(plain_tcp()).run(&counters);
     EXPECT_EQ(bypasses, (std::vector<std::string>{"two id0", "one 0 fif id10"}));
+}
+
+// ---- functions that hand in packets, with the host's one error variable ----
+
+class error_of_host : public bypassing_clients {
+protected:
+    void SetUp() override {
+        bypassing_clients::SetUp();
+        ASSERT_EQ(zon_client_register_pre_flow_create_cb(client, hand_in_and_allow),
+                  zon_error_none);
+        ASSERT_EQ(zon_client_register_bypass_cb(client, hand_in_while_shown), zon_error_none);
+    }
+
+    // A packet in whose midst a client's function hands in another one, which is refused.
+    static void expect_none_after(const packet_builder& packet) {
+        hands_in = true;
+        bytes content = packet.build();
+        zon_pkt_indications_t seen{};
+        EXPECT_NE(zon_handle_packet(content.data(), 0, nullptr, &seen, &error), 0U);
+        EXPECT_FALSE(hands_in);
+        EXPECT_EQ(error, zon_error_none);
+    }
+
+private:
+    static void hand_in_a_packet_to_refuse() {
+        if (!std::exchange(hands_in, false))
+            return;
+        bytes nested = packet_builder::ipv4("10.9.9.9", "10.9.9.8").tcp(1, 2).build();
+        zon_pkt_indications_t seen{};
+        refuses = true;
+        EXPECT_EQ(zon_handle_packet(nested.data(), 0, nullptr, &seen, &error), 0U);
+        EXPECT_EQ(error, zon_error_client_pre_create_prevented);
+        refuses = false;
+    }
+    static bool hand_in_and_allow(void*, zon_client_id_e) {
+        if (refuses)
+            return false;
+        hand_in_a_packet_to_refuse();
+        return true;
+    }
+    static void hand_in_while_shown(uint32_t, bool, bool, bool, uint32_t*) {
+        hand_in_a_packet_to_refuse();
+    }
+
+    static inline zon_error_t error;
+    static inline bool hands_in = false;
+    static inline bool refuses = false;
+};
+
+// On the straight way and on the detour.
+TEST_F(error_of_host, is_cleared_once_they_have_run) {
+    const packet_builder packets[] = {tcp4(), tcp6(), ipv4().ip_options({1}).tcp(40001, 80),
+                                      ipv6().destination_options().tcp(40001, 80)};
+    for (const packet_builder& packet : packets) {
+        expect_none_after(packet);
+        enable(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
+        expect_none_after(packet);
+        disable(ZON_CAPABILITY_ENABLE_CLIENT_BYPASS);
+    }
 }
 
 TEST_F(classified_packet, is_checked_by_the_counters_handed_in) {

@@ -210,6 +210,16 @@ TEST_F(classified_packet, with_the_flows_first_payload_says_so_and_is_remembered
     check(tcp4().flags(tcp_ack), 0, 107, 3);
 }
 
+// What the host has set is cleared by the packet entries, and by nothing else.
+TEST_F(classified_packet, without_payload_leaves_the_mark_of_the_first_one_as_it_was) {
+    for (const bool is_reported : {false, true}) {
+        engine_call call(tcp4().flags(tcp_syn));
+        call.seen.first_payload = 1;
+        EXPECT_NE(is_reported ? call.report(1, ZON_L4_OPENING, 2) : call.run(), 0U);
+        EXPECT_EQ(call.seen.first_payload, 1);
+    }
+}
+
 // ---- last packet, errors, aging ----
 
 TEST_F(classified_packet, that_ends_the_session_is_the_last_and_clears_the_error) {
