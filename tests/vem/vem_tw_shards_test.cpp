@@ -184,6 +184,12 @@ TEST_F(vem_tw_shards, a_thread_with_a_home_uses_the_first_one_of_a_wheel_where_n
     one_.run([&] { timers_[1].start(other.wheel, 100); });
     EXPECT_EQ(shard_of_timer(1), 0U);
     EXPECT_EQ(entry_of(other.wheel).shards_made.load(), 1U);
+    // Nor does it get one there because others have.
+    another_.run([&] { leave_first_shard(other.wheel); });
+    const uint32_t made = entry_of(other.wheel).shards_made.load();
+    one_.run([&] { timers_[2].start(other.wheel, 100); });
+    EXPECT_EQ(shard_of_timer(2), 0U);
+    EXPECT_EQ(entry_of(other.wheel).shards_made.load(), made);
 }
 
 TEST_F(vem_tw_shards, a_start_waits_where_the_thread_is_at_home) {
