@@ -128,9 +128,9 @@ inline const zon_hashset_hdr* touch_first_item(zon_hashset set, uint32_t bucket)
 inline void prefetch_next_item(const zon_hashset_hdr* item) {
     if (item == nullptr)
         return;
-    const auto* next = reinterpret_cast<const char*>(peek(item->next));
+    const zon_hashset_hdr* next = peek(item->next);
     __builtin_prefetch(next);
-    __builtin_prefetch(next + sizeof(zon_half_flow_t));
+    prefetch_behind(next, sizeof(zon_half_flow_t));
 }
 inline void prefetch_first_item(zon_hashset set, uint32_t bucket) {
     if (const zon_hashset_hdr* first = relaxed_load(set->array[bucket]))

@@ -5,6 +5,7 @@
 
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 
 template <class word>
@@ -34,6 +35,13 @@ inline record* peek(record* const& at) {
     record* seen;
     asm volatile("movq %1, %0" : "=r"(seen) : "m"(at));
     return seen;
+}
+
+// Asks for the line so many bytes behind a record's start. The record may be none at all.
+template <bool for_writing = false>
+inline void prefetch_behind(const void* record, size_t bytes) {
+    __builtin_prefetch(reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(record) + bytes),
+                       for_writing);
 }
 
 // Reads a byte for the line to come, not for its value. Requests for lines whose page the processor

@@ -178,7 +178,7 @@ void fetch_flows(group packets, const prepared_group& prepared) {
             touch_flow(prepared[i].guess.flow);
     for (size_t i = 0; i < packets.size(); ++i) {
         __builtin_prefetch(packets[i].pkt_indications, 1);
-        __builtin_prefetch(reinterpret_cast<char*>(packets[i].pkt_indications) + 64, 1);
+        prefetch_behind<true>(packets[i].pkt_indications, 64);
     }
 }
 

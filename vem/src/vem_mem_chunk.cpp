@@ -222,9 +222,11 @@ private:
         }
         forbid(top_, record_bytes_);
     }
+    // Behind the last record there is none; asking for it does no harm.
     void fetch(const void* record) const {
         __builtin_prefetch(record, 1);
-        __builtin_prefetch(static_cast<const char*>(record) + last_line_, 1);
+        __builtin_prefetch(
+            reinterpret_cast<const void*>(reinterpret_cast<uintptr_t>(record) + last_line_), 1);
     }
 
     // Each piece is twice the last one, up to a huge page, so that the heap is asked rarely.
