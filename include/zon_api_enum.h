@@ -29,7 +29,7 @@ typedef enum zon_flow_deletion_reason_e_ ZON_ENUM_BASE {
     ZON_FLOW_CLOSE_REASON_INACTIVE_TIMEOUT = 1,    /* the flow was idle */
     ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST = 2,      /* given by hosts; an announcement withdrawn */
     ZON_FLOW_CLOSE_REASON_CLIENT_UNREGISTERED = 3, /* zon_unreg_client_fo; the flow itself stays */
-    ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE = 4,   /* given by hosts */
+    ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE = 4,   /* half-open, it gave way; or given by hosts */
     ZON_FLOW_CLOSE_REASON_FLOWS_DESTROYED = 5      /* the engine is being destroyed */
 } zon_flow_deletion_reason_e;
 

@@ -398,7 +398,8 @@ ZON_API zon_error_t zon_config_set_half_open_share(uint32_t percent);
  * 0. */
 ZON_API zon_error_t zon_config_set_huge_pages(bool wanted);
 /* Flows of IPv4 that fit into so many bytes: one is accounted at 392 bytes, its record of 248 and
- * two half flows of 72.
+ * two half flows of 72. The tables and what surrounds a record are not in it: all in, a flow of a
+ * full table takes some 500.
  *   9 null pointer */
 ZON_API zon_error_t zon_config_calc_max_flows_for_given_memory(uint32_t mem_bytes,
                                                                uint32_t* num_max_flows);
