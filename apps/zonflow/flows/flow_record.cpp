@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <utility>
 
 namespace zonflow {
 
@@ -71,6 +72,18 @@ const char* end_name(const flow_record& record) {
     default:
         return "other";
     }
+}
+
+std::string tcp_flag_letters(uint8_t flags) {
+    constexpr std::array<std::pair<uint8_t, char>, 6> letters{
+        {{0x02, 'S'}, {0x10, 'A'}, {0x08, 'P'}, {0x20, 'U'}, {tcp_fin, 'F'}, {tcp_rst, 'R'}}};
+    std::string text;
+    for (const auto& [bit, letter] : letters) {
+        if ((flags & bit) != 0) {
+            text += letter;
+        }
+    }
+    return text;
 }
 
 int ip_version(const flow_record& record) {

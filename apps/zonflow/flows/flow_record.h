@@ -84,6 +84,8 @@ std::string address_text(const zon_ip_addr_t& address, int ip_version);
 // The same for an address that says its own family; those of a tuple leave that to its source.
 std::string address_text(const zon_ip_addr_t& address);
 
+// A letter for each flag that is set, always in the order "SAPUFR".
+std::string tcp_flag_letters(uint8_t flags);
 // The name of a deletion reason and of a tunnel type, in lower case; "unknown" for any other value.
 const char* end_reason_name(zon_flow_deletion_reason_e reason);
 const char* tunnel_name(zon_tunnel_type_e tunnel);

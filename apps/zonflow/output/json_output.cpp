@@ -42,9 +42,11 @@ void json_output::flow(const flow_record& record) {
         .seconds("last_seen", record.last_seen_us)
         .text("l4_state", zon_session_state_string(record.session_state));
     if (record.tuple.l4_protocol == ZON_TCP_PROT) {
-        object.text("tcp_state", zon_tcp_state_string(record.tcp_state));
+        object.text("tcp_state", zon_tcp_state_string(record.tcp_state))
+            .text("tcp_flags_initiator", tcp_flag_letters(record.initiator.tcp_flags))
+            .text("tcp_flags_responder", tcp_flag_letters(record.responder.tcp_flags));
     } else {
-        object.null("tcp_state");
+        object.null("tcp_state").null("tcp_flags_initiator").null("tcp_flags_responder");
     }
     object.text("tunnel", tunnel_name(record.tunnel))
         .number("parent", record.parent)

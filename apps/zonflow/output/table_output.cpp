@@ -79,18 +79,8 @@ std::string flags_text(const flow_record& record) {
     if (record.tuple.l4_protocol != ZON_TCP_PROT) {
         return "";
     }
-    constexpr std::array<std::pair<uint8_t, char>, 6> names{
-        {{0x02, 'S'}, {0x10, 'A'}, {0x08, 'P'}, {0x20, 'U'}, {0x01, 'F'}, {0x04, 'R'}}};
-    std::string text;
-    for (const direction_counts* counts : {&record.initiator, &record.responder}) {
-        text += counts == &record.responder ? "/" : "";
-        for (const auto& [bit, letter] : names) {
-            if ((counts->tcp_flags & bit) != 0) {
-                text += letter;
-            }
-        }
-    }
-    return text;
+    return tcp_flag_letters(record.initiator.tcp_flags) + "/" +
+           tcp_flag_letters(record.responder.tcp_flags);
 }
 
 std::string counted(uint64_t count, const char* one, const char* several) {

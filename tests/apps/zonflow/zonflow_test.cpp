@@ -50,7 +50,9 @@ TEST(zonflow, prints_the_fields_of_a_flow_in_their_order) {
             "1000,"
             "\"later_fragments\":0,\"first_seen\":1700000000.000000,\"last_seen\":1700000005."
             "000000,"
-            "\"l4_state\":\"closed\",\"tcp_state\":\"time_wait\",\"tunnel\":\"none\",\"parent\":0,"
+            "\"l4_state\":\"closed\",\"tcp_state\":\"time_wait\","
+            "\"tcp_flags_initiator\":\"SAF\",\"tcp_flags_responder\":\"SAF\","
+            "\"tunnel\":\"none\",\"parent\":0,"
             "\"promoted\":false,\"end_reason\":\"flows_destroyed\",\"end\":\"closed\","
             "\"duration\":5.000000,\"file\":\"" +
             file + "\"}");
@@ -318,7 +320,9 @@ TEST(zonflow, leaves_the_tcp_state_of_other_protocols_open) {
     const json_result run = run_packets({{start, udp(client, server, 1, 2)}});
     ASSERT_EQ(run.flows.size(), 1u);
     EXPECT_EQ(json_field(run.flows[0], "tcp_state"), "null");
-    EXPECT_NE(run.flows[0].find("\"tcp_state\":null,"), std::string::npos);
+    EXPECT_NE(run.flows[0].find("\"tcp_state\":null,\"tcp_flags_initiator\":null,"
+                                "\"tcp_flags_responder\":null,"),
+              std::string::npos);
     EXPECT_EQ(json_field(run.flows[0], "end"), "open");
 }
 
