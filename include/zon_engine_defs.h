@@ -386,9 +386,9 @@ ZON_API zon_error_t zon_config_set_hash_seed(uint32_t seed);
  * half-open one: the one of its bucket and the next buckets (256 at most) whose last packet is
  * oldest. That one is deleted on the packet's thread, with
  * ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE, before the new flow is made; nothing of the packet is
- * locked while delete callbacks run. A flow whose lock a thread holds, this one included, is passed over.
- * Without one to replace the packet is refused with 2, as by a full table. Packets that delete
- * callbacks hand in replace nothing.
+ * locked while delete callbacks run. A flow whose lock a thread holds, this one included, is passed
+ * over. Without one to replace the packet is refused with 2, as by a full table. Packets that
+ * delete callbacks hand in replace nothing.
  *   35 above 100; the share stays as it was */
 ZON_API zon_error_t zon_config_set_half_open_share(uint32_t percent);
 /* Whether the next engine (zon_init, zon_restart) asks the system for huge pages (2 MiB) for its

@@ -28,8 +28,8 @@ inline word relaxed_add(word& at, int by) {
     return __atomic_add_fetch(&at, static_cast<word>(by), __ATOMIC_RELAXED);
 }
 
-// Reads a pointer where another thread may be writing anything, as into records that it gives back. It
-// may be asked for, but never followed.
+// Reads a pointer where another thread may be writing anything, as into records that it gives back.
+// It may be asked for, but never followed.
 template <class record>
 inline record* peek(record* const& at) {
     record* seen;

@@ -39,8 +39,8 @@ private:
     pthread_cond_t cond_ = PTHREAD_COND_INITIALIZER;
 };
 
-// The same for a mutex that the system knows nothing of. Who notifies holds that mutex, and takes the
-// one of this condition, which nothing else is taken under.
+// The same for a mutex that the system knows nothing of. Who notifies holds that mutex, and takes
+// the one of this condition, which nothing else is taken under.
 class condition_of_brief_mutex {
 public:
     constexpr condition_of_brief_mutex() = default;
