@@ -1,5 +1,5 @@
-// flow_life_bench.cpp - what the first packet of a connection costs, its timer's start included, and
-// what becomes of a flow later: its deletion, its end by time, and the flow that was announced.
+// flow_life_bench.cpp - what the first packet of a connection costs, its timer's start included,
+// and what becomes of a flow later: its deletion, its end by time, and the flow that was announced.
 //
 //   flow_life_bench --benchmark_repetitions=9 --benchmark_report_aggregates_only=true
 //

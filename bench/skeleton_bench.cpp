@@ -1,8 +1,8 @@
 // skeleton_bench.cpp - what memory allows: the lines that no packet can do without, under one lock
 // of a pool, and nothing else. No packet is written, parsed, hashed, tracked or told of.
 //
-//   one_at_a_time  a packet's place depends on nothing that the packet before it read: the processor
-//                  works on as many at once as the lock lets it
+//   one_at_a_time  a packet's place depends on nothing that the packet before it read: the
+//                  processor works on as many at once as the lock lets it
 //   alone          a packet begins when the one before it is done, as where a host does so much
 //                  between two that nothing of them overlaps
 //   burst          in batches of 32, what the packets will touch is asked for first

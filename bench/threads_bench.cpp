@@ -23,8 +23,8 @@
 namespace zon_bench {
 namespace {
 
-// Runs body(thread) on so many threads and returns the seconds from the first one's start to the end
-// of the last.
+// Runs body(thread) on so many threads and returns the seconds from the first one's start to the
+// end of the last.
 template <class function>
 double run_together(uint32_t threads, function body) {
     using clock = std::chrono::steady_clock;

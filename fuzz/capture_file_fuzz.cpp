@@ -1,7 +1,7 @@
 // capture_file_fuzz.cpp - whole capture files, read as zonflow reads them.
 //
-// Holds  any file is refused, or read until it ends or is found damaged; packets lie within what was
-//        captured; damage has a text; a file gives no more packets than it has room for.
+// Holds  any file is refused, or read until it ends or is found damaged; packets lie within what
+//        was captured; damage has a text; a file gives no more packets than it has room for.
 
 #include <sys/mman.h>
 #include <unistd.h>

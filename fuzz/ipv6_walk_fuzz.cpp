@@ -1,7 +1,7 @@
 // ipv6_walk_fuzz.cpp - the walk over the headers of captured packets of both families, alone.
 //
-// Holds  nothing outside the captured bytes is read; the walk over IPv6 extension headers ends where
-//        a plain one does, for the same reason.
+// Holds  nothing outside the captured bytes is read; the walk over IPv6 extension headers ends
+//        where a plain one does, for the same reason.
 
 #include "fuzz_input.h"
 #include "zon_engine/zon_captured_packet.h"

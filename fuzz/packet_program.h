@@ -1,8 +1,8 @@
 // packet_program.h - inputs that are a row of packets for a real engine.
 //
 // An input begins with the capabilities of two clients and the depth of a bucket. Each packet has
-// two bytes of length, one of VRF and time, and its bytes; a bit of the length's first byte makes it
-// one of a flow that the host reports.
+// two bytes of length, one of VRF and time, and its bytes; a bit of the length's first byte makes
+// it one of a flow that the host reports.
 
 #pragma once
 

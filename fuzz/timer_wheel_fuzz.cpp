@@ -1,7 +1,7 @@
 // timer_wheel_fuzz.cpp - a timer wheel beside a sorted map of due times.
 //
-// The input begins with the wheel's shape; then come starts, stops, turns of the clock, and what the
-// callbacks do.
+// The input begins with the wheel's shape; then come starts, stops, turns of the clock, and what
+// the callbacks do.
 //
 // Holds  a timer fires once, at the first tick at or after its time, in the order of due times and,
 //        where these are equal, of shards and then of starts.

@@ -33,8 +33,8 @@ bool is_hidden(const zon_flow_t* flow) {
     return zon_flow_is_dying(flow) && flow != flow_in_deletion;
 }
 
-// Where there are as many locks as flows, each record brings its own, on a line that a packet touches
-// anyway. Records live as long as the table, as the pool does.
+// Where there are as many locks as flows, each record brings its own, on a line that a packet
+// touches anyway. Records live as long as the table, as the pool does.
 bool records_have_locks(const zon_fid_table_t* fid_table) {
     return fid_table->lock_pool_size >= fid_table->capacity;
 }
@@ -112,7 +112,8 @@ zon_flow_t* take_record_locked(fid_table_storage& table) {
     return zon_fid_lanes_gather(table) ? zon_take_from_free_list(table) : nullptr;
 }
 
-// Null at the limit and without memory. While the locks of all free records are busy it comes again.
+// Null at the limit and without memory. While the locks of all free records are busy it comes
+// again.
 zon_flow_t* take_from_table(fid_table_storage& table) {
     for (;; sched_yield()) {
         zon_lock_shared_list(table.fid_table_lock);
@@ -271,8 +272,9 @@ bool zon_fid_table_recycle_flow(zon_fid_table_t* fid_table, const zon_fid_t fid)
     return true;
 }
 
-// A record that is not hidden under its flow's lock is the flow of its identifier, whatever happened
-// while the lock was awaited: it is hidden before it is given back, and locked before it is shown.
+// A record that is not hidden under its flow's lock is the flow of its identifier, whatever
+// happened while the lock was awaited: it is hidden before it is given back, and locked before it
+// is shown.
 locked_flow zon_fid_table_lookup(zon_fid_table_t* fid_table, const zon_fid_t fid) {
     zon_require(fid_table != nullptr, "fid_table");
     if (fid == 0)

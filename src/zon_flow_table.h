@@ -70,8 +70,8 @@ pair_insert_result zon_flow_table_relink_flow(zon_flow_table_t* tbl, zon_flow_t*
 zon_half_flow_t* zon_flow_table_lookup_locked(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow, int* bucket);
 // The same for a complete key that the index was asked for in vain: only the set is searched, and
-// while it is, what a new flow of the key needs is fetched. Buckets that are known are taken as they
-// are.
+// while it is, what a new flow of the key needs is fetched. Buckets that are known are taken as
+// they are.
 zon_half_flow_t* zon_flow_table_search_locked(zon_flow_table_t* tbl,
                                               const zon_half_flow_t* half_flow,
                                               flow_buckets* buckets);
@@ -80,9 +80,9 @@ inline zon_half_flow_t* zon_flow_table_lookup(zon_flow_table_t* tbl,
     return zon_flow_table_lookup_locked(tbl, half_flow, bucket);
 }
 
-// The flow is locked. Before a half flow of it leaves its bucket or changes its key, packets must no
-// longer find it without a search; afterwards they may again, unless another flow of the same keys
-// is newer.
+// The flow is locked. Before a half flow of it leaves its bucket or changes its key, packets must
+// no longer find it without a search; afterwards they may again, unless another flow of the same
+// keys is newer.
 void zon_flow_table_unindex(zon_flow_table_t* tbl, zon_flow_t* flow);
 void zon_flow_table_index_anew(zon_flow_table_t* tbl, zon_flow_t* flow);
 // A packet has found the flow by a search: from here on packets need none, if there is room by now.

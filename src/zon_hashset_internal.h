@@ -113,8 +113,8 @@ inline void touch_bucket(zon_hashset set, uint32_t bucket) {
     touch(&set->array[bucket]);
     touch(&set->items_in_bucket[bucket]);
 }
-// The item's link and its key, which mostly lie on two lines. What a bucket's head leads to is an item's
-// memory as long as the set lives, and can be read whoever has given it back meanwhile.
+// The item's link and its key, which mostly lie on two lines. What a bucket's head leads to is an
+// item's memory as long as the set lives, and can be read whoever has given it back meanwhile.
 inline const zon_hashset_hdr* touch_first_item(zon_hashset set, uint32_t bucket) {
     const zon_hashset_hdr* first = relaxed_load(set->array[bucket]);
     if (first != nullptr) {
@@ -123,8 +123,8 @@ inline const zon_hashset_hdr* touch_first_item(zon_hashset set, uint32_t bucket)
     }
     return first;
 }
-// In an item that was given back anything may stand in the place of the link: it is not followed, only
-// asked for.
+// In an item that was given back anything may stand in the place of the link: it is not followed,
+// only asked for.
 inline void prefetch_next_item(const zon_hashset_hdr* item) {
     if (item == nullptr)
         return;

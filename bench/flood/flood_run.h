@@ -18,7 +18,8 @@ inline constexpr uint32_t established_count = 10'000;
 struct flood {
     const char* name;
     engine_setup engine{};
-    // What a flood with this many packets hands in to an engine of so many flows. There is none yet.
+    // What a flood with this many packets hands in to an engine of so many flows. There is none
+    // yet.
     std::unique_ptr<attack> (*packets)(uint64_t count, uint32_t max_flows);
     uint64_t one_in = 1;            // of the packets that were asked for
     uint64_t most = UINT64_MAX;     // of them

@@ -10,8 +10,8 @@
 //            counts are the same anywhere; system: its timer thread runs expiries meanwhile
 //   --threads  1: flood and established flows take turns; 2: the flood has a thread of its own
 //
-// Each flood has a process of its own, whose memory nothing else has touched. Ends with 0 when every
-// established flow was kept and the counts of all floods add up.
+// Each flood has a process of its own, whose memory nothing else has touched. Ends with 0 when
+// every established flow was kept and the counts of all floods add up.
 
 #include <sys/wait.h>
 #include <unistd.h>

@@ -1,5 +1,5 @@
-// urcu_peer.cpp - the lock-free hash table of liburcu under its cheapest kind of reader, which tells
-// of itself between bursts only. The record is not locked.
+// urcu_peer.cpp - the lock-free hash table of liburcu under its cheapest kind of reader, which
+// tells of itself between bursts only. The record is not locked.
 
 #include <urcu-qsbr.h>
 #include <urcu/rculfhash.h>

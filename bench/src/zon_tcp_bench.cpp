@@ -1,5 +1,5 @@
-// zon_tcp_bench.cpp - the TCP tracker alone: packets of an established connection in turn, and whole
-// connections from the SYN to the last acknowledgement.
+// zon_tcp_bench.cpp - the TCP tracker alone: packets of an established connection in turn, and
+// whole connections from the SYN to the last acknowledgement.
 
 #include "zon_tcp.h"
 

@@ -1,8 +1,8 @@
 // zon_lock.h - recursive locks and rows of them.
 //
 // A thread may take a lock that it holds and must release it as often. The engine tests no result
-// of locking. Builds that check the order of locks are told what each is for, and whether the engine
-// or a host holds a flow (zon_lock_order.h).
+// of locking. Builds that check the order of locks are told what each is for, and whether the
+// engine or a host holds a flow (zon_lock_order.h).
 
 #pragma once
 
@@ -36,8 +36,8 @@ void zon_lock_destroy(zon_lock_t lock);
 
 namespace lock_detail {
 
-// A thread is known by what its thread pointer holds above the lowest four bits, which are zero; the
-// levels that it holds are counted above the pointer's 47.
+// A thread is known by what its thread pointer holds above the lowest four bits, which are zero;
+// the levels that it holds are counted above the pointer's 47.
 constexpr int pointer_bits_dropped = 4;
 constexpr uint64_t one_level = uint64_t{1} << (47 - pointer_bits_dropped);
 constexpr uint64_t thread_mask = one_level - 1;
@@ -150,9 +150,9 @@ struct alignas(64) lock_pool_head {
     int stride_bits;  // the distance from one lock to the next
 };
 
-// A row of size locks. Null without memory; the owner keeps the size. Few locks have a line each, so
-// that threads with different ones do not disturb each other; of many a thread seldom meets two, and
-// four share a line.
+// A row of size locks. Null without memory; the owner keeps the size. Few locks have a line each,
+// so that threads with different ones do not disturb each other; of many a thread seldom meets two,
+// and four share a line.
 zon_lock_pool_t zon_lock_create_pool(int size);
 void zon_lock_destroy_pool(zon_lock_pool_t pool, int size);
 inline zon_lock_t zon_lock_get_pool_lock(zon_lock_pool_t pool, int entry) {

@@ -1,9 +1,9 @@
 // zon_lock_order.h - the classes of the engine's locks and the steps in which a thread may wait for
 // them (docs/locking.md).
 //
-// Where ZON_CHECK_LOCK_ORDER is defined, a thread that waits in another order stops the program with
-// a line that begins with "lock order" and a list of what it holds. Elsewhere everything here is
-// empty and leaves nothing behind.
+// Where ZON_CHECK_LOCK_ORDER is defined, a thread that waits in another order stops the program
+// with a line that begins with "lock order" and a list of what it holds. Elsewhere everything here
+// is empty and leaves nothing behind.
 
 #pragma once
 
@@ -84,8 +84,8 @@ void zon_order_released(const void* lock);
 void zon_lock_set_class(zon_lock_t lock, lock_class of);
 void zon_lock_set_class_of_pool(zon_lock_pool_t pool, int size, lock_class of);
 
-// The lock of a flow was only tried for, and would have been awaited, with all else that this thread
-// holds now, had it been busy. Nothing for null, and so below.
+// The lock of a flow was only tried for, and would have been awaited, with all else that this
+// thread holds now, had it been busy. Nothing for null, and so below.
 void zon_flow_could_wait(const zon_flow_t* flow);
 // From here on the engine holds a flow for itself; then no more, or a host does.
 void zon_flow_claimed(const zon_flow_t* flow);

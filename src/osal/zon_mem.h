@@ -57,8 +57,8 @@ uint32_t zon_private_chunk_malloc_many(zon_memory_type mem_type, void** records,
 bool zon_private_chunk_free_many(zon_memory_type mem_type, void* const* records, uint32_t count,
                                  void* chunk_ptr);
 
-// How many elements of the type threads keep ready for themselves (osal/zon_lanes.h). They are handed out
-// when there is no other memory.
+// How many elements of the type threads keep ready for themselves (osal/zon_lanes.h). They are
+// handed out when there is no other memory.
 uint32_t zon_mem_waiting_in_lanes(zon_memory_type mem_type);
 // Gives them back to where all threads find them.
 void zon_mem_gather_lanes();

@@ -45,6 +45,6 @@ struct attempted_flow {
 // Tries the packet against announced flows and turns the first that matches into a real one.
 attempted_flow zon_promote_announced_flow(packet_in_engine& packet);
 
-// Makes a new flow; the bucket of the key is known. The reverse's is forgotten when a host translates
-// addresses.
+// Makes a new flow; the bucket of the key is known. The reverse's is forgotten when a host
+// translates addresses.
 attempted_flow zon_create_flow(packet_in_engine& packet);

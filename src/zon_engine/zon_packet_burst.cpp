@@ -1,6 +1,6 @@
-// zon_packet_burst.cpp - takes many packets in at once. What one packet waits for is asked for while
-// others are read: first all headers, then the lines of the index, then those of the flows; then the
-// packets are taken one after another, as if each had come alone.
+// zon_packet_burst.cpp - takes many packets in at once. What one packet waits for is asked for
+// while others are read: first all headers, then the lines of the index, then those of the flows;
+// then the packets are taken one after another, as if each had come alone.
 //
 // Owns   nothing; the packets of a group are on the stack.
 // Locks  one flow's at a time.
@@ -112,8 +112,8 @@ void read_headers(group packets, zon_t* engine, const connection_index& index,
         prepared[i].is = prepare(arriving_of(packets[i], engine), index, prepared[i]);
 }
 
-// The processor looks up many pages at once as long as the requests stand close together, so they are
-// made in loops that do little else.
+// The processor looks up many pages at once as long as the requests stand close together, so they
+// are made in loops that do little else.
 void fetch_index_lines(size_t count, const connection_index& index,
                        const prepared_group& prepared) {
     for (size_t i = 0; i < count; ++i)
@@ -145,8 +145,8 @@ void find_buckets(const zon_flow_table_t* tbl, prepared_packet& packet) {
     packet.buckets = zon_buckets_of(tbl, packet.ends<family>());
 }
 
-// What a new flow looks at and changes in the table: the heads of two buckets, what they lead to, and
-// what is next in the chain of the first.
+// What a new flow looks at and changes in the table: the heads of two buckets, what they lead to,
+// and what is next in the chain of the first.
 void fetch_buckets(size_t count, zon_flow_table_t* tbl, prepared_group& prepared) {
     std::array<flow_buckets, group_size> buckets;
     std::array<const zon_hashset_hdr*, group_size> items;

@@ -15,8 +15,8 @@ namespace {
 
 // The packet's flow is one that the index does not name, or not known yet. Takes no more than fits
 // into registers and reads the packet again: one that is kept in memory for this would cost those
-// of known flows, and a copy of it is slower to make than to read anew. With all checks again, since
-// another thread may have changed meanwhile what clients want.
+// of known flows, and a copy of it is slower to make than to read anew. With all checks again,
+// since another thread may have changed meanwhile what clients want.
 template <bool trusted, class family>
 [[gnu::noinline]] zon_fid_t search_flow(zon_t* engine, uint8_t* ip, size_t captured,
                                         uint32_t vrf_id, void* context,

@@ -245,8 +245,8 @@ template <class family>
     seen.l7_start = plain.l4 + plain.l4_header_size;
 }
 
-// Brings the flow up to date and tells what was found. Clients' functions may have run while the flow
-// was searched for.
+// Brings the flow up to date and tells what was found. Clients' functions may have run while the
+// flow was searched for.
 template <class family>
 [[gnu::always_inline]] inline zon_fid_t account_directed_packet(
     locked_flow flow, const arriving_packet& arriving, const plain_packet<family>& plain,

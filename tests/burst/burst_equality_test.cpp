@@ -1,8 +1,9 @@
 // burst_equality_test.cpp - a burst does what its packets do one by one: every result, indication,
 // call of a client, counter and flow is the same.
 //
-// The short form hands in some 200000 packets. The environment may ask for others: ZON_BURST_SCRIPTS
-// for the number of scripts (of some 4000 packets each), ZON_BURST_SEED for the first one's seed.
+// The short form hands in some 200000 packets. The environment may ask for others:
+// ZON_BURST_SCRIPTS for the number of scripts (of some 4000 packets each), ZON_BURST_SEED for the
+// first one's seed.
 
 #include <gtest/gtest.h>
 

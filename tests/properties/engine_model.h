@@ -23,7 +23,8 @@
 
 namespace zon_test {
 
-// How much of a key is known. With 5 added for IPv6 these are the key types that the engine reports.
+// How much of a key is known. With 5 added for IPv6 these are the key types that the engine
+// reports.
 enum class known : uint8_t { everything, destination, source, announced, any_vrf };
 
 struct side_key {

@@ -40,8 +40,8 @@ public:
         unlink(found);
         return object;
     }
-    // All of one client's: the object of the whole flow, the initiator's, the responder's. The whole
-    // flow's is off its list before the sides are looked at.
+    // All of one client's: the object of the whole flow, the initiator's, the responder's. The
+    // whole flow's is off its list before the sides are looked at.
     std::array<uint64_t, 3> take_all_of(uint32_t client) {
         std::array<record*, 3> found{};
         for (const size_t list : {whole, initiator, responder}) {

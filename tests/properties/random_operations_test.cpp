@@ -1,8 +1,8 @@
 // random_operations_test.cpp - random sequences of every operation of the public interface: engine
 // and model agree after each step.
 //
-// A failure is shrunk: the message ends with the shortest sequence that still fails, a line for each
-// step, and what differed. The engine is the shared library, as a host links it.
+// A failure is shrunk: the message ends with the shortest sequence that still fails, a line for
+// each step, and what differed. The engine is the shared library, as a host links it.
 //
 // The short form makes some 120000 steps. Other forms by rapidcheck's own variable, for instance
 //

@@ -1,5 +1,5 @@
-// side_by_side.h - the engine and its model, led through the same operations and compared after each
-// one.
+// side_by_side.h - the engine and its model, led through the same operations and compared after
+// each one.
 //
 // The engine is looked at through its public interface alone, save that its index of connections is
 // compared with its chains. A difference is thrown as

@@ -1,5 +1,5 @@
-// zon_connection_lookup_test.cpp - packets find through the index what a search of the chains finds,
-// whatever hosts and clients do to keys.
+// zon_connection_lookup_test.cpp - packets find through the index what a search of the chains
+// finds, whatever hosts and clients do to keys.
 
 #include "zon_connection_lookup.h"
 
@@ -85,7 +85,8 @@ protected:
 
 }  // namespace
 
-// The line of forth() and back(), with no room left: other tags, so that nobody takes them for flows.
+// The line of forth() and back(), with no room left: other tags, so that nobody takes them for
+// flows.
 class full_line {
 public:
     full_line() : hash_(hash_of_forth() ^ uint64_t{1} << 60) {
@@ -240,8 +241,8 @@ TEST_F(flows_in_index, are_named_when_their_announcement_comes_true) {
     EXPECT_EQ(send(host_b, 54, host_a, 1000), moved);
 }
 
-// A hash that a host supplies leads to other buckets: such flows and such packets are no business of
-// the index.
+// A hash that a host supplies leads to other buckets: such flows and such packets are no business
+// of the index.
 TEST_F(flows_in_index, of_hashed_packets_are_left_to_the_chain_and_so_are_their_packets) {
     const auto send_hashed = [](bytes packet, uint32_t hash) {
         zon_pkt_indications_t seen{};

@@ -1,5 +1,5 @@
-// zon_connection_test.cpp - a connection is the same whichever end it is seen from, and differs from
-// every other one.
+// zon_connection_test.cpp - a connection is the same whichever end it is seen from, and differs
+// from every other one.
 
 #include "zon_connection.h"
 

@@ -1,5 +1,5 @@
-// zon_fe_test_packets_test.cpp - every byte and every field of the packets that are built from plain
-// fields.
+// zon_fe_test_packets_test.cpp - every byte and every field of the packets that are built from
+// plain fields.
 
 #include "zon_test_packets.h"
 

@@ -1,5 +1,5 @@
-// zon_flow_table_debug_test.cpp - the dump of the flow table, its statistics, and what holds while a
-// dump runs.
+// zon_flow_table_debug_test.cpp - the dump of the flow table, its statistics, and what holds while
+// a dump runs.
 
 #include <cstdlib>
 #include <memory>

@@ -26,8 +26,8 @@ void count_deleted(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason
 
 // ---- an expiry that stands still just before its handler looks at the flow ----
 
-// The timer calls a function that waits in front of the handler. Another thread turns the clock; the
-// constructor returns when the flow's timer has been taken off the wheel.
+// The timer calls a function that waits in front of the handler. Another thread turns the clock;
+// the constructor returns when the flow's timer has been taken off the wheel.
 class expiry_on_its_way {
 public:
     explicit expiry_on_its_way(zon_fid_t fid, uint64_t after_us) {

@@ -1,5 +1,5 @@
-// shared_by_threads.h - an engine whose records all pass from thread to thread: few flows, few ready
-// records, small chunks.
+// shared_by_threads.h - an engine whose records all pass from thread to thread: few flows, few
+// ready records, small chunks.
 
 #pragma once
 

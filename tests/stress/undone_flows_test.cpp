@@ -137,8 +137,8 @@ TEST_F(undone_flows, of_announcements_are_found_by_no_operation_on_their_identif
     EXPECT_EQ(fid, 0u);
 }
 
-// When only its second half was refused, the first one keeps its place in the table until the engine
-// goes, and nobody else gets its memory.
+// When only its second half was refused, the first one keeps its place in the table until the
+// engine goes, and nobody else gets its memory.
 TEST_F(undone_flows, of_announcements_keep_the_memory_that_is_still_linked) {
     uint32_t number = 0;
     zon_fid_t fid = 0;

@@ -1,4 +1,5 @@
-// preset_indications.h - what is told of a packet that got no flow, whatever the host's record held.
+// preset_indications.h - what is told of a packet that got no flow, whatever the host's record
+// held.
 
 #pragma once
 

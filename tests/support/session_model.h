@@ -1,4 +1,5 @@
-// session_model.h - how the session of a flow is expected to go on with each packet, stated plainly.
+// session_model.h - how the session of a flow is expected to go on with each packet, stated
+// plainly.
 //
 // TCP is followed by its flags alone, without checks of numbers. The values of the states are those
 // that the engine reports.

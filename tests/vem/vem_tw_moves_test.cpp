@@ -1,5 +1,5 @@
-// vem_tw_moves_test.cpp - a wheel that goes from one manager to another while its callback runs, and
-// timers that start while the clock is being turned.
+// vem_tw_moves_test.cpp - a wheel that goes from one manager to another while its callback runs,
+// and timers that start while the clock is being turned.
 #include <gtest/gtest.h>
 #include <sched.h>
 

@@ -1,5 +1,5 @@
-// vem_tw_shards_test.cpp - a wheel that many threads start timers on: who starts where, and that the
-// timers of all shards are one wheel's.
+// vem_tw_shards_test.cpp - a wheel that many threads start timers on: who starts where, and that
+// the timers of all shards are one wheel's.
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -1,5 +1,5 @@
-// vem_expiry.h - the callbacks of a wheel's timers: which ones run on this thread, and running those
-// that are due.
+// vem_expiry.h - the callbacks of a wheel's timers: which ones run on this thread, and running
+// those that are due.
 #ifndef VEM_EXPIRY_H
 #define VEM_EXPIRY_H
 

@@ -82,8 +82,8 @@ void allow(void* memory, size_t bytes) {
 
 std::atomic<bool> huge_pages_wanted{false};
 
-// Large pieces are whole and aligned for huge pages where those are wanted. The heap reserves twice as
-// much for that, which a process pays for that keeps all its memory resident.
+// Large pieces are whole and aligned for huge pages where those are wanted. The heap reserves twice
+// as much for that, which a process pays for that keeps all its memory resident.
 piece_header* obtain_piece(size_t wanted) {
     const bool in_huge_pages =
         wanted >= huge_page && huge_pages_wanted.load(std::memory_order_relaxed);

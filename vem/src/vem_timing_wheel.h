@@ -19,8 +19,8 @@ namespace vem {
 constexpr uint64_t never = UINT64_MAX;
 
 // What tm_ticks says: the number of the timing wheel that the timer is on (0: none), whether it is
-// armed, and the upper part of its due tick. A timer that has expired keeps the number: its callback
-// may be running there. A stopped one keeps nothing. Read without a lock, hence atomic.
+// armed, and the upper part of its due tick. A timer that has expired keeps the number: its
+// callback may be running there. A stopped one keeps nothing. Read without a lock, hence atomic.
 struct timer_word {
     static constexpr uint32_t armed_bit = 1U << 31;
 

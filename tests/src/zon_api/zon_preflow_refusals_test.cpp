@@ -1,4 +1,5 @@
-// zon_preflow_refusals_test.cpp - announced flows that there is no memory or no place in a bucket for.
+// zon_preflow_refusals_test.cpp - announced flows that there is no memory or no place in a bucket
+// for.
 
 #include <utility>
 

@@ -1,5 +1,5 @@
-// zon_test_packets_memory_test.cpp - where the packet kit takes its memory, what becomes of a packet
-// without it, and what an engine answers that is not there.
+// zon_test_packets_memory_test.cpp - where the packet kit takes its memory, what becomes of a
+// packet without it, and what an engine answers that is not there.
 
 #include "src/zon_engine_debug/zon_test_packets_fixture.h"
 #include "support/allocation_faults.h"

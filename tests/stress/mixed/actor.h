@@ -1,8 +1,8 @@
 // actor.h - one thread of the mixed stress: what it knows of the round, and the steps that it can
 // take.
 //
-// A step is one thing that a host's thread does; it lets go of every lock that it took. Each file of
-// roles implements the steps of one of them.
+// A step is one thing that a host's thread does; it lets go of every lock that it took. Each file
+// of roles implements the steps of one of them.
 
 #pragma once
 
@@ -27,9 +27,9 @@ struct round_settings {
     uint32_t steps = 0;   // of each thread, between two comparisons
     uint32_t phases = 0;  // comparisons a round
     zon_clock_mode_e clock = ZON_CLOCK_MANUAL_WAIT;
-    // Clients do what loses things on purpose. Flows that soon go become parents: their children may
-    // be listed where a record was used again, and only the end of every walk is certain. Several
-    // clients hang objects on one direction: earlier ones fall off its list.
+    // Clients do what loses things on purpose. Flows that soon go become parents: their children
+    // may be listed where a record was used again, and only the end of every walk is certain.
+    // Several clients hang objects on one direction: earlier ones fall off its list.
     bool loose = false;
     bool destroyed_with_flows = false;
     uint32_t half_open_percent = 0;

@@ -1,9 +1,9 @@
-/* vem_lock_order.h - stops a program whose thread waits for locks in the wrong order, in builds that
- * define VEM_CHECK_LOCK_ORDER; in all others none of these functions exists.
+/* vem_lock_order.h - stops a program whose thread waits for locks in the wrong order, in builds
+ * that define VEM_CHECK_LOCK_ORDER; in all others none of these functions exists.
  *
  * Each lock has a class, each class a step. A thread waits only for a lock of a later step than all
- * that it holds; for one that it holds already it does not wait at all. What was found is printed to
- * standard error, after a line that begins with "lock order", and the program is aborted.
+ * that it holds; for one that it holds already it does not wait at all. What was found is printed
+ * to standard error, after a line that begins with "lock order", and the program is aborted.
  *
  * Threads    any thread. All that is remembered is the calling thread's own: the check orders no
  *            two threads, so that a race detector still sees their races.

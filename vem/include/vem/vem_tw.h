@@ -6,8 +6,8 @@
  *
  * Timers fire in the order of their ticks, those of one tick in the order of their starts. A thread
  * whose start finds the wheel busy is given a part of the wheel for its starts, where it does not
- * meet the others; that allocates the part, once, and without memory for it the thread waits. Timers
- * of one tick then fire part by part.
+ * meet the others; that allocates the part, once, and without memory for it the thread waits.
+ * Timers of one tick then fire part by part.
  *
  * Threads    any thread, also from inside callbacks. One timer is started and stopped by one thread
  *            at a time (its owner's lock sees to that), while the dispatching thread may run it.

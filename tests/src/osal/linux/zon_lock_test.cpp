@@ -155,8 +155,8 @@ TEST_F(single_lock, keeps_others_out_of_a_critical_section) {
     EXPECT_EQ(in_order, 4000);
 }
 
-// Levels, tries and waits of several threads at once; what is read and written inside belongs to one
-// of them at a time.
+// Levels, tries and waits of several threads at once; what is read and written inside belongs to
+// one of them at a time.
 TEST_F(single_lock, keeps_levels_apart_from_those_of_other_threads) {
     constexpr int threads = 4;
     constexpr int turns = 1500;
