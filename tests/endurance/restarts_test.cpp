@@ -86,7 +86,9 @@ void live_through(uint32_t first, uint32_t end) {
 
 TEST(restarts, leave_no_memory_threads_or_handles_behind) {
     const uint32_t warm_up = 50;
-    const uint32_t cycles = is_long_form() ? 10'000 : 400;
+    // So many that 16 bytes left behind by every cycle are far beyond what comes and goes.
+    const uint32_t short_form = memory_is_measurable ? 2000 : 400;
+    const uint32_t cycles = is_long_form() ? 10'000 : short_form;
     const uint64_t threads = footprint::of_this_process().threads;
     live_through(0, warm_up);
     const footprint before = footprint::once_threads_are_gone(threads);
