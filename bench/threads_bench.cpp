@@ -18,6 +18,7 @@
 
 #include "support/bench_engine.h"
 #include "support/measure.h"
+#include "support/own_processor.h"
 #include "support/random_order.h"
 
 namespace zon_bench {
@@ -37,6 +38,7 @@ double run_together(uint32_t threads, function body) {
     std::vector<std::thread> running;
     for (uint32_t at = 0; at < threads; ++at)
         running.emplace_back([&, at] {
+            take_own_processor(static_cast<int>(at));
             start.arrive_and_wait();
             const clock::time_point begin = clock::now();
             body(at);
@@ -116,34 +118,109 @@ void established(benchmark::State& state, const load& of, share shared, bool in_
         state.SkipWithError("packets without a flow");
 }
 
-// The records are there already, as in an engine that has run for a while.
+// Lets threads go on once all have come. They wait awake: who sleeps here starts late.
+class meeting_point {
+public:
+    explicit meeting_point(uint32_t threads) : threads_(threads) {}
+    void meet() {
+        const uint32_t round = round_.load(std::memory_order_acquire);
+        if (come_.fetch_add(1, std::memory_order_acq_rel) + 1 == threads_) {
+            come_.store(0, std::memory_order_relaxed);
+            round_.store(round + 1, std::memory_order_release);
+        }
+        while (round_.load(std::memory_order_acquire) == round) {
+        }
+    }
+
+private:
+    const uint32_t threads_;
+    std::atomic<uint32_t> come_ = 0;
+    std::atomic<uint32_t> round_ = 0;
+};
+
+// Makes flows until all are there, deletes them, and so on. Only the making is timed, from the first
+// thread's start to the end of the last.
+class flow_makers {
+public:
+    flow_makers(const load& of, uint32_t rounds)
+        : of_(of),
+          rounds_(rounds),
+          order_(of.flows),
+          fids_(of.flows),
+          starts_(of.threads),
+          ends_(of.threads),
+          meeting_(of.threads) {}
+
+    double seconds() {
+        std::vector<std::thread> threads;
+        for (uint32_t at = 0; at < of_.threads; ++at)
+            threads.emplace_back([this, at] { work(at); });
+        for (auto& thread : threads)
+            thread.join();
+        return seconds_;
+    }
+
+private:
+    using clock = std::chrono::steady_clock;
+
+    void work(uint32_t thread) {
+        take_own_processor(static_cast<int>(thread));
+        packet_source source(families::ipv4);
+        for (uint32_t round = 0; round <= rounds_; ++round) {
+            meeting_.meet();
+            starts_[thread] = clock::now();
+            make(thread, source);
+            ends_[thread] = clock::now();
+            meeting_.meet();
+            // The first round fills chunks and caches.
+            if (thread == 0 && round > 0)
+                add_up();
+            delete_flows_of((thread + 1) % of_.threads);
+        }
+    }
+    uint32_t first_of(uint32_t thread) const { return thread * (of_.flows / of_.threads); }
+    uint32_t end_of(uint32_t thread) const { return first_of(thread + 1); }
+
+    void make(uint32_t thread, packet_source& source) {
+        for (uint32_t at = first_of(thread); at < end_of(thread); ++at)
+            fids_[at] = source.send(source.packets.first(order_[at]));
+    }
+    // Of a neighbour's, so that records change hands, as where a timer thread ends flows.
+    void delete_flows_of(uint32_t thread) {
+        for (uint32_t at = first_of(thread); at < end_of(thread); ++at) {
+            require(fids_[at] != 0, "a packet without a flow");
+            zon_delete_flow_tamonet(fids_[at], ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+        }
+    }
+    void add_up() {
+        seconds_ += std::chrono::duration<double>(*std::max_element(ends_.begin(), ends_.end()) -
+                                                  *std::min_element(starts_.begin(), starts_.end()))
+                        .count();
+    }
+
+    const load of_;
+    const uint32_t rounds_;
+    const scattered order_;
+    std::vector<zon_fid_t> fids_;
+    std::vector<clock::time_point> starts_;
+    std::vector<clock::time_point> ends_;
+    meeting_point meeting_;
+    double seconds_ = 0;
+};
+
 void new_flows(benchmark::State& state, const load& of) {
     engine_options options{of.flows};
     options.max_threads = of.max_threads;
     bench_engine engine(options);
-    std::vector<zon_fid_t> fids(of.flows);
-    const scattered order(of.flows);
-    const uint32_t part = of.flows / of.threads;
-    const auto create_and_delete = [&] {
-        const double seconds = run_together(of.threads, [&](uint32_t thread) {
-            packet_source source(families::ipv4);
-            for (uint32_t at = thread * part; at < (thread + 1) * part; ++at)
-                fids[at] = source.send(source.packets.first(order[at]));
-        });
-        require(std::find(fids.begin(), fids.end(), 0) == fids.end(), "a packet without a flow");
-        for (const zon_fid_t fid : fids)
-            zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
-        return seconds;
-    };
-    create_and_delete();
+    const uint32_t rounds = std::max(1U, 500'000 / of.flows);
     double total = 0;
     for (auto _ : state) {
-        const double seconds = create_and_delete();
+        const double seconds = flow_makers(of, rounds).seconds();
         state.SetIterationTime(seconds);
         total += seconds;
     }
     state.counters["ns_per_flow"] =
-        total * 1e9 / (static_cast<double>(state.iterations()) * of.flows);
+        total * 1e9 / (static_cast<double>(state.iterations()) * rounds * of.flows);
 }
 
 // What it takes a word to reach the other thread: two of them hand it to and fro. The shortest time
