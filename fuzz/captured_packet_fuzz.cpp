@@ -21,7 +21,9 @@ struct handed_packet {
     exact_block block;
     packet_answer answer{};
 
-    explicit handed_packet(const packet_of_program& packet) : from(packet), block(packet.content) {}
+    explicit handed_packet(const packet_of_program& packet) : from(packet), block(packet.content) {
+        answer.seen = packet.indications();
+    }
 };
 
 // Distances within the packet, so that two lives of an engine can be compared.
@@ -64,6 +66,7 @@ public:
         for (handed_packet& packet : packets_)
             row.push_back({packet.block.data(), static_cast<uint32_t>(packet.block.size()),
                            packet.from.vrf_id, nullptr, &packet.answer.seen, zon_error_end, 0});
+        const ends_of_burst ends;
         const uint32_t with_flow =
             zon_handle_packet_burst(row.data(), static_cast<uint32_t>(row.size()));
         uint32_t counted = 0;
@@ -102,10 +105,22 @@ void compare_in_bursts(fuzz_input input, const std::vector<packet_answer>& expec
     burst.hand_in();
 }
 
+// Before there is an engine, and after its end, every packet is told so.
+void expect_no_engine(const uint8_t* data, size_t size) {
+    const exact_block block({data, size});
+    zon_pkt_indications_t seen{};
+    zon_burst_packet_t packet{
+        block.data(), static_cast<uint32_t>(size), 0, nullptr, &seen, zon_error_none, 1};
+    require(zon_handle_packet_burst(&packet, 1) == 0 && packet.fid == 0 &&
+                packet.error != zon_error_none,
+            "no engine has no flows");
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const fuzz_input input(data, size);
+    expect_no_engine(data, size);
     compare_in_bursts(input, answers_one_by_one(input));
     return 0;
 }

@@ -4,6 +4,8 @@
 
 #pragma once
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +22,7 @@ namespace zon_fuzz {
 inline void require(bool holds, const char* what) {
     if (holds)
         return;
-    std::fprintf(stderr, "broken: %s\n", what);
+    dprintf(STDERR_FILENO, "broken: %s\n", what);
     std::abort();
 }
 

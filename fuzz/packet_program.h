@@ -1,11 +1,14 @@
 // packet_program.h - inputs that are a row of packets for a real engine.
 //
-// An input begins with the capabilities of two clients and the depth of a bucket. Each packet has
-// two bytes of length, one of VRF and time, and its bytes; a bit of the length's first byte makes
-// it one of a flow that the host reports.
+// An input begins with the capabilities of two clients and a byte of what else an engine is made
+// with: the depth of a bucket, a bound on half-open flows, traces. Each packet has two bytes of
+// length, one of VRF and time, and its bytes; a bit of the length's first byte makes it one of a
+// flow that the host reports, another one gives it a hash of the host's.
 
 #pragma once
 
+#include <cstdio>
+#include <optional>
 #include <set>
 
 #include "fuzz_input.h"
@@ -21,10 +24,67 @@ inline std::multiset<zon_fid_t>& living_flows() {
     return flows;
 }
 
-inline void note_end(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e,
-                     zon_client_id_e) {
+// Flows that have ended in a burst whose packets are not told of yet; null outside of bursts.
+inline std::multiset<zon_fid_t>* ends_in_burst = nullptr;
+
+inline void strike_out(zon_fid_t fid) {
     require(living_flows().erase(fid) == 1, "a flow that ends was told of, once");
 }
+
+inline void note_end(zon_flow_ptr_t fid, void*, void*, void*, zon_flow_deletion_reason_e,
+                     zon_client_id_e) {
+    if (ends_in_burst != nullptr)
+        ends_in_burst->insert(fid);
+    else
+        strike_out(fid);
+}
+
+// From before a burst until the last of its answers is noted.
+class ends_of_burst {
+public:
+    ends_of_burst() { ends_in_burst = &ends_; }
+    ~ends_of_burst() {
+        ends_in_burst = nullptr;
+        for (const zon_fid_t fid : ends_)
+            strike_out(fid);
+    }
+    ends_of_burst(const ends_of_burst&) = delete;
+    ends_of_burst& operator=(const ends_of_burst&) = delete;
+
+private:
+    std::multiset<zon_fid_t> ends_;
+};
+
+// The flow that had the identifier before has ended in the same burst.
+inline bool is_used_again(zon_fid_t fid) {
+    if (ends_in_burst == nullptr || ends_in_burst->count(fid) == 0)
+        return false;
+    ends_in_burst->erase(ends_in_burst->find(fid));
+    strike_out(fid);
+    return true;
+}
+
+// All traces, written to nowhere, for as long as it lives.
+class unread_traces {
+public:
+    unread_traces() {
+        static std::FILE* const nowhere = std::fopen("/dev/null", "w");
+        require(nowhere != nullptr, "there is nowhere to write to");
+        stdout = stderr = nowhere;
+        zon_debug_flag_engine = zon_debug_flag_fe = zon_debug_flag_l4 = zon_debug_flag_ager = true;
+    }
+    ~unread_traces() {
+        zon_debug_flag_engine = zon_debug_flag_fe = zon_debug_flag_l4 = zon_debug_flag_ager = false;
+        stdout = output_;
+        stderr = errors_;
+    }
+    unread_traces(const unread_traces&) = delete;
+    unread_traces& operator=(const unread_traces&) = delete;
+
+private:
+    std::FILE* const output_ = stdout;
+    std::FILE* const errors_ = stderr;
+};
 
 // An engine with its clock turned by hand, for as long as it lives.
 class fuzzed_engine {
@@ -33,7 +93,11 @@ public:
         living_flows().clear();
         zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE);
         const uint32_t first = input.byte(), second = input.byte();
-        const auto depth = static_cast<uint8_t>(input.below(8));
+        const uint32_t shape = input.byte();
+        const auto depth = static_cast<uint8_t>(shape % 8);
+        zon_config_set_half_open_share((shape & 8) != 0 ? 25 : 0);
+        if (shape >= 0xF0)
+            traces_.emplace();
         require(zon_init(engine_capacity, 2000, 8, 4, depth, 16, 10) == zon_error_none,
                 "the engine starts");
         require(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
@@ -48,6 +112,7 @@ public:
     }
     ~fuzzed_engine() {
         zon_destroy();
+        zon_config_set_half_open_share(0);
         require(living_flows().empty(), "every flow has ended with its engine");
     }
     fuzzed_engine(const fuzzed_engine&) = delete;
@@ -57,6 +122,8 @@ private:
     static void enable(zon_client_id_e client, uint32_t bits) {
         zon_client_enable_engine_capability(client, static_cast<zon_capability_e>(bits & 127));
     }
+
+    std::optional<unread_traces> traces_;
 };
 
 struct packet_of_program {
@@ -65,6 +132,7 @@ struct packet_of_program {
     uint64_t wait_us = 0;        // after it
     zon_fid_t reported_fid = 0;  // 0: the host knows nothing of it
     zon_l4_flow_state_e reported_state = ZON_L4_CLOSED;
+    std::optional<uint32_t> hash_of_host;
 
     static packet_of_program from(fuzz_input& input) {
         packet_of_program packet;
@@ -76,8 +144,17 @@ struct packet_of_program {
             packet.reported_fid = choice >> 5;
             packet.reported_state = static_cast<zon_l4_flow_state_e>(input.below(7));
         }
+        if ((length & 0x4000) != 0)
+            packet.hash_of_host = length >> 11 & 7;
         packet.content = input.take(length & 0x7FF);
         return packet;
+    }
+    // What the host tells of it.
+    zon_pkt_indications_t indications() const {
+        zon_pkt_indications_t told{};
+        told.hash_valid = hash_of_host.has_value() ? 1 : 0;
+        told.hash_value = hash_of_host.value_or(0);
+        return told;
     }
 };
 
@@ -119,7 +196,9 @@ inline void check_answer(const packet_answer& answer, const uint8_t* packet, siz
 inline void note_answer(const packet_answer& answer, bool is_reported) {
     if (answer.fid == 0)
         return;
-    const bool is_known = living_flows().count(answer.fid) != 0;
+    bool is_known = living_flows().count(answer.fid) != 0;
+    if (is_known && answer.seen.fif == 1 && is_used_again(answer.fid))
+        is_known = false;
     require(is_known || is_reported || answer.seen.fif == 1, "a flow begins with its first packet");
     require(!is_known || is_reported || answer.seen.fif == 0, "a flow begins once");
     if (!is_known)
@@ -128,6 +207,7 @@ inline void note_answer(const packet_answer& answer, bool is_reported) {
 
 inline packet_answer hand_in_captured(const packet_of_program& packet, uint8_t* at) {
     packet_answer answer;
+    answer.seen = packet.indications();
     answer.fid = zon_sync_captured_packet(at, static_cast<uint32_t>(packet.content.size()),
                                           packet.vrf_id, nullptr, &answer.seen, &answer.error,
                                           packet.reported_fid, packet.reported_state, 1);

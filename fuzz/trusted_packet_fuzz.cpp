@@ -44,6 +44,7 @@ bool is_sound(const exact_block& block) {
 
 packet_answer hand_in_trusted(const packet_of_program& packet, uint8_t* at) {
     packet_answer answer;
+    answer.seen = packet.indications();
     answer.fid = zon_sync_packet(at, packet.vrf_id, nullptr, &answer.seen, &answer.error,
                                  packet.reported_fid, packet.reported_state, 1);
     check_answer(answer, at, packet.content.size());
@@ -51,9 +52,11 @@ packet_answer hand_in_trusted(const packet_of_program& packet, uint8_t* at) {
     return answer;
 }
 
-// The later fragments inside tunnels are seen by their answer only.
+// Inner packets that are refused, and the later fragments inside tunnels, are seen by their answer
+// only. One that there is no room for is another matter: it leaves its traces in the table.
 bool is_read_with_care(const packet_answer& checked) {
-    return checked.error != zon_error_none || checked.seen.l4_error == ZON_L4_NOERR_NON_FIRST_FRAG;
+    return checked.error == zon_error_parameter_invalid ||
+           checked.seen.l4_error == ZON_L4_NOERR_NON_FIRST_FRAG;
 }
 
 void compare(const packet_answer& checked, const packet_answer& trusted) {
