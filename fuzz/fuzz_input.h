@@ -26,6 +26,9 @@ inline void require(bool holds, const char* what) {
     std::abort();
 }
 
+// What a fuzzer exits with that can go on in a new process only; scripts/fuzz starts one.
+inline constexpr int used_up = 75;
+
 class fuzz_input {
 public:
     fuzz_input(const uint8_t* data, size_t size) : rest_(data, size) {}
