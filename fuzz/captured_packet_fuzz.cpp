@@ -112,7 +112,7 @@ void expect_no_engine(const uint8_t* data, size_t size) {
     zon_burst_packet_t packet{
         block.data(), static_cast<uint32_t>(size), 0, nullptr, &seen, zon_error_none, 1};
     require(zon_handle_packet_burst(&packet, 1) == 0 && packet.fid == 0 &&
-                packet.error != zon_error_none,
+                packet.error == zon_error_engine_not_init,
             "no engine has no flows");
 }
 
