@@ -28,9 +28,8 @@ inline bool is_long_form() {
     return form != nullptr && std::string_view(form) == "long";
 }
 
-// Within the heap's own lists, and the resident set's pages, so much comes and goes by itself: what a
-// thread keeps of freed memory for itself counts as handed out, up to seven pieces of each size.
-inline constexpr uint64_t heap_slack_bytes = 16 * 1024;
+// Within the heap's own lists, and the resident set's pages, so much comes and goes by itself.
+inline constexpr uint64_t heap_slack_bytes = 4 * 1024;
 inline constexpr uint64_t page_slack_bytes = 256 * 1024;
 
 inline uint64_t growth(uint64_t before, uint64_t after) {

@@ -16,6 +16,9 @@ void count_told(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e,
     ++told;
 }
 
+// What a thread keeps of memory that others freed counts as handed out.
+constexpr uint64_t most_kept_by_threads_bytes = 12 * 1024;
+
 constexpr zon_clock_mode_e clocks[] = {ZON_CLOCK_MANUAL_WAIT, ZON_CLOCK_MANUAL_INLINE,
                                        ZON_CLOCK_SYSTEM};
 
@@ -96,7 +99,9 @@ TEST(restarts, leave_no_memory_threads_or_handles_behind) {
     const footprint after = footprint::once_threads_are_gone(threads);
     EXPECT_EQ(zon_clock_set_mode(ZON_CLOCK_SYSTEM), zon_error_none);
 
-    EXPECT_LE(growth(before.heap_bytes, after.heap_bytes), heap_slack_bytes) << after;
+    EXPECT_LE(growth(before.heap_bytes, after.heap_bytes),
+              heap_slack_bytes + most_kept_by_threads_bytes)
+        << after;
     EXPECT_LE(growth(before.resident_bytes, after.resident_bytes), page_slack_bytes) << after;
     EXPECT_LE(growth(before.mapped_bytes, after.mapped_bytes), page_slack_bytes) << after;
     EXPECT_EQ(after.threads, threads);
