@@ -72,9 +72,7 @@ exit_code run(int argc, char** argv) {
         stop_reading_on_signals();
         return run_all(std::get<options>(parsed));
     } catch (const output_error& error) {
-        if (!error.reader_has_gone()) {
-            std::fprintf(stderr, "zonflow: cannot write the output: %s\n", error.what());
-        }
+        std::fprintf(stderr, "zonflow: cannot write the output: %s\n", error.what());
         return exit_code::output_failed;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "zonflow: %s\n", error.what());

@@ -3,7 +3,6 @@
 #ifndef ZONFLOW_OUTPUT_STREAM_H
 #define ZONFLOW_OUTPUT_STREAM_H
 
-#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <stdexcept>
@@ -14,13 +13,7 @@ namespace zonflow {
 class output_error : public std::runtime_error {
 public:
     // The error number says why.
-    explicit output_error(int number)
-        : std::runtime_error(std::strerror(number)), number_(number) {}
-    // A reader that has seen enough, as "head": nothing that anybody wants to hear of.
-    bool reader_has_gone() const { return number_ == EPIPE; }
-
-private:
-    int number_;
+    explicit output_error(int number) : std::runtime_error(std::strerror(number)) {}
 };
 
 class output_stream {

@@ -206,34 +206,6 @@ TEST(zonflow_exit_codes, are_4_when_the_disk_is_full) {
     }
 }
 
-// Runs the program with its standard output in a pipe that nobody reads.
-int exit_code_without_a_reader(const std::string& capture, const std::string& errors) {
-    int ends[2];
-    if (pipe(ends) != 0) {
-        return -1;
-    }
-    close(ends[0]);
-    const pid_t child = fork();
-    if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        close(ends[1]);
-        std::freopen(errors.c_str(), "w", stderr);
-        execl(ZONFLOW_BINARY, ZONFLOW_BINARY, "-o", "json", capture.c_str(), nullptr);
-        _exit(127);
-    }
-    close(ends[1]);
-    int status = 0;
-    waitpid(child, &status, 0);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-}
-
-TEST(zonflow_exit_codes, are_4_without_a_word_when_the_reader_of_the_output_has_gone) {
-    const temporary_file capture(small_capture);
-    const temporary_file errors{bytes{}};
-    EXPECT_EQ(exit_code_without_a_reader(capture.path(), errors.path()), 4);
-    EXPECT_EQ(std::filesystem::file_size(errors.path()), 0u);
-}
-
 TEST(zonflow_progress, is_never_shown_where_standard_error_is_no_terminal) {
     std::vector<stamped_frame> frames;
     for (uint16_t i = 0; i < 5000; ++i) {

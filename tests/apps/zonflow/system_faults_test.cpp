@@ -148,6 +148,26 @@ TEST(zonflow_output, that_is_closed_ends_with_4) {
     }
 }
 
+TEST(zonflow_output, that_nobody_reads_ends_with_4) {
+    const temporary_file capture(many_flows());
+    for (const char* format : {"json", "table"}) {
+        running_zonflow run({"-o", format, capture.path()});
+        run.end_output();
+        EXPECT_EQ(run.wait_for_end(), 4) << format;
+        EXPECT_EQ(run.errors(), "zonflow: cannot write the output: Broken pipe\n") << format;
+    }
+}
+
+// As "head -1".
+TEST(zonflow_output, whose_reader_goes_away_ends_with_4) {
+    const temporary_file capture(many_flows());
+    running_zonflow run({"-o", "json", capture.path()});
+    ASSERT_EQ(json_field(run.next_line(), "end"), "idle");
+    run.end_output();
+    EXPECT_EQ(run.wait_for_end(), 4);
+    EXPECT_EQ(run.errors(), "zonflow: cannot write the output: Broken pipe\n");
+}
+
 TEST(zonflow_output, that_reaches_the_limit_of_file_sizes_ends_with_4) {
     constexpr rlim_t limit = 8192;
     const temporary_file capture(many_flows());

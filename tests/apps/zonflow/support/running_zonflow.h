@@ -57,7 +57,7 @@ public:
             wait_for_end();
         }
         end_input();
-        close(out_);
+        end_output();
     }
     running_zonflow(const running_zonflow&) = delete;
     running_zonflow& operator=(const running_zonflow&) = delete;
@@ -71,6 +71,13 @@ public:
         if (in_ >= 0) {
             close(in_);
             in_ = -1;
+        }
+    }
+    // Nobody reads on.
+    void end_output() {
+        if (out_ >= 0) {
+            close(out_);
+            out_ = -1;
         }
     }
     void send_signal(int signal) { kill(process_, signal); }
