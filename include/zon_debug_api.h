@@ -3,7 +3,9 @@
  *
  * Threads    any; a dump runs beside traffic and may be slightly inconsistent. zon_destroy
  *            refuses while a dump runs, but that test and the destruction are not one step: do not
- *            start a dump while the engine is being destroyed.
+ *            start a dump while the engine is being destroyed. Dumps and walks give way to other
+ *            threads at every hash bucket and every identifier: where others keep all processors
+ *            busy, large tables take seconds to minutes.
  * Locks      every call returns with no lock taken; flows are locked one at a time, inside. Only
  *            zon_debug_flow_populate_report wants its flow locked by the caller.
  * Ownership  what a host passes stays its own; reports hold copies.

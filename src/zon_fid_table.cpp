@@ -309,7 +309,7 @@ void zon_fid_table_iterate_flow(zon_fid_table_t* fid_table, fid_table_iterate_by
     }
     zon_flow_report_t report{};
     for (zon_fid_t fid = 1; fid <= last; ++fid) {
-        sched_yield();
+        sched_yield();  // each time, kept on purpose: packets go first
         bool filled = false;
         if (locked_flow flow = zon_fid_table_lookup(fid_table, fid);
             flow && !flow->marked_for_delete)

@@ -273,7 +273,7 @@ void zon_hashset_get_statistics(zon_hashset set, int* size, int* used, int* empt
     iteration running(set);
     int items = 0;
     for (int bucket = 0; bucket < set->array_size; ++bucket) {
-        sched_yield();
+        sched_yield();  // each time, kept on purpose: packets go first
         int depth = 0;
         {
             held_bucket held(set, static_cast<uint32_t>(bucket));

@@ -14,6 +14,27 @@ using namespace zon_test;
 
 namespace {
 
+thread_local uint64_t yields = 0;
+
+template <typename operation>
+uint64_t yields_during(operation run) {
+    const uint64_t before = yields;
+    run();
+    return yields - before;
+}
+
+}  // namespace
+
+// The linker leads sched_yield here.
+extern "C" int __real_sched_yield();
+extern "C" int __wrap_sched_yield();
+extern "C" int __wrap_sched_yield() {
+    ++yields;
+    return __real_sched_yield();
+}
+
+namespace {
+
 constexpr char title[] = "\nFID  L4-Sess L4-TCP      \tInitiator\t\t\t  Responder\n";
 constexpr char no_flows[] = "There are no flows allocated.\n";
 constexpr char looked_at[] = "are we dumping here? \n";
@@ -320,6 +341,17 @@ TEST_F(flow_table_dump, prints_no_depths_without_memory_for_them) {
     const failing_table_memory failing(0);
     EXPECT_EQ(dumped(only(&zon_dump_output::histogram)), "Hash distribution:\n");
     EXPECT_TRUE(failing.has_failed());
+}
+
+// ---- giving way ----
+
+TEST_F(flow_table_dump, gives_way_before_each_bucket_record_and_after_each_line) {
+    udp_flow(1000);
+    const auto buckets = static_cast<uint64_t>(g_zon->flow_tbl->table->array_size);
+    EXPECT_EQ(yields_during([] { dumped(only(&zon_dump_output::stats)); }), buckets);
+    EXPECT_EQ(yields_during([] { dumped(only(&zon_dump_output::histogram)); }), 2 * buckets);
+    EXPECT_EQ(yields_during([] { dumped(only(&zon_dump_output::active_flows)); }),
+              buckets + g_zon->fid_table->capacity);
 }
 
 // ---- the whole of it ----

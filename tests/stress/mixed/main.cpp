@@ -11,19 +11,25 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <string_view>
+#include <system_error>
 
 #include "stress/mixed/round.h"
 
 namespace zon_test {
 namespace {
 
+// One of each role; and what a machine can carry.
+constexpr uint32_t least_threads = 9;
+constexpr uint32_t most_threads = 256;
+
 struct options {
     std::chrono::seconds duration{3};
-    uint32_t threads = 9;
+    uint32_t threads = least_threads;
     uint32_t seed = stress_seed;
     bool is_long = false;
 };
@@ -118,7 +124,7 @@ void play_until(std::chrono::steady_clock::time_point end, uint32_t threads, sch
 
 // Nine roles one after the other: that tests the test.
 TEST(mixed_operations, add_up_on_one_thread) {
-    play_until({}, 9, schedule::one_thread);
+    play_until({}, least_threads, schedule::one_thread);
 }
 
 TEST(mixed_operations, add_up_when_threads_mix_them) {
@@ -127,8 +133,10 @@ TEST(mixed_operations, add_up_when_threads_mix_them) {
 }
 
 [[noreturn]] void explain() {
-    std::fputs("usage: zon_mixed_stress [--minutes N | --seconds N] [--threads N] [--seed S]\n",
-               stderr);
+    std::fprintf(stderr,
+                 "usage: zon_mixed_stress [--minutes N | --seconds N] [--threads N] [--seed S]\n"
+                 "N from 1 on, of threads %u to %u\n",
+                 least_threads, most_threads);
     std::exit(2);
 }
 
@@ -137,15 +145,16 @@ void read_arguments(int argc, char** argv) {
         const std::string_view name = argv[i];
         if (i + 1 == argc)
             explain();
-        char* end = nullptr;
-        const auto value = static_cast<uint32_t>(std::strtoul(argv[i + 1], &end, 10));
-        if (*end != '\0' || end == argv[i + 1])
+        const std::string_view text = argv[i + 1];
+        uint32_t value = 0;
+        const auto read = std::from_chars(text.data(), text.data() + text.size(), value);
+        if (read.ec != std::errc{} || read.ptr != text.data() + text.size())
             explain();
-        if (name == "--minutes")
+        if (name == "--minutes" && value > 0)
             chosen.duration = std::chrono::minutes(value);
-        else if (name == "--seconds")
+        else if (name == "--seconds" && value > 0)
             chosen.duration = std::chrono::seconds(value);
-        else if (name == "--threads" && value >= 9)
+        else if (name == "--threads" && value >= least_threads && value <= most_threads)
             chosen.threads = value;
         else if (name == "--seed")
             chosen.seed = value;
