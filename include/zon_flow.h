@@ -112,7 +112,8 @@ ZON_API zon_error_t zon_uni_flow_detach_fo(zon_client_id_e cid, zon_flow_tuple_t
 
 /*   15 no engine, 9 null state, 1 no such flow: *state is 0 */
 ZON_API zon_error_t zon_flow_get_l4_state(const zon_fid_t fid, zon_l4_flow_state_e* state);
-/*   15 no engine, 33 state outside 0 to 6, 1 no such flow */
+/* From ZON_L4_BI_ESTABLISHED on the flow no longer counts as half-open (zon_engine_defs.h).
+ *   15 no engine, 33 state outside 0 to 6, 1 no such flow */
 ZON_API zon_error_t zon_flow_set_l4_state(const zon_fid_t fid, zon_l4_flow_state_e state);
 /*   15 no engine, 9 null pointer, 1 no such flow */
 ZON_API zon_error_t zon_flow_get_packet_count(zon_flow_ptr_t fid, uint32_t* pkt_count);

@@ -2,7 +2,6 @@
 // write the flows that ended.
 #include "capture_run.h"
 
-#include <cstdio>
 #include <optional>
 
 #include "capture/capture_reader.h"
@@ -12,6 +11,7 @@
 #include "flows/capture_summary.h"
 #include "flows/engine_report.h"
 #include "flows/hash_seed.h"
+#include "output/messages.h"
 #include "output/progress.h"
 
 namespace zonflow {
@@ -19,7 +19,7 @@ namespace zonflow {
 namespace {
 
 void complain(const std::string& name, const std::string& problem) {
-    std::fprintf(stderr, "zonflow: %s: %s\n", name.c_str(), problem.c_str());
+    say(name + ": " + problem);
 }
 
 std::string packets_text(uint64_t count) {

@@ -4,11 +4,13 @@
 #include <cstdio>
 #include <exception>
 #include <memory>
+#include <string>
 
 #include "capture/stop_signal.h"
 #include "capture_run.h"
 #include "options.h"
 #include "output/json_output.h"
+#include "output/messages.h"
 #include "output/output_stream.h"
 #include "output/table_output.h"
 #include "standard_descriptors.h"
@@ -72,10 +74,10 @@ exit_code run(int argc, char** argv) {
         stop_reading_on_signals();
         return run_all(std::get<options>(parsed));
     } catch (const output_error& error) {
-        std::fprintf(stderr, "zonflow: cannot write the output: %s\n", error.what());
+        say(std::string("cannot write the output: ") + error.what());
         return exit_code::output_failed;
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "zonflow: %s\n", error.what());
+        say(error.what());
         return exit_code::usage;
     }
 }

@@ -7,6 +7,7 @@
 #include "osal/zon_debug.h"
 #include "osal/zon_errlog.h"
 #include "zon_api_internal.h"
+#include "zon_engine/zon_half_open.h"
 
 namespace {
 
@@ -71,6 +72,8 @@ zon_error_t zon_flow_set_l4_state(const zon_fid_t fid, zon_l4_flow_state_e state
         return zon_error_flow_not_found;
     }
     flow->l4state.sess_state = static_cast<uint8_t>(state);
+    if (state >= ZON_L4_BI_ESTABLISHED)
+        zon_half_open_leave(flow.get());
     return zon_error_none;
 }
 

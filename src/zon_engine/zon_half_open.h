@@ -50,7 +50,7 @@ inline void zon_half_open_follow(zon_flow_t* flow, const zon_dp_fe_t* fe) {
     if (flow->private_half_open != 0) [[unlikely]]
         zon_half_open_go_on(flow, fe);
 }
-// The flow is on its way out.
+// The flow is on its way out, or waits no longer.
 inline void zon_half_open_leave(zon_flow_t* flow) {
     if (flow->private_half_open != 0)
         zon_half_open_unmark(flow);

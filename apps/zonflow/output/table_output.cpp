@@ -5,6 +5,8 @@
 #include <array>
 #include <cstdio>
 
+#include "output/messages.h"
+
 namespace zonflow {
 
 namespace {
@@ -116,7 +118,7 @@ table_output::table_output(output_stream& out, bool several_files, bool show_vla
 
 void table_output::begin(const std::string& file_name) {
     if (several_files_) {
-        out_.write((first_file_ ? "" : "\n") + file_name + ":\n");
+        out_.write((first_file_ ? "" : "\n") + printable(file_name) + ":\n");
     }
     first_file_ = false;
     marks_.clear();

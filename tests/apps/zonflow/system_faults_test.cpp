@@ -119,6 +119,13 @@ TEST(zonflow_files, that_cannot_be_read_end_with_3) {
     }
 }
 
+// Control characters of a name would break the line or steer the terminal.
+TEST(zonflow_files, are_named_in_printable_characters) {
+    const program_result run = run_zonflow("\"$(printf '/nowhere/\\n\\033[31m\\177')\"");
+    EXPECT_EQ(run.exit_code, 3);
+    EXPECT_EQ(run.err, "zonflow: /nowhere/\\x0a\\x1b[31m\\x7f: No such file or directory\n");
+}
+
 TEST(zonflow_files, standard_input_that_is_closed_ends_with_3) {
     const program_result run = run_zonflow("-", "<&-");
     EXPECT_EQ(run.exit_code, 3);
@@ -146,6 +153,17 @@ TEST(zonflow_output, that_is_closed_ends_with_4) {
         EXPECT_EQ(run.exit_code, 4) << format;
         EXPECT_EQ(run.err, "zonflow: cannot write the output: Bad file descriptor\n") << format;
     }
+}
+
+// Traces end without a newline.
+TEST(zonflow_output, that_fails_is_told_on_a_line_of_its_own_behind_traces) {
+    const temporary_file capture(many_flows());
+    const program_result run =
+        run_zonflow("-o json --trace engine " + capture.path(), ">/dev/full");
+    EXPECT_EQ(run.exit_code, 4);
+    ASSERT_FALSE(run.err.empty());
+    EXPECT_EQ(lines_of(run.err).back(),
+              "zonflow: cannot write the output: No space left on device");
 }
 
 TEST(zonflow_output, that_nobody_reads_ends_with_4) {

@@ -174,6 +174,25 @@ TEST_F(counted_engine, takes_the_platforms_word_for_an_established_session) {
     EXPECT_EQ(zon_half_open.count, 0U);
 }
 
+TEST_F(counted_engine, takes_a_clients_word_for_a_session_of_both_sides) {
+    for (const auto state : {ZON_L4_CLOSED, ZON_L4_OPENING, ZON_L4_UNI_ESTABLISHED,
+                             ZON_L4_UNI_ESTABLISHED_INCORRECT}) {
+        EXPECT_EQ(zon_flow_set_l4_state(syn(1).fid, state), zon_error_none);
+        EXPECT_EQ(zon_half_open.count, 1U) << state;
+    }
+    uint32_t number = 1;
+    for (const auto state :
+         {ZON_L4_BI_ESTABLISHED, ZON_L4_BI_ESTABLISHED_INCORRECT, ZON_L4_CLOSING}) {
+        EXPECT_EQ(zon_flow_set_l4_state(syn(number++).fid, state), zon_error_none);
+        EXPECT_EQ(zon_half_open.count, 0U) << state;
+    }
+    for (uint32_t more = 100; more < 300; ++more)
+        syn(more);
+    for (const told_deletion& gone : told)
+        EXPECT_GT(gone.fid, 3U) << "a declared session gave way";
+    EXPECT_FALSE(told.empty());
+}
+
 TEST_F(counted_engine, takes_a_flow_of_another_protocol_for_answered_by_its_reply) {
     auto echo = packet_builder::ipv4("10.0.0.1", "10.0.0.2").icmp();
     const zon_fid_t fid = engine_call(echo).run();
