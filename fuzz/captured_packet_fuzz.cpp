@@ -2,8 +2,10 @@
 // engine as packets from outside: one by one, and the same ones once more in bursts.
 //
 // Holds  nothing outside the captured bytes is touched; every answer agrees with itself and lies
-//        within its packet; each flow begins once and ends once; a burst answers as its packets do.
+//        within its packet; each flow begins once and ends once; a burst answers as its packets do;
+//        a refused packet, and a burst of refused packets, change nothing.
 
+#include <algorithm>
 #include <vector>
 
 #include "packet_program.h"
@@ -66,6 +68,7 @@ public:
         for (handed_packet& packet : packets_)
             row.push_back({packet.block.data(), static_cast<uint32_t>(packet.block.size()),
                            packet.from.vrf_id, nullptr, &packet.answer.seen, zon_error_end, 0});
+        const auto before = zon_test::engine_state::now();
         const ends_of_burst ends;
         const uint32_t with_flow =
             zon_handle_packet_burst(row.data(), static_cast<uint32_t>(row.size()));
@@ -80,6 +83,8 @@ public:
             compare(packet);
         }
         require(with_flow == counted, "a burst counts its packets with a flow");
+        if (std::ranges::all_of(packets_, is_refused, &handed_packet::answer))
+            require_unchanged(before);
         packets_.clear();
     }
 

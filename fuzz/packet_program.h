@@ -12,6 +12,7 @@
 #include <set>
 
 #include "fuzz_input.h"
+#include "support/engine_state.h"
 #include "zon.h"
 
 namespace zon_fuzz {
@@ -205,12 +206,26 @@ inline void note_answer(const packet_answer& answer, bool is_reported) {
         living_flows().insert(answer.fid);
 }
 
+inline bool is_refused(const packet_answer& answer) {
+    return answer.error == zon_error_parameter_invalid;
+}
+
+inline void require_unchanged(const zon_test::engine_state& before) {
+    const char* changed = zon_test::engine_state::now().changed_since(before);
+    if (changed != nullptr)
+        dprintf(STDERR_FILENO, "changed: %s\n", changed);
+    require(changed == nullptr, "a refused packet changes nothing");
+}
+
 inline packet_answer hand_in_captured(const packet_of_program& packet, uint8_t* at) {
     packet_answer answer;
     answer.seen = packet.indications();
+    const auto before = zon_test::engine_state::now();
     answer.fid = zon_sync_captured_packet(at, static_cast<uint32_t>(packet.content.size()),
                                           packet.vrf_id, nullptr, &answer.seen, &answer.error,
                                           packet.reported_fid, packet.reported_state, 1);
+    if (is_refused(answer))
+        require_unchanged(before);
     check_answer(answer, at, packet.content.size());
     note_answer(answer, packet.reported_fid != 0);
     return answer;
