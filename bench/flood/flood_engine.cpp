@@ -7,14 +7,19 @@
 #include <atomic>
 #include <fstream>
 
+#include "zon_frag.h"
+
 namespace zon_bench {
 namespace {
 
 std::atomic<uint64_t> deleted_flows{0};
+std::atomic<uint64_t> replaced_flows{0};
 
-void count_deletion(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e,
+void count_deletion(zon_flow_ptr_t, void*, void*, void*, zon_flow_deletion_reason_e reason,
                     zon_client_id_e) {
     deleted_flows.fetch_add(1, std::memory_order_relaxed);
+    if (reason == ZON_FLOW_CLOSE_REASON_RESOURCE_SHORTAGE)
+        replaced_flows.fetch_add(1, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -45,6 +50,9 @@ flood_engine::flood_engine(const engine_setup& setup, clock_choice clock) : cloc
 uint64_t flood_engine::deletions() {
     return deleted_flows.load(std::memory_order_relaxed);
 }
+uint64_t flood_engine::replacements() {
+    return replaced_flows.load(std::memory_order_relaxed);
+}
 
 uint32_t flows_now() {
     zon_flow_memory_usage_t held{};
@@ -52,6 +60,10 @@ uint32_t flows_now() {
     return (held.bytes_used_for_ipv4_half_flows / ipv4_half_flow_buf_size +
             held.bytes_used_for_ipv6_half_flows / ipv6_half_flow_buf_size) /
            2;
+}
+
+uint32_t datagrams_now() {
+    return g_zon->frag_table->num_items;
 }
 
 memory_figures memory_now() {

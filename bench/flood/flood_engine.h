@@ -45,6 +45,8 @@ public:
     }
 
     static uint64_t deletions();
+    // Of them those that made room for others.
+    static uint64_t replacements();
 
 private:
     clock_choice clock_;
@@ -73,6 +75,8 @@ private:
 };
 
 uint32_t flows_now();
+// Datagrams whose later fragments the engine would recognise.
+uint32_t datagrams_now();
 
 struct memory_figures {
     uint64_t resident;  // pages of the process

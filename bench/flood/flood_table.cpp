@@ -62,13 +62,13 @@ void print_share(const char* name, const char* when, const share& followed) {
 
 void print_sums(const char* name, const flood_report& report) {
     const auto print = [name](const char* what, uint64_t count) {
-        std::printf("%s does not add up: %llu %s\n", name, static_cast<unsigned long long>(count),
-                    what);
+        std::printf("%s: %llu %s\n", name, static_cast<unsigned long long>(count), what);
     };
     print("established flows kept", report.kept);
     print("of their packets strayed", report.strayed);
     print("packets of the flood", report.packets);
     print("of them made flows", report.made);
+    print("flows made room for others", report.replaced);
     print("of them found theirs", report.known);
     print("of them belonged to none", report.without_flow);
     print("of them were broken", report.refused[zon_error_parameter_invalid]);
@@ -76,7 +76,11 @@ void print_sums(const char* name, const flood_report& report) {
     print("flows made in all", report.made_in_all);
     print("flows deleted", report.deleted_in_all);
     print("flows left", report.flows_left);
-    print("flows in the attacked bucket", report.in_victims_bucket);
+    print("flows of the flood in the attacked bucket", report.in_victims_bucket);
+    print("places that others had taken there", report.others_in_victims_bucket);
+    print("flows there when the flood was over", report.flows_flooded);
+    print("places for flows", report.max_flows);
+    print("datagrams tracked", report.datagrams);
     print("newcomers served by the quiet engine", report.newcomers_quiet.had);
     print("newcomers there", report.newcomers_quiet.of);
 }
@@ -121,8 +125,18 @@ void print_remarks(const char* name, const flood_report& report) {
         print_share(name, "flooded", report.fragments_flooded);
         print_share(name, "at the end", report.fragments_after);
     }
-    if (!report.adds_up())
-        print_sums(name, report);
+}
+
+bool print_disappointments(const flood& which, const flood_report& report) {
+    bool is_as_expected = true;
+    for (const expectation& each : expectations_of(which, report))
+        if (!each.is_met) {
+            std::printf("%s: NOT SO: %s\n", which.name, each.what);
+            is_as_expected = false;
+        }
+    if (!is_as_expected)
+        print_sums(which.name, report);
+    return is_as_expected;
 }
 
 void print_depth_heading(uint32_t max_flows) {

@@ -1,12 +1,12 @@
 // newcomers.h - honest connections that begin while an engine is flooded.
 //
-// Each sends its SYN; when 32 others have done so, its answer comes, it goes on and breaks off.
+// Each sends its SYN; when some others have done so, its answer comes, it goes on and breaks off.
 
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <utility>
+#include <vector>
 
 #include "flood_engine.h"
 
@@ -19,7 +19,7 @@ struct share {
 
 class newcomers {
 public:
-    explicit newcomers(packet_line& line) : line_(line) {}
+    newcomers(packet_line& line, uint32_t others) : line_(line), pending_(others) {}
 
     void go_on() {
         pending& next = pending_[served_.of++ % pending_.size()];
@@ -67,7 +67,7 @@ private:
     packet_line& line_;
     packet_writer packets_;
     uint32_t connection_ = 1'000'000;  // even numbers are TCP
-    std::array<pending, 32> pending_{};
+    std::vector<pending> pending_;
     share served_{};
     uint64_t flows_made_ = 0;
 };

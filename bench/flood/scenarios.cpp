@@ -26,38 +26,51 @@ void seed_the_hash() {
 
 // Room that a flood does not get, however long it goes on.
 void bound_half_open_flows() {
-    zon_config_set_half_open_share(50);
+    zon_config_set_half_open_share(half_open_share);
 }
 
-// Which no bucket gets to while tuples scatter.
-constexpr uint32_t deeper_than_by_chance = 40;
-
-flood one_bucket(const char* name, uint8_t depth, void (*defend)()) {
+flood one_bucket(const char* name, const engine_setup& engine,
+                 expectations (*expects)(const flood_report&)) {
     return {.name = name,
-            .engine = {.bucket_depth = depth, .defend = defend},
+            .engine = engine,
             .packets = at_the_victims_bucket,
+            .expects = expects,
             .one_in = 200,
             .most = 100'000,
             .burst = 1,
-            .aims_at_a_flow = true,
-            .most_in_bucket = depth == 0 && defend != nullptr ? deeper_than_by_chance : depth};
+            .aims_at_a_flow = true};
+}
+template <uint8_t depth>
+flood bounded_bucket(const char* name) {
+    return one_bucket(name, {.bucket_depth = depth}, of_bounded_bucket<depth>);
 }
 
 }  // namespace
 
 const std::vector<flood>& all_floods() {
     static const std::vector<flood> floods{
-        {.name = "syn", .packets = any_number<syn_flood>},
+        {.name = "syn",
+         .packets = any_number<syn_flood>,
+         .expects = of_full_table,
+         .fills_the_table = true},
         {.name = "syn-half-open",
          .engine = {.defend = bound_half_open_flows},
-         .packets = any_number<syn_flood>},
-        {.name = "fragments", .packets = any_number<first_fragments>, .with_fragments = true},
-        one_bucket("bucket", 0, nullptr),
-        one_bucket("bucket-seeded", 0, seed_the_hash),
-        one_bucket("bucket-depth-8", 8, nullptr),
-        one_bucket("bucket-depth-16", 16, nullptr),
-        {.name = "short", .packets = any_number<short_packets>},
-        {.name = "scan", .packets = any_number<port_scan>, .a_second = 100'000},
+         .packets = any_number<syn_flood>,
+         .expects = of_bounded_half_open_flows,
+         .fills_the_table = true},
+        {.name = "fragments",
+         .packets = any_number<first_fragments>,
+         .expects = of_fragments,
+         .with_fragments = true},
+        one_bucket("bucket", {}, of_one_bucket),
+        one_bucket("bucket-seeded", {.defend = seed_the_hash}, of_scattered_buckets),
+        bounded_bucket<8>("bucket-depth-8"),
+        bounded_bucket<16>("bucket-depth-16"),
+        {.name = "short", .packets = any_number<short_packets>, .expects = of_short_packets},
+        {.name = "scan",
+         .packets = any_number<port_scan>,
+         .expects = of_port_scan,
+         .a_second = 100'000},
     };
     return floods;
 }
