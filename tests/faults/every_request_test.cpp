@@ -1,8 +1,8 @@
 // every_request_test.cpp - each scenario runs once as it is, and then once for each of its requests
 // for memory, records and threads, which fails alone and together with all that follow.
 //
-// Afterwards nothing is locked, the tables are sound, the counters tell what was refused, the
-// engine works, goes without a block left behind, and comes again.
+// Afterwards what the step said is so, nothing is locked, the tables are sound, the counters tell
+// what was refused, the engine works, goes without a block left behind, and comes again.
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -81,6 +81,11 @@ bool make_remembered_stage(stage begins) {
 
 class every_request : public ::testing::TestWithParam<scenario> {
 protected:
+    static void TearDownTestSuite() {
+        std::printf("%d of %d scenarios ask for something, %lld requests in all\n",
+                    scenarios_that_ask_, scenarios_, static_cast<long long>(requests_in_all_));
+    }
+
     outcome play(plan chosen, bool traced) {
         const scenario& row = GetParam();
         EXPECT_TRUE(make_remembered_stage(row.begins));
@@ -103,6 +108,23 @@ protected:
             << zon_error_str(result.answer);
     }
 
+    static bool looked_at(const scenario& row, bool done) {
+        const remembered_blocks remember;
+        return row.is_so(done);
+    }
+    // No error means that it is done, and an error that it is not.
+    static void expect_truth(const outcome& result) {
+        const scenario& row = GetParam();
+        const bool done = result.answer == zon_error_none;
+        if (run.engine_was_made) {
+            EXPECT_EQ(engine_is_whole(), done);
+        }
+        if (row.is_so == nullptr || !engine_is_whole())
+            return;
+        EXPECT_TRUE(looked_at(row, done))
+            << "it is not as the step says: " << zon_error_str(result.answer);
+    }
+
     // The engine as the step left it.
     static void expect_sound_engine(const account& requests) {
         if (!engine_is_whole())
@@ -119,6 +141,8 @@ protected:
             refused[ZON_IPV4_HALF_FLOW_MEM_TYPE] = refused[ZON_IPV6_HALF_FLOW_MEM_TYPE] = 0;
         if (run.engine_was_made)
             refused[ZON_FLOW_MEM_TYPE] = 0;
+        if (run.record_is_asked_twice)
+            refused[ZON_FLOW_MEM_TYPE] /= 2;
         const auto named = zon_test::named_half_flows::count();
         const memory_usage_stats_t& usage = g_zon->memory_usage_stats;
         EXPECT_EQ(g_zon->error_stats.flow_alloc_errors, refused[ZON_FLOW_MEM_TYPE]);
@@ -188,11 +212,18 @@ protected:
         const outcome result = play(chosen, traced);
         expect_answer(result);
         expect_sound_engine(result.requests);
+        expect_truth(result);
         expect_working_engine();
         expect_nothing_in_use();
         expect_clean_end();
         expect_another_life();
         return result;
+    }
+
+    static void add_to_sum(int64_t requests) {
+        ++scenarios_;
+        scenarios_that_ask_ += requests > 0 ? 1 : 0;
+        requests_in_all_ += requests;
     }
 
     void fail_each_in_turn(bool traced) {
@@ -201,6 +232,10 @@ protected:
         ASSERT_EQ(undisturbed.answer, zon_error_none);
         const int64_t requests = undisturbed.requests.requests;
         RecordProperty("requests", std::to_string(requests));
+        if (!traced)
+            add_to_sum(requests);
+        EXPECT_TRUE(requests > 0 || GetParam().may[0] == zon_error_none)
+            << "a step that may be refused asks for nothing";
         // A step without requests runs once more, where any would fail.
         for (int64_t request = 0; request < std::max<int64_t>(requests, 1); ++request)
             for (const bool onwards : {false, true}) {
@@ -212,6 +247,11 @@ protected:
                     return;
             }
     }
+
+private:
+    inline static int scenarios_ = 0;
+    inline static int scenarios_that_ask_ = 0;
+    inline static int64_t requests_in_all_ = 0;
 };
 
 TEST_P(every_request, may_fail) {

@@ -16,6 +16,7 @@ bool group_of(void*, uint32_t* value) {
 }
 
 bool count_member(zon_flow_ptr_t) {
+    ++run.count;
     return true;
 }
 void ignore_end(uint32_t, zon_super_context_types_e, void**) {
@@ -39,7 +40,7 @@ zon_error_t join() {
     return hand_in(packets().udp4, &run.flow);
 }
 zon_error_t join_a_group_that_is_there() {
-    return hand_in(packets().syn4);
+    return hand_in(packets().syn4, &run.flow);
 }
 
 zon_error_t register_functions() {
@@ -58,8 +59,27 @@ zon_error_t use_group() {
     return first_of({result, as_error(found == &run.object && value == group)});
 }
 
+template <zon_super_context_types_e of_type>
+bool note_stranger(zon_flow_ptr_t flow) {
+    uint32_t value = 0;
+    const bool is_member =
+        zon_super_context_get_sctxt_handle(flow, of_type, &value) == zon_error_none;
+    run.count += is_member && value == group ? 0 : 1;
+    return true;
+}
+// Without memory the walk of a group may miss a member. It never finds a flow that was refused, or
+// that is in no group.
+bool has_no_stranger(bool done) {
+    zon_super_context_traverse_flows(type, group, note_stranger<type>);
+    zon_super_context_traverse_flows(other_type, group, note_stranger<other_type>);
+    return run.count == 0 && (run.flow != ZON_NULL_FID) == done;
+}
+
 zon_error_t walk_group() {
     return zon_super_context_traverse_flows(type, group, count_member);
+}
+bool were_walked(bool done) {
+    return run.count == (done ? 2U : 0U);
 }
 
 zon_error_t end_group() {
@@ -72,11 +92,11 @@ zon_error_t end_group() {
 
 constexpr scenario rows[] = {
     {"functions_of_groups_are_registered", stage::engine, nullptr, register_functions, {}},
-    {"flow_joins_new_groups", stage::timers, group_flows, join, no_memory},
+    {"flow_joins_new_groups", stage::timers, group_flows, join, no_memory, has_no_stranger},
     {"flow_joins_groups_that_are_there", stage::timers, make_group, join_a_group_that_is_there,
-     no_memory},
+     no_memory, has_no_stranger},
     {"group_is_used", stage::engine, make_group, use_group, {}},
-    {"group_is_walked", stage::engine, make_group, walk_group, no_memory},
+    {"group_is_walked", stage::engine, make_group, walk_group, no_memory, were_walked},
     {"group_ends", stage::timers, make_group, end_group, {}},
 };
 

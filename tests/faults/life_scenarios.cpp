@@ -1,8 +1,11 @@
 // life_scenarios.cpp - the engine and its timers come and go; what is configured and printed.
 
+#include <algorithm>
 #include <cstring>
 
 #include "scenario.h"
+#include "zon_fid_table.h"
+#include "zon_hashset_internal.h"
 
 namespace zon_faults {
 namespace {
@@ -24,6 +27,15 @@ constexpr refusals refused = {answered_false};
 zon_error_t make_timers() {
     return as_error(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
                                       &g_zon->zon_timer_process_create));
+}
+
+// A new flow ages with them, and stays without.
+bool have_timers(bool done) {
+    zon_fid_t flow = 0;
+    uint32_t seconds = 0;
+    return hand_in(packets().udp6, &flow) == zon_error_none &&
+           zon_clock_advance_us(3'600'000'000) == zon_error_none &&
+           (zon_flow_get_aging(flow, &seconds) == zon_error_flow_not_found) == done;
 }
 
 zon_error_t drop_timers() {
@@ -49,6 +61,23 @@ zon_error_t init_with_ready_records() {
 zon_error_t restart() {
     run.engine_was_made = true;
     return as_error(zon_restart());
+}
+
+void want_huge_pages() {
+    zon_config_set_huge_pages(true);
+}
+// Tables and pieces are large enough for a huge page each.
+zon_error_t init_in_huge_pages() {
+    run.engine_was_made = true;
+    return zon_init(300'000, 0, 10, 2, 0, 30'000, 10);
+}
+// An engine that is made has one at least: a single request fails, or all from then on.
+bool has_a_huge_page(bool) {
+    constexpr uintptr_t huge_page = uintptr_t{2} << 20;
+    const void* const tables[] = {g_zon->fid_table->table, g_zon->flow_tbl->table->array};
+    return std::ranges::any_of(tables, [](const void* table) {
+        return reinterpret_cast<uintptr_t>(table) % huge_page == 0;
+    });
 }
 
 zon_error_t live_a_whole_life() {
@@ -166,16 +195,18 @@ void make_a_marked_flow() {
 constexpr scenario rows[] = {
     {"engine_is_made", stage::empty, nullptr, init, no_init},
     {"engine_is_made_with_ready_records", stage::empty, nullptr, init_with_ready_records, no_init},
+    {"engine_is_made_in_huge_pages", stage::empty, want_huge_pages, init_in_huge_pages, no_init,
+     has_a_huge_page},
     {"engine_replaces_another", stage::timers, make_a_flow, init, no_init},
     {"engine_is_restarted", stage::timers, make_a_flow, restart, refused},
     {"engine_is_destroyed", stage::timers, make_a_flow, zon_destroy, {}},
     {"whole_life", stage::empty, nullptr, live_a_whole_life, no_init_or_later},
-    {"timers_are_made", stage::engine, make_a_flow, make_timers, refused},
+    {"timers_are_made", stage::engine, make_a_flow, make_timers, refused, have_timers},
     {"timers_are_made_again", stage::timers, make_a_flow,
      [] {
          return first_of({drop_timers(), make_timers()});
      },
-     refused},
+     refused, have_timers},
     {"flows_age", stage::timers, make_a_flow, let_flows_age, {}},
     {"clock_is_turned_over", stage::timers, make_a_flow, turn_the_clock_over, {}},
     {"configuration_is_used", stage::timers, nullptr, use_configuration, {}},

@@ -1,6 +1,8 @@
 // packet_scenarios.cpp - packets make flows, by every entry and of every kind; the packet kit.
 
 #include "scenario.h"
+#include "support/flow_reader.h"
+#include "zon_engine/zon_half_open.h"
 
 namespace zon_faults {
 namespace {
@@ -58,16 +60,35 @@ zon_error_t classify_by_key() {
 }
 
 // Ports in network order stand at byte 20 of the packet.
-zon_error_t make_many() {
+zon_error_t make(uint8_t wanted) {
     bytes& packet = packets().announced4;
     const uint8_t original = packet[20];
     zon_error_t result = zon_error_none;
-    for (uint8_t flow = 0; flow < 12 && result == zon_error_none; ++flow) {
+    for (uint8_t flow = 0; flow < wanted && result == zon_error_none; ++flow) {
         packet[20] = flow;
         result = hand_in(packet);
+        run.count += result == zon_error_none ? 1 : 0;
     }
     packet[20] = original;
     return result;
+}
+zon_error_t make_many() {
+    return make(12);
+}
+bool are_all_made(bool) {
+    return zon_test::flows_in_use() == run.count;
+}
+
+void fill_the_share() {
+    run.record_is_asked_twice = true;
+    make(4);
+}
+// One of the four goes as soon as there is another, whatever becomes of that one.
+bool has_made_room(bool done) {
+    const uint32_t there = zon_test::flows_in_use();
+    return run.count == 4 && run.end_calls >= 1 &&
+           there + run.end_calls == run.count + (done ? 1 : 0) && zon_half_open.bound == 4 &&
+           zon_half_open.count == there;
 }
 
 void announce() {
@@ -75,6 +96,14 @@ void announce() {
     const zon_flow_tuple_t tuples[] = {tuple4(2000, 3000), tuple6(2000, 3000)};
     for (const zon_flow_tuple_t& tuple : tuples)
         zon_pre_flow_add(complete, &tuple, run.flow, &run.other, nullptr);
+}
+
+// Its parent and the other announcement stay, and it was there before.
+bool is_the_announced_one(bool done) {
+    zon_fid_t parent = ZON_NULL_FID;
+    const bool is_child =
+        run.flow != ZON_NULL_FID && zon_flow_get_parent(run.flow, &parent) == zon_error_none;
+    return zon_test::flows_in_use() == 3 && is_child == done;
 }
 
 uint32_t a6[4] = {0x20010db8, 0, 0, 1};
@@ -155,37 +184,52 @@ zon_error_t take_burst() {
         burst[i].pkt_indications = &seen[i];
     }
     zon_handle_packet_burst(burst.data(), static_cast<uint32_t>(burst.size()));
+    run.flow = burst[0].fid != 0 ? burst[0].fid : burst[1].fid != 0 ? burst[1].fid : burst[2].fid;
+    run.other = burst[3].fid;
     return first_of({burst[0].error, burst[1].error, burst[2].error, burst[3].error});
 }
 
 constexpr scenario rows[] = {
-    {"udp_over_ipv4", stage::timers, nullptr, take<&p::udp4>, no_memory},
-    {"udp_over_ipv6", stage::timers, nullptr, take<&p::udp6>, no_memory},
-    {"tcp_over_ipv4", stage::timers, nullptr, take<&p::syn4>, no_memory},
-    {"tcp_over_ipv6", stage::timers, nullptr, take<&p::syn6>, no_memory},
+    {"udp_over_ipv4", stage::timers, nullptr, take<&p::udp4>, no_memory, are_all_flows},
+    {"udp_over_ipv6", stage::timers, nullptr, take<&p::udp6>, no_memory, are_all_flows},
+    {"tcp_over_ipv4", stage::timers, nullptr, take<&p::syn4>, no_memory, are_all_flows},
+    {"tcp_over_ipv6", stage::timers, nullptr, take<&p::syn6>, no_memory, are_all_flows},
     {"packet_without_a_flow",
      stage::timers,
      nullptr,
      [] { return as_error(hand_in(packets().icmp4) == answered_false); },
      {}},
-    {"both_directions", stage::timers, nullptr, take_both<&p::udp4, &p::udp4_reply>, no_memory},
+    {"both_directions", stage::timers, nullptr, take_both<&p::udp4, &p::udp4_reply>, no_memory,
+     are_all_flows},
     {"fragments_over_ipv4", stage::timers, nullptr, take_both<&p::first4, &p::last4>,
-     no_memory_inside},
+     no_memory_inside, are_all_flows},
     {"fragments_over_ipv6", stage::timers, nullptr, take_both<&p::first6, &p::last6>,
-     no_memory_inside},
-    {"ipv6_in_ipv4", stage::timers, nullptr, take<&p::in_ip>, no_memory_inside},
-    {"teredo", stage::timers, nullptr, take<&p::teredo>, no_memory_inside},
-    {"burst", stage::timers, nullptr, take_burst, no_memory},
-    {"trusted_packet", stage::engine, nullptr, trust_a_packet, no_memory},
-    {"synchronised_packets", stage::engine, nullptr, synchronise, no_memory},
-    {"classification_by_key", stage::engine, nullptr, classify_by_key, no_memory},
-    {"many_flows", stage::timers, nullptr, make_many, no_memory},
-    {"announced_over_ipv4", stage::timers, announce, take<&p::announced4>, no_memory},
-    {"announced_over_ipv6", stage::timers, announce, take<&p::announced6>, no_memory},
-    {"kit_tcp_over_ipv4", stage::engine, nullptr, kit_tcp4, no_memory},
-    {"kit_udp_over_ipv4", stage::engine, nullptr, kit_udp4, no_memory},
-    {"kit_tcp_over_ipv6", stage::engine, nullptr, kit_tcp6, no_memory},
-    {"kit_udp_over_ipv6", stage::engine, nullptr, kit_udp6, no_memory},
+     no_memory_inside, are_all_flows},
+    {"ipv6_in_ipv4", stage::timers, nullptr, take<&p::in_ip>, no_memory_inside, are_all_flows},
+    {"teredo", stage::timers, nullptr, take<&p::teredo>, no_memory_inside, are_all_flows},
+    {"burst", stage::timers, nullptr, take_burst, no_memory, are_all_flows},
+    {"trusted_packet", stage::engine, nullptr, trust_a_packet, no_memory, are_all_flows},
+    {"synchronised_packets", stage::engine, nullptr, synchronise, no_memory, are_all_flows},
+    {"classification_by_key", stage::engine, nullptr, classify_by_key, no_memory, are_all_flows},
+    {"many_flows", stage::timers, nullptr, make_many, no_memory, are_all_made},
+    {"half_open_flow_makes_room", stage::half_open, fill_the_share, take<&p::udp4>, no_memory,
+     has_made_room},
+    {"announced_over_ipv4",
+     stage::timers,
+     announce,
+     take<&p::announced4>,
+     {},
+     is_the_announced_one},
+    {"announced_over_ipv6",
+     stage::timers,
+     announce,
+     take<&p::announced6>,
+     {},
+     is_the_announced_one},
+    {"kit_tcp_over_ipv4", stage::engine, nullptr, kit_tcp4, no_memory, are_all_flows},
+    {"kit_udp_over_ipv4", stage::engine, nullptr, kit_udp4, no_memory, are_all_flows},
+    {"kit_tcp_over_ipv6", stage::engine, nullptr, kit_tcp6, no_memory, are_all_flows},
+    {"kit_udp_over_ipv6", stage::engine, nullptr, kit_udp6, no_memory, are_all_flows},
     {"kit_builders", stage::engine, nullptr, build_all, refused},
 };
 

@@ -34,6 +34,7 @@ enum class stage {
     engine,       // a small engine with a client, whose clock is turned by hand, without timers
     timers,       // the same with timers
     tight_table,  // the same without timers; a bucket holds one half flow
+    half_open,    // the same with timers; half-open flows may hold four places
 };
 
 // Unused places are zon_error_none.
@@ -45,6 +46,9 @@ struct scenario {
     void (*prepare)();      // null: nothing; runs before requests fail
     zon_error_t (*step)();  // zon_error_none when nothing fails
     refusals may;           // what it may answer when a request failed, 0 apart
+    // Whether the engine is as the step says, looked at when no request fails any more. Null: the
+    // answer tells all.
+    bool (*is_so)(bool done) = nullptr;
 };
 
 inline std::ostream& operator<<(std::ostream& out, const scenario& row) {
@@ -57,9 +61,13 @@ struct cast {
     zon_fid_t flow = 0;
     zon_fid_t other = 0;
     uint32_t end_calls = 0;
+    uint32_t count = 0;  // of what the step did, as far as it came
     int object = 0;
+    zon_client_id_e neighbour = 0;  // a client that has its objects where the step attaches others
+    int neighbours_object = 0;
     bool engine_was_made = false;  // by the step: flows that are made ahead are no refused flows
-    bool key_was_refused = false;  // the packet kit's own, which no counter counts
+    bool record_is_asked_twice = false;  // a flow that went has left one: two refusals, one error
+    bool key_was_refused = false;        // the packet kit's own, which no counter counts
 };
 inline cast run;
 
@@ -85,6 +93,15 @@ zon_flow_tuple_t tuple4(uint16_t from_port, uint16_t to_port);
 zon_flow_tuple_t tuple6(uint16_t from_port, uint16_t to_port);
 
 inline constexpr auto complete = ZON_FLOW_TUPLE_TYPE_COMPLETE;
+
+// ---- what a host finds when it looks ----
+
+// Whether the packets of the step were given run.flow and run.other, and these are all flows there.
+bool are_all_flows(bool done);
+bool is_known(zon_flow_tuple_type_t type, zon_flow_tuple_t tuple);
+// Whether this is the client's object there; null: whether it has none.
+bool object_is(zon_fid_t flow, zon_client_id_e client, zon_flow_direction_e side,
+               const void* wanted);
 
 std::span<const scenario> life_scenarios();
 std::span<const scenario> client_scenarios();

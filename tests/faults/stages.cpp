@@ -3,6 +3,7 @@
 #include <cstring>
 
 #include "scenario.h"
+#include "support/flow_reader.h"
 
 namespace zon_faults {
 
@@ -32,12 +33,15 @@ bool make_stage(stage begins) {
     run = {};
     if (zon_clock_set_mode(ZON_CLOCK_MANUAL_INLINE) != zon_error_none)
         return false;
+    zon_config_set_huge_pages(false);
+    zon_config_set_half_open_share(begins == stage::half_open ? 10 : 0);
     if (begins == stage::empty)
         return true;
     if (make_small_engine(begins == stage::tight_table ? 1 : 0) != zon_error_none)
         return false;
-    if (begins == stage::timers && !zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
-                                                      &g_zon->zon_timer_process_create))
+    const bool with_timers = begins == stage::timers || begins == stage::half_open;
+    if (with_timers && !zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                                          &g_zon->zon_timer_process_create))
         return false;
     return make_client();
 }
@@ -79,6 +83,29 @@ zon_error_t hand_in(bytes& packet, zon_fid_t* fid) {
     if (flow != ZON_NULL_FID)
         return zon_error_none;
     return error != zon_error_none ? error : answered_false;
+}
+
+bool are_all_flows(bool done) {
+    const bool is_another = run.other != ZON_NULL_FID && run.other != run.flow;
+    const uint32_t given = (run.flow != ZON_NULL_FID ? 1U : 0U) + (is_another ? 1U : 0U);
+    return zon_test::flows_in_use() == given && (given != 0 || !done);
+}
+
+bool is_known(zon_flow_tuple_type_t type, zon_flow_tuple_t tuple) {
+    zon_fid_t found = ZON_NULL_FID;
+    zon_lock_t lock = nullptr;
+    const zon_error_t result = zon_flow_find_and_lock(type, &tuple, &found, &lock);
+    if (result == zon_error_none)
+        zon_flow_unlock(lock);
+    return result == zon_error_none && found != ZON_NULL_FID;
+}
+
+bool object_is(zon_fid_t flow, zon_client_id_e client, zon_flow_direction_e side,
+               const void* wanted) {
+    void* found = nullptr;
+    const zon_error_t result = zon_flow_get_fo(flow, client, side, &found);
+    return wanted != nullptr ? result == zon_error_none && found == wanted
+                             : result == zon_error_feature_object_not_attached;
 }
 
 static zon_flow_tuple_t tuple(zon_ip_addr_e family, uint16_t from_port, uint16_t to_port) {
