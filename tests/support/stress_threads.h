@@ -12,7 +12,7 @@
 
 #pragma once
 
-#include <unistd.h>
+#include <pthread.h>
 
 #include <atomic>
 #include <barrier>
@@ -75,7 +75,7 @@ private:
     std::atomic<const char*> step_{"start"};
     std::atomic<uint64_t> steps_{0};
     std::atomic<bool> done_{false};
-    std::atomic<pid_t> thread_id_{0};
+    std::atomic<uintptr_t> thread_{0};  // its pthread_self(), once it works
     std::barrier<>* barrier_ = nullptr;
 };
 
@@ -94,13 +94,12 @@ public:
     // Threads are interrupted anywhere unless this is called: they get further, and meet less.
     void leave_uninterrupted() { is_interrupted_ = false; }
 
-    // What else is printed when a thread hangs.
-    void when_stuck(std::function<void()> describe_more) {
-        describe_more_ = std::move(describe_more);
-    }
-
     void run(schedule how, std::chrono::seconds limit = std::chrono::seconds(120)) {
         const watchdog watched(limit, [this] { describe(); });
+        run_unwatched(how);
+    }
+    // Where a watchdog of the caller's describes the crew.
+    void run_unwatched(schedule how) {
         if (how == schedule::one_thread) {
             for (member& each : members_)
                 work(each);
@@ -110,6 +109,22 @@ public:
         bring_back_from_lanes();
     }
 
+    // While the members work, on a watchdog's thread.
+    void describe() const {
+        for (const member& each : members_)
+            std::fprintf(stderr, "  %-24s step %llu: %s\n", each.self->name_.c_str(),
+                         static_cast<unsigned long long>(each.self->steps_.load()),
+                         each.self->done_.load() ? "done" : each.self->step_.load());
+    }
+    // Who works on a thread, by its pthread_self(), or did so last; empty when no member did.
+    std::string name_of(uintptr_t thread) const {
+        std::string name;
+        for (const member& each : members_)
+            if (each.self->thread_.load(std::memory_order_relaxed) == thread)
+                name = each.self->name_;
+        return name;
+    }
+
 private:
     struct member {
         std::unique_ptr<stress_thread> self;
@@ -117,7 +132,7 @@ private:
     };
 
     static void work(member& each) {
-        each.self->thread_id_.store(gettid(), std::memory_order_relaxed);
+        each.self->thread_.store(pthread_self(), std::memory_order_relaxed);
         each.what(*each.self);
         each.self->done_.store(true, std::memory_order_relaxed);
     }
@@ -140,19 +155,8 @@ private:
             thread.join();
     }
 
-    void describe() const {
-        for (const member& each : members_)
-            std::fprintf(stderr, "  %-24s thread %d, step %llu: %s\n", each.self->name_.c_str(),
-                         each.self->thread_id_.load(),
-                         static_cast<unsigned long long>(each.self->steps_.load()),
-                         each.self->done_.load() ? "done" : each.self->step_.load());
-        if (describe_more_)
-            describe_more_();
-    }
-
     const uint32_t seed_;
     bool is_interrupted_ = true;
-    std::function<void()> describe_more_;
     std::vector<member> members_;
 };
 

@@ -25,13 +25,14 @@ struct round_settings {
     uint32_t max_flows = 0;
     uint32_t max_locks = 0;
     uint32_t steps = 0;   // of each thread, between two comparisons
-    uint32_t phases = 0;  // comparisons a round
+    uint32_t phases = 0;  // comparisons of each engine
     zon_clock_mode_e clock = ZON_CLOCK_MANUAL_WAIT;
     // Clients do what loses things on purpose. Flows that soon go become parents: their children
     // may be listed where a record was used again, and only the end of every walk is certain.
     // Several clients hang objects on one direction: earlier ones fall off its list.
     bool loose = false;
     bool destroyed_with_flows = false;
+    bool restarted = false;  // halfway
     uint32_t half_open_percent = 0;
     bool interrupted = true;  // threads lose the processor anywhere; else they get further
 };
@@ -40,6 +41,7 @@ struct round_settings {
 struct round_cast {
     round_settings settings;
     ledger* book = nullptr;
+    bool is_restarted = false;  // the engine
     std::array<zon_client_id_e, ledger::steady_clients> clients{};
     std::vector<zon_fid_t> parents;  // of the connections of that kind, in their order
     std::atomic<uint32_t>* packets_of_newest = nullptr;

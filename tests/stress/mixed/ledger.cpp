@@ -42,6 +42,7 @@ constexpr std::array<const char*, static_cast<size_t>(feat::count)> feat_names =
     "group object back",
     "group walked",
     "client came and went",
+    "object of such a client back",
     "announced complete",
     "announced by source",
     "announced by destination",
@@ -61,6 +62,7 @@ constexpr std::array<const char*, static_cast<size_t>(feat::count)> feat_names =
     "dump printed",
     "flow reported",
     "statistics read",
+    "restarted engine used",
 };
 static_assert(feat_names.back() != nullptr);
 

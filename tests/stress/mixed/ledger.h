@@ -54,6 +54,7 @@ enum class feat : uint8_t {
     group_object_back,
     group_walked,
     client_came_and_went,
+    object_of_guest_back,
     announced_complete,
     announced_by_source,
     announced_by_destination,
@@ -73,6 +74,7 @@ enum class feat : uint8_t {
     dump_printed,
     flow_reported,
     statistics_read,
+    restarted_engine_used,
     count
 };
 const char* name_of(feat what);

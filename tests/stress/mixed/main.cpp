@@ -85,11 +85,12 @@ const char* name_of(zon_clock_mode_e clock) {
 }
 
 void describe(const round_settings& settings) {
-    std::fprintf(stderr, "round %u of seed %u: %u flows, %u %% half-open, %u locks, %s%s%s%s\n",
+    std::fprintf(stderr, "round %u of seed %u: %u flows, %u %% half-open, %u locks, %s%s%s%s%s\n",
                  settings.number, chosen.seed, settings.max_flows, settings.half_open_percent,
                  settings.max_locks, name_of(settings.clock), settings.loose ? ", loose" : "",
                  settings.interrupted ? ", interrupted" : "",
-                 settings.destroyed_with_flows ? ", destroyed with flows" : "");
+                 settings.destroyed_with_flows ? ", destroyed with flows" : "",
+                 settings.restarted ? ", restarted" : "");
 }
 
 void print(const round_totals& totals) {
@@ -98,6 +99,11 @@ void print(const round_totals& totals) {
     for (size_t what = 0; what < totals.feats.size(); ++what)
         std::fprintf(stderr, "  %-32s %12llu\n", name_of(static_cast<feat>(what)),
                      static_cast<unsigned long long>(totals.feats[what]));
+}
+
+void expect_every_feat(const round_totals& totals) {
+    for (size_t what = 0; what < totals.feats.size(); ++what)
+        EXPECT_GT(totals.feats[what], 0U) << name_of(static_cast<feat>(what)) << ": never happened";
 }
 
 void play_until(std::chrono::steady_clock::time_point end, uint32_t threads, schedule how) {
@@ -116,8 +122,9 @@ void play_until(std::chrono::steady_clock::time_point end, uint32_t threads, sch
             }
         }
     }
-    for (size_t what = 0; what < totals.feats.size(); ++what)
-        EXPECT_GT(totals.feats[what], 0U) << name_of(static_cast<feat>(what)) << ": never happened";
+    // A round that failed was the last one.
+    if (!::testing::Test::HasFailure())
+        expect_every_feat(totals);
     if (chosen.is_long || ::testing::Test::HasFailure())
         print(totals);
 }

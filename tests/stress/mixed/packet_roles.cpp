@@ -18,7 +18,9 @@ uint8_t flags_of_next(const actor& by) {
     return by.one_in(4) ? rare[by.self.below(4)] : tcp_ack;
 }
 
-void clean_up(const actor& by, const answer& got) {
+void clean_up_behind_last(const actor& by, const answer& got) {
+    if (got.fid == 0 || got.seen.lif == 0)
+        return;
     by.self.doing("clean up behind a packet");
     zon_pkt_ctx_t context{got.seen};
     if (zon_cleanup_packet(&context))
@@ -49,8 +51,16 @@ void send_one(const actor& by, bool back) {
     } else if (got.fid != 0 && got.seen.is_initiator == (back ? 1 : 0)) {
         by.book().did(feat::flow_met_by_both_directions);
     }
-    if (got.fid != 0 && got.seen.lif != 0)
-        clean_up(by, got);
+    clean_up_behind_last(by, got);
+}
+
+// The server has nobody for it: the answer ends the session.
+void open_and_refuse(const actor& by) {
+    const connection which = by.newest();
+    by.self.doing("open a connection");
+    send_packet(by, which, packet_of(which, false, tcp_syn));
+    by.self.doing("refuse a connection");
+    clean_up_behind_last(by, send_packet(by, which, packet_of(which, true, tcp_rst | tcp_ack)));
 }
 
 // While a client holds the flow, its packets lead to it and are counted to it one by one.
@@ -163,6 +173,8 @@ void send_forward(actor& by) {
         send_while_locked(by);
     else if (by.one_in(16))
         send_through_kit(by);
+    else if (by.one_in(16))
+        open_and_refuse(by);
     else
         send_one(by, false);
 }

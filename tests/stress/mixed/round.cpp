@@ -4,9 +4,11 @@
 
 #include <iterator>
 
+#include "stress/mixed/round_progress.h"
 #include "support/flow_reader.h"
 #include "support/lanes.h"
-#include "support/lock_owners.h"
+#include "support/record_census.h"
+#include "support/watchdog.h"
 #include "zon_engine/zon_half_open.h"
 
 namespace zon_test {
@@ -41,21 +43,29 @@ void shorten_idle_times(const round_settings& settings) {
                 zon_set_default_aging(protocol, static_cast<zon_l4_flow_state_e>(state), idle_ms));
 }
 
+void start_timers() {
+    ASSERT_TRUE(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
+                                  &g_zon->zon_timer_process_create));
+}
+
+void stop_timers() {
+    zon_timer_tw_destroy(&g_zon->zon_tw, &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create);
+}
+
+// What a host does to each new engine.
+void make_ready(const round_settings& settings) {
+    // As in the large tables that there is no time to fill here.
+    give_lanes_to_the_table();
+    start_timers();
+    shorten_idle_times(settings);
+}
+
 void set_engine_up(const round_settings& settings) {
     const uint32_t announced_ms = settings.clock == ZON_CLOCK_SYSTEM ? 30 : 2000;
     ASSERT_EQ(zon_clock_set_mode(settings.clock), zon_error_none);
     ASSERT_EQ(zon_config_set_half_open_share(settings.half_open_percent), zon_error_none);
     ASSERT_EQ(zon_init(settings.max_flows, announced_ms, 8, settings.max_locks, 0, 16, 10),
               zon_error_none);
-    // As in the large tables that there is no time to fill here.
-    give_lanes_to_the_table();
-    ASSERT_TRUE(zon_timer_tw_init(zon_get_tw_internal(), &g_zon->zon_timer_vdm,
-                                  &g_zon->zon_timer_process_create));
-    shorten_idle_times(settings);
-}
-
-void stop_timers() {
-    zon_timer_tw_destroy(&g_zon->zon_tw, &g_zon->zon_timer_vdm, &g_zon->zon_timer_process_create);
 }
 
 void expect_nothing_in_use() {
@@ -66,6 +76,7 @@ void expect_nothing_in_use() {
     EXPECT_EQ(usage.super_context_alloc_count, 0U);
     EXPECT_EQ(usage.list_element_alloc_count, 0U);
     EXPECT_EQ(flows_in_use(), 0U);
+    EXPECT_EQ(records_in_use::of(g_zon->zon_chunk_ptr), records_in_use{}) << "records leaked";
 }
 
 void delete_every_flow(const round_settings& settings) {
@@ -73,8 +84,21 @@ void delete_every_flow(const round_settings& settings) {
         zon_delete_flow_tamonet(fid, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
 }
 
-void take_engine_down(const round_settings& settings, const ledger& book) {
-    if (settings.clock == ZON_CLOCK_SYSTEM) {
+void restart_engine() {
+    ASSERT_TRUE(zon_restart());
+    ASSERT_NE(g_zon, nullptr);
+    expect_nothing_in_use();
+}
+
+void destroy_engine() {
+    EXPECT_EQ(zon_destroy(), zon_error_none);
+    EXPECT_EQ(g_zon, nullptr);
+}
+
+// Timers that the system's clock moves can be compared once they stand still. Some restarts find
+// them at work instead.
+void compare_at_end(const round_settings& settings, const ledger& book, bool will_restart) {
+    if (settings.clock == ZON_CLOCK_SYSTEM && !(will_restart && settings.destroyed_with_flows)) {
         stop_timers();
         book.expect_engine_agrees();
     }
@@ -83,16 +107,13 @@ void take_engine_down(const round_settings& settings, const ledger& book) {
         book.expect_engine_agrees();
         expect_nothing_in_use();
     }
-    if (settings.number % 4 == 3) {
-        EXPECT_TRUE(zon_restart());
-    }
-    EXPECT_EQ(zon_destroy(), zon_error_none);
-    EXPECT_EQ(g_zon, nullptr);
+}
+
+void compare_after_end(const round_settings& settings, const ledger& book) {
     EXPECT_EQ(zon_half_open.count, 0U) << "half-open flows stay counted after their end";
     book.expect_all_told();
     if (!settings.loose)
         book.expect_all_objects_back();
-    EXPECT_EQ(zon_clock_set_mode(ZON_CLOCK_SYSTEM), zon_error_none);
 }
 
 // ---- the threads ----
@@ -118,7 +139,7 @@ void act(actor& by, uint32_t own_role) {
     }
 }
 
-void let_loose(const round_cast& cast, uint32_t threads, schedule how) {
+void let_loose(const round_cast& cast, uint32_t threads, schedule how, round_progress& progress) {
     stress_crew crew(cast.settings.seed);
     for (uint32_t thread = 0; thread < threads; ++thread) {
         const uint32_t own_role = thread % role_count;
@@ -129,10 +150,53 @@ void let_loose(const round_cast& cast, uint32_t threads, schedule how) {
                      act(by, own_role);
                  });
     }
-    crew.when_stuck(print_held_locks);
     if (!cast.settings.interrupted)
         crew.leave_uninterrupted();
-    crew.run(how);
+    progress.run(crew, how);
+}
+
+// ---- a round ----
+
+bool is_sound() {
+    return !::testing::Test::HasFailure();
+}
+
+// How one is played, and what came of it.
+struct play {
+    const round_settings& settings;
+    uint32_t threads;
+    schedule how;
+    round_totals& totals;
+    round_progress progress{settings.number};
+
+    // A sound round takes a second or two; a large crew has more to do.
+    std::chrono::seconds longest() const { return std::chrono::seconds(40 + threads); }
+};
+
+// What an engine lives through from its start until end() takes it down or replaces it.
+void live(play& round, bool is_restarted, void (*end)()) {
+    const round_settings& settings = round.settings;
+    ledger book(settings.max_flows, round.threads);
+    std::atomic<uint32_t> packets_of_newest{0};
+    round_cast cast{settings, &book, is_restarted, {}, {}, &packets_of_newest};
+    round.progress.at("make the engine ready");
+    make_ready(settings);
+    register_steady_clients(cast);
+    make_parents(cast);
+    if (!is_sound())
+        return;
+    round.progress.at("threads work");
+    let_loose(cast, round.threads, round.how, round.progress);
+    round.progress.at("compare at the end");
+    const bool will_restart = end == restart_engine;
+    compare_at_end(settings, book, will_restart);
+    round.progress.at(will_restart ? "restart" : "destroy");
+    end();
+    compare_after_end(settings, book);
+    if (is_restarted)
+        book.did(feat::restarted_engine_used);
+    for (size_t what = 0; what < round.totals.feats.size(); ++what)
+        round.totals.feats[what] += book.times(static_cast<feat>(what));
 }
 
 }  // namespace
@@ -160,7 +224,8 @@ round_settings settings_of_round(uint32_t number, uint32_t seed) {
     settings.max_locks = lock_counts[random() % std::size(lock_counts)];
     settings.interrupted = number % 4 < 2;
     settings.steps = settings.interrupted ? 120 : 300;
-    settings.phases = 6;
+    settings.restarted = number % 7 % 2 == 1;
+    settings.phases = settings.restarted ? 3 : 6;
     settings.clock = clocks[number % std::size(clocks)];
     settings.loose = number % 3 == 2;
     settings.destroyed_with_flows = number % 5 >= 3;
@@ -170,19 +235,16 @@ round_settings settings_of_round(uint32_t number, uint32_t seed) {
 
 void play_round(const round_settings& settings, uint32_t threads, schedule how,
                 round_totals& totals) {
-    ledger book(settings.max_flows, threads);
-    std::atomic<uint32_t> packets_of_newest{0};
-    round_cast cast{settings, &book, {}, {}, &packets_of_newest};
+    play round{settings, threads, how, totals};
+    const watchdog watched(round.longest(), [&round] { round.progress.describe(); });
+    round.progress.at("set the engine up");
     set_engine_up(settings);
-    register_steady_clients(cast);
-    make_parents(cast);
-    if (::testing::Test::HasFailure())
-        return;
-    let_loose(cast, threads, how);
-    take_engine_down(settings, book);
+    if (is_sound() && settings.restarted)
+        live(round, false, restart_engine);
+    if (is_sound())
+        live(round, settings.restarted, destroy_engine);
+    EXPECT_EQ(zon_clock_set_mode(ZON_CLOCK_SYSTEM), zon_error_none);
     ++totals.rounds;
-    for (size_t what = 0; what < totals.feats.size(); ++what)
-        totals.feats[what] += book.times(static_cast<feat>(what));
 }
 
 }  // namespace zon_test

@@ -14,7 +14,8 @@ struct round_totals {
     std::array<uint64_t, static_cast<size_t>(feat::count)> feats{};
 };
 
-// Sets an engine up, lets the threads loose on it, and takes it down.
+// Sets an engine up, lets the threads loose on it, and takes it down; perhaps restarts it halfway.
+// A watchdog tells what a round is at that does not end.
 void play_round(const round_settings& settings, uint32_t threads, schedule how,
                 round_totals& totals);
 
