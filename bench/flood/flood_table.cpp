@@ -78,7 +78,7 @@ void print_sums(const char* name, const flood_report& report) {
     print("flows left", report.flows_left);
     print("flows of the flood in the attacked bucket", report.in_victims_bucket);
     print("places that others had taken there", report.others_in_victims_bucket);
-    print("flows there when the flood was over", report.flows_flooded);
+    print("flows in the table when the flood was over", report.flows_flooded);
     print("places for flows", report.max_flows);
     print("datagrams tracked", report.datagrams);
     print("newcomers served by the quiet engine", report.newcomers_quiet.had);
