@@ -117,8 +117,7 @@ private:
             if (zon_flow_is_dying(child)) {
                 if (!steps_.step())
                     return {};
-                remember(child);
-                child = next_of(child);
+                child = pass_over(child);
                 continue;
             }
             locked_flow held = zon_try_lock_internal(child->flow_lock) ? locked_flow::adopt(child)
@@ -148,13 +147,46 @@ private:
         return locked_flow::adopt(child);
     }
 
-    // The child itself while the list leads to it, else the first one behind all that were visited
-    // and are still listed. Null when the parent died meanwhile.
+    // What stands behind a child on its way out; it may have left the list already.
+    zon_flow_t* pass_over(zon_flow_t* child) {
+        zon_flow_t* behind = nullptr;
+        {
+            const std::lock_guard guard(links);
+            zon_flow_t* now = still_next_linked(child);
+            if (now != child)
+                return now;
+            behind = sibling_of(child);
+        }
+        remember(child);
+        return behind;
+    }
+
     zon_flow_t* still_next(zon_flow_t* child) const {
         const std::lock_guard guard(links);
+        return still_next_linked(child);
+    }
+
+    // The child itself while it is the next one, else the first one behind all that were visited
+    // and are still listed. Null when the parent died meanwhile.
+    zon_flow_t* still_next_linked(zon_flow_t* child) const {
         if (zon_flow_is_dying(parent_.get()))
             return nullptr;
-        return follower_of_last() == child ? child : first_unvisited();
+        return follower_of_last() == child && is_of_family(child) ? child : first_unvisited();
+    }
+
+    // One that dropped off the list leads on to records that were its siblings' once. On the list
+    // itself a record that was a parent, too, stays on purpose when its flow goes.
+    bool is_of_family(const zon_flow_t* child) const {
+        return relaxed_load(child->bundle_parent) == parent_.get() || is_listed(child);
+    }
+
+    bool is_listed(const zon_flow_t* wanted) const {
+        bounded_walk walk;
+        for (zon_flow_t* child = first_child(parent_.get()); child != nullptr && walk.step();
+             child = sibling_of(child))
+            if (child == wanted)
+                return true;
+        return false;
     }
 
     // Null when the last one went: its record may lead through the list of another parent by now.

@@ -26,10 +26,9 @@ bool note_child(const zon_flow_ptr_t child) {
         << "flow " << child << " is on its way out";
     if (check_parent) {
         zon_fid_t parent = 0;
-        if (zon_flow_get_parent(child, &parent) == zon_error_none) {
-            EXPECT_EQ(parent, walked_parent)
-                << "flow " << child << " was visited as somebody else's child";
-        }
+        EXPECT_EQ(zon_flow_get_parent(child, &parent), zon_error_none);
+        EXPECT_EQ(parent, walked_parent)
+            << "flow " << child << " was visited as somebody else's child";
     }
     if (walked.size() % 16 == 0)
         std::this_thread::yield();
@@ -330,6 +329,84 @@ TEST_F(kept_family_beside_another, children_that_went_lead_a_waiting_walk_to_no_
     EXPECT_EQ(found, std::vector<zon_fid_t>{children_[1]}) << "visited before the walk waited";
 }
 
+// A parent and three children; all records are taken.
+class kept_family_of_three : public contended_engine {
+protected:
+    kept_family_of_three() {
+        parameters.max_threads = 4;
+        parameters.max_flows = 4;
+    }
+};
+
+// When the newest child goes, its siblings drop off the list, but the one that was visited last
+// still leads to the record behind it.
+TEST_F(kept_family_of_three, record_of_a_child_that_dropped_off_and_went_is_not_visited) {
+    const watchdog watched(std::chrono::seconds(120), [] {});
+    const zon_fid_t parent = send(connection_packet::udp(0)).fid;
+    zon_fid_t children[3];
+    for (uint32_t number = 0; number < 3; ++number) {
+        announce(1 + number, parent);
+        children[number] = send(connection_packet::udp(1 + number)).fid;
+    }
+    const auto [oldest, middle, newest] = children;
+    const zon_flow_tuple_t tuple = tuple_of(1);
+    zon_fid_t locked = 0;
+    zon_lock_t lock = nullptr;
+    ASSERT_EQ(zon_flow_find_and_lock(ZON_FLOW_TUPLE_TYPE_COMPLETE, &tuple, &locked, &lock),
+              zon_error_none);
+    ASSERT_EQ(locked, oldest);
+    std::vector<zon_fid_t> found;
+    parked_thread walker([&found, parent] { found = children_of(parent, false); });
+    walker.wait_until_parked();
+    for (const zon_fid_t child : {newest, oldest})
+        EXPECT_TRUE(zon_delete_flow_tamonet(child, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST));
+    EXPECT_EQ(send(connection_packet::udp(8)).fid, newest) << "in the order of leaving";
+    EXPECT_EQ(send(connection_packet::udp(9)).fid, oldest) << "in the order of leaving";
+    EXPECT_EQ(zon_flow_unlock(lock), zon_error_none);
+    walker.finish();
+    EXPECT_EQ(found, (std::vector<zon_fid_t>{newest, middle})) << "visited before the walk waited";
+}
+
+class families_losing_one : public stress_engine {};
+
+// The middle one of three children goes during the walk; those around it stay.
+TEST_P(families_losing_one, show_the_others_in_every_walk) {
+    constexpr uint32_t rounds = 20000;
+    const zon_fid_t parent = send(connection_packet::udp(0)).fid;
+    zon_fid_t children[3] = {};
+    stress_crew crew;
+    crew.add("walker", [&](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            for (uint32_t number = 0; number < 3; ++number) {
+                announce(1 + number, parent);
+                children[number] = send(connection_packet::udp(1 + number)).fid;
+            }
+            self.meet();
+            self.doing("walk over the children");
+            const std::vector<zon_fid_t> found = children_of(parent, true);
+            EXPECT_FALSE(found.empty());
+            if (!found.empty()) {
+                EXPECT_EQ(found.front(), children[2]) << "round " << round;
+                EXPECT_EQ(found.back(), children[0]) << "round " << round;
+            }
+            self.meet();
+            for (const zon_fid_t child : children)
+                zon_delete_flow_tamonet(child, ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+        }
+    });
+    crew.add("deleter", [&](stress_thread& self) {
+        for (uint32_t round = 0; round < rounds; ++round) {
+            self.meet();
+            self.doing("delete the middle one");
+            for (uint32_t wait = self.below(400); wait != 0; --wait)
+                __builtin_ia32_pause();
+            zon_delete_flow_tamonet(children[1], ZON_FLOW_CLOSE_REASON_CLIENT_REQUEST);
+            self.meet();
+        }
+    });
+    run(crew);
+}
+
 class reused_parents : public stress_engine {
 protected:
     reused_parents() {
@@ -404,6 +481,7 @@ TEST_F(one_lock_family, deletion_of_a_child_leaves_the_caller_its_lock) {
 }
 
 INSTANTIATE_TEST_SUITE_P(stress, families, both_schedules, schedule_name);
+INSTANTIATE_TEST_SUITE_P(stress, families_losing_one, both_schedules, schedule_name);
 INSTANTIATE_TEST_SUITE_P(stress, reused_parents, both_schedules, schedule_name);
 INSTANTIATE_TEST_SUITE_P(stress, small_families, both_schedules, schedule_name);
 
