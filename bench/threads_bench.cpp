@@ -138,8 +138,8 @@ private:
     std::atomic<uint32_t> round_ = 0;
 };
 
-// Makes flows until all are there, deletes them, and so on. Only the making is timed, from the first
-// thread's start to the end of the last.
+// Makes flows until all are there, deletes them, and so on. Only the making is timed, from the
+// first thread's start to the end of the last.
 class flow_makers {
 public:
     flow_makers(const load& of, uint32_t rounds)

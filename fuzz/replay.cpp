@@ -1,8 +1,8 @@
 // replay.cpp - runs a fuzzer without its driver: each seed of the named folders, and changed copies
 // of it.
 //
-// This is the short form that every build runs. The copies are the same in each run. A run that
-// finds no seed fails.
+// This is the short form that the tests run. The copies are the same in each run. A run that finds
+// no seed fails.
 
 #include <algorithm>
 #include <cstdint>

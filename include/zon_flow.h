@@ -162,8 +162,11 @@ ZON_API int zon_flow_update_vrf(zon_fid_t fid, uint32_t new_vrf_id);
 /* Known from the announcement on, before the child's first packet.
  *   15 no engine, 9 null parent, 1 no such child, 4 it has no parent; with 1 and 4 *parent is 0 */
 ZON_API zon_error_t zon_flow_get_parent(zon_fid_t child, zon_fid_t* parent);
-/* Calls func for each child, newest first, with the parent and the child locked. Call it with no
- * flow lock of your own.
+/* Calls func for each listed child, newest first, with the parent and the child locked; func's
+ * answer is not looked at. Call it with no flow lock of your own. While other threads change the
+ * family, those that stay are visited and those that have gone are not; func itself ends the walk
+ * when it deletes the child or the parent. Kept on purpose: with the newest child the older ones
+ * leave the list, though zon_flow_get_parent still names their parent.
  *   15 no engine, 9 null func, 4 no such parent */
 ZON_API zon_error_t zon_flow_traverse_child_flows(zon_fid_t parent, child_flow_traverser_t func);
 

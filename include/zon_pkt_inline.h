@@ -70,8 +70,8 @@ ZON_API zon_fid_t zon_sync_captured_packet(uint8_t* iphdr, uint32_t captured_len
                                            uint32_t platform_reported_flow_packet_number);
 
 /* One packet of a burst. The indications are the packet's own; a host that supplies hashes does so
- * in them, as ever. By the end of the burst the flow may have ended, and a later packet, with fif 1,
- * may have begun another of the same fid. */
+ * in them, as ever. By the end of the burst the flow may have ended, and a later packet, with fif
+ * 1, may have begun another of the same fid. */
 typedef struct zon_burst_packet_ {
     uint8_t* iphdr;
     uint32_t captured_length; /* bytes that may be read from iphdr on */

@@ -1,5 +1,5 @@
-// engine_state.h - what an engine holds at a moment, so that a test can tell that a call has changed
-// nothing.
+// engine_state.h - what an engine holds at a moment, so that a test can tell that a call has
+// changed nothing.
 //
 // Each part is a checksum of the bytes of its records, links and all: whatever is written shows,
 // but for what is as before once the call is back. A state means something beside another one of
