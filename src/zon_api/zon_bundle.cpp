@@ -17,6 +17,7 @@
 namespace {
 
 ordered_mutex<lock_class::bundle> links;
+using links_guard = std::lock_guard<decltype(links)>;
 
 // Links of records that were recycled can form a circle. No list is longer than the table: a longer
 // walk goes round.
@@ -122,7 +123,7 @@ private:
             }
             locked_flow held = zon_try_lock_internal(child->flow_lock) ? locked_flow::adopt(child)
                                                                        : wait_for(child);
-            zon_flow_t* now = still_next(child);
+            zon_flow_t* now = still_next(child, links_guard(links));
             if (now == child)
                 return steps_.step() ? std::move(held) : locked_flow{};
             child = now;
@@ -151,8 +152,8 @@ private:
     zon_flow_t* pass_over(zon_flow_t* child) {
         zon_flow_t* behind = nullptr;
         {
-            const std::lock_guard guard(links);
-            zon_flow_t* now = still_next_linked(child);
+            const links_guard held(links);
+            zon_flow_t* now = still_next(child, held);
             if (now != child)
                 return now;
             behind = sibling_of(child);
@@ -161,14 +162,9 @@ private:
         return behind;
     }
 
-    zon_flow_t* still_next(zon_flow_t* child) const {
-        const std::lock_guard guard(links);
-        return still_next_linked(child);
-    }
-
     // The child itself while it is the next one, else the first one behind all that were visited
     // and are still listed. Null when the parent died meanwhile.
-    zon_flow_t* still_next_linked(zon_flow_t* child) const {
+    zon_flow_t* still_next(zon_flow_t* child, const links_guard&) const {
         if (zon_flow_is_dying(parent_.get()))
             return nullptr;
         return follower_of_last() == child && is_of_family(child) ? child : first_unvisited();
